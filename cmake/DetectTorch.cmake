@@ -1,0 +1,48 @@
+# Finds the installed PyTorch without its own CMake package, which drags in optional tools this build has no use for.
+# Defines: target quillon::torch (headers, libc10, libtorch_cpu), target quillon::torch_python, TORCH_LIB_DIR,
+# TORCH_HAS_XPU, and SYCL_COMPILER_VERSION_VALUE (one value for every unit: c10's DeviceProp layout depends on it).
+execute_process(
+  COMMAND "${Python_EXECUTABLE}" -c
+          "import torch, pathlib; print(pathlib.Path(torch.__file__).parent, torch.version.xpu or '', sep=';')"
+  OUTPUT_VARIABLE torch_facts OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE torch_failed)
+if(torch_failed)
+  message(FATAL_ERROR "PyTorch is not importable by ${Python_EXECUTABLE}: pip install torch==2.13.0")
+endif()
+list(GET torch_facts 0 TORCH_DIR)
+list(GET torch_facts 1 torch_xpu_version)
+set(TORCH_LIB_DIR "${TORCH_DIR}/lib")
+set(TORCH_HAS_XPU OFF)
+if(EXISTS "${TORCH_LIB_DIR}/libc10_xpu.so")
+  set(TORCH_HAS_XPU ON)
+endif()
+
+add_library(quillon_torch INTERFACE)
+add_library(quillon::torch ALIAS quillon_torch)
+target_include_directories(quillon_torch SYSTEM INTERFACE "${TORCH_DIR}/include"
+                                                          "${TORCH_DIR}/include/torch/csrc/api/include")
+target_link_libraries(quillon_torch INTERFACE "${TORCH_LIB_DIR}/libc10.so" "${TORCH_LIB_DIR}/libtorch_cpu.so"
+                                              "${TORCH_LIB_DIR}/libtorch.so")
+add_library(quillon_torch_python INTERFACE)
+add_library(quillon::torch_python ALIAS quillon_torch_python)
+target_link_libraries(quillon_torch_python INTERFACE quillon::torch "${TORCH_LIB_DIR}/libtorch_python.so")
+
+# The SYCL runtime comes from pip and lies in the Python prefix: headers in include/, libraries in lib/.
+execute_process(COMMAND "${Python_EXECUTABLE}" -c "import sys; print(sys.prefix)" OUTPUT_VARIABLE python_prefix
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+find_path(SYCL_INCLUDE_DIR sycl/sycl.hpp HINTS "${python_prefix}/include" NO_DEFAULT_PATH)
+find_library(SYCL_LIBRARY sycl HINTS "${python_prefix}/lib" NO_DEFAULT_PATH)
+if(NOT SYCL_INCLUDE_DIR OR NOT SYCL_LIBRARY)
+  message(FATAL_ERROR "The SYCL runtime is not installed in ${python_prefix}: pip install 'dpcpp-cpp-rt==2026.2.*'")
+endif()
+get_filename_component(SYCL_LIB_DIR "${SYCL_LIBRARY}" DIRECTORY)
+if(torch_xpu_version)
+  set(SYCL_COMPILER_VERSION_VALUE "${torch_xpu_version}")
+else()
+  file(STRINGS "${SYCL_INCLUDE_DIR}/sycl/version.hpp" version_line REGEX "__SYCL_COMPILER_VERSION +[0-9]+")
+  string(REGEX MATCH "[0-9]+" SYCL_COMPILER_VERSION_VALUE "${version_line}")
+endif()
+add_library(quillon_sycl INTERFACE)
+add_library(quillon::sycl ALIAS quillon_sycl)
+target_include_directories(quillon_sycl SYSTEM INTERFACE "${SYCL_INCLUDE_DIR}")
+target_link_libraries(quillon_sycl INTERFACE "${SYCL_LIBRARY}")
+target_compile_definitions(quillon_sycl INTERFACE "SYCL_COMPILER_VERSION=${SYCL_COMPILER_VERSION_VALUE}")

@@ -1,0 +1,1 @@
+"""Low-bit large-language-model inference on XPU devices."""
