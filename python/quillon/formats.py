@@ -1,0 +1,173 @@
+"""The storage formats: codes, names, block sizes and how a flat byte tensor is divided.
+
+A packed weight of ``rows`` by ``cols`` elements is one flat byte tensor. Blocks of ``elements`` weights follow one
+another in row-major order. A format stores its blocks in one of two ways:
+
+``records``  every block is one contiguous record, its fields side by side;
+``regions``  every field is an array of its own, holding that field of all blocks in block order, and the arrays
+             follow one another in the order of ``fields``.
+
+This module only describes; it imports neither torch nor any compiled code.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from types import MappingProxyType
+from typing import Literal
+
+__all__ = [
+    "FORMATS",
+    "WEIGHT_FORMATS",
+    "Format",
+    "field_offsets",
+    "format_code",
+    "format_name",
+    "get_format",
+    "row_multiple",
+    "weight_bytes",
+]
+
+# Offsets inside a weight are formed from 32-bit products, so larger matrices cannot be addressed.
+MAX_ELEMENTS = 2**31 - 1
+
+
+@dataclass(frozen=True)
+class Format:
+    """One storage format.
+
+    ``fields`` gives (name, bytes per block) in storage order. ``is_weight`` is false for the activation format.
+    """
+
+    code: int
+    name: str
+    elements: int
+    storage: Literal["regions", "records"]
+    fields: tuple[tuple[str, int], ...]
+    is_weight: bool = True
+
+    @property
+    def bytes(self) -> int:
+        """Bytes per block."""
+        return sum(size for _, size in self.fields)
+
+    @property
+    def bits_per_weight(self) -> float:
+        """Stored bits per element, scales included."""
+        return 8 * self.bytes / self.elements
+
+
+_NIBBLES = (("qs", 32), ("d", 2))
+_BYTES = (("qs", 64), ("d", 4))
+_FIVE_BITS = (("d", 2), ("m", 2), ("qh", 8), ("qs", 32))
+
+_TABLE = (
+    Format(2, "q4_0", 64, "regions", _NIBBLES),
+    Format(3, "q4_1", 64, "regions", (("qs", 32), ("dm", 4))),
+    Format(6, "q5_0", 64, "records", _FIVE_BITS),
+    Format(7, "q5_1", 64, "records", _FIVE_BITS),
+    Format(8, "q8_0", 64, "regions", _BYTES),
+    Format(9, "q8_1", 32, "records", (("d", 2), ("s", 2), ("qs", 32)), is_weight=False),
+    Format(10, "nf4", 64, "regions", _NIBBLES),
+    Format(11, "nf3", 64, "regions", (("qs", 24), ("d", 2))),
+    Format(15, "fp8_e4m3", 64, "regions", _BYTES),
+    Format(16, "fp4", 64, "regions", _NIBBLES),
+    Format(19, "fp8_e5m2", 64, "regions", _BYTES),
+    Format(21, "iq2_xxs", 256, "records", (("d", 2), ("qs", 64))),
+    Format(23, "q2_k", 256, "records", (("scales", 16), ("qs", 64), ("d", 2), ("dmin", 2))),
+    Format(24, "iq1_s", 256, "records", (("d", 2), ("qs", 32), ("qh", 16))),
+    Format(26, "q6_k", 256, "regions", (("qh", 64), ("ql", 128), ("scales", 16), ("d", 2))),
+    Format(27, "q4_k", 256, "regions", (("qs", 128), ("scales", 16), ("dm", 4))),
+    Format(28, "q5_k", 256, "records", (("d", 2), ("dmin", 2), ("scales", 12), ("qh", 32), ("qs", 128))),
+    Format(29, "fp6", 64, "regions", (("ql", 32), ("qh", 16), ("d", 2))),
+    Format(30, "fp6_k", 256, "regions", (("ql", 128), ("qh", 64), ("scales", 16), ("d", 2))),
+    Format(34, "q4_0_woq", 64, "regions", _NIBBLES),
+)
+
+FORMATS: MappingProxyType[str, Format] = MappingProxyType({f.name: f for f in _TABLE})
+"""Every format by name, in order of code; ``q8_1`` holds activations, all others weights."""
+
+WEIGHT_FORMATS: tuple[str, ...] = tuple(f.name for f in _TABLE if f.is_weight)
+"""Names of the formats that a weight can have."""
+
+_BY_CODE = {f.code: f for f in _TABLE}
+
+
+def get_format(name_or_code: str | int) -> Format:
+    """The description of a format given by its name (any case) or its integer code.
+
+    Raises ``ValueError`` for an unknown name or code, ``TypeError`` for anything else.
+    """
+    if isinstance(name_or_code, str):
+        found = FORMATS.get(name_or_code.lower())
+    elif isinstance(name_or_code, int) and not isinstance(name_or_code, bool):
+        found = _BY_CODE.get(name_or_code)
+    else:
+        raise TypeError(f"format must be a name or an integer code, got {type(name_or_code).__name__}")
+    if found is None:
+        allowed = ", ".join(f"{f.name} ({f.code})" for f in _TABLE)
+        raise ValueError(f"unknown format {name_or_code!r}; allowed: {allowed}")
+    return found
+
+
+def weight_format(name_or_code: str | int) -> Format:
+    """Like :func:`get_format`, and refuses the activation format."""
+    found = get_format(name_or_code)
+    if not found.is_weight:
+        raise ValueError(
+            f"{found.name} ({found.code}) holds activations, not weights; allowed: {', '.join(WEIGHT_FORMATS)}"
+        )
+    return found
+
+
+def format_code(name_or_code: str | int) -> int:
+    """The integer code (``qtype``) of a format."""
+    return get_format(name_or_code).code
+
+
+def format_name(code_or_name: int | str) -> str:
+    """The lower-case name of a format."""
+    return get_format(code_or_name).name
+
+
+def row_multiple(format: str | int) -> int:
+    """The number of which a weight's row length must be a multiple: 64, or 256 for super-block formats."""
+    return weight_format(format).elements
+
+
+def check_shape(format: str | int, rows: int, cols: int) -> Format:
+    """Check that a weight of ``rows`` by ``cols`` can be stored; returns the format, raises ``ValueError``."""
+    found = weight_format(format)
+    if rows < 1 or cols < 1:
+        raise ValueError(f"rows and cols must be positive, got {rows} by {cols}")
+    if cols % found.elements:
+        raise ValueError(
+            f"cols must be a multiple of {found.elements} for {found.name}, got {rows} by {cols}"
+        )
+    if rows * cols > MAX_ELEMENTS:
+        raise ValueError(f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}")
+    return found
+
+
+def weight_bytes(format: str | int, rows: int, cols: int) -> int:
+    """Length in bytes of a packed weight of ``rows`` by ``cols`` elements."""
+    found = check_shape(format, rows, cols)
+    return rows * cols // found.elements * found.bytes
+
+
+def field_offsets(format: str | int, blocks: int) -> dict[str, tuple[int, int]]:
+    """Where each field of a weight of ``blocks`` blocks lies.
+
+    Returns field name -> (byte offset of block 0's field, bytes from one block's field to the next's).
+    """
+    found = get_format(format)
+    offsets: dict[str, tuple[int, int]] = {}
+    position = 0
+    for name, size in found.fields:
+        if found.storage == "regions":
+            offsets[name] = (position, size)
+            position += size * blocks
+        else:
+            offsets[name] = (position, found.bytes)
+            position += size
+    return offsets

@@ -1,0 +1,96 @@
+"""Quantizers: a dense weight matrix to the flat bytes of a storage format.
+
+One module per family. A family's quantizer is a function ``(x, w) -> fields`` of an element-major chunk ``x``
+(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each field's bytes
+as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+
+import torch
+from torch import Tensor
+
+from quillon.formats import check_shape
+from quillon.quantizers import integer
+from quillon.quantizers._layout import field_views
+from quillon.quantizers._progress import Progress
+
+__all__ = ["quantize"]
+
+Quantizer = Callable[[Tensor, "Tensor | None"], dict[str, Tensor]]
+
+_QUANTIZERS: dict[str, Quantizer] = {
+    "q4_0": integer.q4_0,
+}
+
+_DTYPES = (torch.float32, torch.float16, torch.bfloat16)
+
+# A chunk and the temporaries of a search stay in the second-level cache; larger ones run slower.
+_CHUNK_ELEMENTS = 1 << 18
+
+
+def _check_importance(importance: Tensor, cols: int) -> Tensor:
+    if importance.shape != (cols,):
+        raise ValueError(f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}")
+    if not importance.is_floating_point():
+        raise TypeError(f"importance must be a floating-point tensor, got {importance.dtype}")
+    importance = importance.detach().to(device="cpu", dtype=torch.float64)
+    if not bool(importance.isfinite().all()) or bool((importance < 0).any()) or not bool((importance > 0).any()):
+        raise ValueError("importance must be finite and not negative, with at least one positive number")
+    # A floor keeps blocks whose columns all count for nothing defined, without moving the others.
+    importance = importance / importance.max()
+    return importance.clamp_(min=1e-6).float()
+
+
+def quantize(
+    weight: Tensor,
+    format: str | int,
+    *,
+    importance: Tensor | None = None,
+    progress: bool | None = None,
+) -> Tensor:
+    """Pack a dense weight into a storage format.
+
+    weight      (rows, cols), float32, float16 or bfloat16, finite; cols a multiple of 64, or of 256 for the
+                formats with super-blocks; fewer than 2**31 elements. Any device; the work is done on the CPU.
+    format      a name or a code of :data:`quillon.formats.FORMATS`
+    importance  (cols,), not negative: the weight of each column in the squared error that the search of scales
+                minimises, for example the mean square of the activations that meet the column
+    progress    True: show progress on stderr, False: never, None: when stderr is a terminal and it takes long
+
+    Returns uint8 (weight_bytes(format, rows, cols),) on the CPU. Deterministic. Raises ``TypeError`` for a wrong
+    type, ``ValueError`` for a wrong shape, a value that is not finite, or an unknown format.
+    """
+    if not isinstance(weight, Tensor):
+        raise TypeError(f"weight must be a tensor, got {type(weight).__name__}")
+    if weight.dtype not in _DTYPES:
+        raise TypeError(f"weight must be float32, float16 or bfloat16, got {weight.dtype}")
+    if weight.dim() != 2:
+        raise ValueError(f"weight must have two dimensions (rows, cols), got shape {tuple(weight.shape)}")
+    rows, cols = weight.shape
+    fmt = check_shape(format, rows, cols)
+    quantizer = _QUANTIZERS[fmt.name]
+    weight = weight.detach().cpu().contiguous()
+    column_weights = None if importance is None else _check_importance(importance, cols)
+
+    blocks = rows * cols // fmt.elements
+    data = torch.empty(blocks * fmt.bytes, dtype=torch.uint8)
+    views = field_views(data, fmt, blocks)
+    rows_per_chunk = max(1, _CHUNK_ELEMENTS // cols)
+    bar = Progress(f"quantize {fmt.name}", rows, progress)
+    w = None
+    for first in range(0, rows, rows_per_chunk):
+        part = weight[first : first + rows_per_chunk].float()
+        if not bool(part.isfinite().all()):
+            raise ValueError(f"weight must be finite; rows {first} to {first + len(part) - 1} hold NaN or infinity")
+        x = part.view(-1, fmt.elements).t().contiguous()
+        if column_weights is not None and (w is None or w.shape != x.shape):
+            w = column_weights.view(-1, fmt.elements).repeat(len(part), 1).t().contiguous()
+        start = first * cols // fmt.elements
+        for name, field in quantizer(x, w).items():
+            views[name][start : start + x.shape[1]] = field
+        bar.advance(len(part))
+    bar.close()
+    return data
