@@ -1,0 +1,207 @@
+"""The host device: PyTorch's XPU layer on a PyTorch built without XPU, over the SYCL runtime's CPU device.
+
+``import quillon`` brings it up, after which ``torch.device("xpu")``, ``tensor.to("xpu")`` and ``torch.xpu`` work as
+they do with an XPU. On a PyTorch that has XPU of its own, nothing here does anything.
+"""
+
+from __future__ import annotations
+
+import atexit
+import ctypes
+import importlib
+import importlib.metadata
+import os
+import sys
+from pathlib import Path
+from types import ModuleType
+from typing import Any
+
+import torch
+
+__all__ = ["cache_folder", "declared_architectures", "is_active"]
+
+_CPU_DRIVER = "libintelocl.so"
+_SYCL_RUNTIME = "libsycl.so"
+_INSTALL_HINT = "quillon needs the SYCL runtime on a PyTorch without XPU: pip install 'quillon[host]'"
+
+_native: ModuleType | None = None
+
+
+def is_active() -> bool:
+    """Return whether ``xpu`` is the host device in this process, and not an XPU that PyTorch itself drives."""
+    return _native is not None
+
+
+def declared_architectures() -> list[int]:
+    """Return the 64-bit architecture identifiers that ``QUILLON_HOST_DEVICES`` declares, one per host device.
+
+    The list is empty where the host device is not active.
+    """
+    return list(_native.declared_architectures()) if _native else []
+
+
+def cache_folder() -> Path | None:
+    """Return the folder in which the SYCL runtime keeps compiled kernels, or None if it keeps none.
+
+    On the host device the persistent cache is on unless the user switched it off; on an XPU it is the user's choice.
+    """
+    if os.environ.get("SYCL_CACHE_PERSISTENT", "0") == "0":
+        return None
+    folder = os.environ.get("SYCL_CACHE_DIR")
+    if folder:
+        return Path(folder)
+    base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
+    return Path(base, "libsycl_cache")
+
+
+def start() -> None:
+    """Bring the host device up, unless PyTorch has XPU itself or it is up already. Called by ``import quillon``.
+
+    Neither devices nor queues are made before their first use.
+
+    Raises:
+        ImportError: the SYCL runtime or its CPU driver is missing.
+        RuntimeError: PyTorch settled for "no XPU" before, by a backward pass for example.
+        ValueError: ``QUILLON_HOST_DEVICES`` is malformed.
+    """
+    global _native
+    if _native is not None or torch._C._has_xpu:
+        return
+    _prepare_environment()
+    native = _load_native()
+    native.declared_architectures()
+    if not native.hooks_are_active():
+        raise RuntimeError(
+            "PyTorch was asked for XPU before quillon was imported, by a backward pass for example, and has settled "
+            "for having none. Import quillon before the first use of autograd: put `import quillon` right after "
+            "`import torch`."
+        )
+    native.install()
+    _connect_torch(native)
+    atexit.register(native.shut_down)
+    _native = native
+
+
+def _library_folders() -> list[Path]:
+    """Return the folders in which pip puts the SYCL runtime's libraries, most likely first."""
+    folders = [Path(sys.prefix, "lib"), Path(__file__).resolve().parents[3]]
+    for package in ("intel-opencl-rt", "intel-sycl-rt", "dpcpp-cpp-rt"):
+        try:
+            files = importlib.metadata.files(package) or []
+        except importlib.metadata.PackageNotFoundError:
+            continue
+        folders += [Path(str(file.locate())).resolve().parent for file in files if file.name == _CPU_DRIVER]
+    return folders
+
+
+def _find_library(name: str) -> Path | None:
+    for folder in _library_folders():
+        if (folder / name).is_file():
+            return folder / name
+    return None
+
+
+def _prepare_environment() -> None:
+    """Set what the SYCL runtime reads when it starts, where the user has not."""
+    if "OCL_ICD_FILENAMES" not in os.environ:
+        driver = _find_library(_CPU_DRIVER)
+        if driver is None:
+            raise ImportError(f"{_CPU_DRIVER} not found: {_INSTALL_HINT}")
+        os.environ["OCL_ICD_FILENAMES"] = str(driver)
+    if "SYCL_CACHE_PERSISTENT" not in os.environ:
+        os.environ["SYCL_CACHE_PERSISTENT"] = "1"
+        if "SYCL_CACHE_DIR" not in os.environ:
+            base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
+            os.environ["SYCL_CACHE_DIR"] = os.path.join(base, "quillon", "kernels")
+
+
+def _load_native() -> ModuleType:
+    try:
+        return importlib.import_module("quillon._host_device")
+    except ImportError as error:
+        if "libsycl" not in str(error):
+            raise
+        # Not where the package's own library path points: a virtual environment that sees a system-wide runtime.
+        runtime = _find_library(_SYCL_RUNTIME)
+        if runtime is None:
+            raise ImportError(f"{_SYCL_RUNTIME} not found: {_INSTALL_HINT}") from error
+    ctypes.CDLL(str(runtime), mode=ctypes.RTLD_GLOBAL)
+    return importlib.import_module("quillon._host_device")
+
+
+def _stream_base(native: ModuleType) -> type:
+    class XpuStreamBase(torch.Stream):
+        """What PyTorch's own XPU streams are made of: a generic stream that knows its queue and its priority."""
+
+        def __new__(cls, priority: int = 0, **place: int) -> Any:
+            if "stream_ptr" in place:
+                raise NotImplementedError("Use torch.xpu.get_stream_from_external.")
+            if not place:
+                stream_id, device_index, device_type = native.stream_from_pool(priority)
+                place = {"stream_id": stream_id, "device_index": device_index, "device_type": device_type}
+            return super().__new__(cls, **place)
+
+        @property
+        def sycl_queue(self) -> int:
+            """Address of the sycl::queue."""
+            return int(native.stream_queue(self.stream_id, self.device_index))
+
+        @property
+        def priority(self) -> int:
+            """Priority; lower numbers are more urgent. The host device treats all alike."""
+            return int(native.stream_priority(self.stream_id, self.device_index))
+
+        @staticmethod
+        def priority_range() -> tuple[int, int]:
+            """Return the lowest and the highest priority."""
+            lowest, highest = native.stream_priority_range()
+            return lowest, highest
+
+    return XpuStreamBase
+
+
+def _event_base(native: ModuleType) -> type:
+    class XpuEventBase(torch.Event):
+        """What PyTorch's own XPU events are made of: a generic event that knows its address."""
+
+        def __new__(cls, enable_timing: bool = False) -> Any:
+            return super().__new__(cls, device="xpu", enable_timing=enable_timing)
+
+        @property
+        def sycl_event(self) -> int:
+            """Address of the event, 0 before it is first recorded."""
+            return self.event_id or 0
+
+        def elapsed_time(self, end_event: torch.Event) -> float:
+            """Return the milliseconds from this event to ``end_event``; both were made with timing on."""
+            return float(native.event_elapsed_time(self, end_event))
+
+    return XpuEventBase
+
+
+def _connect_torch(native: ModuleType) -> None:
+    """Give torch._C what a PyTorch built with XPU has there, and torch.xpu the few names it looked up at its import."""
+    core: Any = torch._C
+    xpu: Any = torch.xpu
+
+    def init() -> None:
+        native._xpu_init()
+        xpu.default_generators = native.default_generators()
+        xpu._get_device_properties = native.get_device_properties
+
+    for name in dir(native):
+        if name.startswith(("_xpu_", "_Xpu")):
+            setattr(core, name, getattr(native, name))
+    core._xpu_init = init
+    core._XpuStreamBase = _stream_base(native)
+    core._XpuEventBase = _event_base(native)
+    core._has_xpu = True
+
+    xpu._XpuDeviceProperties = native._XpuDeviceProperties
+    xpu._exchange_device = native._xpu_exchangeDevice
+    xpu._maybe_exchange_device = native._xpu_maybeExchangeDevice
+    xpu._is_in_bad_fork = native._xpu_isInBadFork
+    # The bases of its classes have changed.
+    importlib.reload(xpu.streams)
+    xpu.Stream = xpu.streams.Stream
+    xpu.Event = xpu.streams.Event
