@@ -1,0 +1,20 @@
+# Writes a C++ file that holds device source text as data. Run at build time:
+#   cmake -DOUTPUT=<file> -DROOT=<csrc> "-DSOURCES=a.h;b.h" -P EmbedDeviceSources.cmake
+# Each text is cut into pieces because a C++ string literal may not be longer than 65,536 characters.
+set(text "#include \"runtime/device_sources.h\"\n\nnamespace quillon::runtime {\n\n")
+string(APPEND text "const DeviceSource kDeviceSources[] = {\n")
+list(LENGTH SOURCES count)
+foreach(source IN LISTS SOURCES)
+  file(READ "${ROOT}/${source}" content)
+  string(LENGTH "${content}" length)
+  string(APPEND text "    {\"${source}\",\n")
+  set(start 0)
+  while(start LESS length)
+    string(SUBSTRING "${content}" ${start} 16000 piece)
+    string(APPEND text "R\"device_source(${piece})device_source\"\n")
+    math(EXPR start "${start} + 16000")
+  endwhile()
+  string(APPEND text "    },\n")
+endforeach()
+string(APPEND text "};\nconst std::size_t kDeviceSourceCount = ${count};\n\n}  // namespace quillon::runtime\n")
+file(WRITE "${OUTPUT}" "${text}")

@@ -1,0 +1,17 @@
+// The environment variables of the launchers, read anew on every call, with the texts that a bad value gives.
+#pragma once
+
+#include <cstdint>
+
+namespace quillon {
+
+// TILE_THRESHOLD: output sizes above it may take the tiled road. Default 50000.
+std::int64_t read_tile_threshold();
+
+// QUILLON_LOW_MEM: on only when the value parses to exactly 1. Default off.
+bool read_low_mem();
+
+// TILE_SIZE: weight rows per tile. Default 4096.
+std::uint64_t read_tile_size();
+
+}  // namespace quillon

@@ -1,0 +1,53 @@
+// The decision of a linear forward: matrix-engine path, or one of three launcher tables. A pure function of the
+// device class, the format and two sizes, free of torch, so that it can be tested exhaustively by itself.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "dispatch/device_class.h"
+
+namespace quillon {
+
+enum class Road : int { matrix_engine, launchers_legacy, launchers_elm, launchers_default };
+
+// One row: this class and format takes the matrix-engine path for batches in [first_batch, last_batch].
+struct MatrixEngineRange {
+  XpuDeviceClass device_class;
+  int qtype;
+  std::uint64_t first_batch;
+  std::uint64_t last_batch;
+};
+
+inline constexpr std::array<MatrixEngineRange, 8> kMatrixEngineRanges = {{
+    {XpuDeviceClass::elm, 2, 2, 16},   // q4_0
+    {XpuDeviceClass::elm, 8, 2, 16},   // q8_0
+    {XpuDeviceClass::elm, 15, 2, 16},  // fp8_e4m3
+    {XpuDeviceClass::elm, 19, 2, 16},  // fp8_e5m2
+    {XpuDeviceClass::oak, 15, 2, 64},  // fp8_e4m3 alone starts below 7 on oak
+    {XpuDeviceClass::oak, 2, 7, 64},
+    {XpuDeviceClass::oak, 8, 7, 64},
+    {XpuDeviceClass::oak, 19, 7, 64},
+}};
+
+// The matrix engine writes tiles of this many output columns.
+inline constexpr std::uint64_t kMatrixEngineColumns = 16;
+
+constexpr Road choose_road(XpuDeviceClass device_class, int qtype, std::uint64_t batch,
+                           std::uint64_t output_size) {
+  if (output_size % kMatrixEngineColumns == 0)
+    for (const MatrixEngineRange& range : kMatrixEngineRanges)
+      if (range.device_class == device_class && range.qtype == qtype && range.first_batch <= batch &&
+          batch <= range.last_batch)
+        return Road::matrix_engine;
+  switch (device_class) {
+    case XpuDeviceClass::legacy:
+      return Road::launchers_legacy;
+    case XpuDeviceClass::elm:
+      return Road::launchers_elm;
+    default:
+      return Road::launchers_default;
+  }
+}
+
+}  // namespace quillon

@@ -1,0 +1,148 @@
+#include "runtime/kernel_library.h"
+
+#include <c10/util/Exception.h>
+
+#include <chrono>
+#include <future>
+#include <map>
+#include <mutex>
+#include <sycl/ext/oneapi/get_kernel_info.hpp>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "runtime/device_sources.h"
+#include "runtime/submit_kernel.h"
+
+namespace quillon::runtime {
+
+struct BuiltKernel {
+  sycl::context context;
+  sycl::kernel kernel;
+};
+
+namespace {
+
+namespace syclexp = sycl::ext::oneapi::experimental;
+
+std::atomic<BuildObserver> build_observer{nullptr};
+
+using Seconds = std::chrono::duration<double>;
+
+syclexp::include_files embedded_headers() {
+  syclexp::include_files files;
+  for (std::size_t i = 0; i < kDeviceSourceCount; ++i) files.add(kDeviceSources[i].path, kDeviceSources[i].text);
+  return files;
+}
+
+std::vector<std::string> build_options() {
+  std::vector<std::string> options = {
+      "-I.",  // nested includes of virtual files are not found without it
+      "-DQUILLON_DEVICE_SOURCE",
+  };
+#if __LIBSYCL_MAJOR_VERSION < 9
+  // The device libraries of these runtimes are not in the pip packages; later ones refuse the option.
+  options.push_back("-fno-sycl-device-lib=all");
+#endif
+  return options;
+}
+
+// A registered name without an instantiation crashes the compiler, so the text instantiates exactly the entry's kernel.
+std::string source_text(const KernelEntry& entry) {
+  return "#include \"" + entry.header + "\"\ntemplate decltype(" + entry.name + ") " + entry.name + ";\n";
+}
+
+const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context, const sycl::device& device) {
+  std::string log;
+  try {
+    auto source = syclexp::create_kernel_bundle_from_source(
+        context, syclexp::source_language::sycl, source_text(entry),
+        syclexp::properties{embedded_headers()});
+    auto executable =
+        syclexp::build(source, {device},
+                       syclexp::properties{syclexp::registered_names{entry.name},
+                                           syclexp::build_options{build_options()}, syclexp::save_log{&log}});
+    return new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
+  } catch (const std::exception& error) {
+    TORCH_CHECK(false, "Building the kernel ", entry.name, " for the device \"",
+                device.get_info<sycl::info::device::name>(), "\" failed: ", error.what(),
+                log.empty() ? "" : "\nCompiler log:\n", log);
+  }
+}
+
+using BuildKey = std::tuple<const KernelEntry*, std::size_t, std::size_t>;  // entry, context hash, device hash
+using Build = std::shared_future<const BuiltKernel*>;
+
+struct Library {
+  std::mutex mutex;  // guards `builds` alone and is never held while a kernel is being built
+  std::map<BuildKey, Build> builds;
+};
+
+Library& library() {
+  static Library& instance = *new Library;
+  return instance;
+}
+
+// The slow road: joins a build of the same kernel that another thread has begun, or begins it.
+const BuiltKernel* find_or_build(KernelEntry& entry, const sycl::queue& queue) {
+  const sycl::context context = queue.get_context();
+  const sycl::device device = queue.get_device();
+  const BuildKey key{&entry, std::hash<sycl::context>{}(context), std::hash<sycl::device>{}(device)};
+
+  std::promise<const BuiltKernel*> promise;
+  {
+    std::unique_lock lock(library().mutex);
+    const auto known = library().builds.find(key);
+    if (known != library().builds.end()) {
+      const Build build = known->second;
+      lock.unlock();
+      return build.get();
+    }
+    library().builds.emplace(key, promise.get_future().share());
+  }
+
+  const auto start = std::chrono::steady_clock::now();
+  const BuiltKernel* built = nullptr;
+  try {
+    built = build(entry, context, device);
+  } catch (...) {
+    // Forgotten, so that a later call tries again (a full disk or an interrupted compiler may be gone by then).
+    std::lock_guard lock(library().mutex);
+    library().builds.erase(key);
+    promise.set_exception(std::current_exception());
+    throw;
+  }
+  promise.set_value(built);
+  if (const BuildObserver observer = build_observer.load())
+    observer(entry.name, Seconds(std::chrono::steady_clock::now() - start).count());
+  return built;
+}
+
+}  // namespace
+
+KernelEntry& make_kernel_entry(const char* header, const char* kernel, const char* element_type,
+                               std::initializer_list<int> constants) {
+  auto& entry = *new KernelEntry;
+  entry.header = header;
+  entry.name = std::string(kernel) + "<" + element_type;
+  for (const int constant : constants) entry.name += "," + std::to_string(constant);
+  entry.name += ">";
+  return entry;
+}
+
+const sycl::kernel& find_kernel(KernelEntry& entry, const sycl::queue& queue, c10::DeviceIndex index) {
+  TORCH_CHECK(index >= 0 && index < kMaxDevices, "XPU device index ", static_cast<int>(index),
+              " is outside what the kernel library serves: 0 to ", kMaxDevices - 1);
+  auto& slot = entry.built[index];
+  const BuiltKernel* built = slot.load(std::memory_order_acquire);
+  // A queue that a caller made in a context of its own needs a kernel of that context.
+  if (built == nullptr || built->context != queue.get_context()) {
+    built = find_or_build(entry, queue);
+    slot.store(built, std::memory_order_release);
+  }
+  return built->kernel;
+}
+
+void set_build_observer(BuildObserver observer) { build_observer.store(observer); }
+
+}  // namespace quillon::runtime

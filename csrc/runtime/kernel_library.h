@@ -1,0 +1,75 @@
+// The kernel library: device source text embedded in the extension, compiled by the SYCL runtime at first use, one
+// instantiation at a time, for the device of the call, and found in memory from then on.
+//
+//   first call                                             later calls
+//   ----------                                             -----------
+//   KernelEntry ── slot of the device empty ──► Library     KernelEntry ── slot of the device ──► sycl::kernel
+//        name + header  ──► source text                      (one atomic load)
+//        ──► kernel bundle ──► sycl::kernel ──► slot
+//
+// This header is free of SYCL, which takes a compiler ten seconds to read: host entries of kernels need only this and
+// runtime/launch_kernel.h.
+//
+// Two threads that need the same kernel build it once, builds of different kernels run side by side. Entries and
+// built kernels are never destroyed: the SYCL runtime may be gone before static destructors run.
+#pragma once
+
+#include <c10/core/Device.h>
+#include <c10/util/BFloat16.h>
+#include <c10/util/Half.h>
+
+#include <array>
+#include <atomic>
+#include <initializer_list>
+#include <string>
+
+namespace quillon::runtime {
+
+// Device indices above this are refused; c10 itself compiles with at most 64 XPUs.
+inline constexpr int kMaxDevices = 64;
+
+struct BuiltKernel;  // a sycl::kernel and the context it lives in
+
+// One kernel instantiation, e.g. "qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>" of "kernels/matvec/q4_0_2x16.h".
+struct KernelEntry {
+  std::string header;
+  std::string name;
+  std::array<std::atomic<const BuiltKernel*>, kMaxDevices> built{};
+};
+
+// How the element type of a tensor is spelled in a kernel's template arguments.
+template <typename T>
+constexpr const char* element_type_name();
+template <>
+constexpr const char* element_type_name<float>() {
+  return "float";
+}
+template <>
+constexpr const char* element_type_name<double>() {
+  return "double";
+}
+template <>
+constexpr const char* element_type_name<c10::Half>() {
+  return "c10::Half";
+}
+template <>
+constexpr const char* element_type_name<c10::BFloat16>() {
+  return "c10::BFloat16";
+}
+
+// Makes the entry of one instantiation. Meant for a function-local static in the kernel's host entry:
+//   static KernelEntry& entry = kernel_entry<T>("kernels/matvec/q4_0_2x16.h", "qlinear_xpu_kernel_q4_0_2x16",
+//                                               {SG_SIZE, WG_SIZE, ROW_TILE});
+KernelEntry& make_kernel_entry(const char* header, const char* kernel, const char* element_type,
+                               std::initializer_list<int> constants);
+
+template <typename T>
+KernelEntry& kernel_entry(const char* header, const char* kernel, std::initializer_list<int> constants = {}) {
+  return make_kernel_entry(header, kernel, element_type_name<T>(), constants);
+}
+
+// Called after each build, outside all locks, with the kernel's name and the seconds it took. One observer at a time.
+using BuildObserver = void (*)(const std::string& kernel, double seconds);
+void set_build_observer(BuildObserver observer);
+
+}  // namespace quillon::runtime
