@@ -1,0 +1,48 @@
+#include "dispatch/linear_xpu_kernel.h"
+
+#include <c10/util/Exception.h>
+
+#include "dispatch/device_class_query.h"
+#include "dispatch/format_check.h"
+#include "dispatch/launchers.h"
+#include "dispatch/road.h"
+#include "formats/registry.h"
+
+namespace quillon {
+namespace {
+
+const LauncherTable& launcher_table(Road road) {
+  switch (road) {
+    case Road::launchers_elm:
+      return qlinear_launchers_elm;
+    case Road::launchers_legacy:
+      return qlinear_launchers_legacy;
+    default:
+      return qlinear_launchers_default;
+  }
+}
+
+}  // namespace
+
+at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t input_size) {
+  const auto batch = static_cast<std::uint64_t>(input.size(0));
+  const auto state_size = static_cast<std::uint64_t>(input.size(1));
+  check_qtype("forward_new", qtype);
+  TORCH_CHECK(state_size != 0, "forward_new: input has rows of 0 elements (shape ", input.sizes(),
+              "); a row needs at least one block of the format");
+  const std::uint64_t blocks = static_cast<std::uint64_t>(weight.size(0)) / bytes_per_block(qtype);
+  const std::uint64_t output_size = elements_per_block(qtype) * blocks / state_size;
+
+  const XpuDeviceClass device_class = get_device_class(input.device());
+  const Road road = choose_road(device_class, qtype, batch, output_size);
+  TORCH_CHECK_NOT_IMPLEMENTED(road != Road::matrix_engine, "forward_new: the matrix-engine path, which ",
+                              describe_format(qtype), " takes with a batch of ", batch, " on device class ",
+                              device_class_name(device_class),
+                              ", is not available in this release; give one row at a time");
+  const Launcher launcher = launcher_table(road)[qtype];
+  TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: no kernels for ", describe_format(qtype),
+                              " in this release");
+  return launcher(input, weight, batch, state_size, output_size, input_size);
+}
+
+}  // namespace quillon

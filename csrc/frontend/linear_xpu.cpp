@@ -1,0 +1,165 @@
+// The extension module vesper_linear and the torch operator library quillon.
+//
+// Both come from one table, kOperators: an operator joins the library by one row of it. Seven rows exist on both
+// routes and reach the same body; the rows without a schema are module functions only.
+//
+//   import vesper_linear ──► library loaded ──► static registrations: schemas, then bodies for the key XPU
+//                        └─► PyInit_vesper_linear ──► version check ──► module ──► nine functions
+
+#include <torch/extension.h>
+#include <torch/library.h>
+
+#include <array>
+
+#include "dispatch/device_class_query.h"
+#include "frontend/build_log.h"
+#include "frontend/guards.h"
+#include "frontend/interpreter_version.h"
+#include "frontend/moe_indexes.h"
+#include "frontend/python_types.h"
+#include "frontend/unavailable.h"
+
+namespace quillon {
+namespace {
+
+struct Operator {
+  const char* name;
+  const char* doc;
+  const char* schema;  // null for a module function without a torch operator
+  void (*bind)(pybind11::module_& module, const Operator& row);
+  void (*implement)(torch::Library& library, const Operator& row);
+};
+
+template <auto Body, typename Signature>
+struct Binding;
+
+template <auto Body, typename Result, typename... Arguments>
+struct Binding<Body, Result (*)(Arguments...)> {
+  static void bind(pybind11::module_& module, const Operator& row) {
+    module.def(
+        row.name,
+        [](typename PythonArgument<Arguments>::type... arguments) -> Result { return Body(arguments...); }, row.doc);
+  }
+  static void implement(torch::Library& library, const Operator& row) {
+    library.impl(row.name,
+                 torch::CppFunction(c10::CompileTimeFunctionPointer<Result(Arguments...), Body>()));
+  }
+};
+
+template <auto Body>
+constexpr Operator torch_operator(const char* name, const char* doc, const char* schema) {
+  using Row = Binding<Body, decltype(Body)>;
+  return {name, doc, schema, &Row::bind, &Row::implement};
+}
+
+template <auto Body>
+constexpr Operator module_function(const char* name, const char* doc) {
+  return {name, doc, nullptr, &Binding<Body, decltype(Body)>::bind, nullptr};
+}
+
+std::string get_xpu_device_name(c10::Device device) { return device_class_name(get_device_class(device)); }
+
+using at::Tensor;
+using std::int64_t;
+
+constexpr char kMlp[] = "mlp_forward_xpu";
+constexpr char kAttentionV4[] = "rwkv_linear_attention_v4";
+constexpr char kAttentionV5[] = "rwkv_linear_attention_v5";
+constexpr char kTimeShift[] = "rwkv_time_shift";
+
+constexpr std::array kOperators = {
+    torch_operator<&linear_forward_new>(
+        "forward_new", "Linear forward (XPU) new format",
+        "forward_new(Tensor input, Tensor weight, int qtype, int input_size) -> Tensor"),
+    torch_operator<&dequant>("dequant", "Dequantize weight (XPU)",
+                             "dequant(Tensor input, Tensor weight, int qtype) -> Tensor"),
+    torch_operator<&unavailable<kMlp, Tensor, Tensor, Tensor, int64_t, int64_t, int64_t, int64_t, int64_t>>(
+        kMlp, "fused mlp",
+        "mlp_forward_xpu(Tensor input, Tensor weight1, Tensor weight2, int batch_size, int state_size, "
+        "int output_size, int act_type, int qtype) -> Tensor"),
+    torch_operator<&unavailable<kAttentionV4, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor>>(
+        kAttentionV4, "rwkv v4 attention",
+        "rwkv_linear_attention_v4(Tensor time_decay, Tensor time_first, Tensor key, Tensor value, "
+        "Tensor num_state, Tensor den_state, Tensor max_state) -> Tensor"),
+    torch_operator<&unavailable<kAttentionV5, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor>>(
+        kAttentionV5, "rwkv v5 attention",
+        "rwkv_linear_attention_v5(Tensor time_decay, Tensor time_first, Tensor receptance, Tensor key, "
+        "Tensor value, Tensor state) -> Tensor"),
+    torch_operator<&unavailable<kTimeShift, Tensor, Tensor, Tensor>>(
+        kTimeShift, "rwkv time shift", "rwkv_time_shift(Tensor hidden, Tensor shifted, Tensor mix) -> Tensor"),
+    torch_operator<&dequantize_rows>(
+        "dequantize_rows", "Dequantize rows of weight",
+        "dequantize_rows(Tensor input, Tensor weight, int qtype, int state_size, int output_size) -> Tensor"),
+    module_function<&get_moe_indexes>("get_moe_indexes", "get moe indexes"),
+    module_function<&get_xpu_device_name>("get_xpu_device_name", "get xpu device name"),
+};
+
+constexpr const char* kBuiltForPython = PYBIND11_TOSTRING(PY_MAJOR_VERSION) "." PYBIND11_TOSTRING(PY_MINOR_VERSION);
+
+// pybind11 by itself would give ValueError and IndexError for these, and a C++ backtrace in the text of a PyTorch
+// error; every host failure of this library is a RuntimeError (or PyTorch's subclass of it) with the plain message.
+void translate_exception(std::exception_ptr pending) {
+  try {
+    std::rethrow_exception(pending);
+  } catch (const c10::NotImplementedError& error) {
+    PyErr_SetString(PyExc_NotImplementedError, error.what_without_backtrace());
+  } catch (const c10::IndexError&) {
+    throw;  // PyTorch's own size and index errors keep their Python type
+  } catch (const c10::TypeError&) {
+    throw;
+  } catch (const c10::ValueError&) {
+    throw;
+  } catch (const c10::Error& error) {
+    PyErr_SetString(PyExc_RuntimeError, error.what_without_backtrace());
+  } catch (const std::logic_error& error) {
+    PyErr_SetString(PyExc_RuntimeError, error.what());
+  }
+}
+
+PyObject* create_module() {
+  static PyModuleDef definition;
+  auto module = pybind11::module_::create_extension_module("vesper_linear", nullptr, &definition);
+  try {
+    for (const Operator& row : kOperators) row.bind(module, row);
+    return module.ptr();
+  } catch (pybind11::error_already_set& error) {
+    pybind11::raise_from(error, PyExc_ImportError, "initialization failed");
+  } catch (const std::exception& error) {
+    PyErr_SetString(PyExc_ImportError, error.what());
+  }
+  return nullptr;
+}
+
+TORCH_LIBRARY_FRAGMENT(quillon, library) {
+  for (const Operator& row : kOperators)
+    if (row.schema != nullptr) library.def(row.schema);
+}
+
+TORCH_LIBRARY_IMPL(quillon, XPU, library) {
+  for (const Operator& row : kOperators)
+    if (row.implement != nullptr) row.implement(library, row);
+}
+
+}  // namespace
+}  // namespace quillon
+
+// Written out because pybind11's macro makes a multi-phase module; this one is single-phase, without per-module state.
+extern "C" PYBIND11_EXPORT PyObject* PyInit_vesper_linear() {
+  const char* interpreter = Py_GetVersion();
+  if (!quillon::interpreter_matches(quillon::kBuiltForPython, interpreter)) {
+    PyErr_SetString(PyExc_ImportError,
+                    quillon::interpreter_mismatch_message(quillon::kBuiltForPython, interpreter).c_str());
+    return nullptr;
+  }
+  pybind11::detail::get_internals();
+  pybind11::register_local_exception_translator(quillon::translate_exception);
+  quillon::log_kernel_builds();
+  try {
+    return quillon::create_module();
+  } catch (pybind11::error_already_set& error) {
+    error.restore();
+  } catch (const std::exception& error) {
+    PyErr_SetString(PyExc_ImportError, error.what());
+  }
+  return nullptr;
+}
