@@ -158,7 +158,8 @@ inline T decode_q5_1(const weight_parts& weight, int64_t b, int e) {
   return convert<T>(add(multiply(d, convert<float>(code_q5_1(block, e))), m));
 }
 
-// The matrix-vector kernel of q5_0 is as the dequantizer, but multiplies in double for double.
+// The matrix-vector kernel of q5_0 is as the dequantizer, but multiplies in double for double. No bit differs: a
+// half times a five-bit integer is exact in float.
 template <typename T>
 inline T decode_q5_0_matvec(const weight_parts& weight, int64_t b, int e) {
   using Arithmetic = std::conditional_t<std::is_same_v<T, double>, double, float>;

@@ -189,6 +189,13 @@ constexpr int32_t matvec_super_blocks(uint64_t state_size, uint64_t output_size)
   return element_count_32(state_size, output_size) / 256;
 }
 
+// fp6 as its tile dequantizer finds it: shifts of the 32-bit count, arithmetic for the high plane and logical
+// for the scales.
+constexpr region_offsets tile_fp6_region_offsets(uint64_t state_size, uint64_t output_size) {
+  const int32_t count = element_count_32(state_size, output_size);
+  return {{0, int64_t{32} * (count >> 6), int64_t{3} * (static_cast<uint32_t>(count) >> 2), 0}};
+}
+
 // The regions of any format by its code; every start is 0 for a format stored as records.
 constexpr region_offsets regions_of(int qtype, uint64_t state_size, uint64_t output_size) {
   switch (qtype) {
@@ -214,6 +221,32 @@ constexpr region_offsets regions_of(int qtype, uint64_t state_size, uint64_t out
       return q6_k_region_offsets(state_size, output_size);
     case qtype_fp6_k:
       return fp6_k_region_offsets(state_size, output_size);
+    default:
+      return {{0, 0, 0, 0}};
+  }
+}
+
+// The regions as the fast dense expansions and the matrix engine find them: from the full 64-bit count.
+constexpr region_offsets dense_region_offsets(int qtype, int64_t elements) {
+  const int64_t blocks = elements / 64;
+  const int64_t super_blocks = elements / 256;
+  switch (qtype) {
+    case qtype_q4_0:
+    case qtype_q4_1:
+    case qtype_fp4:
+      return {{0, blocks * 32, 0, 0}};
+    case qtype_q8_0:
+    case qtype_fp8_e4m3:
+    case qtype_fp8_e5m2:
+      return {{0, blocks * 64, 0, 0}};
+    case qtype_fp6:
+      return {{0, blocks * 32, blocks * 48, 0}};
+    case qtype_q4_k:
+      return {{0, super_blocks * 128, super_blocks * 144, 0}};
+    case qtype_q6_k:
+      return {{0, super_blocks * 64, super_blocks * 192, super_blocks * 208}};
+    case qtype_fp6_k:
+      return {{0, super_blocks * 128, super_blocks * 192, super_blocks * 208}};
     default:
       return {{0, 0, 0, 0}};
   }

@@ -1,8 +1,8 @@
 """Independent decoders of every storage format, in numpy.
 
 They are written from the storage rules and share nothing with the C++ rules that they check. A weight goes
-through two steps: `split` cuts its bytes into named fields, one row per block, and a reader turns the fields into
-values. A reader is named like its C++ function:
+through two steps: `split` cuts its bytes into named fields, one row per block, and a reader turns the fields
+into values. A reader is named like its C++ function:
 
 ``decode_<format>``        the value of the format, rounded as its dequantizer rounds, for every element type
 ``decode_<format>_<who>``  the same bits under the rule of another reader
@@ -29,7 +29,7 @@ DTYPES = ("float32", "float64", "float16", "bfloat16")
 RAW = {"float32": np.float32, "float64": np.float64, "float16": np.uint16, "bfloat16": np.uint16}
 
 
-# ---- element types ------------------------------------------------------------------------------------------
+# ---- element types -----------------------------------------------------------------------------------------
 
 
 def bfloat16_bits(x: Array) -> Array:
@@ -94,7 +94,7 @@ def scaled_sum(d: Array, x: Array, m: Array, dtype: str) -> Array:
     return arithmetic.raw(arithmetic.add(scaled, arithmetic.cast(m)))
 
 
-# ---- storage ------------------------------------------------------------------------------------------------
+# ---- storage -----------------------------------------------------------------------------------------------
 
 
 @dataclass(frozen=True)
@@ -110,7 +110,7 @@ class Field:
 
 @dataclass(frozen=True)
 class Format:
-    """Fields in storage order. `records`: one block after another; else one array for each group of fields."""
+    """Fields in storage order. `records`: one block after another; else one array for each group."""
 
     qtype: int
     name: str
@@ -143,8 +143,20 @@ _FORMATS = (
     Format(21, "iq2_xxs", 256, True, ((_D, _f("qs", "u1", 64)),)),
     Format(23, "q2_k", 256, True, ((_f("scales", "u1", 16), _f("qs", "u1", 64), _D, _f("dmin", "<f2", 1)),)),
     Format(24, "iq1_s", 256, True, ((_D, _f("qs", "u1", 32), _f("qh", "<u2", 8)),)),
-    Format(26, "q6_k", 256, False, ((_f("qh", "u1", 64),), (_f("ql", "u1", 128),), (_f("scales", "i1", 16),), (_D,))),
-    Format(27, "q4_k", 256, False, ((_f("qs", "u1", 128),), (_f("scales", "u1", 16),), (_D, _f("dmin", "<f2", 1)))),
+    Format(
+        26,
+        "q6_k",
+        256,
+        False,
+        ((_f("qh", "u1", 64),), (_f("ql", "u1", 128),), (_f("scales", "i1", 16),), (_D,)),
+    ),
+    Format(
+        27,
+        "q4_k",
+        256,
+        False,
+        ((_f("qs", "u1", 128),), (_f("scales", "u1", 16),), (_D, _f("dmin", "<f2", 1))),
+    ),
     Format(
         28,
         "q5_k",
@@ -153,40 +165,45 @@ _FORMATS = (
         ((_D, _f("dmin", "<f2", 1), _f("scales", "u1", 12), _f("qh", "u1", 32), _f("qs", "u1", 128)),),
     ),
     Format(29, "fp6", 64, False, ((_f("ql", "u1", 32),), (_f("qh", "u1", 16),), (_D,))),
-    Format(30, "fp6_k", 256, False, ((_f("ql", "u1", 128),), (_f("qh", "u1", 64),), (_f("scales", "i1", 16),), (_D,))),
+    Format(
+        30,
+        "fp6_k",
+        256,
+        False,
+        ((_f("ql", "u1", 128),), (_f("qh", "u1", 64),), (_f("scales", "i1", 16),), (_D,)),
+    ),
     Format(34, "q4_0_woq", 64, False, ((_f("qs", "u1", 32),), (_D,))),
 )
 FORMATS: dict[str, Format] = {entry.name: entry for entry in _FORMATS}
 
 
-def split(entry: Format, weight: NDArray[np.uint8], shift: int = 0) -> Fields:
-    """Cut flat bytes into fields of shape (blocks, count).
-
-    `shift` moves the start of every region but the first, or of every field of a record but the first, by that
-    many bytes (wrapping inside the weight): a fault for tests.
-    """
+def split(entry: Format, weight: NDArray[np.uint8]) -> Fields:
+    """Cut flat bytes into fields of shape (blocks, count). Bytes behind the last whole block are left out."""
     blocks = weight.size // entry.bytes
-    weight = weight[: blocks * entry.bytes]
     fields: Fields = {}
     start = 0
     for region in entry.regions:
         width = sum(field.bytes for field in region)
-        source = np.roll(weight, -shift) if start else weight
-        rows = source[start : start + blocks * width].reshape(blocks, width)
+        rows = weight[start : start + blocks * width].reshape(blocks, width)
         column = 0
         for field in region:
-            if entry.records and column and shift:
-                rows_of_field = np.roll(weight, -shift).reshape(blocks, width)
-            else:
-                rows_of_field = rows
-            cut = np.ascontiguousarray(rows_of_field[:, column : column + field.bytes])
+            cut = np.ascontiguousarray(rows[:, column : column + field.bytes])
             fields[field.name] = cut.view(field.dtype)
             column += field.bytes
         start += blocks * width
     return fields
 
 
-# ---- codes: one integer for each element --------------------------------------------------------------------
+def pack(entry: Format, fields: Fields) -> NDArray[np.uint8]:
+    """Put fields of shape (blocks, count) together into flat bytes: the inverse of `split`."""
+    regions = []
+    for region in entry.regions:
+        columns = [np.ascontiguousarray(fields[f.name], f.dtype).view(np.uint8) for f in region]
+        regions.append(np.concatenate(columns, axis=1).reshape(-1))
+    return np.concatenate(regions)
+
+
+# ---- codes: one integer for each element -------------------------------------------------------------------
 
 
 def _bits_of_bytes(data: Array) -> Array:
@@ -313,7 +330,7 @@ CODES: dict[str, Callable[[Fields], Array]] = {
     "q4_0_woq": codes_q4_0_woq,
 }
 
-# ---- values of codes ----------------------------------------------------------------------------------------
+# ---- values of codes ---------------------------------------------------------------------------------------
 
 NF4_BITS = np.array(
     [
@@ -323,7 +340,8 @@ NF4_BITS = np.array(
     np.uint32,
 )
 NF3_BITS = np.array(
-    [0xBF800000, 0xBEF50EE3, 0xBE5E5A6B, 0x00000000, 0x3E24CAE3, 0x3EAD033A, 0x3F1007AB, 0x3F800000], np.uint32
+    [0xBF800000, 0xBEF50EE3, 0xBE5E5A6B, 0x00000000, 0x3E24CAE3, 0x3EAD033A, 0x3F1007AB, 0x3F800000],
+    np.uint32,
 )
 FP4_MAGNITUDES = np.array([0.03125, 0.5, 1.0, 1.5, 2.0, 3.0, 4.0, 6.0], np.float32)
 
@@ -366,7 +384,7 @@ def values_fp8_e4m3_bare(codes: Array) -> Array:
     return _fp8_e4m3_bits(codes).view(np.float16)
 
 
-# ---- readers ------------------------------------------------------------------------------------------------
+# ---- readers -----------------------------------------------------------------------------------------------
 
 
 def _single(x: Array) -> Array:

@@ -1,8 +1,8 @@
 """Rows of the grid tables as the formats define them, for the independent decoders.
 
 The rows of both grids are data, not rules, so there is one copy of them, in the C++ headers; what can be told
-about them without the data is asserted in test_tables.py. The headers are read as text, so that nothing of the
-compiled tables is trusted.
+about them without the data is asserted in test_tables.py. The headers are read as text, so that nothing of
+the compiled tables is trusted.
 """
 
 from __future__ import annotations
