@@ -40,8 +40,9 @@ constexpr float source_q8_1(T x) {
   return convert<float>(x);
 }
 
-// The quant of a source value under the float scale of its block, which is 0 for a block of zeros. double is
-// divided in double and narrowed before the rounding, all other types are divided in float.
+// The quant of a source value under the float scale of its block. double is divided in double and narrowed
+// before the rounding, all other types are divided in float; the division must be correctly rounded. The scale
+// is 0 for a block of zeros and where it underflows: the quants are 0 then, not quotients by zero.
 template <typename T>
 inline int8_t quant_q8_1(T x, float scale) {
   if (scale == 0.0f) return 0;

@@ -42,7 +42,8 @@ constexpr uint16_t float_to_bfloat16_bits(float value) {
 constexpr float half_bits_to_float(uint16_t bits) {
   const uint32_t sign = (bits & 0x8000u) << 16;
   const uint32_t magnitude = bits & 0x7FFFu;
-  if (magnitude >= 0x7C00u) return bit_cast<float>(sign | 0x7F800000u | ((magnitude & 0x3FFu) << 13));
+  if (magnitude > 0x7C00u) return bit_cast<float>(sign | 0x7FC00000u | ((magnitude & 0x3FFu) << 13));
+  if (magnitude == 0x7C00u) return bit_cast<float>(sign | 0x7F800000u);
   if (magnitude >= 0x0400u) return bit_cast<float>(sign | ((magnitude << 13) + 0x38000000u));
   const float subnormal = static_cast<float>(magnitude) * 0x1p-24f;
   return bit_cast<float>(sign | bit_cast<uint32_t>(subnormal));
