@@ -141,7 +141,8 @@ constexpr To convert(From from) {
 
 // ---- arithmetic --------------------------------------------------------------------------------------------
 
-// Products and sums that are rounded by themselves: no compiler may contract these into a fused operation.
+// Products and sums that are rounded by themselves: no compiler may contract these into a fused operation. A plain
+// a * b + c in one expression may be contracted, in the same kernel too.
 template <typename T>
 constexpr T multiply(T a, T b) {
 #ifdef __clang__
