@@ -10,8 +10,8 @@
 //     scales  0 | d  half  |               23 | e60 e61 e62 e63 |
 //                                   scales  0 | d  half |
 //
-// The nibbles of nf4 lie the other way round than those of q4_0 and fp4. The two formats are no twins in rounding
-// either: nf4 computes in T, nf3 in float.
+// The nibbles of nf4 lie the other way round than those of q4_0 and fp4. The two formats are no twins in
+// rounding either: nf4 computes in T, nf3 in float.
 #pragma once
 
 #include <cstdint>
@@ -49,8 +49,14 @@ inline constexpr float dequantNF4[16] = {
 };
 
 inline constexpr float dequantNF3[8] = {
-    -1.0f, -0.4786292016506195f, -0.217141792178154f, 0.0f,
-    0.16093020141124725f, 0.33791524171829224f, 0.5626170039176941f, 1.0f,
+    -1.0f,
+    -0.4786292016506195f,
+    -0.217141792178154f,
+    0.0f,
+    0.16093020141124725f,
+    0.33791524171829224f,
+    0.5626170039176941f,
+    1.0f,
 };
 
 // Index into dequantNF4; byte j holds elements j (high nibble) and j + 32 (low nibble).
@@ -69,7 +75,9 @@ inline int code_nf3(const block_nf3_qs& block, int e) {
 inline const block_nf3_qs& quants_nf3(const weight_parts& weight, int64_t b) {
   return reinterpret_cast<const block_nf3_qs*>(weight.part[0])[b];
 }
-inline half scale_nf3(const weight_parts& weight, int64_t b) { return load_half(weight.part[1] + 2 * b); }
+inline half scale_nf3(const weight_parts& weight, int64_t b) {
+  return load_half(weight.part[1] + 2 * b);
+}
 
 // Arithmetic in T.
 template <typename T>

@@ -1,5 +1,5 @@
-// Grid formats with 256-element super-blocks: iq2_xxs and iq1_s. Eight neighbouring elements are one point of a
-// fixed table; a super-block has eight groups of four such vectors.
+// Grid formats with 256-element super-blocks: iq2_xxs and iq1_s. Eight neighbouring elements are one point of
+// a fixed table; a super-block has eight groups of four such vectors.
 //
 //   iq2_xxs, 66 bytes, records             iq1_s, 50 bytes, records
 //     0 | d half |                            0 | d half |
@@ -13,8 +13,8 @@
 //   Word of qh of iq1_s (bit 15 on the left): the sign of the shift, the scale, the high index bits.
 //     | sign 1 | t 3 | i3 3 | i2 3 | i1 3 | i0 3 |
 //
-// Both compute in float and convert once at the end. A reader of a whole vector fetches its grid word once; the
-// functions of one element below are the rule that it is held to.
+// Both compute in float and convert once at the end. A reader of a whole vector fetches its grid word once;
+// the functions of one element below are the rule that it is held to.
 #pragma once
 
 #include <cstdint>
@@ -41,7 +41,7 @@ struct block_iq1_s {
 };
 static_assert(sizeof(block_iq1_s) == 50);
 
-// ---- iq2_xxs -----------------------------------------------------------------------------------------------
+// ---- iq2_xxs ----------------------------------------------------------------------------------------------
 
 // Magnitudes of vector v of group g, byte p for position p.
 inline uint64_t grid_iq2_xxs(const block_iq2_xxs& block, int g, int v) {
@@ -49,10 +49,14 @@ inline uint64_t grid_iq2_xxs(const block_iq2_xxs& block, int g, int v) {
 }
 
 // Signs and scale of group g.
-inline uint32_t word_iq2_xxs(const block_iq2_xxs& block, int g) { return load_u32(block.qs + 8 * g + 4); }
+inline uint32_t word_iq2_xxs(const block_iq2_xxs& block, int g) {
+  return load_u32(block.qs + 8 * g + 4);
+}
 
 // Bit p is set where position p of vector v is negative.
-inline uint8_t signs_iq2_xxs(uint32_t word, int v) { return ksigns_iq2xs[(word >> (7 * v)) & 127]; }
+inline uint8_t signs_iq2_xxs(uint32_t word, int v) {
+  return ksigns_iq2xs[(word >> (7 * v)) & 127];
+}
 
 // The factor of a whole group.
 inline float scale_iq2_xxs(half d, uint32_t word) {
@@ -74,10 +78,12 @@ inline T decode_iq2_xxs(const weight_parts& weight, int64_t b, int e) {
   return convert<T>(signs_iq2_xxs(word, v) & kmask_iq2xs[p] ? -value : value);
 }
 
-// ---- iq1_s -------------------------------------------------------------------------------------------------
+// ---- iq1_s ------------------------------------------------------------------------------------------------
 
 // High index bits, scale and shift of group g.
-inline uint32_t word_iq1_s(const block_iq1_s& block, int g) { return load_u16(block.qh + 2 * g); }
+inline uint32_t word_iq1_s(const block_iq1_s& block, int g) {
+  return load_u16(block.qh + 2 * g);
+}
 
 // Values of vector v of group g, packed as iq1s_grid tells.
 inline uint32_t grid_iq1_s(const block_iq1_s& block, int g, int v) {
@@ -91,7 +97,9 @@ constexpr int value_of_iq1s_grid(uint32_t grid, int p) {
 }
 
 // The shift of a whole group.
-constexpr float delta_iq1_s(uint32_t word) { return word & 0x8000u ? -1.125f : -0.875f; }
+constexpr float delta_iq1_s(uint32_t word) {
+  return word & 0x8000u ? -1.125f : -0.875f;
+}
 
 // The factor of a whole group: d times an odd number from 1 to 15.
 inline float scale_iq1_s(half d, uint32_t word) {

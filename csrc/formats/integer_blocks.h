@@ -53,17 +53,19 @@ struct block_q8_0_qs {
 };
 static_assert(sizeof(block_q8_0_qs) == 64);
 
-// ---- codes -------------------------------------------------------------------------------------------------
+// ---- codes ------------------------------------------------------------------------------------------------
 
-// The 4-bit code of an element where byte j holds elements j (low nibble) and j + 32 (high nibble): q4_0, q4_1,
-// fp4, and the qs field of q5_0 and q5_1.
+// The 4-bit code of an element where byte j holds elements j (low nibble) and j + 32 (high nibble): q4_0,
+// q4_1, fp4, and the qs field of q5_0 and q5_1.
 inline int code_split_nibbles(const uint8_t* qs, int e) {
   const uint8_t byte = qs[e % 32];
   return static_cast<int>(e < 32 ? low_nibble(byte) : high_nibble(byte));
 }
 
 // -8 to 7.
-inline int code_q4_0(const uint8_t* qs, int e) { return code_split_nibbles(qs, e) - 8; }
+inline int code_q4_0(const uint8_t* qs, int e) {
+  return code_split_nibbles(qs, e) - 8;
+}
 
 // -8 to 7; byte j holds elements 2j (low nibble) and 2j + 1 (high nibble).
 inline int code_q4_0_woq(const uint8_t* qs, int e) {
@@ -72,7 +74,9 @@ inline int code_q4_0_woq(const uint8_t* qs, int e) {
 }
 
 // 0 to 15.
-inline int code_q4_1(const uint8_t* qs, int e) { return code_split_nibbles(qs, e); }
+inline int code_q4_1(const uint8_t* qs, int e) {
+  return code_split_nibbles(qs, e);
+}
 
 // 0 to 31.
 inline int code_q5_1(const block_q5_1& block, int e) {
@@ -81,35 +85,47 @@ inline int code_q5_1(const block_q5_1& block, int e) {
 }
 
 // -16 to 15.
-inline int code_q5_0(const block_q5_1& block, int e) { return code_q5_1(block, e) - 16; }
+inline int code_q5_0(const block_q5_1& block, int e) {
+  return code_q5_1(block, e) - 16;
+}
 
 // -128 to 127.
-inline int code_q8_0(const int8_t* qs, int e) { return qs[e]; }
+inline int code_q8_0(const int8_t* qs, int e) {
+  return qs[e];
+}
 
-// ---- fields of a weight ------------------------------------------------------------------------------------
+// ---- fields of a weight -----------------------------------------------------------------------------------
 
 inline const uint8_t* quants_q4_0(const weight_parts& weight, int64_t b) {
   return weight.part[0] + sizeof(block_q4_0_qs) * b;
 }
 
 // q4_0, q4_0 woq, nf4 and fp4.
-inline half scale_q4_0(const weight_parts& weight, int64_t b) { return load_half(weight.part[1] + 2 * b); }
+inline half scale_q4_0(const weight_parts& weight, int64_t b) {
+  return load_half(weight.part[1] + 2 * b);
+}
 
-inline half scale_q4_1(const weight_parts& weight, int64_t b) { return load_half(weight.part[1] + 4 * b); }
-inline half minimum_q4_1(const weight_parts& weight, int64_t b) { return load_half(weight.part[1] + 4 * b + 2); }
+inline half scale_q4_1(const weight_parts& weight, int64_t b) {
+  return load_half(weight.part[1] + 4 * b);
+}
+inline half minimum_q4_1(const weight_parts& weight, int64_t b) {
+  return load_half(weight.part[1] + 4 * b + 2);
+}
 
 inline const int8_t* quants_q8_0(const weight_parts& weight, int64_t b) {
   return reinterpret_cast<const int8_t*>(weight.part[0]) + sizeof(block_q8_0_qs) * b;
 }
 
 // q8_0, fp8_e4m3 and fp8_e5m2.
-inline float scale_q8_0(const weight_parts& weight, int64_t b) { return load_float(weight.part[1] + 4 * b); }
+inline float scale_q8_0(const weight_parts& weight, int64_t b) {
+  return load_float(weight.part[1] + 4 * b);
+}
 
 inline const block_q5_1& record_q5_1(const weight_parts& weight, int64_t b) {
   return reinterpret_cast<const block_q5_1*>(weight.part[0])[b];
 }
 
-// ---- q4_0, q4_1, q8_0: arithmetic in T ---------------------------------------------------------------------
+// ---- q4_0, q4_1, q8_0: arithmetic in T --------------------------------------------------------------------
 
 template <typename T>
 inline T decode_q4_0(const weight_parts& weight, int64_t b, int e) {
@@ -141,7 +157,7 @@ inline T decode_q8_0(const weight_parts& weight, int64_t b, int e) {
   return multiply(convert<T>(scale_q8_0(weight, b)), convert<T>(code_q8_0(quants_q8_0(weight, b), e)));
 }
 
-// ---- q5_0, q5_1: arithmetic in float, one conversion at the end ---------------------------------------------
+// ---- q5_0, q5_1: arithmetic in float, one conversion at the end -------------------------------------------
 
 template <typename T>
 inline T decode_q5_0(const weight_parts& weight, int64_t b, int e) {
@@ -158,8 +174,8 @@ inline T decode_q5_1(const weight_parts& weight, int64_t b, int e) {
   return convert<T>(add(multiply(d, convert<float>(code_q5_1(block, e))), m));
 }
 
-// The matrix-vector kernel of q5_0 is as the dequantizer, but multiplies in double for double. No bit differs: a
-// half times a five-bit integer is exact in float.
+// The matrix-vector kernel of q5_0 is as the dequantizer, but multiplies in double for double. No bit
+// differs: a half times a five-bit integer is exact in float.
 template <typename T>
 inline T decode_q5_0_matvec(const weight_parts& weight, int64_t b, int e) {
   using Arithmetic = std::conditional_t<std::is_same_v<T, double>, double, float>;
@@ -176,7 +192,7 @@ inline T decode_q5_1_matvec(const weight_parts& weight, int64_t b, int e) {
   return add(product, convert<T>(load_half(block.m)));
 }
 
-// ---- other readers -----------------------------------------------------------------------------------------
+// ---- other readers ----------------------------------------------------------------------------------------
 
 // The fast dense expansions compute in half and convert to T last; T is float or half.
 template <typename T>

@@ -4,7 +4,8 @@
 //   2 | s half |  sum of the 32 source values themselves, not of the quants
 //   4 | e0 int8 |  ...  | e31 int8 |
 //
-// The quants are formed with the float scale, readers get the half scale; that difference is part of the format.
+// The quants are formed with the float scale, readers get the half scale; that difference is part of the
+// format.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +26,9 @@ static_assert(sizeof(block_q8_1) == 36);
 // The float 1/127; the scale is a product with it, not a division by 127.
 inline constexpr float q8_1_inverse_127 = 0.007874015718698502f;
 
-inline float scale_q8_1(float absmax) { return multiply(absmax, q8_1_inverse_127); }
+inline float scale_q8_1(float absmax) {
+  return multiply(absmax, q8_1_inverse_127);
+}
 
 // To the nearest integer with halves away from zero; exact for any |x| below 2^23.
 constexpr float round_half_away(float x) {
@@ -41,8 +44,8 @@ constexpr float source_q8_1(T x) {
 }
 
 // The quant of a source value under the float scale of its block. double is divided in double and narrowed
-// before the rounding, all other types are divided in float; the division must be correctly rounded. The scale
-// is 0 for a block of zeros and where it underflows: the quants are 0 then, not quotients by zero.
+// before the rounding, all other types are divided in float; the division must be correctly rounded. The
+// scale is 0 for a block of zeros and where it underflows: the quants are 0 then, not quotients by zero.
 template <typename T>
 inline int8_t quant_q8_1(T x, float scale) {
   if (scale == 0.0f) return 0;

@@ -90,8 +90,12 @@ inline constexpr format_entry format_table[qtype_count] = {
     {35, "", storage_kind::none, 0, 0},
 };
 
-constexpr int32_t elements_per_block(int qtype) { return format_table[qtype].elements_per_block; }
-constexpr int64_t bytes_per_block(int qtype) { return format_table[qtype].bytes_per_block; }
+constexpr int32_t elements_per_block(int qtype) {
+  return format_table[qtype].elements_per_block;
+}
+constexpr int64_t bytes_per_block(int qtype) {
+  return format_table[qtype].bytes_per_block;
+}
 
 constexpr bool format_table_is_indexed_by_qtype() {
   for (int qtype = 0; qtype < qtype_count; ++qtype) {
@@ -101,11 +105,11 @@ constexpr bool format_table_is_indexed_by_qtype() {
 }
 static_assert(format_table_is_indexed_by_qtype());
 
-// ---- region offsets ----------------------------------------------------------------------------------------
+// ---- region offsets ---------------------------------------------------------------------------------------
 //
 // The start of a region is computed from a 32-bit element count, which wraps at 2^32 elements and is negative
-// from 2^31 on: the offsets then point before the tensor. That is a limit of these formats' addressing and part
-// of it, so every rule below states its widths. Products are formed unsigned, where wrapping is defined.
+// from 2^31 on: the offsets then point before the tensor. That is a limit of these formats' addressing and
+// part of it, so every rule below states its widths. Products are formed unsigned, where wrapping is defined.
 
 // state_size x output_size as a signed 32-bit product.
 constexpr int32_t element_count_32(uint64_t state_size, uint64_t output_size) {
@@ -172,9 +176,9 @@ constexpr region_offsets fp6_k_region_offsets(uint64_t state_size, uint64_t outp
   return {{0, blocks * 128, blocks * 192, blocks * 208}};
 }
 
-// The scale offset of the matrix-vector and MLP kernels of q4_0, q4_1, nf4, fp4 and q4_0 woq: whole blocks, the
-// division truncating toward zero. It equals the rules above for every count that is a multiple of 64 and does
-// not wrap.
+// The scale offset of the matrix-vector and MLP kernels of q4_0, q4_1, nf4, fp4 and q4_0 woq: whole blocks,
+// the division truncating toward zero. It equals the rules above for every count that is a multiple of 64 and
+// does not wrap.
 constexpr int32_t matvec_nibble_scale_offset(uint64_t state_size, uint64_t output_size) {
   return element_count_32(state_size, output_size) / 64 * 32;
 }

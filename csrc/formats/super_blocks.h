@@ -1,7 +1,7 @@
 // Super-block formats with 256 elements: q2_k, q4_k, q5_k, q6_k, fp6_k.
 //
-// The scale of an element has two levels: a half for the super-block times a small integer for its sub-block of
-// 16 or 32 elements. Bytes are drawn with their high bits on the left; eN is the code of element N.
+// The scale of an element has two levels: a half for the super-block times a small integer for its sub-block
+// of 16 or 32 elements. Bytes are drawn with their high bits on the left; eN is the code of element N.
 //
 //   q2_k, 84 bytes, records                              q5_k, 176 bytes, records
 //      0 | scales, 16 bytes: byte k is                      0 | d    half |
@@ -28,8 +28,8 @@
 //     scales      16 signed bytes                     scales      16 signed bytes
 //     scale       | d half |                          scale       | d half |
 //
-//   Sub-blocks of both have 16 elements. The words of fp6_k are those of fp6; q6_k has the same steps with the
-//   byte lanes in memory order (hN two high bits, nN low nibble, bit 31 on the left):
+//   Sub-blocks of both have 16 elements. The words of fp6_k are those of fp6; q6_k has the same steps with
+//   the byte lanes in memory order (hN two high bits, nN low nibble, bit 31 on the left):
 //     high word   | h3 h7 h11 h15 | h2 h6 h10 h14 | h1 h5 h9 h13 | h0 h4 h8 h12 |
 //     low word 0  | n3 n7         | n2 n6         | n1 n5        | n0 n4        |
 //     low word 1  | n11 n15       | n10 n14       | n9 n13       | n8 n12       |
@@ -95,7 +95,7 @@ struct block_base_fp6_k_ql {
 };
 static_assert(sizeof(block_base_fp6_k_ql) == 8);
 
-// ---- codes -------------------------------------------------------------------------------------------------
+// ---- codes ------------------------------------------------------------------------------------------------
 
 // 0 to 3.
 inline int code_q2_k(const uint8_t* qs, int e) {
@@ -123,8 +123,8 @@ inline int minimum_q5_k(const uint8_t* scales, int j) {
   return j < 4 ? scales[j + 4] & 63 : (scales[j + 4] >> 4) | ((scales[j] >> 6) << 4);
 }
 
-// The 6-bit codes, 0 to 63, of the four elements at the top of every byte of `high` and `low`: byte p is element
-// p of the step. Shift `high` left by 2 and `low` left by 4 for the next step of the same words.
+// The 6-bit codes, 0 to 63, of the four elements at the top of every byte of `high` and `low`: byte p is
+// element p of the step. Shift `high` left by 2 and `low` left by 4 for the next step of the same words.
 constexpr uint32_t q6_k_step_codes(uint32_t high, uint32_t low) {
   return ((high >> 2) & 0x30303030u) | ((low >> 4) & 0x0F0F0F0Fu);
 }
@@ -136,7 +136,7 @@ constexpr int code_q6_k(uint32_t high, uint32_t low0, uint32_t low1, int r) {
   return static_cast<int>(byte_of(codes, r % 4)) - 32;
 }
 
-// ---- q2_k, q4_k, q5_k, q6_k: arithmetic in float, one conversion at the end ---------------------------------
+// ---- q2_k, q4_k, q5_k, q6_k: arithmetic in float, one conversion at the end -------------------------------
 
 // (d * scale) * code - dmin * minimum, every product and the difference rounded by itself.
 inline float decode_with_minimum(float d, int scale, int code, float dmin, int minimum) {
@@ -152,8 +152,9 @@ template <typename T>
 inline T decode_q2_k(const weight_parts& weight, int64_t b, int e) {
   const block_q2_K& block = record_q2_k(weight, b);
   const uint8_t scale = block.scales[e / 16];
-  return convert<T>(decode_with_minimum(convert<float>(load_half(block.d)), scale & 15, code_q2_k(block.qs, e),
-                                        convert<float>(load_half(block.dmin)), scale >> 4));
+  return convert<T>(decode_with_minimum(convert<float>(load_half(block.d)), scale & 15,
+                                        code_q2_k(block.qs, e), convert<float>(load_half(block.dmin)),
+                                        scale >> 4));
 }
 
 // scales: (scale, minimum) bytes of eight sub-blocks; pair: d, then dmin.
@@ -184,7 +185,9 @@ inline T decode_q5_k(const weight_parts& weight, int64_t b, int e) {
 inline int8_t sub_block_scale_q6_k(const weight_parts& weight, int64_t b, int k) {
   return static_cast<int8_t>(weight.part[2][sizeof(block_q6_K_scales) * b + k]);
 }
-inline half scale_q6_k(const weight_parts& weight, int64_t b) { return load_half(weight.part[3] + 2 * b); }
+inline half scale_q6_k(const weight_parts& weight, int64_t b) {
+  return load_half(weight.part[3] + 2 * b);
+}
 
 template <typename T>
 inline T decode_q6_k(const weight_parts& weight, int64_t b, int e) {
@@ -197,7 +200,7 @@ inline T decode_q6_k(const weight_parts& weight, int64_t b, int e) {
   return convert<T>(multiply(scale, convert<float>(code)));
 }
 
-// ---- fp6_k: two-level scale in half, then arithmetic in T ---------------------------------------------------
+// ---- fp6_k: two-level scale in half, then arithmetic in T -------------------------------------------------
 
 // The matrix-vector kernel multiplies a sum over the sub-block's 16 elements by this, widened to T.
 inline half sub_block_scale_fp6_k(const weight_parts& weight, int64_t b, int k) {
@@ -207,17 +210,19 @@ inline half sub_block_scale_fp6_k(const weight_parts& weight, int64_t b, int k) 
 // The unscaled value.
 inline half value_fp6_k(const weight_parts& weight, int64_t b, int e) {
   const int k = e / 16;
-  const uint8_t* low = weight.part[0] + 16 * sizeof(block_base_fp6_k_ql) * b + sizeof(block_base_fp6_k_ql) * k;
+  const uint8_t* low =
+      weight.part[0] + 16 * sizeof(block_base_fp6_k_ql) * b + sizeof(block_base_fp6_k_ql) * k;
   const uint8_t* high = weight.part[1] + 64 * b + 4 * k;
   return half_from_bits(fp6_half_bits(fp6_code(load_u32(high), load_u32(low), load_u32(low + 4), e % 16)));
 }
 
 template <typename T>
 inline T decode_fp6_k(const weight_parts& weight, int64_t b, int e) {
-  return multiply(convert<T>(value_fp6_k(weight, b, e)), convert<T>(sub_block_scale_fp6_k(weight, b, e / 16)));
+  return multiply(convert<T>(value_fp6_k(weight, b, e)),
+                  convert<T>(sub_block_scale_fp6_k(weight, b, e / 16)));
 }
 
-// ---- other readers -----------------------------------------------------------------------------------------
+// ---- other readers ----------------------------------------------------------------------------------------
 
 // The fast dense expansions: fp6_k in half throughout, q4_k and q6_k in float; T is float or half.
 template <typename T>

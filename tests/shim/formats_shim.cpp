@@ -1,7 +1,7 @@
 // C entries over the format headers, so that tests can hold them against independent decoders.
 //
-// Element types are numbered 0 float, 1 double, 2 half, 3 bfloat16; 16-bit values pass as their bits. Functions
-// that look something up by name give -1 or a null pointer for a name that does not exist.
+// Element types are numbered 0 float, 1 double, 2 half, 3 bfloat16; 16-bit values pass as their bits.
+// Functions that look something up by name give -1 or a null pointer for a name that does not exist.
 #include <cstdint>
 #include <cstring>
 
@@ -27,11 +27,13 @@ struct reader {
 };
 
 // A macro, since a function template cannot be an argument of a template.
-#define READER(FUNCTION, QTYPE)                                                          \
-  {#FUNCTION,                                                                            \
-   QTYPE,                                                                                \
-   {decode_all<float, FUNCTION<float>>, decode_all<double, FUNCTION<double>>,            \
-    decode_all<half, FUNCTION<half>>, decode_all<bfloat16, FUNCTION<bfloat16>>}}
+#define READER(FUNCTION, QTYPE)                                                      \
+  {                                                                                  \
+    #FUNCTION, QTYPE, {                                                              \
+      decode_all<float, FUNCTION<float>>, decode_all<double, FUNCTION<double>>,      \
+          decode_all<half, FUNCTION<half>>, decode_all<bfloat16, FUNCTION<bfloat16>> \
+    }                                                                                \
+  }
 
 const reader readers[] = {
     READER(decode_q4_0, qtype_q4_0),
@@ -84,7 +86,8 @@ auto find(const Rows& rows, const char* name) -> decltype(&rows[0]) {
 
 template <typename To, typename From>
 void convert_all(const void* from, void* to, int64_t count) {
-  for (int64_t i = 0; i < count; ++i) static_cast<To*>(to)[i] = convert<To>(static_cast<const From*>(from)[i]);
+  for (int64_t i = 0; i < count; ++i)
+    static_cast<To*>(to)[i] = convert<To>(static_cast<const From*>(from)[i]);
 }
 
 template <typename From>
@@ -175,12 +178,9 @@ struct table {
 };
 
 const table tables[] = {
-    {"kmask_iq2xs", kmask_iq2xs, sizeof(kmask_iq2xs)},
-    {"ksigns_iq2xs", ksigns_iq2xs, sizeof(ksigns_iq2xs)},
-    {"iq2xxs_grid", iq2xxs_grid, sizeof(iq2xxs_grid)},
-    {"iq1s_grid", iq1s_grid, sizeof(iq1s_grid)},
-    {"dequantNF4", dequantNF4, sizeof(dequantNF4)},
-    {"dequantNF3", dequantNF3, sizeof(dequantNF3)},
+    {"kmask_iq2xs", kmask_iq2xs, sizeof(kmask_iq2xs)}, {"ksigns_iq2xs", ksigns_iq2xs, sizeof(ksigns_iq2xs)},
+    {"iq2xxs_grid", iq2xxs_grid, sizeof(iq2xxs_grid)}, {"iq1s_grid", iq1s_grid, sizeof(iq1s_grid)},
+    {"dequantNF4", dequantNF4, sizeof(dequantNF4)},    {"dequantNF3", dequantNF3, sizeof(dequantNF3)},
 };
 
 struct pattern {
@@ -223,8 +223,12 @@ int shim_decode(const char* name, int type, const uint8_t* weight, uint64_t stat
   return 0;
 }
 
-int shim_reader_count() { return sizeof(readers) / sizeof(readers[0]); }
-const char* shim_reader_name(int index) { return readers[index].name; }
+int shim_reader_count() {
+  return sizeof(readers) / sizeof(readers[0]);
+}
+const char* shim_reader_name(int index) {
+  return readers[index].name;
+}
 
 void shim_format(int qtype, const char** name, int* storage, int32_t* elements, int64_t* bytes) {
   const format_entry& entry = format_table[qtype];
@@ -322,7 +326,9 @@ void shim_q6_k_by_words(const uint32_t* high, const uint32_t* low, int64_t group
   }
 }
 
-float shim_scale_q8_1(float absmax) { return scale_q8_1(absmax); }
+float shim_scale_q8_1(float absmax) {
+  return scale_q8_1(absmax);
+}
 
 int shim_quants_q8_1(int type, const void* from, float absmax, int8_t* quants, int64_t count) {
   switch (type) {
