@@ -32,17 +32,15 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
         const uint32_t low_word[2] = {static_cast<uint32_t>(low_words),
                                       static_cast<uint32_t>(low_words >> 32)};
         lane<T> s;
-#pragma unroll
-        for (int step = 0; step < 4; ++step) {
+        unrolled<4>([&](auto step) {
           const uint32_t codes = fp6_step_codes(high << (2 * step), low_word[step / 2] << (4 * (step % 2)));
-#pragma unroll
-          for (int i = 0; i < 4; ++i) {
+          unrolled<4>([&](auto i) {
             constexpr int LANES[4] = {0, 2, 1, 3};
             const half value = half_from_bits(fp6_half_bits(codes >> (8 * LANES[i])));
             const lane<T> a = chunk.v[4 * step + fp6_element_of_lane(LANES[i])];
             s = step + i == 0 ? a * exact_lane<T>(value) : s + a * exact_lane<T>(value);
-          }
-        }
+          });
+        });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
       });
 }
