@@ -27,7 +27,7 @@ import vesper_linear
 from torch import Tensor, nn
 
 TEXT = Path(__file__).with_name("text.txt")
-QUESTION = "Explain in two sentences why the sky is blue."
+QUESTION = "Describe a walk through an old harbour town in the early morning."
 
 
 @dataclass(frozen=True)
@@ -83,7 +83,7 @@ def generate(model: nn.Module, tokens: Tensor, new_tokens: int, stop: int | None
     return torch.tensor(produced), prompt_seconds, (len(produced) - 1) / max(seconds, 1e-9)
 
 
-def score(model: nn.Module, tokens: Tensor, window: int = 256) -> Scores:
+def score(model: nn.Module, tokens: Tensor, window: int = 2048) -> Scores:
     """Score ``tokens`` (length,) in windows that see nothing of each other."""
     loss, count, greedy = 0.0, 0, []
     windows = [tokens[i : i + window] for i in range(0, len(tokens) - 1, window)]
