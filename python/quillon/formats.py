@@ -145,7 +145,9 @@ def check_shape(format: str | int, rows: int, cols: int) -> Format:
             f"cols must be a multiple of {found.elements} for {found.name}, got {rows} by {cols}"
         )
     if rows * cols > MAX_ELEMENTS:
-        raise ValueError(f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}")
+        raise ValueError(
+            f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}"
+        )
     return found
 
 

@@ -13,7 +13,7 @@ import torch
 from torch import Tensor
 
 from quillon.formats import check_shape
-from quillon.quantizers import integer
+from quillon.quantizers import codebook, grid, integer, superblock
 from quillon.quantizers._layout import field_views
 from quillon.quantizers._progress import Progress
 
@@ -23,21 +23,50 @@ Quantizer = Callable[[Tensor, "Tensor | None"], dict[str, Tensor]]
 
 _QUANTIZERS: dict[str, Quantizer] = {
     "q4_0": integer.q4_0,
+    "q4_1": integer.q4_1,
+    "q5_0": integer.q5_0,
+    "q5_1": integer.q5_1,
+    "q8_0": integer.q8_0,
+    "q4_0_woq": integer.q4_0_woq,
+    "nf4": codebook.nf4,
+    "nf3": codebook.nf3,
+    "fp4": codebook.fp4,
+    "fp6": codebook.fp6,
+    "fp8_e4m3": codebook.fp8_e4m3,
+    "fp8_e5m2": codebook.fp8_e5m2,
+    "q2_k": superblock.q2_k,
+    "q4_k": superblock.q4_k,
+    "q5_k": superblock.q5_k,
+    "q6_k": superblock.q6_k,
+    "fp6_k": superblock.fp6_k,
+    "iq2_xxs": grid.iq2_xxs,
+    "iq1_s": grid.iq1_s,
 }
+
+# The largest magnitude that a format takes: its scale is a half, or the squares of the search have to stay finite.
+# The largest level of the six-bit small floats is below 1/128, and fp8_e5m2 has no scale at all.
+_DEFAULT_REACH = 65504.0
+_REACH = {"fp6": 479.0, "fp6_k": 479.0, "fp8_e5m2": 61440.0, "q8_0": 1e15, "fp8_e4m3": 1e15}
 
 _DTYPES = (torch.float32, torch.float16, torch.bfloat16)
 
 # A chunk and the temporaries of a search stay in the second-level cache; larger ones run slower.
-_CHUNK_ELEMENTS = 1 << 18
+_CHUNK_ELEMENTS = 1 << 19
 
 
 def _check_importance(importance: Tensor, cols: int) -> Tensor:
     if importance.shape != (cols,):
-        raise ValueError(f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}")
+        raise ValueError(
+            f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}"
+        )
     if not importance.is_floating_point():
         raise TypeError(f"importance must be a floating-point tensor, got {importance.dtype}")
     importance = importance.detach().to(device="cpu", dtype=torch.float64)
-    if not bool(importance.isfinite().all()) or bool((importance < 0).any()) or not bool((importance > 0).any()):
+    if (
+        not bool(importance.isfinite().all())
+        or bool((importance < 0).any())
+        or not bool((importance > 0).any())
+    ):
         raise ValueError("importance must be finite and not negative, with at least one positive number")
     # A floor keeps blocks whose columns all count for nothing defined, without moving the others.
     importance = importance / importance.max()
@@ -78,13 +107,19 @@ def quantize(
     blocks = rows * cols // fmt.elements
     data = torch.empty(blocks * fmt.bytes, dtype=torch.uint8)
     views = field_views(data, fmt, blocks)
+    reach = _REACH.get(fmt.name, _DEFAULT_REACH)
     rows_per_chunk = max(1, _CHUNK_ELEMENTS // cols)
     bar = Progress(f"quantize {fmt.name}", rows, progress)
     w = None
     for first in range(0, rows, rows_per_chunk):
         part = weight[first : first + rows_per_chunk].float()
         if not bool(part.isfinite().all()):
-            raise ValueError(f"weight must be finite; rows {first} to {first + len(part) - 1} hold NaN or infinity")
+            raise ValueError(
+                f"weight must be finite; rows {first} to {first + len(part) - 1} hold NaN or infinity"
+            )
+        peak = float(part.abs().max())
+        if peak > reach:
+            raise ValueError(f"weight must be within +-{reach:g} for {fmt.name}, got a magnitude of {peak:g}")
         x = part.view(-1, fmt.elements).t().contiguous()
         if column_weights is not None and (w is None or w.shape != x.shape):
             w = column_weights.view(-1, fmt.elements).repeat(len(part), 1).t().contiguous()
