@@ -1,6 +1,7 @@
 """Reference decoder: packed bytes to the dense matrix that they stand for.
 
-Written for clarity from the storage rules, one function per format, vectorised over blocks with torch on the CPU.
+Written for clarity from the storage rules, one function per format, vectorised over blocks with torch on
+the CPU.
 """
 
 from __future__ import annotations
@@ -19,14 +20,19 @@ __all__ = ["dequantize_reference"]
 Fields = dict[str, Tensor]
 
 
+def _aligned(field: Tensor) -> Tensor:
+    """A copy that can be viewed as wider elements: fields start at any byte."""
+    return field.clone(memory_format=torch.contiguous_format)
+
+
 def _half(field: Tensor, index: int = 0) -> Tensor:
     """The half at position ``index`` of a field, float16 (blocks, 1)."""
-    return field[:, 2 * index : 2 * index + 2].contiguous().view(torch.float16)
+    return _aligned(field[:, 2 * index : 2 * index + 2]).view(torch.float16)
 
 
 def _float(field: Tensor) -> Tensor:
     """The float32 of a field of four bytes, (blocks, 1)."""
-    return field.contiguous().view(torch.float32)
+    return _aligned(field).view(torch.float32)
 
 
 def _bits(field: Tensor, shift: int | Tensor, mask: int) -> Tensor:
@@ -48,7 +54,8 @@ def _per_sub_block(scales: Tensor, elements: int = 256) -> Tensor:
     return scales.repeat_interleave(elements // scales.shape[1], dim=1)
 
 
-# The formats of 64 elements whose operands are converted to the result's type first, with every operation in it.
+# The formats of 64 elements whose operands are converted to the result's type first, with every operation
+# in it.
 
 
 def _q4_0(f: Fields, dtype: torch.dtype) -> Tensor:
@@ -97,7 +104,8 @@ def _fp8_e5m2(f: Fields, dtype: torch.dtype) -> Tensor:
 def _six_bits(ql: Tensor, qh: Tensor, lane_of: tuple[int, int, int, int]) -> tuple[Tensor, Tensor]:
     """(4-bit, 2-bit) parts of each element, int32 (blocks, elements).
 
-    16 elements own words 2 g and 2 g + 1 of ``ql`` and word g of ``qh``; element 4 i + p is in byte ``lane_of[p]``.
+    16 elements own words 2 g and 2 g + 1 of ``ql`` and word g of ``qh``; element 4 i + p is in byte
+    ``lane_of[p]``.
     """
     blocks = len(ql)
     low_words = ql.int().view(blocks, -1, 2, 4)[..., lane_of]
@@ -189,7 +197,7 @@ def _iq2_xxs(f: Fields, _: torch.dtype) -> Tensor:
 
 
 def _iq1_s(f: Fields, _: torch.dtype) -> Tensor:
-    h = f["qh"].contiguous().view(torch.int16).int() & 0xFFFF
+    h = _aligned(f["qh"]).view(torch.int16).int() & 0xFFFF
     high = h[:, :, None] >> torch.arange(0, 12, 3) & 7
     points = iq1s_grid()[f["qs"].view(-1, 8, 4).int() | high << 8]
     shift = torch.where(h >> 15 == 1, -1.125, -0.875)
@@ -224,12 +232,21 @@ _CHUNK_ELEMENTS = 1 << 18
 
 
 def dequantize_reference(
-    data: Tensor, format: str | int, rows: int, cols: int, dtype: torch.dtype = torch.float32
+    data: Tensor,
+    format: str | int,
+    rows: int,
+    cols: int,
+    dtype: torch.dtype = torch.float32,
+    *,
+    apply_scale: bool = False,
 ) -> Tensor:
     """Expand a packed weight.
 
-    data    uint8, one dimension, weight_bytes(format, rows, cols) long; any device, the work is done on the CPU
-    dtype   float32, float64, float16 or bfloat16
+    data         uint8, one dimension, weight_bytes(format, rows, cols) long; on any device
+    dtype        float32, float64, float16 or bfloat16
+    apply_scale  only of use for fp8_e5m2, where the readers disagree: products of a single activation row and
+                 the dense expansions ignore the stored scale (False), the fused MLP and the matrix engine
+                 apply it (True)
 
     Returns (rows, cols) of ``dtype`` on the CPU, with the rounding that the format prescribes for that type.
     Raises ``TypeError`` for wrong element types and ``ValueError`` for sizes that do not fit.
@@ -242,7 +259,8 @@ def dequantize_reference(
     blocks = rows * cols // fmt.elements
     if data.shape != (blocks * fmt.bytes,):
         raise ValueError(
-            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, got {tuple(data.shape)}"
+            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, "
+            f"got {tuple(data.shape)}"
         )
     data = data.detach().cpu().contiguous()
     sizes = dict(fmt.fields)
@@ -257,5 +275,11 @@ def dequantize_reference(
             )
             for name, (offset, stride) in places.items()
         }
-        out[first : first + count] = _DECODERS[fmt.name](fields, dtype)
+        values = _DECODERS[fmt.name](fields, dtype)
+        if apply_scale and fmt.name == "fp8_e5m2":
+            values = values * _float(fields["d"]).to(dtype)
+        out[first : first + count] = values
+    if dtype == torch.bfloat16:
+        # There is one NaN in bfloat16 here, whatever the vectorised conversion makes of it.
+        out.view(torch.int16)[out.isnan()] = 0x7FC0
     return out.view(rows, cols)

@@ -1,8 +1,8 @@
 """Quantizers: a dense weight matrix to the flat bytes of a storage format.
 
 One module per family. A family's quantizer is a function ``(x, w) -> fields`` of an element-major chunk ``x``
-(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each field's bytes
-as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
+(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each
+field's bytes as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
 """
 
 from __future__ import annotations
@@ -43,8 +43,8 @@ _QUANTIZERS: dict[str, Quantizer] = {
     "iq1_s": grid.iq1_s,
 }
 
-# The largest magnitude that a format takes: its scale is a half, or the squares of the search have to stay finite.
-# The largest level of the six-bit small floats is below 1/128, and fp8_e5m2 has no scale at all.
+# The largest magnitude that a format takes: its scale is a half, or the squares of the search have to stay
+# finite. The largest level of the six-bit small floats is below 1/128, and fp8_e5m2 has no scale at all.
 _DEFAULT_REACH = 65504.0
 _REACH = {"fp6": 479.0, "fp6_k": 479.0, "fp8_e5m2": 61440.0, "q8_0": 1e15, "fp8_e4m3": 1e15}
 
@@ -85,12 +85,12 @@ def quantize(
     weight      (rows, cols), float32, float16 or bfloat16, finite; cols a multiple of 64, or of 256 for the
                 formats with super-blocks; fewer than 2**31 elements. Any device; the work is done on the CPU.
     format      a name or a code of :data:`quillon.formats.FORMATS`
-    importance  (cols,), not negative: the weight of each column in the squared error that the search of scales
-                minimises, for example the mean square of the activations that meet the column
+    importance  (cols,), not negative: the weight of each column in the squared error that the search of
+                scales minimises, for example the mean square of the activations that meet the column
     progress    True: show progress on stderr, False: never, None: when stderr is a terminal and it takes long
 
-    Returns uint8 (weight_bytes(format, rows, cols),) on the CPU. Deterministic. Raises ``TypeError`` for a wrong
-    type, ``ValueError`` for a wrong shape, a value that is not finite, or an unknown format.
+    Returns uint8 (weight_bytes(format, rows, cols),) on the CPU. Deterministic. Raises ``TypeError`` for a
+    wrong type, ``ValueError`` for a wrong shape, a value that is not finite, or an unknown format.
     """
     if not isinstance(weight, Tensor):
         raise TypeError(f"weight must be a tensor, got {type(weight).__name__}")

@@ -32,9 +32,9 @@ def bit_plane(bits: Tensor) -> Tensor:
 def six_bit_planes(codes: Tensor, lanes: Sequence[int]) -> tuple[Tensor, Tensor]:
     """The planes of 4 low and of 2 high bits of 6-bit codes: (low plane, high plane).
 
-    Every 16 elements own two 32-bit words of the low plane and one of the high plane. Elements 4 i to 4 i + 3 are
-    step i: element 4 i + p goes to byte lane ``lanes[p]``, its high bits to bits 7 - 2 i and 6 - 2 i of the high
-    word, its low bits to the high (i even) or low (i odd) nibble of low word i / 2.
+    Every 16 elements own two 32-bit words of the low plane and one of the high plane. Elements 4 i to 4 i +
+    3 are step i: element 4 i + p goes to byte lane ``lanes[p]``, its high bits to bits 7 - 2 i and 6 - 2 i
+    of the high word, its low bits to the high (i even) or low (i odd) nibble of low word i / 2.
     """
     blocks = codes.shape[-1]
     position = [lanes.index(lane) for lane in range(4)]

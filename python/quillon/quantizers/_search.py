@@ -30,6 +30,18 @@ def to_half(d: Tensor) -> Tensor:
     return d.clamp(-HALF_MAX, HALF_MAX).half().float()
 
 
+def to_nonzero_half(d: Tensor) -> Tensor:
+    """Like :func:`to_half`, but what is not zero stays at least the smallest half, 2^-24."""
+    floor = torch.where(d == 0, torch.zeros_like(d), torch.full_like(d, 2.0**-24).copysign(d))
+    return torch.where(d.abs() < 2.0**-24, floor, to_half(d))
+
+
+def to_short_float(d: Tensor) -> Tensor:
+    """``d`` rounded to 16 significant bits: its product with an 8-bit code is exact in float32."""
+    bits = d.contiguous().view(torch.int32)
+    return ((bits + 0x80) & ~0xFF).view(torch.float32)
+
+
 def half_bytes(*values: Tensor) -> Tensor:
     """Bytes (blocks, 2 n) of n halves per block, each given as float32 (blocks,) that is a half already."""
     return torch.stack(values, dim=1).half().view(torch.uint8)
@@ -37,7 +49,7 @@ def half_bytes(*values: Tensor) -> Tensor:
 
 def float_bytes(d: Tensor) -> Tensor:
     """Bytes (blocks, 4) of the float32 values ``d`` (blocks,)."""
-    return d.contiguous().view(torch.uint8).view(-1, 4)
+    return torch.stack((d,), dim=1).view(torch.uint8)
 
 
 def largest(x: Tensor) -> Tensor:
@@ -67,8 +79,8 @@ def integers(low: int, high: int) -> Nearest:
 class CodeBook:
     """Nearest values in an arbitrary list of levels, by a table over all half patterns.
 
-    The quotient is rounded to half first, so two levels are told apart to about 2^-11 of their midpoint; a look-up
-    costs a tenth of a binary search, and a search of scales does twenty look-ups per weight.
+    The quotient is rounded to half first, so two levels are told apart to about 2^-11 of their midpoint; a
+    look-up costs a tenth of a binary search, and a search of scales does twenty look-ups per weight.
     ``levels`` gives the value of each code that may be used.
     """
 
@@ -104,8 +116,8 @@ def search_scale(
 ) -> Tensor:
     """The scale of each block for values ``d * nearest(x / d)``.
 
-    The candidates are ``base * factor``; each is improved by least squares before it is judged, and the best of
-    them ``refine`` times more. Returns float32 of the shape of ``base``; 0 where the block is zero.
+    The candidates are ``base * factor``; each is improved by least squares before it is judged, and the
+    best of them ``refine`` times more. Returns float32 of the shape of ``base``; 0 where the block is zero.
     """
     wx = x if w is None else x * w
 
@@ -132,9 +144,9 @@ def search_affine(
 ) -> tuple[Tensor, Tensor]:
     """Scale ``s`` and offset ``o`` of each block for values ``s * code + o``, code from 0 to ``top``.
 
-    A candidate spreads the codes over the block's range, cut at its lower and its upper end by the shares that
-    ``trims`` gives, and is then improved by least squares. Returns (s, o), s not negative; a constant block gets
-    s = 0 and its value as o.
+    A candidate spreads the codes over the block's range, cut at its lower and its upper end by the shares
+    that ``trims`` gives, and is then improved by least squares. Returns (s, o), s not negative; a constant
+    block gets s = 0 and its value as o.
     """
     low, high = x.amin(0), x.amax(0)
     span = high - low

@@ -1,7 +1,7 @@
 """Code-book and small-float formats with blocks of 64 elements.
 
-The small floats count their exponent with the bias of half precision and have a fixed bit below the last mantissa
-bit, so no code is zero and each value is the middle of the interval that its code stands for.
+The small floats count their exponent with the bias of half precision and have a fixed bit below the last
+mantissa bit, so no code is zero and each value is the middle of the interval that its code stands for.
 """
 
 from __future__ import annotations
@@ -21,6 +21,7 @@ from quillon.quantizers._search import (
     reciprocal,
     search_scale,
     to_half,
+    to_short_float,
 )
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4
 
@@ -68,8 +69,8 @@ def _factors(peaks: list[float]) -> tuple[float, ...]:
     return tuple(1.0 / peak for peak in peaks)
 
 
-# What the block's largest element is tried at. The upper levels themselves are among the peaks, so that values on such
-# a grid already are found again exactly.
+# What the block's largest element is tried at. The upper levels themselves are among the peaks, so that
+# values on such a grid already are found again exactly.
 _NF_PEAKS = [s * (0.6 + 0.05 * i) for i in range(13) for s in (1.0, -1.0)]
 _FACTORS = {
     "nf4": _factors(_NF_PEAKS + [v for v in NF4 if 0.5 < abs(v) < 1]),
@@ -86,8 +87,7 @@ def _quantize(name: str, x: Tensor, w: Tensor | None, half: bool = True) -> tupl
     """Codes (64, blocks) as uint8 and scales as stored."""
     book = _book(name)
     d = search_scale(x, w, book.nearest, largest(x), _FACTORS[name])
-    if half:
-        d = to_half(d)
+    d = to_half(d) if half else to_short_float(d)
     return book.codes(x * reciprocal(d)), d
 
 

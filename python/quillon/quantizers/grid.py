@@ -1,7 +1,7 @@
 """Grid formats: eight neighbouring weights are one point of a fixed table.
 
-Here a chunk is row-major, (blocks, 8 groups, 4 vectors, 8 positions): a group of 32 shares a scale, and a vector's
-distances to all grid points are one row of a matrix product.
+Here a chunk is row-major, (blocks, 8 groups, 4 vectors, 8 positions): a group of 32 shares a scale, and a
+vector's distances to all grid points are one row of a matrix product.
 """
 
 from __future__ import annotations
@@ -11,7 +11,14 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
-from quillon.quantizers._search import CodeBook, half_bytes, reciprocal, search_scale, to_half
+from quillon.quantizers._search import (
+    CodeBook,
+    half_bytes,
+    reciprocal,
+    search_scale,
+    to_half,
+    to_nonzero_half,
+)
 from quillon.tables import iq1s_grid, iq2xxs_grid, ksigns_iq2xs
 
 # Scores of this many vectors and points at a time, so that they stay in the cache.
@@ -19,7 +26,7 @@ _SCORES = 1 << 20
 
 
 def nearest_points(y: Tensor, w: Tensor | None, grid: Tensor) -> Tensor:
-    """Index (vectors,) of the grid point nearest to each row of ``y`` (vectors, 8), weighted by ``w`` if given."""
+    """Index (vectors,) of the grid point nearest to each row of ``y`` (vectors, 8), weighted by ``w``."""
     # |y - g|^2 = |y|^2 - 2 (y g - g^2 / 2): the last column or half of the product holds the g^2 terms.
     if w is None:
         left = torch.nn.functional.pad(y, (0, 1), value=1.0)
@@ -82,27 +89,28 @@ def _fit_and_refit(
 ) -> tuple[Tensor, list[Tensor]]:
     """Alternate between the super-block's half and the choice of everything else.
 
-    ``start`` (blocks,) is the first half. ``encode`` chooses for given halves; its last field is the values at d = 1.
-    Returns the halves and the chosen fields of the best round of each super-block.
+    ``start`` (blocks,) is the first half. ``encode`` chooses for given halves; its last field is the values
+    at d = 1. Returns the halves and the chosen fields of the best round of each super-block.
     """
-    d = to_half(start)
+    d = to_nonzero_half(start)
     found = encode(d)
-    best_d, best_error, best_fields = d, found.total(), found.fields
+    best_error, best_fields = found.total(), found.fields
+
+    def fitted(unit: Tensor) -> Tensor:
+        return to_half(_group_sum(unit, x, w).sum(1) * reciprocal(_group_sum(unit, unit, w).sum(1)))
+
     for _ in range(rounds):
-        unit = found.fields[-1]
-        d = to_half(_group_sum(unit, x, w).sum(1) * reciprocal(_group_sum(unit, unit, w).sum(1)))
-        found = encode(d)
+        found = encode(fitted(found.fields[-1]))
         better = found.total() < best_error
-        best_d = torch.where(better, d, best_d)
         best_error = torch.minimum(found.total(), best_error)
         best_fields = [
             torch.where(better.view((-1,) + (1,) * (new.dim() - 1)), new, old)
             for new, old in zip(found.fields, best_fields, strict=True)
         ]
-    return best_d, best_fields
+    return fitted(best_fields[-1]), best_fields
 
 
-# iq2_xxs ------------------------------------------------------------------------------------------------------
+# iq2_xxs --------------------------------------------------------------------------------------------------
 
 _IQ2_LEVELS = (8.0, 25.0, 43.0)
 _IQ2_BOOK = CodeBook(dict(enumerate(_IQ2_LEVELS)))
@@ -110,7 +118,7 @@ _IQ2_FACTORS = tuple(1.0 / (16.0 + 3.0 * i) for i in range(14))
 
 
 def _even_signs(x: Tensor, w: Tensor | None) -> Tensor:
-    """Signs +1 and -1 (..., 8) with an even number of -1: where the count is odd, the cheapest element turns."""
+    """Signs +1 and -1 (..., 8) with an even number of -1: if it is odd, the cheapest element turns."""
     signs = torch.where(x < 0, -1.0, 1.0)
     odd = signs.prod(-1, keepdim=True) < 0
     cost = x.abs() if w is None else x.abs() * w
@@ -120,7 +128,7 @@ def _even_signs(x: Tensor, w: Tensor | None) -> Tensor:
 
 
 def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = sign * ((scale + 0.5) * d) * 0.25 * grid; a group's four sign patterns have an even count each."""
+    """Value = sign * ((scale + 0.5) * d) * 0.25 * grid; each 8 elements have an even number of minuses."""
     groups = x.view(8, 32, -1).transpose(0, 1)
     group_w = None if w is None else w.view(8, 32, -1).transpose(0, 1)
     magnitude = groups.abs()
@@ -136,7 +144,7 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     def encode(d: Tensor) -> _Best:
         found = _Best()
         middle = (target * 4 * reciprocal(d)[:, None] - 0.5).round_()
-        for step in (0, 1, -1):
+        for step in (0, 1, -1, 2, -2):
             scale = (middle + step).clamp_(0, 15)
             unit = (scale + 0.5) * 0.25
             y = signed * reciprocal(unit * d[:, None])[:, :, None, None]
@@ -146,7 +154,7 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
             found.offer(_group_sum(residual, residual, w), scale, index.view(-1, 8, 4), values)
         return found
 
-    d, (scale, index, _) = _fit_and_refit(target.amax(1) * (4 / 15.5), x, w, encode, rounds=2)
+    d, (scale, index, _) = _fit_and_refit(target.amax(1) * (4 / 15.5), x, w, encode, rounds=1)
     negative = (signs < 0).to(torch.int64)
     patterns = (negative[..., :7] << torch.arange(7)).sum(-1)
     word = scale.to(torch.int64) << 28 | (patterns << torch.arange(0, 28, 7)).sum(-1)
@@ -155,7 +163,7 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     return {"d": half_bytes(d), "qs": torch.cat((index, word_bytes), dim=2).to(torch.uint8).view(-1, 64)}
 
 
-# iq1_s --------------------------------------------------------------------------------------------------------
+# iq1_s ----------------------------------------------------------------------------------------------------
 
 _IQ1_SHIFTS = (-0.875, -1.125)
 _IQ1_BOOKS = tuple(CodeBook({q: q + shift for q in range(3)}) for shift in _IQ1_SHIFTS)
@@ -199,7 +207,7 @@ def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
                 found.offer(_group_sum(residual, residual, w), scale, bits, index.view(-1, 8, 4), values)
         return found
 
-    d, (scale, bits, index, _) = _fit_and_refit(target.amax(1) / 15, x, w, encode, rounds=1)
+    d, (scale, bits, index, _) = _fit_and_refit(target.amax(1) / 14, x, w, encode, rounds=0)
     word = (index >> 8 << torch.arange(0, 12, 3)).sum(-1)
     word |= scale.to(torch.int64) << 12 | bits.to(torch.int64) << 15
     word_bytes = torch.stack((word & 255, word >> 8), dim=2).view(-1, 16)

@@ -15,6 +15,7 @@ from quillon.quantizers._search import (
     search_affine,
     search_scale,
     to_half,
+    to_short_float,
 )
 
 
@@ -22,8 +23,8 @@ def _factors(*peaks: float) -> tuple[float, ...]:
     return tuple(1.0 / peak for peak in peaks)
 
 
-# The value that the block's largest element is tried at, both ways round: the codes reach one step further down than
-# up. Whole numbers are among them, so that values on such a grid already are found again exactly.
+# The value that the block's largest element is tried at, both ways round: the codes reach one step further
+# down than up. Whole numbers are among them, so that values on such a grid already are found again exactly.
 _FACTORS_4BIT = _factors(*(-4.0 - 0.5 * i for i in range(11)), *(4.0 + 0.5 * i for i in range(9)))
 _FACTORS_5BIT = _factors(*(-10.0 - 0.5 * i for i in range(15)), *(10.0 + 0.5 * i for i in range(13)))
 _FACTORS_8BIT = _factors(
@@ -40,8 +41,7 @@ def _symmetric(
     """Signed codes ``low`` to ``high`` as float32 (64, blocks), and the scales as stored."""
     nearest = integers(low, high)
     d = search_scale(x, w, nearest, largest(x), factors)
-    if half:
-        d = to_half(d)
+    d = to_half(d) if half else to_short_float(d)
     return nearest(x * reciprocal(d)), d
 
 

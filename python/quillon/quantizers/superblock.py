@@ -1,8 +1,9 @@
 """Formats with super-blocks of 256 elements: scales in two levels.
 
-Each sub-block's scale, and in the affine formats its minimum, is a small integer times a half of the super-block. The
-search starts from the best real scale of each sub-block, fits the super-block's halves to them, and then tries the
-neighbours of each stored integer with the codes chosen anew, since the error of the stored numbers is what counts.
+Each sub-block's scale, and in the affine formats its minimum, is a small integer times a half of the super-
+block. The search starts from the best real scale of each sub-block, fits the super-block's halves to them,
+and then tries the neighbours of each stored integer with the codes chosen anew, since the error of the
+stored numbers is what counts.
 """
 
 from __future__ import annotations
@@ -14,6 +15,7 @@ from torch import Tensor
 
 from quillon.quantizers._pack import FLOAT_LANES, MEMORY_LANES, nibbles, six_bit_planes
 from quillon.quantizers._search import (
+    HALF_MAX,
     Nearest,
     half_bytes,
     integers,
@@ -23,6 +25,7 @@ from quillon.quantizers._search import (
     search_scale,
     squared_error,
     to_half,
+    to_nonzero_half,
     weighted_sum,
 )
 from quillon.quantizers.codebook import FP6_FACTORS, fp6_book
@@ -38,7 +41,7 @@ def _whole(codes: Tensor) -> Tensor:
     return codes.transpose(0, 1).reshape(256, -1)
 
 
-# Symmetric: q6_k and fp6_k ------------------------------------------------------------------------------------
+# Symmetric: q6_k and fp6_k --------------------------------------------------------------------------------
 
 
 def _float_product(d: Tensor, scales: Tensor) -> Tensor:
@@ -60,7 +63,9 @@ def _symmetric(
 
     Returns the effective scales (16, blocks), the signed bytes (16, blocks) as float32, and d (blocks,).
     """
-    target = search_scale(x, w, nearest, largest(x), factors)
+    # One step below the largest half, so that the product of a rounded byte and d does not leave the range.
+    limit = HALF_MAX * 126 / 128
+    target = search_scale(x, w, nearest, largest(x), factors).clamp_(-limit, limit)
 
     def choose(d: Tensor) -> tuple[Tensor, Tensor, Tensor]:
         middle = (target * reciprocal(d)).round_()
@@ -70,7 +75,7 @@ def _symmetric(
             scales = (middle + step).clamp_(-128, 127)
             effective = product(d, scales)
             values = nearest(x * reciprocal(effective)).mul_(effective)
-            error = squared_error(x, w, values)
+            error = squared_error(x, w, values).nan_to_num_(nan=torch.inf)
             if best_error is None:
                 best, best_error = scales, error
                 continue
@@ -80,12 +85,12 @@ def _symmetric(
         assert best_error is not None
         return d, best, best_error.sum(0)
 
-    # The largest sub-block scale sets the super-block's; two divisors that lie between give the others a second
-    # chance at a better rounding.
+    # The largest sub-block scale sets the super-block's; two divisors that lie between give the others a
+    # second chance at a better rounding.
     top = largest(target)
-    d, scales, error = choose(to_half(top / -128))
+    d, scales, error = choose(to_nonzero_half(top / -128))
     for divisor in (-124.5, -121.0, 127.0):
-        other_d, other_scales, other_error = choose(to_half(top / divisor))
+        other_d, other_scales, other_error = choose(to_nonzero_half(top / divisor))
         better = other_error < error
         d = torch.where(better, other_d, d)
         scales = torch.where(better, other_scales, scales)
@@ -123,7 +128,7 @@ def fp6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     return {"ql": low, "qh": high, "scales": _signed_bytes(scales), "d": half_bytes(d)}
 
 
-# Affine: q2_k, q4_k and q5_k ----------------------------------------------------------------------------------
+# Affine: q2_k, q4_k and q5_k ------------------------------------------------------------------------------
 
 
 def _affine(
@@ -162,8 +167,8 @@ def _affine(
                 best_error = torch.where(better, error, best_error)
         return best_scales, best_minima, best_error.sum(0)
 
-    d = to_half(s.amax(0) / scale_top)
-    dmin = to_half(offset.amax(0) / min_top) * sign
+    d = to_nonzero_half(s.amax(0) / scale_top)
+    dmin = to_nonzero_half(offset.amax(0) / min_top) * sign
     scales = (s * reciprocal(d)).round_().clamp_(0, scale_top)
     minima = (offset * reciprocal(dmin.abs())).round_().clamp_(0, min_top)
     scales, minima, error = choose(d, dmin, scales, minima)
@@ -222,7 +227,7 @@ def q4_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
 
 
 def _six_bit_scales(scales: Tensor, minima: Tensor) -> Tensor:
-    """Eight scales and eight minima of 6 bits in 12 bytes: the upper four of each are split over two places."""
+    """Eight scales and eight minima of 6 bits in 12 bytes; the last four of each are split in two."""
     s, m = scales.to(torch.uint8), minima.to(torch.uint8)
     return torch.cat((s[:4] | s[4:] >> 4 << 6, m[:4] | m[4:] >> 4 << 6, s[4:] & 15 | (m[4:] & 15) << 4)).t()
 
