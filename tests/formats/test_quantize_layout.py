@@ -267,17 +267,22 @@ DECODE: dict[str, Case] = {
 }
 
 
+def hand_made(name: str) -> tuple[Tensor, Tensor]:
+    """The bytes of two blocks, and the values they stand for."""
+    pokes, some, others = DECODE[name]
+    count = 2 * FORMATS[name].elements
+    data = bytearray(weight_bytes(name, 1, count))
+    for position, content in pokes.items():
+        assert position + len(content) <= len(data)
+        data[position : position + len(content)] = content
+    return tensor(data), torch.tensor([some.get(e, others(e)) for e in range(count)], dtype=torch.float32)
+
+
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
 def test_decode_of_hand_made_bytes(name: str) -> None:
-    pokes, some, others = DECODE[name]
-    cols = 2 * FORMATS[name].elements
-    data = bytearray(weight_bytes(name, 1, cols))
-    for position, content in pokes.items():
-        data[position : position + len(content)] = content
-    assert len(data) == weight_bytes(name, 1, cols)
-    expected = torch.tensor([some.get(e, others(e)) for e in range(cols)], dtype=torch.float32)
+    data, expected = hand_made(name)
     for rows in (1, 2):
-        values = dequantize_reference(tensor(data), name, rows, cols // rows)
+        values = dequantize_reference(data, name, rows, len(expected) // rows)
         torch.testing.assert_close(values.flatten(), expected, rtol=0, atol=0)
 
 
