@@ -11,6 +11,7 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
+from quillon._chunks import for_each_chunk
 from quillon.formats import check_shape, field_offsets
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4, iq1s_grid, iq2xxs_grid, ksigns_iq2xs
 
@@ -228,7 +229,7 @@ _DECODERS: dict[str, Callable[[Fields, torch.dtype], Tensor]] = {
 }
 
 _DTYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
-_CHUNK_ELEMENTS = 1 << 18
+_CHUNK_ELEMENTS = 1 << 16
 
 
 def dequantize_reference(
@@ -266,19 +267,20 @@ def dequantize_reference(
     sizes = dict(fmt.fields)
     places = field_offsets(fmt.name, blocks)
     out = torch.empty(blocks, fmt.elements, dtype=dtype)
-    step = _CHUNK_ELEMENTS // fmt.elements
-    for first in range(0, blocks, step):
-        count = min(step, blocks - first)
+
+    def expand(first: int, last: int) -> None:
         fields = {
             name: data.as_strided(
-                (count, sizes[name]), (stride, 1), data.storage_offset() + offset + first * stride
+                (last - first, sizes[name]), (stride, 1), data.storage_offset() + offset + first * stride
             )
             for name, (offset, stride) in places.items()
         }
         values = _DECODERS[fmt.name](fields, dtype)
         if apply_scale and fmt.name == "fp8_e5m2":
             values = values * _float(fields["d"]).to(dtype)
-        out[first : first + count] = values
+        out[first:last] = values
+
+    for_each_chunk(blocks, _CHUNK_ELEMENTS // fmt.elements, expand)
     if dtype == torch.bfloat16:
         # There is one NaN in bfloat16 here, whatever the vectorised conversion makes of it.
         out.view(torch.int16)[out.isnan()] = 0x7FC0

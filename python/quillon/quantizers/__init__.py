@@ -12,6 +12,7 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
+from quillon._chunks import for_each_chunk
 from quillon.formats import check_shape
 from quillon.quantizers import codebook, grid, integer, superblock
 from quillon.quantizers._layout import field_views
@@ -51,7 +52,7 @@ _REACH = {"fp6": 479.0, "fp6_k": 479.0, "fp8_e5m2": 61440.0, "q8_0": 1e15, "fp8_
 _DTYPES = (torch.float32, torch.float16, torch.bfloat16)
 
 # A chunk and the temporaries of a search stay in the second-level cache; larger ones run slower.
-_CHUNK_ELEMENTS = 1 << 19
+_CHUNK_ELEMENTS = 1 << 16
 
 
 def _check_importance(importance: Tensor, cols: int) -> Tensor:
@@ -109,23 +110,23 @@ def quantize(
     views = field_views(data, fmt, blocks)
     reach = _REACH.get(fmt.name, _DEFAULT_REACH)
     rows_per_chunk = max(1, _CHUNK_ELEMENTS // cols)
-    bar = Progress(f"quantize {fmt.name}", rows, progress)
-    w = None
-    for first in range(0, rows, rows_per_chunk):
-        part = weight[first : first + rows_per_chunk].float()
+
+    def pack(first: int, last: int) -> None:
+        part = weight[first:last].float()
         if not bool(part.isfinite().all()):
-            raise ValueError(
-                f"weight must be finite; rows {first} to {first + len(part) - 1} hold NaN or infinity"
-            )
+            raise ValueError(f"weight must be finite; rows {first} to {last - 1} hold NaN or infinity")
         peak = float(part.abs().max())
         if peak > reach:
             raise ValueError(f"weight must be within +-{reach:g} for {fmt.name}, got a magnitude of {peak:g}")
         x = part.view(-1, fmt.elements).t().contiguous()
-        if column_weights is not None and (w is None or w.shape != x.shape):
-            w = column_weights.view(-1, fmt.elements).repeat(len(part), 1).t().contiguous()
+        w = None
+        if column_weights is not None:
+            w = column_weights.view(-1, fmt.elements).repeat(last - first, 1).t().contiguous()
         start = first * cols // fmt.elements
         for name, field in quantizer(x, w).items():
             views[name][start : start + x.shape[1]] = field
-        bar.advance(len(part))
+
+    bar = Progress(f"quantize {fmt.name}", rows, progress)
+    for_each_chunk(rows, rows_per_chunk, pack, bar.advance)
     bar.close()
     return data

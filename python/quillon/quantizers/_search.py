@@ -124,7 +124,8 @@ def search_scale(
     def fit(d: Tensor) -> tuple[Tensor, Tensor]:
         v = nearest(x * reciprocal(d))
         fitted = (wx * v).sum(0) * reciprocal(weighted_sum(w, v, v))
-        return fitted, squared_error(x, w, v.mul_(fitted))
+        residual = torch.addcmul(x, v, fitted, value=-1)
+        return fitted, weighted_sum(w, residual.square_())
 
     best, best_error = fit(base * factors[0])
     for factor in factors[1:]:

@@ -25,7 +25,7 @@ def _factors(*peaks: float) -> tuple[float, ...]:
 
 # The value that the block's largest element is tried at, both ways round: the codes reach one step further
 # down than up. Whole numbers are among them, so that values on such a grid already are found again exactly.
-_FACTORS_4BIT = _factors(*(-4.0 - 0.5 * i for i in range(11)), *(4.0 + 0.5 * i for i in range(9)))
+_FACTORS_4BIT = _factors(*(-5.0 - 0.5 * i for i in range(9)), *(5.5 + 0.5 * i for i in range(6)))
 _FACTORS_5BIT = _factors(*(-10.0 - 0.5 * i for i in range(15)), *(10.0 + 0.5 * i for i in range(13)))
 _FACTORS_8BIT = _factors(
     127, -128, -127.5, 128, 126, 125, 124, 122, 120, -127, -126, -125, -124, -122, -120, -129, -130
