@@ -23,11 +23,12 @@ from importlib.util import find_spec
 from pathlib import Path
 
 import torch
+from torch import Tensor, nn
+
 from quillon.formats import FORMATS, WEIGHT_FORMATS, get_format
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
 from quillon.reference import dequantize_reference
-from torch import Tensor, nn
 
 TEXT = Path(__file__).resolve().parent.parent / "examples" / "text.txt"
 

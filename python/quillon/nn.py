@@ -7,9 +7,9 @@ from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
 import torch
-import vesper_linear
 from torch import Tensor, nn
 
+import vesper_linear
 from quillon.formats import Format, row_multiple, weight_bytes, weight_format
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 import torch
 import weights
+
 from quillon.formats import WEIGHT_FORMATS, row_multiple, weight_bytes
 from quillon.gguf_import import from_gguf
 from quillon.quantizers import quantize

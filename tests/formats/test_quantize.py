@@ -9,11 +9,12 @@ import pytest
 import torch
 from hypothesis import given, settings
 from hypothesis import strategies as st
+from torch import Tensor
+
 from quillon import formats, quantizers
 from quillon.formats import FORMATS, WEIGHT_FORMATS
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
-from torch import Tensor
 
 ALL = pytest.mark.parametrize("name", WEIGHT_FORMATS)
 

@@ -8,12 +8,13 @@ import naive
 import pytest
 import torch
 import weights
+from torch import Tensor
+
 from quillon.formats import WEIGHT_FORMATS
 from quillon.quantizers import quantize
 from quillon.quantizers.codebook import FP6_MAGNITUDES, FP8_E4M3_MAGNITUDES
 from quillon.reference import dequantize_reference
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4
-from torch import Tensor
 
 WEIGHTS = {"normal": weights.normal, "embedding": weights.embedding, "projection": weights.projection}
 

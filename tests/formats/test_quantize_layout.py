@@ -7,11 +7,12 @@ from collections.abc import Callable
 
 import pytest
 import torch
+from torch import Tensor
+
 from quillon.formats import FORMATS, WEIGHT_FORMATS, weight_bytes
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
 from quillon.tables import NF3, NF4, iq1s_grid, iq2xxs_grid, ksigns_iq2xs
-from torch import Tensor
 
 
 def half(*values: float) -> bytes:
