@@ -118,6 +118,11 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     return memory_info();
   }
 
+  bool owns(void* block) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return used_.find(block) != used_.end();
+  }
+
   c10::DeviceIndex find_device(const void* pointer) const {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = used_.find(const_cast<void*>(pointer));
@@ -293,9 +298,21 @@ void delete_block(void* pointer) { device_allocator().give_back(pointer); }
 
 thread_local c10::DeviceIndex redirect_to = -1;
 
+c10::DeleterFnPtr delete_ordinary = nullptr;
+
+void delete_raw(void* pointer) {
+  if (device_allocator().owns(pointer)) {
+    delete_block(pointer);
+  } else {
+    delete_ordinary(pointer);
+  }
+}
+
 class RedirectingCpuAllocator final : public c10::Allocator {
  public:
-  explicit RedirectingCpuAllocator(c10::Allocator* ordinary) : ordinary_(ordinary) {}
+  explicit RedirectingCpuAllocator(c10::Allocator* ordinary) : ordinary_(ordinary) {
+    delete_ordinary = ordinary->raw_deleter();
+  }
 
   c10::DataPtr allocate(size_t size) override {
     if (redirect_to < 0) return ordinary_->allocate(size);
@@ -304,8 +321,9 @@ class RedirectingCpuAllocator final : public c10::Allocator {
     return data;
   }
 
-  // Holds for memory allocated outside the fallback, which is all that raw allocations ever are.
-  c10::DeleterFnPtr raw_deleter() const override { return ordinary_->raw_deleter(); }
+  // PyTorch's oneDNN takes its memory by raw_allocate(), inside the fallback and outside, and keeps some of it from
+  // one call to the next. Only the address tells which kind it is.
+  c10::DeleterFnPtr raw_deleter() const override { return &delete_raw; }
 
   void copy_data(void* destination, const void* source, size_t count) const override {
     ordinary_->copy_data(destination, source, count);

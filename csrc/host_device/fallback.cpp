@@ -219,8 +219,9 @@ class CpuCall {
   }
 
   [[noreturn]] void fail_for_mixture() {
-    const std::string method = "wrapper_XPU_" + op_.schema().overload_name() + "_" +
-                               op_.schema().name().substr(op_.schema().name().find("::") + 2);
+    const std::string& overload = op_.schema().overload_name();
+    const std::string method = "wrapper_XPU_" + op_.schema().name().substr(op_.schema().name().find("::") + 2) +
+                               (overload.empty() ? "" : "_" + overload);
     std::optional<Device> common;
     for (const ArgumentTraits& argument : traits_.arguments) {
       if (argument.kind != ArgumentKind::kTensors || argument.any_device) continue;

@@ -164,6 +164,21 @@ TORCH_LIBRARY_IMPL(aten, XPU, m) {
                            "scaled_dot_product_attention"}) {
     m.impl(name, torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
   }
+
+  // PyTorch prefers an operator's device-independent form to a fallback. Where the CPU has a kernel of its own, that
+  // form is the slower one, and rounds differently.
+  auto& dispatcher = c10::Dispatcher::singleton();
+  for (const c10::OperatorName& name : dispatcher.getAllOpNames()) {
+    if (name.getNamespace() != "aten") continue;
+    const auto op = dispatcher.findOp(name);
+    if (!op || op->hasKernelForDispatchKey(c10::DispatchKey::XPU)) continue;
+    const bool has_device_independent_form =
+        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutograd) ||
+        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutogradNonFunctional);
+    if (has_device_independent_form && op->hasKernelForDispatchKey(c10::DispatchKey::CPU)) {
+      m.impl(toString(name).c_str(), torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
+    }
+  }
 }
 
 TORCH_LIBRARY_IMPL(aten, AutogradXPU, m) {
