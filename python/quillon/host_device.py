@@ -200,6 +200,8 @@ def _connect_torch(native: ModuleType) -> None:
     xpu._XpuDeviceProperties = native._XpuDeviceProperties
     xpu._exchange_device = native._xpu_exchangeDevice
     xpu._maybe_exchange_device = native._xpu_maybeExchangeDevice
+    # It would count the GPUs that the machine may have all the same.
+    xpu._device_count_zes = lambda: -1
     xpu._is_in_bad_fork = native._xpu_isInBadFork
     # The bases of its classes have changed.
     importlib.reload(xpu.streams)
