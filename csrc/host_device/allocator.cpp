@@ -9,6 +9,7 @@
 #include <c10/util/flat_hash_map.h>
 #include <c10/util/llvmMathExtras.h>
 #include <c10/xpu/XPUCachingAllocator.h>
+#include <sys/mman.h>
 
 #include <cstdio>
 #include <map>
@@ -26,6 +27,7 @@ using c10::CachingAllocator::StatType;
 using c10::CachingDeviceAllocator::DeviceStats;
 
 constexpr size_t kAlignment = 64;    // a cache line, and the widest vector of the CPU device
+constexpr size_t kHugePage = size_t{2} << 20;
 constexpr size_t kSmallClass = 512;  // smallest block
 // The memory is the machine's own. Beyond this much of it idle in the cache, freed blocks go back to the system.
 constexpr size_t kMaxIdleBytes = size_t{2} << 30;
@@ -57,6 +59,15 @@ void increase(c10::CachingAllocator::StatArray& stat, size_t amount) {
 }
 void decrease(c10::CachingAllocator::StatArray& stat, size_t amount) {
   stat[static_cast<size_t>(StatType::AGGREGATE)].decrease(amount);
+}
+
+// Large blocks are mostly weights, read from end to end: fewer, larger pages spare the processor address look-ups.
+void ask_for_huge_pages(void* pointer, size_t size) {
+  if (size < kHugePage) return;
+  const auto start = reinterpret_cast<uintptr_t>(pointer);
+  const uintptr_t first = (start + kHugePage - 1) / kHugePage * kHugePage, last = (start + size) / kHugePage * kHugePage;
+  // Only a hint: where the system has no such pages, nothing is lost.
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
 }
 
 void delete_block(void* pointer);
@@ -206,6 +217,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
                        static_cast<int>(device), "; the machine has ", free_bytes, " of ", total_bytes,
                        " bytes free.");
     }
+    ask_for_huge_pages(pointer, size);
     ++stats.num_device_alloc;
     increase(stats.segment, 1);
     increase(stats.reserved_bytes, size);
