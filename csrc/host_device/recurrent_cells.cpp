@@ -1,5 +1,6 @@
-// The fused LSTM and GRU cells: PyTorch calls them for every device that is not the CPU, and so has no CPU kernel for
-// them. Written out in plain operators. A workspace is whatever the backward half needs; nobody else reads it.
+// The fused LSTM and GRU cells: PyTorch calls them for every device that is not the CPU, and so has no CPU
+// kernel for them. Written out in plain operators. A workspace is whatever the backward half needs; nobody
+// else reads it.
 #include <ATen/ATen.h>
 #include <torch/library.h>
 
@@ -13,12 +14,17 @@ Tensor add_bias(const Tensor& gates, const Bias& bias) {
   return bias && bias->defined() ? gates + *bias : gates;
 }
 
-Tensor sigmoid_slope(const Tensor& value) { return value * (1 - value); }
-Tensor tanh_slope(const Tensor& value) { return 1 - value * value; }
+Tensor sigmoid_slope(const Tensor& value) {
+  return value * (1 - value);
+}
+Tensor tanh_slope(const Tensor& value) {
+  return 1 - value * value;
+}
 
 /// Returns (hy, cy, workspace). The workspace is [i, f, g, o], each after its activation.
-std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Tensor& hidden_gates, const Tensor& cx,
-                                             const Bias& input_bias, const Bias& hidden_bias) {
+std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Tensor& hidden_gates,
+                                             const Tensor& cx, const Bias& input_bias,
+                                             const Bias& hidden_bias) {
   const auto gates = (add_bias(input_gates, input_bias) + add_bias(hidden_gates, hidden_bias)).chunk(4, 1);
   const Tensor i = gates[0].sigmoid(), f = gates[1].sigmoid(), g = gates[2].tanh(), o = gates[3].sigmoid();
   Tensor cy = f * cx + i * g;
@@ -29,7 +35,8 @@ std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Te
 /// Returns (grad_gates, grad_cx, grad_bias).
 std::tuple<Tensor, Tensor, Tensor> lstm_cell_backward(const std::optional<Tensor>& grad_hy,
                                                       const std::optional<Tensor>& grad_cy, const Tensor& cx,
-                                                      const Tensor& cy, const Tensor& workspace, bool has_bias) {
+                                                      const Tensor& cy, const Tensor& workspace,
+                                                      bool has_bias) {
   const bool has_hy = grad_hy && grad_hy->defined(), has_cy = grad_cy && grad_cy->defined();
   if (!has_hy && !has_cy) return {};
   const auto parts = workspace.chunk(4, 1);
@@ -58,8 +65,8 @@ std::tuple<Tensor, Tensor> gru_cell(const Tensor& input_gates, const Tensor& hid
 }
 
 /// Returns (grad_input_gates, grad_hidden_gates, grad_hx, grad_input_bias, grad_hidden_bias).
-std::tuple<Tensor, Tensor, Tensor, Tensor, Tensor> gru_cell_backward(const Tensor& grad_hy, const Tensor& workspace,
-                                                                     bool has_bias) {
+std::tuple<Tensor, Tensor, Tensor, Tensor, Tensor> gru_cell_backward(const Tensor& grad_hy,
+                                                                     const Tensor& workspace, bool has_bias) {
   const auto parts = workspace.chunk(5, 1);
   const Tensor &r = parts[0], &z = parts[1], &n = parts[2], &hx = parts[3], &hidden_n = parts[4];
   const Tensor grad_n = grad_hy * (1 - z) * tanh_slope(n);
