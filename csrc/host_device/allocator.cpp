@@ -45,7 +45,7 @@ struct Block {
   size_t requested;  // by the caller
   c10::DeviceIndex device;
   c10::StreamId stream;
-  std::vector<c10::StreamId> other_streams;  // from record_stream
+  std::vector<c10::Stream> other_streams;  // from record_stream
 };
 
 struct DeferredBlock {
@@ -108,7 +108,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     Block& block = found->second;
     if (stream.id() == block.stream && stream.device_index() == block.device) return;
     auto& others = block.other_streams;
-    if (std::find(others.begin(), others.end(), stream.id()) == others.end()) others.push_back(stream.id());
+    if (std::find(others.begin(), others.end(), stream) == others.end()) others.push_back(stream);
   }
 
   void emptyCache(c10::MempoolId_t /*pool*/) override {
@@ -170,10 +170,8 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
       return;
     }
     DeferredBlock deferred{pointer, block, {}};
-    for (c10::StreamId id : block.other_streams) {
-      const c10::xpu::XPUStream stream(
-          c10::Stream(c10::Stream::UNSAFE, c10::Device(c10::kXPU, block.device), id));
-      deferred.events.push_back(stream.queue().ext_oneapi_submit_barrier());
+    for (const c10::Stream& stream : block.other_streams) {
+      deferred.events.push_back(c10::xpu::XPUStream(stream).queue().ext_oneapi_submit_barrier());
     }
     deferred_.push_back(std::move(deferred));
   }

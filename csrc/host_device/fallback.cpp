@@ -24,7 +24,7 @@
 #include <torch/library.h>
 
 #include <cstring>
-#include <mutex>
+#include <memory>
 
 #include "generator.h"
 #include "host_device.h"
@@ -101,28 +101,30 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
   }
 }
 
-const OperatorTraits& make_traits(const c10::FunctionSchema& schema) {
-  static auto& mutex = *new std::mutex();
-  static auto& all = *new std::unordered_map<const c10::FunctionSchema*, OperatorTraits>();
-  std::lock_guard<std::mutex> lock(mutex);
-  const auto [entry, is_new] = all.try_emplace(&schema);
-  if (!is_new) return entry->second;
+OperatorTraits make_traits(const c10::FunctionSchema& schema) {
+  OperatorTraits traits;
   for (size_t i = 0; i < schema.arguments().size(); ++i) {
     const c10::Argument& argument = schema.arguments()[i];
     if (const auto kind = kind_of(argument)) {
       const bool written = argument.alias_info() && argument.alias_info()->isWrite();
-      entry->second.arguments.push_back(
-          {static_cast<uint32_t>(i), *kind, written, may_be_on_any_device(schema.name(), argument.name())});
+      const bool any_device = may_be_on_any_device(schema.name(), argument.name());
+      traits.arguments.push_back({static_cast<uint32_t>(i), *kind, written, any_device});
     }
   }
-  return entry->second;
+  return traits;
 }
 
-const OperatorTraits& traits_of(const c10::FunctionSchema& schema) {
-  thread_local ska::flat_hash_map<const c10::FunctionSchema*, const OperatorTraits*> known;
-  const OperatorTraits*& traits = known[&schema];
-  if (!traits) traits = &make_traits(schema);
+/// The traits of one of PyTorch's own operators, worked out once per thread. Their schemas live as long as
+/// the process; those of other libraries come and go, and a new one may have the address of an old one.
+const OperatorTraits& traits_of_builtin(const c10::FunctionSchema& schema) {
+  thread_local ska::flat_hash_map<const c10::FunctionSchema*, std::unique_ptr<const OperatorTraits>> known;
+  auto& traits = known[&schema];
+  if (!traits) traits = std::make_unique<const OperatorTraits>(make_traits(schema));
   return *traits;
+}
+
+bool is_builtin(const c10::FunctionSchema& schema) {
+  return schema.name().compare(0, 6, "aten::") == 0;
 }
 
 template <typename Visit>
@@ -450,7 +452,13 @@ void refuse_quantized(const c10::OperatorHandle& op, Stack*) {
 }  // namespace
 
 void run_on_cpu(const c10::OperatorHandle& op, Stack* stack) {
-  CpuCall(op, traits_of(op.schema()), *stack).run();
+  const c10::FunctionSchema& schema = op.schema();
+  if (is_builtin(schema)) {
+    CpuCall(op, traits_of_builtin(schema), *stack).run();
+  } else {
+    const OperatorTraits traits = make_traits(schema);
+    CpuCall(op, traits, *stack).run();
+  }
 }
 
 void refuse_nested(const c10::OperatorHandle& op, Stack*) {

@@ -61,27 +61,34 @@ struct NoMemory final : c10::Allocator {
   at::Device device_;
 };
 
+c10::Allocator* no_memory_of(c10::DeviceIndex device) {
+  // Storages keep the pointer, so these live for ever.
+  static auto& allocators = *new std::vector<NoMemory>([] {
+    std::vector<NoMemory> made;
+    for (c10::DeviceIndex i = 0; i < kMaxDevices; ++i) made.emplace_back(at::Device(c10::kXPU, i));
+    return made;
+  }());
+  return &allocators[device];
+}
+
 at::Tensor efficientzerotensor(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device,
                                std::optional<bool> pin_memory) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
-  NoMemory allocator(guard.current_device());
-  at::Tensor zeros = at::detail::empty_generic(size, &allocator,
-                                               kXpuKeys | c10::DispatchKeySet(c10::DispatchKey::ZeroTensor),
-                                               at::dtype_or_default(dtype), std::nullopt);
-  return zeros;
+  return at::detail::empty_generic(size, no_memory_of(guard.current_device().index()),
+                                   kXpuKeys | c10::DispatchKeySet(c10::DispatchKey::ZeroTensor),
+                                   at::dtype_or_default(dtype), std::nullopt);
 }
 
 at::Tensor& set_source_storage(at::Tensor& self, at::Storage source, int64_t offset, at::IntArrayRef size,
                                at::IntArrayRef stride) {
   at::native::checkSetStorage(self, source, offset, size, stride);
   self.unsafeGetTensorImpl()->set_storage_offset(offset);
-  const std::optional<at::IntArrayRef> strides = stride.data() ? std::optional(stride) : std::nullopt;
-  if (strides) {
-    self.unsafeGetTensorImpl()->set_sizes_and_strides(size, *strides);
-  } else {
-    self.unsafeGetTensorImpl()->set_sizes_contiguous(size);
-  }
+  // A storage that is too small grows, and takes along what is in it.
+  const auto guard = guard_for(self.device());
+  wait_for_current_stream(self.get_device());
+  at::native::resize_impl_cpu_(self.unsafeGetTensorImpl(), size,
+                               stride.data() ? at::OptionalIntArrayRef(stride) : std::nullopt);
   return self;
 }
 

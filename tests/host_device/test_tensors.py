@@ -170,6 +170,9 @@ def test_resize_and_set() -> None:
     assert y.data_ptr() == x.data_ptr()
     y.set_(x.untyped_storage(), 2, (2,), (3,))
     assert y.tolist() == [2.0, 5.0]
+    y.set_(torch.arange(3.0, device=DEVICE).untyped_storage(), 1, (4,), (1,))  # grows the storage
+    assert y.untyped_storage().nbytes() == 20
+    assert y[:2].tolist() == [1.0, 2.0]
     y.set_()
     assert y.numel() == 0
     x.data = torch.ones(2, device=DEVICE)
@@ -193,6 +196,27 @@ def test_several_results_that_share_memory() -> None:
     assert parts.S.tolist() == [2.0] * 4
     count = torch.unique(torch.tensor([3, 1, 3], device=DEVICE), return_counts=True)
     assert [t.tolist() for t in count] == [[1, 3], [1, 2]]
+
+
+def test_operators_of_other_libraries_fall_back() -> None:
+    for factor in (2, 3):  # a second library in the place of the first
+        with torch.library._scoped_library("host_device_test", "FRAGMENT") as library:
+            library.define(
+                "scale(Tensor x) -> Tensor" if factor == 2 else "scale(int n, Tensor[] x) -> Tensor[]"
+            )
+            if factor == 2:
+                library.impl("scale", lambda x: x * 2, "CPU")
+                assert torch.ops.host_device_test.scale(matrix()).device == DEVICE
+            else:
+                library.impl("scale", lambda n, x: [item * n for item in x], "CPU")
+                (result,) = torch.ops.host_device_test.scale(3, [matrix()])
+                assert result.device == DEVICE
+                assert result.sum().item() == 45
+
+
+def test_missing_cpu_kernel_is_an_error() -> None:
+    with pytest.raises(NotImplementedError, match="Could not run 'aten::_fused_dropout'"):
+        torch._fused_dropout(matrix(), 0.5)
 
 
 def test_scalars_and_printing() -> None:
