@@ -4,7 +4,7 @@
 device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
 """
 
-from quillon import host_device as _host_device_startup
+from quillon import host_device
 
 _host_device_startup.start()
 
