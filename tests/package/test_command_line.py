@@ -63,6 +63,7 @@ def test_quantize_a_file(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> 
 
 
 def test_runs_as_a_module() -> None:
-    run = subprocess.run([sys.executable, "-m", "quillon", "formats", "q4_0"], capture_output=True, text=True, check=True)
+    command = [sys.executable, "-m", "quillon", "formats", "q4_0"]
+    run = subprocess.run(command, capture_output=True, text=True, check=True)
     assert run.stdout.startswith("q4_0 ")
     assert run.stderr == ""
