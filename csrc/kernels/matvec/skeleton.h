@@ -1,15 +1,18 @@
-// What the matrix-vector kernels share: how K is dealt out, how the partial sums of a work-group meet, and the write.
+// What the matrix-vector kernels share: how K is dealt out, how the partial sums of a work-group meet, and
+// the write.
 //
-// A work-group owns ROW_TILE output rows. The row of K elements is cut into chunks, and chunk c goes to work-item
-// c mod WG_SIZE, so a round of the work-group covers WG_SIZE neighbouring chunks of each of its rows:
+// A work-group owns ROW_TILE output rows. The row of K elements is cut into chunks, and chunk c goes to
+// work-item c mod WG_SIZE, so a round of the work-group covers WG_SIZE neighbouring chunks of each of its
+// rows:
 //
 //             K ──►
-//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        one accumulator for each row and work-item,
-//   row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        of type T, like every product and sum
+//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        one accumulator for each row and
+//   work-item, row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        of type T, like every
+//   product and sum
 //              └───────── round 0 ────────┘ └─ round 1 ...
 //
-// The activations of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds the
-// work-items' accumulators, and work-item 0 writes.
+// The activations of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds
+// the work-items' accumulators, and work-item 0 writes.
 #pragma once
 
 #include <sycl/accessor.hpp>
@@ -24,9 +27,9 @@
 
 namespace quillon {
 
-// Calls `body(c)` for the first chunk c of each round in which work-item `item` has a chunk; its own is c + item. The
-// rounds in which every work-item has one come first and have a uniform count: a CPU device runs them unmasked, which
-// halves the time of a kernel there.
+// Calls `body(c)` for the first chunk c of each round in which work-item `item` has a chunk; its own is c +
+// item. The rounds in which every work-item has one come first and have a uniform count: a CPU device runs
+// them unmasked, which halves the time of a kernel there.
 template <int CHUNK, int WG_SIZE, typename Body>
 inline void for_each_round(uint64_t state_size, int item, Body body) {
   const auto chunks = static_cast<int32_t>(state_size / CHUNK);
@@ -35,9 +38,10 @@ inline void for_each_round(uint64_t state_size, int item, Body body) {
   if (full + item < chunks) body(full);
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, eight bytes at a time: fewer and wider loads than element by
-// element, at no more than the alignment that a tensor's data is sure to have. The base is the same for the whole
-// work-group and comes apart from the work-item's offset, because a CPU device then gathers with 32-bit offsets.
+// Loads COUNT neighbouring elements from `base + offset`, eight bytes at a time: fewer and wider loads than
+// element by element, at no more than the alignment that a tensor's data is sure to have. The base is the
+// same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
+// gathers with 32-bit offsets.
 template <typename T, int COUNT>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
   constexpr int PER_WORD = 8 / sizeof(T);
@@ -52,8 +56,9 @@ inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
   }
 }
 
-// The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where the next
-// row does not exist: the surplus rows of the last work-group read the last row again instead of what lies behind it.
+// The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where
+// the next row does not exist: the surplus rows of the last work-group read the last row again instead of
+// what lies behind it.
 template <int ROW_TILE>
 struct row_steps {
   int32_t step[ROW_TILE];
@@ -64,14 +69,16 @@ struct row_steps {
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t, item) of
-// `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist.
-template <typename T, int WG_SIZE, int ROW_TILE>
-inline void reduce_and_write(const sycl::nd_item<1>& place, const T (&acc)[ROW_TILE],
-                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size, T* output) {
+// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
+// item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
+// lane<T>.
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum>
+inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
+                             T* output) {
   const int item = static_cast<int>(place.get_local_id(0));
 #pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = acc[t];
+  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = convert<T>(acc[t]);
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
