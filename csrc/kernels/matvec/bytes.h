@@ -13,11 +13,10 @@ template <typename T, typename Value>
 inline lane<T> sum_bytes(const activations<T, 8>& chunk, uint64_t codes, Value value) {
   const uint32_t half_words[2] = {static_cast<uint32_t>(codes), static_cast<uint32_t>(codes >> 32)};
   lane<T> s;
-#pragma unroll
-  for (int i = 0; i < 8; ++i) {
+  unrolled<8>([&](auto i) {
     const lane<T> factor = value((half_words[i / 4] >> (8 * (i % 4))) & 0xFF);
     s = i == 0 ? chunk.v[0] * factor : s + chunk.v[i] * factor;
-  }
+  });
   return s;
 }
 

@@ -59,8 +59,7 @@ struct load_neighbours {
     activations<T, CHUNK> chunk;
     T elements[CHUNK];
     load_elements(base, CHUNK * item, elements);
-#pragma unroll
-    for (int i = 0; i < CHUNK; ++i) chunk.v[i] = to_lane(elements[i]);
+    unrolled<CHUNK>([&](auto i) { chunk.v[i] = to_lane(elements[i]); });
     return chunk;
   }
 };
@@ -76,17 +75,15 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
 
   lane<T> acc[ROW_TILE];
-#pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) acc[t] = integer_lane<T>(0);
+  unrolled<ROW_TILE>([&](auto t) { acc[t] = integer_lane<T>(0); });
 
   const auto add_round = [&](int32_t c) {
     const auto chunk = load_chunk(input + CHUNK * c, item);
     chunk_place<CHUNK, BLOCK> at{first_block + c * CHUNK / BLOCK, item};
-#pragma unroll
-    for (int t = 0; t < ROW_TILE; ++t) {
+    unrolled<ROW_TILE>([&](auto t) {
       add_row(acc[t], chunk, at);
       at.block += to_next_row.step[t];
-    }
+    });
   };
   if constexpr (TAIL == tail_round::summed)
     for_each_round<CHUNK, WG_SIZE>(state_size, item, add_round);

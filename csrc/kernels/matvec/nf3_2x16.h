@@ -33,12 +33,11 @@ void qlinear_xpu_kernel_nf3_2x16(uint64_t state_size, const uint8_t* weight, int
         const uint32_t top = load<uint16_t>(first + (block + 2 * quarter));
         const uint32_t low = load<uint32_t, 4>(first + (block + 8 + 4 * quarter));
         lane<T> s;
-#pragma unroll
-        for (int i = 0; i < 16; ++i) {
+        unrolled<16>([&](auto i) {
           const uint32_t code = (((top >> i) & 1) << 2) | ((low >> (8 * (i / 4) + 6 - 2 * (i % 4))) & 3);
           const lane<T> value = rounded_lane<T>(dequantNF3[code]);
           s = i == 0 ? chunk.v[0] * value : s + chunk.v[i] * value;
-        }
+        });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
       });
 }

@@ -32,11 +32,10 @@ struct load_split {
     load_elements(base, x, first);
     load_elements(base, x + DISTANCE, second);
     activations<T, 16> chunk;
-#pragma unroll
-    for (int i = 0; i < 8; ++i) {
+    unrolled<8>([&](auto i) {
       chunk.v[2 * i] = to_lane(first[i]);
       chunk.v[2 * i + 1] = to_lane(second[i]);
-    }
+    });
     return chunk;
   }
 };
@@ -52,14 +51,13 @@ inline lane<T> sum_nibbles(const activations<T, 16>& chunk, uint64_t quants, Val
   constexpr int FIRST = ORDER == nibble_order::low_first ? 0 : 4;
   const uint32_t half_words[2] = {static_cast<uint32_t>(quants), static_cast<uint32_t>(quants >> 32)};
   lane<T> s;
-#pragma unroll
-  for (int i = 0; i < 8; ++i) {
+  unrolled<8>([&](auto i) {
     const uint32_t byte = half_words[i / 4] >> (8 * (i % 4));
     const lane<T> first = value(static_cast<int>((byte >> FIRST) & 15));
     const lane<T> second = value(static_cast<int>((byte >> (4 - FIRST)) & 15));
     s = i == 0 ? chunk.v[0] * first : s + chunk.v[2 * i] * first;
     s = s + chunk.v[2 * i + 1] * second;
-  }
+  });
   return s;
 }
 

@@ -32,8 +32,7 @@ void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, in
         activations_and_sum loaded;
         loaded.chunk = load_split<T>{}(base, item);
         loaded.sum = loaded.chunk.v[0];
-#pragma unroll
-        for (int i = 1; i < 16; ++i) loaded.sum = loaded.sum + loaded.chunk.v[i];
+        unrolled<15>([&](auto i) { loaded.sum = loaded.sum + loaded.chunk.v[i + 1]; });
         return loaded;
       },
       [=](lane<T>& acc, const activations_and_sum& loaded, const chunk_place<16>& at) {

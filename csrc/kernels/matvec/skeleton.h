@@ -21,11 +21,23 @@
 #include <sycl/ext/oneapi/kernel_properties/properties.hpp>
 #include <sycl/group_barrier.hpp>
 #include <sycl/nd_item.hpp>
+#include <utility>
 
 #include "formats/packed_bits.h"
 #include "runtime/scalar_types.h"
 
 namespace quillon {
+
+// Calls `body(i)` for i = 0 to COUNT - 1 with a constant of the type system. A loop would leave private arrays that it
+// indexes in memory: the compiler decides which arrays become registers before it unrolls.
+template <int... I, typename Body>
+inline void unrolled(std::integer_sequence<int, I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(std::make_integer_sequence<int, COUNT>{}, body);
+}
 
 // Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk; that of a
 // work-item is c + item. Returns the number of chunks in these rounds.
@@ -56,12 +68,10 @@ inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
   struct word {
     T element[PER_WORD];
   };
-#pragma unroll
-  for (int i = 0; i < COUNT; i += PER_WORD) {
-    const word loaded = bit_cast<word>(load<bits, sizeof(T)>(base + offset + i));
-#pragma unroll
-    for (int j = 0; j < PER_WORD; ++j) to[i + j] = loaded.element[j];
-  }
+  unrolled<COUNT / PER_WORD>([&](auto i) {
+    const word loaded = bit_cast<word>(load<bits, sizeof(T)>(base + offset + i * PER_WORD));
+    unrolled<PER_WORD>([&](auto j) { to[i * PER_WORD + j] = loaded.element[j]; });
+  });
 }
 
 // The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where
@@ -72,8 +82,7 @@ struct row_steps {
   int32_t step[ROW_TILE];
 
   row_steps(uint64_t row0, uint64_t output_size, int32_t row_length) {
-#pragma unroll
-    for (int t = 0; t < ROW_TILE; ++t) step[t] = row0 + t + 1 < output_size ? row_length : 0;
+    unrolled<ROW_TILE>([&](auto t) { step[t] = row0 + t + 1 < output_size ? row_length : 0; });
   }
 };
 
@@ -85,8 +94,7 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
                              Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
-#pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = convert<T>(acc[t]);
+  unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + item] = convert<T>(acc[t]); });
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
