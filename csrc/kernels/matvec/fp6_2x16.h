@@ -14,8 +14,7 @@
 //   scales      | d half |                          W = d * fp6(e); d is applied to the sum of a chunk
 #pragma once
 
-#include "formats/small_floats.h"
-#include "kernels/matvec/chunks.h"
+#include "kernels/matvec/six_bits.h"
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
@@ -27,20 +26,8 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE>(
       state_size, input, local, output_size, output, load_neighbours<T, 16>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const uint32_t high = at.word_of_chunk<uint32_t>(high_plane);
-        const uint64_t low_words = at.word_of_chunk<uint64_t>(low_plane);
-        const uint32_t low_word[2] = {static_cast<uint32_t>(low_words),
-                                      static_cast<uint32_t>(low_words >> 32)};
-        lane<T> s;
-        unrolled<4>([&](auto step) {
-          const uint32_t codes = fp6_step_codes(high << (2 * step), low_word[step / 2] << (4 * (step % 2)));
-          unrolled<4>([&](auto i) {
-            constexpr int LANES[4] = {0, 2, 1, 3};
-            const half value = half_from_bits(fp6_half_bits(codes >> (8 * LANES[i])));
-            const lane<T> a = chunk.v[4 * step + fp6_element_of_lane(LANES[i])];
-            s = step + i == 0 ? a * exact_lane<T>(value) : s + a * exact_lane<T>(value);
-          });
-        });
+        const lane<T> s =
+            sum_fp6(chunk, at.word_of_chunk<uint32_t>(high_plane), at.word_of_chunk<uint64_t>(low_plane));
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
       });
 }

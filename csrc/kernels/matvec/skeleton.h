@@ -39,29 +39,37 @@ inline void unrolled(Body&& body) {
   unrolled(std::make_integer_sequence<int, COUNT>{}, body);
 }
 
-// Calls `body(c)` for the first chunk c of each round in which work-item `item` has a chunk; its own is c +
-// item. The rounds in which every work-item has one come first and have a uniform count: a CPU device runs
-// them unmasked, which halves the time of a kernel there.
+// Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk; that of a
+// work-item is c + item. Returns the number of chunks in these rounds.
 template <int CHUNK, int WG_SIZE, typename Body>
-inline void for_each_round(uint64_t state_size, int item, Body body) {
-  const auto chunks = static_cast<int32_t>(state_size / CHUNK);
-  const int32_t full = chunks / WG_SIZE * WG_SIZE;
-  for (int32_t c = 0; c < full; c += WG_SIZE) body(c);
-  if (full + item < chunks) body(full);
+inline int32_t for_each_full_round(uint64_t state_size, Body body) {
+  const int32_t chunks = static_cast<int32_t>(state_size / CHUNK) / WG_SIZE * WG_SIZE;
+  for (int32_t c = 0; c < chunks; c += WG_SIZE) body(c);
+  return chunks;
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, eight bytes at a time: fewer and wider loads than
+// The same, and the round behind them in which only the first work-items have a chunk. The full rounds come
+// first and have a uniform count: a CPU device runs them unmasked, which halves the time of a kernel there.
+template <int CHUNK, int WG_SIZE, typename Body>
+inline void for_each_round(uint64_t state_size, int item, Body body) {
+  const int32_t full = for_each_full_round<CHUNK, WG_SIZE>(state_size, body);
+  if (full + item < static_cast<int32_t>(state_size / CHUNK)) body(full);
+}
+
+// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads than
 // element by element, at no more than the alignment that a tensor's data is sure to have. The base is the
 // same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
 // gathers with 32-bit offsets.
 template <typename T, int COUNT>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
-  constexpr int PER_WORD = 8 / sizeof(T);
+  constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
+  constexpr int PER_WORD = BYTES / sizeof(T);
+  using bits = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
   struct word {
     T element[PER_WORD];
   };
   unrolled<COUNT / PER_WORD>([&](auto i) {
-    const word loaded = bit_cast<word>(load<uint64_t, sizeof(T)>(base + offset + i * PER_WORD));
+    const word loaded = bit_cast<word>(load<bits, sizeof(T)>(base + offset + i * PER_WORD));
     unrolled<PER_WORD>([&](auto j) { to[i * PER_WORD + j] = loaded.element[j]; });
   });
 }
@@ -80,11 +88,11 @@ struct row_steps {
 
 // Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
 // item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
-// lane<T>.
-template <typename T, int WG_SIZE, int ROW_TILE, typename Sum>
+// lane<T>, `Out` the type of the result.
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
 inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
-                             T* output) {
+                             Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
   unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + item] = convert<T>(acc[t]); });
   sycl::group_barrier(place.get_group());
@@ -97,7 +105,8 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW
     sycl::group_barrier(place.get_group());
   }
   if (item == 0) {
-    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t) output[row0 + t] = local[t * WG_SIZE];
+    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
+      output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
 }
 
