@@ -37,6 +37,9 @@ struct wide_bfloat16 {
   friend constexpr wide_bfloat16 operator+(wide_bfloat16 a, wide_bfloat16 b) {
     return exact(round(a.value + b.value));
   }
+  friend constexpr wide_bfloat16 operator-(wide_bfloat16 a, wide_bfloat16 b) {
+    return exact(round(a.value - b.value));
+  }
   friend constexpr wide_bfloat16 operator*(wide_bfloat16 a, wide_bfloat16 b) {
     return exact(round(a.value * b.value));
   }

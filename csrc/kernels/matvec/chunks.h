@@ -1,6 +1,6 @@
 // The body of the matrix-vector kernels that deal out K in chunks of 8 or 16 elements: all formats with
-// 64-element blocks but q5_0 and q5_1. A kernel names its chunk and says in two functions what its format
-// adds:
+// 64-element blocks but q5_0 and q5_1, and q4_k, q6_k and fp6_k with blocks of 256. A kernel names its chunk
+// and says in two functions what its format adds:
 //
 //   load_chunk(base, item)       the activations of the work-item's chunk, loaded once for all rows; `base`
 //   points at
@@ -15,13 +15,17 @@
 
 namespace quillon {
 
+// Whether the chunks that remain when every work-item has had the same number of them are summed: the kernels
+// of q4_k and q6_k leave them out.
+enum class tail_round { summed, dropped };
+
 // Where the chunk of one work-item lies in one row: block `block + item / CHUNKS_PER_BLOCK` of the weight,
 // where `block` is the same for the whole work-group. Addresses keep to "common base, plus work-item":
 // neighbouring work-items then read neighbouring words, and a CPU device loads those of a sub-group as one
 // vector.
-template <int CHUNK>
+template <int CHUNK, int BLOCK = 64>
 struct chunk_place {
-  static constexpr int CHUNKS_PER_BLOCK = 64 / CHUNK;
+  static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
   int64_t block;
   int item;
 
@@ -30,10 +34,15 @@ struct chunk_place {
   Word word_of_chunk(const void* region) const {
     return (static_cast<const Word*>(region) + block * CHUNKS_PER_BLOCK)[item];
   }
+  // The entry of a region that holds one for each CHUNKS neighbouring chunks.
+  template <typename Entry, int CHUNKS>
+  Entry entry_of_chunks(const void* region) const {
+    return (static_cast<const Entry*>(region) + block * (CHUNKS_PER_BLOCK / CHUNKS))[item / CHUNKS];
+  }
   // The block's entry of a region that holds one for each block.
   template <typename Entry>
   Entry entry_of_block(const void* region) const {
-    return (static_cast<const Entry*>(region) + block)[item / CHUNKS_PER_BLOCK];
+    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
   }
 };
 
@@ -74,6 +83,18 @@ inline lane<T> sum_products(const activations<T, CHUNK>& chunk, Value value) {
   return sum_products(chunk, value, first_constants<CHUNK>{});
 }
 
+// The plain sum of a chunk's activations, in the same order.
+template <typename T, int CHUNK, int... I>
+inline lane<T> sum_activations(const activations<T, CHUNK>& chunk, constants<0, I...>) {
+  lane<T> sum = chunk.v[0];
+  ((sum = sum + chunk.v[I]), ...);
+  return sum;
+}
+template <typename T, int CHUNK>
+inline lane<T> sum_activations(const activations<T, CHUNK>& chunk) {
+  return sum_activations(chunk, first_constants<CHUNK>{});
+}
+
 // A chunk's codes of four or eight bits, shifted out of 32-bit halves of its word: a CPU device has twice as
 // many of those in a register.
 struct chunk_codes {
@@ -86,16 +107,16 @@ struct chunk_codes {
 };
 
 // One round of a work-item: the chunk's activations meet the weight's chunk in each row of the tile.
-template <int ROW_TILE, typename Sum, typename Chunk, int CHUNK, typename AddRow, int... ROW>
-inline void add_rows(Sum (&acc)[ROW_TILE], const Chunk& chunk, chunk_place<CHUNK> at,
+template <int ROW_TILE, typename Sum, typename Chunk, typename Place, typename AddRow, int... ROW>
+inline void add_rows(Sum (&acc)[ROW_TILE], const Chunk& chunk, Place at,
                      const row_steps<ROW_TILE>& to_next_row, AddRow add_row, constants<ROW...>) {
   ((add_row(acc[ROW], chunk, at), at.block += to_next_row.step[ROW]), ...);
 }
 
-template <typename T, int CHUNK, int WG_SIZE, int ROW_TILE, typename LoadChunk, typename AddRow>
+template <typename T, int CHUNK, int WG_SIZE, int ROW_TILE, int BLOCK = 64,
+          tail_round TAIL = tail_round::summed, typename LoadChunk, typename AddRow>
 inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
                             uint64_t output_size, T* output, LoadChunk load_chunk, AddRow add_row) {
-  constexpr int BLOCK = 64;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const int item = static_cast<int>(place.get_local_id(0));
   const uint64_t row0 = place.get_group(0) * ROW_TILE;
@@ -103,11 +124,15 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
 
   lane<T> acc[ROW_TILE] = {};
-  for_each_round<CHUNK, WG_SIZE>(state_size, item, [&](int32_t c) {
+  const auto add_round = [&](int32_t c) {
     add_rows(acc, load_chunk(input + CHUNK * c, item),
-             chunk_place<CHUNK>{first_block + c * CHUNK / BLOCK, item}, to_next_row, add_row,
+             chunk_place<CHUNK, BLOCK>{first_block + c * CHUNK / BLOCK, item}, to_next_row, add_row,
              first_constants<ROW_TILE>{});
-  });
+  };
+  if constexpr (TAIL == tail_round::summed)
+    for_each_round<CHUNK, WG_SIZE>(state_size, item, add_round);
+  else
+    for_each_full_round<CHUNK, WG_SIZE>(state_size, add_round);
   reduce_and_write<T, WG_SIZE, ROW_TILE>(place, acc, local, row0, output_size, output);
 }
 

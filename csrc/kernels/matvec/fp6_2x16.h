@@ -14,18 +14,7 @@
 //   scales      | d half |                          W = d * fp6(e); d is applied to the sum of a chunk
 #pragma once
 
-#include "formats/small_floats.h"
-#include "kernels/matvec/chunks.h"
-
-namespace quillon {
-
-// The sum takes the byte lanes of a step's codes in the order 0, 2, 1, 3, which is elements 2, 3, 0, 1.
-struct fp6_order {
-  static constexpr int lane_at(int place) { return (0x3120 >> (4 * place)) & 3; }
-  constexpr int operator()(int i) const { return i / 4 * 4 + fp6_element_of_lane(lane_at(i % 4)); }
-};
-
-}  // namespace quillon
+#include "kernels/matvec/six_bits.h"
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
@@ -37,14 +26,8 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE>(
       state_size, input, local, output_size, output, load_neighbours<T, 16, fp6_order>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const uint32_t high = at.word_of_chunk<uint32_t>(high_plane);
-        const chunk_codes low(at.word_of_chunk<uint64_t>(low_plane));
-        const lane<T> s = sum_products(chunk, [=](auto i) {
-          constexpr int STEP = i / 4;
-          const uint32_t codes =
-              fp6_step_codes(high << (2 * STEP), low.half_words[STEP / 2] << (4 * (STEP % 2)));
-          return exact_lane<T>(half_from_bits(fp6_half_bits(codes >> (8 * fp6_order::lane_at(i % 4)))));
-        });
+        const lane<T> s =
+            sum_fp6(chunk, at.word_of_chunk<uint32_t>(high_plane), at.word_of_chunk<uint64_t>(low_plane));
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
       });
 }

@@ -21,16 +21,16 @@
 namespace quillon {
 
 // The activations of a chunk in split order: element 2i belongs to the first nibble of byte i, 2i + 1 to the
-// second.
-template <typename T>
+// second. DISTANCE is that of the two elements of a byte: 16 in q4_k.
+template <typename T, int DISTANCE = 32>
 struct load_split {
   activations<T, 16> operator()(const T* base, int item) const {
-    const int place_in_block = item % 4;
+    const int place_in_block = item % (DISTANCE / 8);
     const uint32_t x = (item - place_in_block) * 16 + place_in_block * 8;
     T first[8];
     T second[8];
     load_elements(base, x, first);
-    load_elements(base, x + 32, second);
+    load_elements(base, x + DISTANCE, second);
     return interleave(first, second, first_constants<8>{});
   }
 

@@ -14,17 +14,6 @@
 #include "formats/integer_blocks.h"
 #include "kernels/matvec/nibbles.h"
 
-namespace quillon {
-
-template <typename T, int... I>
-inline lane<T> sum_activations(const activations<T, 16>& chunk, constants<0, I...>) {
-  lane<T> sum = chunk.v[0];
-  ((sum = sum + chunk.v[I]), ...);
-  return sum;
-}
-
-}  // namespace quillon
-
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
@@ -32,20 +21,21 @@ void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, in
                                   const T* input, sycl::local_accessor<T, 1> local, T* output,
                                   uint64_t output_size) {
   using namespace quillon;
-  struct activations_and_sum : activations<T, 16> {
-    lane<T> sum;
+  struct chunk_and_sum {
+    activations<T, 16> elements;
+    lane<T> sum;  // of the sixteen; every row multiplies it by its minimum
   };
   const uint8_t* pairs = weight + scale_offset;
   multiply_chunks<T, 16, WG_SIZE, 2>(
       state_size, input, local, output_size, output,
       [](const T* base, int item) {
-        const activations<T, 16> chunk = load_split<T>{}(base, item);
-        return activations_and_sum{chunk, sum_activations(chunk, first_constants<16>{})};
+        const auto elements = load_split<T>{}(base, item);
+        return chunk_and_sum{elements, sum_activations(elements)};
       },
-      [=](lane<T>& acc, const activations_and_sum& chunk, const chunk_place<16>& at) {
+      [=](lane<T>& acc, const chunk_and_sum& chunk, const chunk_place<16>& at) {
         const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
-        const lane<T> s = sum_products<T, 16>(
-            chunk, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
+        const lane<T> s = sum_products(
+            chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
         const auto pair = at.entry_of_block<block_q4_1_dm>(pairs);
         acc = acc + (s * rounded_lane<T>(pair.d) + chunk.sum * rounded_lane<T>(pair.m));
       });

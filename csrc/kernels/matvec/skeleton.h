@@ -29,15 +29,21 @@
 
 namespace quillon {
 
-// Calls `body(c)` for the first chunk c of each round in which work-item `item` has a chunk; its own is c +
-// item. The rounds in which every work-item has one come first and have a uniform count: a CPU device runs
-// them unmasked, which halves the time of a kernel there.
+// Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk; that of a
+// work-item is c + item. Returns the number of chunks in these rounds.
+template <int CHUNK, int WG_SIZE, typename Body>
+inline int32_t for_each_full_round(uint64_t state_size, Body body) {
+  const int32_t chunks = static_cast<int32_t>(state_size / CHUNK) / WG_SIZE * WG_SIZE;
+  for (int32_t c = 0; c < chunks; c += WG_SIZE) body(c);
+  return chunks;
+}
+
+// The same, and the round behind them in which only the first work-items have a chunk. The full rounds come
+// first and have a uniform count: a CPU device runs them unmasked, which halves the time of a kernel there.
 template <int CHUNK, int WG_SIZE, typename Body>
 inline void for_each_round(uint64_t state_size, int item, Body body) {
-  const auto chunks = static_cast<int32_t>(state_size / CHUNK);
-  const int32_t full = chunks / WG_SIZE * WG_SIZE;
-  for (int32_t c = 0; c < full; c += WG_SIZE) body(c);
-  if (full + item < chunks) body(full);
+  const int32_t full = for_each_full_round<CHUNK, WG_SIZE>(state_size, body);
+  if (full + item < static_cast<int32_t>(state_size / CHUNK)) body(full);
 }
 
 // Constant indices, for pack expansions in place of loops over private arrays. The device compiler decides
@@ -53,21 +59,24 @@ using first_constants = std::make_integer_sequence<int, COUNT>;
 // loaded one by one, and a CPU device has twice as many 32-bit shifts in a register.
 template <typename T>
 inline T element_of_word(uint64_t word, int i) {
-  if constexpr (sizeof(T) == 8) return bit_cast<T>(word);
-  if constexpr (sizeof(T) == 4) return bit_cast<T>(static_cast<uint32_t>(word >> (32 * i)));
-  if constexpr (sizeof(T) == 2)
+  if constexpr (sizeof(T) == 8)
+    return bit_cast<T>(word);
+  else if constexpr (sizeof(T) == 4)
+    return bit_cast<T>(static_cast<uint32_t>(word >> (32 * i)));
+  else
     return bit_cast<T>(static_cast<uint16_t>(static_cast<uint32_t>(word >> (i / 2 * 32)) >> (i % 2 * 16)));
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, eight bytes at a time: fewer and wider loads than
-// element by element, at no more than the alignment that a tensor's data is sure to have. The base is the
-// same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
+// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads
+// than element by element, at no more than the alignment that a tensor's data is sure to have. The base is
+// the same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
 // gathers with 32-bit offsets.
 template <typename T, int COUNT, int... I>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT], constants<I...>) {
-  constexpr int PER_WORD = 8 / sizeof(T);
-  ((to[I] =
-        element_of_word<T>(load<uint64_t, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)),
+  constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
+  constexpr int PER_WORD = BYTES / sizeof(T);
+  using word = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
+  ((to[I] = element_of_word<T>(load<word, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)),
    ...);
 }
 template <typename T, int COUNT>
@@ -90,11 +99,11 @@ struct row_steps {
 
 // Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
 // item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
-// lane<T>.
-template <typename T, int WG_SIZE, int ROW_TILE, typename Sum>
+// lane<T>, `Out` the type of the result.
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
 inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
-                             T* output) {
+                             Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
 #pragma unroll
   for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = convert<T>(acc[t]);
@@ -108,7 +117,8 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW
     sycl::group_barrier(place.get_group());
   }
   if (item == 0) {
-    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t) output[row0 + t] = local[t * WG_SIZE];
+    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
+      output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
 }
 
