@@ -25,8 +25,7 @@ struct fp6_order {
 
 // The sum of the chunk's sixteen unscaled products.
 template <typename T>
-inline lane<T> sum_fp6(const activations<T, 16>& chunk, uint32_t high, uint64_t low_words) {
-  const chunk_codes low(low_words);
+inline lane<T> sum_fp6(const activations<T, 16>& chunk, uint32_t high, const chunk_codes& low) {
   return sum_products(chunk, [=](auto i) {
     constexpr int STEP = i / 4;
     const uint32_t codes = fp6_step_codes(high << (2 * STEP), low.half_words[STEP / 2] << (4 * (STEP % 2)));
