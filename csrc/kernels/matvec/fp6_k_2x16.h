@@ -32,7 +32,7 @@ void qlinear_xpu_kernel_fp6_k_2x16(uint64_t state_size, const uint8_t* weight, u
   using namespace quillon;
   const auto add_row = [=](lane<T>& acc, const activations<T, 16>& chunk, const auto& place) {
     const lane<T> sum = sum_fp6(chunk, place.template word_of_chunk<uint32_t>(weight + high_plane_offset),
-                                place.codes_of_chunk(weight));
+                                place.template word_of_chunk<uint64_t>(weight));
     const half d = half_from_bits(place.template entry_of_block<uint16_t>(weight + super_scales_offset));
     const int scale = place.template word_of_chunk<int8_t>(weight + scales_offset);
     acc = acc + sum * rounded_lane<T>(multiply(d, convert<half>(scale)));
