@@ -18,6 +18,7 @@
 #include "frontend/moe_indexes.h"
 #include "frontend/python_types.h"
 #include "frontend/unavailable.h"
+#include "runtime/kernel_library.h"
 
 namespace quillon {
 namespace {
@@ -145,6 +146,7 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit_vesper_linear() {
     pybind11::detail::get_internals();
     pybind11::register_local_exception_translator(quillon::translate_exception);
     quillon::log_kernel_builds();
+    Py_AtExit(&quillon::runtime::close_library);
     return quillon::create_module();
   } catch (pybind11::error_already_set& error) {
     error.restore();
