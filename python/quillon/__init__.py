@@ -1,5 +1,5 @@
 """Low-bit large-language-model inference on XPU devices."""
 
-from quillon import host_device as _host_device_startup
+from quillon import host_device
 
-_host_device_startup.start()
+host_device.start()
