@@ -90,8 +90,12 @@ inline constexpr format_entry format_table[qtype_count] = {
     {35, "", storage_kind::none, 0, 0},
 };
 
-constexpr int32_t elements_per_block(int qtype) { return format_table[qtype].elements_per_block; }
-constexpr int64_t bytes_per_block(int qtype) { return format_table[qtype].bytes_per_block; }
+constexpr int32_t elements_per_block(int qtype) {
+  return format_table[qtype].elements_per_block;
+}
+constexpr int64_t bytes_per_block(int qtype) {
+  return format_table[qtype].bytes_per_block;
+}
 
 constexpr bool format_table_is_indexed_by_qtype() {
   for (int qtype = 0; qtype < qtype_count; ++qtype) {
@@ -101,11 +105,11 @@ constexpr bool format_table_is_indexed_by_qtype() {
 }
 static_assert(format_table_is_indexed_by_qtype());
 
-// ---- region offsets ----------------------------------------------------------------------------------------
+// ---- region offsets ---------------------------------------------------------------------------------------
 //
 // The start of a region is computed from a 32-bit element count, which wraps at 2^32 elements and is negative
-// from 2^31 on: the offsets then point before the tensor. That is a limit of these formats' addressing and part
-// of it, so every rule below states its widths. Products are formed unsigned, where wrapping is defined.
+// from 2^31 on: the offsets then point before the tensor. That is a limit of these formats' addressing and
+// part of it, so every rule below states its widths. Products are formed unsigned, where wrapping is defined.
 
 // state_size x output_size as a signed 32-bit product.
 constexpr int32_t element_count_32(uint64_t state_size, uint64_t output_size) {
@@ -172,9 +176,9 @@ constexpr region_offsets fp6_k_region_offsets(uint64_t state_size, uint64_t outp
   return {{0, blocks * 128, blocks * 192, blocks * 208}};
 }
 
-// The scale offset of the matrix-vector and MLP kernels of q4_0, q4_1, nf4, fp4 and q4_0 woq: whole blocks, the
-// division truncating toward zero. It equals the rules above for every count that is a multiple of 64 and does
-// not wrap.
+// The scale offset of the matrix-vector and MLP kernels of q4_0, q4_1, nf4, fp4 and q4_0 woq: whole blocks,
+// the division truncating toward zero. It equals the rules above for every count that is a multiple of 64 and
+// does not wrap.
 constexpr int32_t matvec_nibble_scale_offset(uint64_t state_size, uint64_t output_size) {
   return element_count_32(state_size, output_size) / 64 * 32;
 }
@@ -187,6 +191,13 @@ constexpr int32_t matvec_q8_0_scale_offset(uint64_t state_size, uint64_t output_
 // Super-blocks as the matrix-vector kernels of q4_k, q6_k and fp6_k count them.
 constexpr int32_t matvec_super_blocks(uint64_t state_size, uint64_t output_size) {
   return element_count_32(state_size, output_size) / 256;
+}
+
+// fp6 as its tile dequantizer finds it: shifts of the 32-bit count, arithmetic for the high plane and logical
+// for the scales.
+constexpr region_offsets tile_fp6_region_offsets(uint64_t state_size, uint64_t output_size) {
+  const int32_t count = element_count_32(state_size, output_size);
+  return {{0, int64_t{32} * (count >> 6), int64_t{3} * (static_cast<uint32_t>(count) >> 2), 0}};
 }
 
 // The regions of any format by its code; every start is 0 for a format stored as records.
@@ -214,6 +225,32 @@ constexpr region_offsets regions_of(int qtype, uint64_t state_size, uint64_t out
       return q6_k_region_offsets(state_size, output_size);
     case qtype_fp6_k:
       return fp6_k_region_offsets(state_size, output_size);
+    default:
+      return {{0, 0, 0, 0}};
+  }
+}
+
+// The regions as the fast dense expansions and the matrix engine find them: from the full 64-bit count.
+constexpr region_offsets dense_region_offsets(int qtype, int64_t elements) {
+  const int64_t blocks = elements / 64;
+  const int64_t super_blocks = elements / 256;
+  switch (qtype) {
+    case qtype_q4_0:
+    case qtype_q4_1:
+    case qtype_fp4:
+      return {{0, blocks * 32, 0, 0}};
+    case qtype_q8_0:
+    case qtype_fp8_e4m3:
+    case qtype_fp8_e5m2:
+      return {{0, blocks * 64, 0, 0}};
+    case qtype_fp6:
+      return {{0, blocks * 32, blocks * 48, 0}};
+    case qtype_q4_k:
+      return {{0, super_blocks * 128, super_blocks * 144, 0}};
+    case qtype_q6_k:
+      return {{0, super_blocks * 64, super_blocks * 192, super_blocks * 208}};
+    case qtype_fp6_k:
+      return {{0, super_blocks * 128, super_blocks * 192, super_blocks * 208}};
     default:
       return {{0, 0, 0, 0}};
   }

@@ -1,8 +1,8 @@
 // Element types and numeric conversions, one text for the host compiler and the run-time device compiler.
 //
 // T is float, double, quillon::half or quillon::bfloat16. Device text names the last two c10::Half and
-// c10::BFloat16, as the operators' signatures do; host code that includes torch has c10's own types of the same
-// bits and layout, so the aliases exist in device text alone. Device text is compiled with
+// c10::BFloat16, as the operators' signatures do; host code that includes torch has c10's own types of the
+// same bits and layout, so the aliases exist in device text alone. Device text is compiled with
 // QUILLON_DEVICE_SOURCE defined, also in passes that are not the device pass.
 //
 // Every conversion goes through convert<To>(from):
@@ -29,9 +29,11 @@ constexpr To bit_cast(const From& from) {
   return __builtin_bit_cast(To, from);
 }
 
-// ---- bit patterns ------------------------------------------------------------------------------------------
+// ---- bit patterns -----------------------------------------------------------------------------------------
 
-constexpr float bfloat16_bits_to_float(uint16_t bits) { return bit_cast<float>(uint32_t{bits} << 16); }
+constexpr float bfloat16_bits_to_float(uint16_t bits) {
+  return bit_cast<float>(uint32_t{bits} << 16);
+}
 
 constexpr uint16_t float_to_bfloat16_bits(float value) {
   const uint32_t bits = bit_cast<uint32_t>(value);
@@ -42,7 +44,8 @@ constexpr uint16_t float_to_bfloat16_bits(float value) {
 constexpr float half_bits_to_float(uint16_t bits) {
   const uint32_t sign = (bits & 0x8000u) << 16;
   const uint32_t magnitude = bits & 0x7FFFu;
-  if (magnitude >= 0x7C00u) return bit_cast<float>(sign | 0x7F800000u | ((magnitude & 0x3FFu) << 13));
+  if (magnitude > 0x7C00u) return bit_cast<float>(sign | 0x7FC00000u | ((magnitude & 0x3FFu) << 13));
+  if (magnitude == 0x7C00u) return bit_cast<float>(sign | 0x7F800000u);
   if (magnitude >= 0x0400u) return bit_cast<float>(sign | ((magnitude << 13) + 0x38000000u));
   const float subnormal = static_cast<float>(magnitude) * 0x1p-24f;
   return bit_cast<float>(sign | bit_cast<uint32_t>(subnormal));
@@ -58,7 +61,7 @@ constexpr uint16_t float_to_half_bits(float value) {
   } else if (magnitude >= 0x47800000u) {
     result = 0x7C00u;
   } else if (magnitude >= 0x38800000u) {
-    // A carry out of the mantissa raises the exponent, and past 65504 it gives infinity, both as they should be.
+    // A carry out of the mantissa raises the exponent; past 65504 that gives infinity, as it should.
     result = (magnitude - 0x38000000u + 0x0FFFu + ((magnitude >> 13) & 1u)) >> 13;
   } else {
     // Adding 0.5 leaves the multiple of 2^-24 in the low bits, rounded to nearest even by the addition.
@@ -67,7 +70,7 @@ constexpr uint16_t float_to_half_bits(float value) {
   return static_cast<uint16_t>(sign | result);
 }
 
-// ---- 16-bit types ------------------------------------------------------------------------------------------
+// ---- 16-bit types -----------------------------------------------------------------------------------------
 
 // A 16-bit float that holds its bits and computes each operation in float, rounding back at once.
 template <float (*WIDEN)(uint16_t), uint16_t (*ROUND)(float)>
@@ -120,11 +123,14 @@ static_assert(std::is_trivially_copyable_v<half> && std::is_trivially_copyable_v
 template <typename T>
 inline constexpr bool is_float16 = std::is_same_v<T, half> || std::is_same_v<T, bfloat16>;
 
-constexpr half half_from_bits(uint16_t bits) { return bit_cast<half>(bits); }
+constexpr half half_from_bits(uint16_t bits) {
+  return bit_cast<half>(bits);
+}
 
-// ---- conversion --------------------------------------------------------------------------------------------
+// ---- conversion -------------------------------------------------------------------------------------------
 
-// `from` may be an integer, float, double, half or bfloat16. Integers must be exact in float when T has 16 bits.
+// `from` may be an integer, float, double, half or bfloat16. Integers must be exact in float when T has 16
+// bits.
 template <typename To, typename From>
 constexpr To convert(From from) {
   if constexpr (std::is_same_v<To, From>) {
@@ -138,9 +144,10 @@ constexpr To convert(From from) {
   }
 }
 
-// ---- arithmetic --------------------------------------------------------------------------------------------
+// ---- arithmetic -------------------------------------------------------------------------------------------
 
-// Products and sums that are rounded by themselves: no compiler may contract these into a fused operation.
+// Products and sums that are rounded by themselves: no compiler may contract these into a fused operation. A
+// plain a * b + c in one expression may be contracted, in the same kernel too.
 template <typename T>
 constexpr T multiply(T a, T b) {
 #ifdef __clang__
