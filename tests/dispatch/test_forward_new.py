@@ -6,9 +6,11 @@ from collections.abc import Callable
 
 import pytest
 import torch
+from shim.spine import CLASSES
+
 import vesper_linear
 
-from .test_tables import BLOCKS, CLASSES, road_in_words
+from .test_tables import BLOCKS, road_in_words
 
 Forward = Callable[..., torch.Tensor]
 
@@ -238,10 +240,10 @@ def test_bad_value(forward: Forward, name: str, value: str, text: str, monkeypat
 
 
 @routes
-@pytest.mark.parametrize(("name", "limit"), [("TILE_THRESHOLD", 2**63), ("QUILLON_LOW_MEM", 2**63), ("TILE_SIZE", 2**64)])
-def test_first_value_out_of_range(
-    forward: Forward, name: str, limit: int, monkeypatch: pytest.MonkeyPatch
-) -> None:
+@pytest.mark.parametrize(
+    ("name", "limit"), [("TILE_THRESHOLD", 2**63), ("QUILLON_LOW_MEM", 2**63), ("TILE_SIZE", 2**64)]
+)
+def test_first_value_out_of_range(forward: Forward, name: str, limit: int, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv(name, str(limit - 1))
     forward(_input(), _weight(), Q4_0, 0)
     monkeypatch.setenv(name, str(limit))

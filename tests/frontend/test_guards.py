@@ -7,9 +7,10 @@ from collections.abc import Callable
 
 import pytest
 import torch
-import vesper_linear
 from shim.process import output_of
 from torch.profiler import ProfilerActivity, profile
+
+import vesper_linear
 
 Call = Callable[[torch.Tensor, torch.Tensor], torch.Tensor]
 
@@ -88,7 +89,7 @@ def test_guards_come_before_the_code_and_the_environment(name: str, monkeypatch:
     monkeypatch.setenv("TILE_THRESHOLD", "no number")
     function = getattr(vesper_linear, name)
     arguments = (-1, *GUARDED[name][1][1:])
-    with pytest.raises(RuntimeError, match="^input must be a XPU tensor$"):
+    with pytest.raises(RuntimeError, match=r"^input must be a XPU tensor$"):
         function(_input(name).cpu(), _weight(), *arguments)
 
 

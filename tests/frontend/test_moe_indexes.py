@@ -6,6 +6,7 @@ import pytest
 import torch
 from hypothesis import given
 from hypothesis import strategies as st
+
 from vesper_linear import get_moe_indexes
 
 Lists = list[list[list[int]]]

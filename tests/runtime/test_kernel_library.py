@@ -12,8 +12,9 @@ import re
 from pathlib import Path
 
 import pytest
-import vesper_linear
 from shim.process import output_of
+
+import vesper_linear
 
 # Q4_0 calls on `device` with zero weights, and a list `built` of (name, begin, end) of each kernel build.
 PROLOGUE = """
@@ -193,13 +194,11 @@ def broken_module(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return copy
 
 
-
-
 def test_build_failure(broken_module: Path) -> None:
     text = """
-import torch, quillon, sys, threading
+import sys, threading
 sys.path.insert(0, sys.argv[1])
-import vesper_linear
+import torch, quillon, vesper_linear
 assert vesper_linear.__file__.startswith(sys.argv[1])
 input = torch.ones(1, 64, device="xpu")
 weight = torch.zeros(34 * 16, dtype=torch.uint8, device="xpu")

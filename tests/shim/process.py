@@ -1,4 +1,4 @@
-"""Python text in a process of its own, for what happens once in a process: start, exit, fork, first builds."""
+"""Python text in a process of its own, for what happens once in each: start, exit, fork, first builds."""
 
 from __future__ import annotations
 
@@ -20,6 +20,6 @@ def run_python(
 
 def output_of(text: str, *arguments: str, unset: Sequence[str] = (), **environment: str) -> str:
     """Run `text`, which has to end with exit code 0, and return what it printed."""
-    done = run_python(text, *arguments, unset=unset, **environment)
+    done = run_python(text, *arguments, unset=unset, timeout=120, **environment)
     assert done.returncode == 0, f"exit code {done.returncode}\n{done.stdout}\n{done.stderr}"
     return done.stdout
