@@ -26,9 +26,9 @@ def for_each_chunk(
     """Call ``work(first, last)`` for the ranges that cut ``count`` into pieces of ``step``.
 
     The pieces run side by side, each operator of theirs on one thread: operators that split their own work
-    meet at a barrier every few microseconds, and a weight that takes a second took ten as soon as another program
-    wanted a core. It also makes the result independent of the number of threads. ``advance(n)`` is called, in
-    order, for every n items done. The first exception, in order, is raised.
+    meet at a barrier every few microseconds, and a weight that takes a second took ten as soon as another
+    program wanted a core. It also makes the result independent of the number of threads. ``advance(n)`` is
+    called, in order, for every n items done. The first exception, in order, is raised.
     """
     ranges = [(first, min(first + step, count)) for first in range(0, count, step)]
     with _serial_operators() as threads:

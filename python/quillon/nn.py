@@ -97,12 +97,15 @@ class LowBitLinear(nn.Module):
             self._check_device(input.device)
         rows = input.reshape(-1, self.in_features).contiguous()
         code, columns = self.format.code, self.in_features
-        if rows.shape[0] == 1:
-            output = vesper_linear.forward_new(rows, self.packed, code, columns)
+        # Launches queue up behind one another, and the one cat at the end waits for all of them.
+        outputs = [
+            vesper_linear.forward_new(rows[index : index + 1], self.packed, code, columns)
+            for index in range(rows.shape[0])
+        ]
+        if len(outputs) == 1:
+            output = outputs[0]
         else:
-            output = rows.new_empty((rows.shape[0], self.out_features))
-            for index in range(rows.shape[0]):
-                output[index] = vesper_linear.forward_new(rows[index : index + 1], self.packed, code, columns)[0]
+            output = torch.cat(outputs) if outputs else rows.new_empty((0, self.out_features))
         if self.bias is not None:
             output += self.bias
         return output.reshape(*input.shape[:-1], self.out_features)

@@ -226,6 +226,34 @@ def test_deterministic(name: str) -> None:
 
 
 @ALL
+def test_bytes_do_not_depend_on_the_threads(name: str) -> None:
+    weight = randn(300, 512) if FORMATS[name].bits_per_weight > 2 else randn(130, 512)
+    threads = torch.get_num_threads()
+    results = []
+    try:
+        for count in (1, 2, 3):
+            torch.set_num_threads(count)
+            data = quantize(weight, name)
+            results.append((data, dequantize_reference(data, name, *weight.shape)))
+            assert torch.get_num_threads() == count
+    finally:
+        torch.set_num_threads(threads)
+    for data, values in results[1:]:
+        assert torch.equal(data, results[0][0])
+        assert torch.equal(values, results[0][1])
+
+
+def test_the_first_bad_chunk_is_named_and_the_threads_come_back() -> None:
+    weight = randn(4096, 64)
+    weight[2000, 3] = torch.nan
+    weight[4000, 3] = torch.nan
+    threads = torch.get_num_threads()
+    with pytest.raises(ValueError, match="rows 1024 to 2047 hold NaN"):
+        quantize(weight, "q4_0")
+    assert torch.get_num_threads() == threads
+
+
+@ALL
 @pytest.mark.parametrize("dtype", [torch.float16, torch.bfloat16])
 def test_element_types(name: str, dtype: torch.dtype) -> None:
     weight = randn(4, 512).to(dtype)

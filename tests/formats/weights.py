@@ -5,6 +5,7 @@ from __future__ import annotations
 from functools import cache
 from importlib.util import find_spec
 from pathlib import Path
+from typing import Any
 
 import pytest
 import torch
@@ -21,11 +22,19 @@ def model_file() -> Path:
     return path
 
 
+@cache
+def _tensors() -> dict[str, Any]:
+    """The file's tensors by name; opening it takes seconds, for its vocabulary."""
+    import gguf
+
+    return {tensor.name: tensor for tensor in gguf.GGUFReader(model_file()).tensors}
+
+
 def model_tensor(name: str) -> Tensor:
     """A tensor of the model's file, decoded to float32."""
     import gguf
 
-    (tensor,) = (t for t in gguf.GGUFReader(model_file()).tensors if t.name == name)
+    tensor = _tensors()[name]
     return torch.tensor(gguf.quants.dequantize(tensor.data, tensor.tensor_type))
 
 

@@ -1,15 +1,18 @@
-// What the matrix-vector kernels share: how K is dealt out, how the partial sums of a work-group meet, and the write.
+// What the matrix-vector kernels share: how K is dealt out, how the partial sums of a work-group meet, and
+// the write.
 //
-// A work-group owns ROW_TILE output rows. The row of K elements is cut into chunks, and chunk c goes to work-item
-// c mod WG_SIZE, so a round of the work-group covers WG_SIZE neighbouring chunks of each of its rows:
+// A work-group owns ROW_TILE output rows. The row of K elements is cut into chunks, and chunk c goes to
+// work-item c mod WG_SIZE, so a round of the work-group covers WG_SIZE neighbouring chunks of each of its
+// rows:
 //
 //             K ──►
-//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        one accumulator for each row and work-item,
-//   row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        of type T, like every product and sum
+//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        one accumulator for each row and
+//   work-item, row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        of type T, like every
+//   product and sum
 //              └───────── round 0 ────────┘ └─ round 1 ...
 //
-// The activations of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds the
-// work-items' accumulators, and work-item 0 writes.
+// The activations of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds
+// the work-items' accumulators, and work-item 0 writes.
 #pragma once
 
 #include <sycl/accessor.hpp>
@@ -18,60 +21,80 @@
 #include <sycl/ext/oneapi/kernel_properties/properties.hpp>
 #include <sycl/group_barrier.hpp>
 #include <sycl/nd_item.hpp>
+#include <utility>
 
 #include "formats/packed_bits.h"
 #include "runtime/scalar_types.h"
 
 namespace quillon {
 
-// Calls `body(c)` for the first chunk c of each round in which work-item `item` has a chunk; its own is c + item. The
-// rounds in which every work-item has one come first and have a uniform count: a CPU device runs them unmasked, which
-// halves the time of a kernel there.
-template <int CHUNK, int WG_SIZE, typename Body>
-inline void for_each_round(uint64_t state_size, int item, Body body) {
-  const auto chunks = static_cast<int32_t>(state_size / CHUNK);
-  const int32_t full = chunks / WG_SIZE * WG_SIZE;
-  for (int32_t c = 0; c < full; c += WG_SIZE) body(c);
-  if (full + item < chunks) body(full);
+// Calls `body(i)` for i = 0 to COUNT - 1 with a constant of the type system. A loop would leave private arrays that it
+// indexes in memory: the compiler decides which arrays become registers before it unrolls.
+template <int... I, typename Body>
+inline void unrolled(std::integer_sequence<int, I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(std::make_integer_sequence<int, COUNT>{}, body);
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, eight bytes at a time: fewer and wider loads than element by
-// element, at no more than the alignment that a tensor's data is sure to have. The base is the same for the whole
-// work-group and comes apart from the work-item's offset, because a CPU device then gathers with 32-bit offsets.
+// Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk; that of a
+// work-item is c + item. Returns the number of chunks in these rounds.
+template <int CHUNK, int WG_SIZE, typename Body>
+inline int32_t for_each_full_round(uint64_t state_size, Body body) {
+  const int32_t chunks = static_cast<int32_t>(state_size / CHUNK) / WG_SIZE * WG_SIZE;
+  for (int32_t c = 0; c < chunks; c += WG_SIZE) body(c);
+  return chunks;
+}
+
+// The same, and the round behind them in which only the first work-items have a chunk. The full rounds come
+// first and have a uniform count: a CPU device runs them unmasked, which halves the time of a kernel there.
+template <int CHUNK, int WG_SIZE, typename Body>
+inline void for_each_round(uint64_t state_size, int item, Body body) {
+  const int32_t full = for_each_full_round<CHUNK, WG_SIZE>(state_size, body);
+  if (full + item < static_cast<int32_t>(state_size / CHUNK)) body(full);
+}
+
+// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads than
+// element by element, at no more than the alignment that a tensor's data is sure to have. The base is the
+// same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
+// gathers with 32-bit offsets.
 template <typename T, int COUNT>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
-  constexpr int PER_WORD = 8 / sizeof(T);
+  constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
+  constexpr int PER_WORD = BYTES / sizeof(T);
+  using bits = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
   struct word {
     T element[PER_WORD];
   };
-#pragma unroll
-  for (int i = 0; i < COUNT; i += PER_WORD) {
-    const word loaded = bit_cast<word>(load<uint64_t, sizeof(T)>(base + offset + i));
-#pragma unroll
-    for (int j = 0; j < PER_WORD; ++j) to[i + j] = loaded.element[j];
-  }
+  unrolled<COUNT / PER_WORD>([&](auto i) {
+    const word loaded = bit_cast<word>(load<bits, sizeof(T)>(base + offset + i * PER_WORD));
+    unrolled<PER_WORD>([&](auto j) { to[i * PER_WORD + j] = loaded.element[j]; });
+  });
 }
 
-// The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where the next
-// row does not exist: the surplus rows of the last work-group read the last row again instead of what lies behind it.
+// The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where
+// the next row does not exist: the surplus rows of the last work-group read the last row again instead of
+// what lies behind it.
 template <int ROW_TILE>
 struct row_steps {
   int32_t step[ROW_TILE];
 
   row_steps(uint64_t row0, uint64_t output_size, int32_t row_length) {
-#pragma unroll
-    for (int t = 0; t < ROW_TILE; ++t) step[t] = row0 + t + 1 < output_size ? row_length : 0;
+    unrolled<ROW_TILE>([&](auto t) { step[t] = row0 + t + 1 < output_size ? row_length : 0; });
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t, item) of
-// `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist.
-template <typename T, int WG_SIZE, int ROW_TILE>
-inline void reduce_and_write(const sycl::nd_item<1>& place, const T (&acc)[ROW_TILE],
-                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size, T* output) {
+// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
+// item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
+// lane<T>, `Out` the type of the result.
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
+inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
+                             Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
-#pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = acc[t];
+  unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + item] = convert<T>(acc[t]); });
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
@@ -82,7 +105,8 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const T (&acc)[ROW_T
     sycl::group_barrier(place.get_group());
   }
   if (item == 0) {
-    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t) output[row0 + t] = local[t * WG_SIZE];
+    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
+      output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
 }
 

@@ -1,0 +1,61 @@
+// iq2_xxs times one activation row in q8_1 blocks. Template parameter T: element type of the output, of local memory and
+// of the tree of sums. A work-group has two output rows, one for each place in its second dimension, with 32 work-items
+// each; frame and tree: q8_1_dot.h.
+//
+// A slice is one group of 32 elements, whose eight bytes lie two bytes behind a multiple of 66:
+//
+//   record   0 | d half | 2 | group 0 | 10 | group 1 | ... | 58 | group 7 |
+//   group    | i0 | i1 | i2 | i3 | scale 4 bits, signs3, signs2, signs1, signs0 of 7 bits |
+//
+// Byte iv is the index of a row of eight magnitudes, signsv that of a byte with the signs of the same eight.
+#pragma once
+
+#include "formats/grids.h"
+#include "kernels/matvec/q8_1_dot.h"
+
+namespace quillon {
+
+// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
+inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, int iqs) {
+  const block_q8_1& x = q[iqs];
+  const uint8_t* group = w.qs + 8 * iqs;
+  const uint32_t indices = load_u32(group);
+  const uint32_t aux = load_u32(group + 4);
+  int sum = 0;
+#pragma unroll
+  for (int l = 0; l < 4; ++l) {
+    const uint64_t grid = iq2xxs_grid[(indices >> (8 * l)) & 255];
+    const uint32_t signs = ksigns_iq2xs[(aux >> (7 * l)) & 127];
+#pragma unroll
+    for (int h = 0; h < 2; ++h) {
+      const uint32_t magnitudes = static_cast<uint32_t>(grid >> (32 * h));
+      const uint32_t quants = quants_of(x, 2 * l + h);
+#pragma unroll
+      for (int b = 0; b < 4; ++b) {
+        const int product = static_cast<int>((magnitudes >> (8 * b)) & 255) * signed_byte_of(quants, b);
+        sum += signs & (1u << (4 * h + b)) ? -product : product;
+      }
+    }
+  }
+  const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), convert<float>(load_half(w.d)));
+  return multiply(multiply(multiply(scale, head_of(x).d), 0.25f), static_cast<float>(sum));
+}
+
+}  // namespace quillon
+
+template <typename T>
+SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
+SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<32>))
+void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq2_xxs* weight,
+                                     const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local,
+                                     T* output) {
+  using namespace quillon;
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
+  const int lane = static_cast<int>(place.get_local_id(1));
+  const int y = static_cast<int>(place.get_local_id(0));
+  const uint64_t row = place.get_group(1) * 2 + y;
+  const bool active = row < output_size;
+  const float sum = active ? sum_of_slices<8, vec_dot_iq2_xxs_q8_1>(weight + row * blocks_per_row, activations, blocks_per_row, lane)
+                           : 0.0f;
+  reduce_and_write_row<T>(place, sum, &local[y * q8_1_lanes], lane, active, output + row);
+}

@@ -1,0 +1,64 @@
+// What the kernels of 4-bit formats share: a chunk of sixteen elements is eight neighbouring quant bytes of a
+// block, one 64-bit word, in which two orders of the elements occur:
+//
+//   split (q4_0, q4_1, nf4, fp4): the two nibbles of a byte stand for elements 32 apart
+//
+//     byte   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31      work-item 4j + c takes bytes 8c to 8c + 7 of
+//     block j elem   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31      of the round: eight activations at 8c
+//     of the block and
+//       and 32 .... 39 | 40 ... 47 | 48 ... 55 | 56 ... 63      eight at 32 + 8c, in the order 8c, 32 + 8c,
+//       8c + 1, ...
+//          work-item 0 |     1     |     2     |     3
+//
+//   paired (q4_0 woq): a byte stands for two neighbouring elements, so that a chunk is sixteen neighbours
+//
+//     byte   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31
+//     elem   0 .... 15 | 16 ... 31 | 32 ... 47 | 48 ... 63
+#pragma once
+
+#include "kernels/matvec/chunks.h"
+
+namespace quillon {
+
+// The activations of a chunk in split order: element 2i belongs to the first nibble of byte i, 2i + 1 to the
+// second. DISTANCE is that of the two elements of a byte: 16 in q4_k.
+template <typename T, int DISTANCE = 32>
+struct load_split {
+  activations<T, 16> operator()(const T* base, int item) const {
+    const int place_in_block = item % (DISTANCE / 8);
+    const uint32_t x = (item - place_in_block) * 16 + place_in_block * 8;
+    T first[8];
+    T second[8];
+    load_elements(base, x, first);
+    load_elements(base, x + DISTANCE, second);
+    activations<T, 16> chunk;
+    unrolled<8>([&](auto i) {
+      chunk.v[2 * i] = to_lane(first[i]);
+      chunk.v[2 * i + 1] = to_lane(second[i]);
+    });
+    return chunk;
+  }
+};
+
+// Which nibble of a byte comes first.
+enum class nibble_order { low_first, high_first };
+
+// The sum of the chunk's sixteen products, from left to right; `value(code)` gives a nibble's value as a
+// lane<T>. The nibbles are shifted out of 32-bit halves of the word: a CPU device has twice as many of those
+// in a register.
+template <nibble_order ORDER = nibble_order::low_first, typename T, typename Value>
+inline lane<T> sum_nibbles(const activations<T, 16>& chunk, uint64_t quants, Value value) {
+  constexpr int FIRST = ORDER == nibble_order::low_first ? 0 : 4;
+  const uint32_t half_words[2] = {static_cast<uint32_t>(quants), static_cast<uint32_t>(quants >> 32)};
+  lane<T> s;
+  unrolled<8>([&](auto i) {
+    const uint32_t byte = half_words[i / 4] >> (8 * (i % 4));
+    const lane<T> first = value(static_cast<int>((byte >> FIRST) & 15));
+    const lane<T> second = value(static_cast<int>((byte >> (4 - FIRST)) & 15));
+    s = i == 0 ? chunk.v[0] * first : s + chunk.v[2 * i] * first;
+    s = s + chunk.v[2 * i + 1] * second;
+  });
+  return s;
+}
+
+}  // namespace quillon

@@ -1,0 +1,56 @@
+// q2_k times one activation row in q8_1 blocks. Template parameter T: element type of the output, of local memory and of
+// the tree of sums. A work-group is 32 work-items with one output row; frame and tree: q8_1_dot.h.
+//
+// A slice is one word of codes, four bytes with four codes each, for elements of four neighbouring sub-blocks of 32:
+//
+//   record   0 | scales, 16 bytes | 16 | qs, 64 bytes | 80 | d half | 82 | dmin half |
+//   word v of half n of qs: byte 4v + b of the half is
+//            | e96+4v+b  e64+4v+b  e32+4v+b  e4v+b |    counted from the start of the half's 128 elements
+//
+// So the four activations of bits 2i and 2i + 1 are word v of the quants of q8_1 block 4n + i. A sub-block of 16 has a
+// scale (low nibble) and a minimum (high nibble) in byte 8n + 2i + v / 4 of the scales.
+#pragma once
+
+#include "formats/super_blocks.h"
+#include "kernels/matvec/q8_1_dot.h"
+
+namespace quillon {
+
+// Slice `iqs`, 0 to 15, of super-block `w` times its sixteen activations, four in each of four blocks of `q`.
+inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, int iqs) {
+  const int n = iqs / 8;
+  const int v = iqs % 8;
+  const uint32_t codes = load_u32(w.qs + 4 * iqs);
+  float sum_of_codes = 0.0f;
+  float sum_of_minima = 0.0f;
+#pragma unroll
+  for (int i = 0; i < 4; ++i) {
+    const block_q8_1& x = q[4 * n + i];
+    const uint32_t quants = quants_of(x, v);
+    const float d8 = head_of(x).d;
+    const int scale = w.scales[8 * n + 2 * i + v / 4];
+    const int code_dot = dot_bytes((codes >> (2 * i)) & 0x03030303u, quants);
+    const int quant_sum = dot_bytes(0x01010101u, quants);
+    sum_of_codes = add(sum_of_codes, multiply(d8, static_cast<float>(code_dot * (scale & 15))));
+    sum_of_minima = add(sum_of_minima, multiply(d8, static_cast<float>((scale >> 4) * quant_sum)));
+  }
+  const auto d = convert<float>(load_half(w.d));
+  const auto dmin = convert<float>(load_half(w.dmin));
+  return subtract(multiply(d, sum_of_codes), multiply(dmin, sum_of_minima));
+}
+
+}  // namespace quillon
+
+template <typename T>
+SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
+void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_q2_K* weight,
+                                  const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local, T* output) {
+  using namespace quillon;
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
+  const int lane = static_cast<int>(place.get_local_id(1));
+  const uint64_t row = place.get_group(1);
+  const bool active = row < output_size;
+  const float sum = active ? sum_of_slices<16, vec_dot_q2_k_q8_1>(weight + row * blocks_per_row, activations, blocks_per_row, lane)
+                           : 0.0f;
+  reduce_and_write_row<T>(place, sum, &local[0], lane, active, output + row);
+}

@@ -1,0 +1,39 @@
+// One activation row to q8_1 blocks. Template parameter T: element type of the activations.
+//
+// A sub-group of 32 work-items is one block of 32 elements, so that absolute maximum and sum are sub-group reductions;
+// a work-group of 256 is eight blocks. Work-item i writes quant i mod 32 of block i / 32, and the first of each
+// sub-group the two halves at its head:
+//
+//   block, 36 bytes    0 | d half | 2 | s half | 4 | q0 | q1 | ... | q31 |
+#pragma once
+
+#include <sycl/ext/oneapi/experimental/free_function_traits.hpp>
+#include <sycl/ext/oneapi/free_function_queries.hpp>
+#include <sycl/ext/oneapi/kernel_properties/properties.hpp>
+#include <sycl/group_algorithm.hpp>
+#include <sycl/nd_item.hpp>
+#include <sycl/sub_group.hpp>
+
+#include "formats/q8_1.h"
+
+template <typename T>
+SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
+SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<32>))
+void quantize_xpu_kernel_q8_1(const T* input, quillon::block_q8_1* output) {
+  using namespace quillon;
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const auto sub_group = place.get_sub_group();
+  const auto i = static_cast<uint32_t>(place.get_global_id(0));
+  const T x = input[i];
+  const float value = source_q8_1(x);
+  const float sum = sycl::reduce_over_group(sub_group, value, sycl::plus<float>());
+  const float absmax = sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
+  const float d = scale_q8_1(absmax);
+
+  block_q8_1& block = output[i / 32];
+  block.qs[i % 32] = quant_q8_1(x, d);
+  if (i % 32 == 0) {
+    block.d = convert<half>(d);
+    block.s = convert<half>(sum);
+  }
+}

@@ -1,0 +1,28 @@
+#include "kernels/matvec/quantize_q8_1_host.h"
+
+#include <ATen/ops/empty.h>
+
+#include "dispatch/scalar_type_dispatch.h"
+#include "formats/registry.h"
+#include "runtime/launch_kernel.h"
+
+namespace quillon {
+
+at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std::uint64_t state_size) {
+  constexpr std::size_t WG_SIZE = 256;
+  const std::uint64_t blocks = batch * state_size / elements_per_block(qtype_q8_1);
+  // The size is cut to 32 bits, as every reader of the blocks counts.
+  const auto bytes = static_cast<std::uint32_t>(blocks * bytes_per_block(qtype_q8_1));
+  at::Tensor result =
+      at::empty({static_cast<std::int64_t>(bytes)},
+                input.options().dtype(at::kByte).memory_format(at::MemoryFormat::Contiguous));
+  dispatch_element_type(input.scalar_type(), [&](auto element) {
+    using T = decltype(element);
+    static runtime::KernelEntry& entry =
+        runtime::kernel_entry<T>("kernels/matvec/quantize_q8_1.h", "quantize_xpu_kernel_q8_1");
+    launch_kernel(entry, input.device(), {state_size, WG_SIZE}, {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
+  });
+  return result;
+}
+
+}  // namespace quillon
