@@ -210,6 +210,20 @@ def test_row_length_check(forward: Forward, device: int, state_size: int) -> Non
     assert _failure(RuntimeError, forward, *arguments) == f"%d must be a multiple of %d{state_size}16"
 
 
+# What the matrix-vector road of each format wants rows to be a multiple of; the others want nothing.
+ROW_UNITS = dict.fromkeys((2, 3, 10, 11, 16, 26, 27, 29, 30, 34), 16) | dict.fromkeys((8, 15, 19), 8)
+
+
+@pytest.mark.parametrize("qtype", ROW_UNITS)
+@pytest.mark.parametrize("device", [1, 6, 7], ids=["elm", "legacy", "default"])
+def test_row_length_check_of_every_format(qtype: int, device: int) -> None:
+    unit = ROW_UNITS[qtype]
+    for state_size in (unit // 2, 256 + unit // 2, 257):
+        arguments = (_input(state_size=state_size, device=device), _weight(BLOCKS[qtype][1] * 16, device), qtype, 0)
+        text = _failure(RuntimeError, vesper_linear.forward_new, *arguments)
+        assert text == f"%d must be a multiple of %d{state_size}{unit}"
+
+
 # ---- environment -----------------------------------------------------------------------------------------------
 
 TOO_LARGE = "9" * 30
@@ -287,6 +301,20 @@ def test_order_of_reading(
         if value is not None:
             monkeypatch.setenv(name, value)
     assert _failure(RuntimeError, forward, _input(), _weight(), Q4_0, 0) == text
+
+
+@pytest.mark.parametrize("qtype", [q for q in BLOCKS if q not in (9, 22, 25)])
+def test_which_formats_read_what(qtype: int, monkeypatch: pytest.MonkeyPatch) -> None:
+    """The element type is wrong as well, so that a launcher which does not read the variable fails by that."""
+    reads = {"TILE_THRESHOLD": (2, 8, 19, 29, 34), "QUILLON_LOW_MEM": (2, 29, 34), "TILE_SIZE": (2, 8, 19, 29, 34)}
+    call = (_input(state_size=256).int(), _weight(BLOCKS[qtype][1] * 16), qtype, 0)
+    for name, readers in reads.items():
+        with monkeypatch.context() as environment:
+            environment.setenv(name, "no number")
+            with pytest.raises(RuntimeError) as error:
+                vesper_linear.forward_new(*call)
+        parser = "stoull" if name == "TILE_SIZE" else "stoll"
+        assert (str(error.value) == f"invalid {parser} argument") is (qtype in readers), (name, str(error.value))
 
 
 @routes
