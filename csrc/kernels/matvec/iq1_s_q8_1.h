@@ -25,12 +25,11 @@ inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, int i
   const uint32_t h = load_u16(w.qh + 2 * iqs);
   const uint32_t low_indices = load_u32(w.qs + 4 * iqs);
   int sum = 0;
-#pragma unroll
-  for (int l = 0; l < 4; ++l) {
+  unrolled<4>([&](auto l) {
     const uint32_t grid = iq1s_grid[((low_indices >> (8 * l)) & 255) | (((h >> (3 * l)) & 7) << 8)];
     sum += dot_bytes(grid & 0x0F0F0F0Fu, quants_of(x, 2 * l));
     sum += dot_bytes((grid >> 4) & 0x0F0F0F0Fu, quants_of(x, 2 * l + 1));
-  }
+  });
   const q8_1_head head = head_of(x);
   const float d1 = scale_iq1_s(load_half(w.d), h);
   return add(multiply(multiply(d1, head.d), static_cast<float>(sum)), multiply(multiply(d1, head.s), delta_iq1_s(h)));

@@ -22,21 +22,18 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, i
   const uint32_t indices = load_u32(group);
   const uint32_t aux = load_u32(group + 4);
   int sum = 0;
-#pragma unroll
-  for (int l = 0; l < 4; ++l) {
+  unrolled<4>([&](auto l) {
     const uint64_t grid = iq2xxs_grid[(indices >> (8 * l)) & 255];
     const uint32_t signs = ksigns_iq2xs[(aux >> (7 * l)) & 127];
-#pragma unroll
-    for (int h = 0; h < 2; ++h) {
+    unrolled<2>([&](auto h) {
       const uint32_t magnitudes = static_cast<uint32_t>(grid >> (32 * h));
       const uint32_t quants = quants_of(x, 2 * l + h);
-#pragma unroll
-      for (int b = 0; b < 4; ++b) {
+      unrolled<4>([&](auto b) {
         const int product = static_cast<int>((magnitudes >> (8 * b)) & 255) * signed_byte_of(quants, b);
         sum += signs & (1u << (4 * h + b)) ? -product : product;
-      }
-    }
-  }
+      });
+    });
+  });
   const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), convert<float>(load_half(w.d)));
   return multiply(multiply(multiply(scale, head_of(x).d), 0.25f), static_cast<float>(sum));
 }

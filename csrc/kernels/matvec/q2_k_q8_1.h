@@ -23,8 +23,7 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, int iqs
   const uint32_t codes = load_u32(w.qs + 4 * iqs);
   float sum_of_codes = 0.0f;
   float sum_of_minima = 0.0f;
-#pragma unroll
-  for (int i = 0; i < 4; ++i) {
+  unrolled<4>([&](auto i) {
     const block_q8_1& x = q[4 * n + i];
     const uint32_t quants = quants_of(x, v);
     const float d8 = head_of(x).d;
@@ -33,7 +32,7 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, int iqs
     const int quant_sum = dot_bytes(0x01010101u, quants);
     sum_of_codes = add(sum_of_codes, multiply(d8, static_cast<float>(code_dot * (scale & 15))));
     sum_of_minima = add(sum_of_minima, multiply(d8, static_cast<float>((scale >> 4) * quant_sum)));
-  }
+  });
   const auto d = convert<float>(load_half(w.d));
   const auto dmin = convert<float>(load_half(w.dmin));
   return subtract(multiply(d, sum_of_codes), multiply(dmin, sum_of_minima));

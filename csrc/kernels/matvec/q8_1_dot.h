@@ -11,15 +11,8 @@
 // A slice's sum is an integer, scaled once to float; a work-item adds up its slices in float.
 #pragma once
 
-#include <sycl/ext/oneapi/experimental/free_function_traits.hpp>
-#include <sycl/ext/oneapi/free_function_queries.hpp>
-#include <sycl/ext/oneapi/kernel_properties/properties.hpp>
-#include <sycl/accessor.hpp>
-#include <sycl/group_barrier.hpp>
-#include <sycl/nd_item.hpp>
-
-#include "formats/packed_bits.h"
 #include "formats/q8_1.h"
+#include "kernels/matvec/skeleton.h"
 
 namespace quillon {
 
@@ -47,10 +40,9 @@ constexpr int signed_byte_of(uint32_t word, int index) {
 }
 
 // The sum of four products of unsigned with signed bytes.
-constexpr int dot_bytes(uint32_t codes, uint32_t quants) {
+inline int dot_bytes(uint32_t codes, uint32_t quants) {
   int sum = 0;
-#pragma unroll
-  for (int b = 0; b < 4; ++b) sum += static_cast<int>((codes >> (8 * b)) & 255) * signed_byte_of(quants, b);
+  unrolled<4>([&](auto b) { sum += static_cast<int>((codes >> (8 * b)) & 255) * signed_byte_of(quants, b); });
   return sum;
 }
 
