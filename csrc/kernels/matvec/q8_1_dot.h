@@ -19,20 +19,27 @@ namespace quillon {
 // Work-items of one row.
 inline constexpr int q8_1_lanes = 32;
 
-// The two halves at the head of a block.
-struct q8_1_head {
-  float d;
-  float s;
+// Loads here are of 32 or 64 bits throughout: a CPU device gathers those, while it takes a vector of narrower ones
+// apart.
+
+// Two neighbouring halves, loaded as a word.
+struct two_halves {
+  float first;
+  float second;
+
+  explicit two_halves(uint32_t word)
+      : first(convert<float>(half_from_bits(static_cast<uint16_t>(word)))),
+        second(convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))) {}
 };
 
-inline q8_1_head head_of(const block_q8_1& block) {
-  const auto word = load<uint32_t, 4>(&block);
-  return {convert<float>(half_from_bits(static_cast<uint16_t>(word))),
-          convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))};
+// Scale and sum of a block; four quants from 4 * index onward, and eight from 8 * index.
+inline two_halves head_of(const block_q8_1& block) { return two_halves(load<uint32_t, 4>(&block)); }
+inline uint32_t four_quants_of(const block_q8_1& block, int index) {
+  return load<uint32_t, 4>(block.qs + 4 * index);
 }
-
-// Four quants, 4 * index onward.
-inline uint32_t quants_of(const block_q8_1& block, int index) { return load<uint32_t, 4>(block.qs + 4 * index); }
+inline uint64_t eight_quants_of(const block_q8_1& block, int index) {
+  return load<uint64_t, 4>(block.qs + 8 * index);
+}
 
 // The signed byte `index` of a word.
 constexpr int signed_byte_of(uint32_t word, int index) {
