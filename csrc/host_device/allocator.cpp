@@ -1,14 +1,16 @@
-// The device allocator: shared USM of the one SYCL context, cached per device and stream, and the two allocators that
-// stand on it, PyTorch's CPU allocator redirected inside the CPU fallback and the pinned allocator.
+// The device allocator: shared USM of the one SYCL context, cached per device and stream, and the two
+// allocators that stand on it, PyTorch's CPU allocator redirected inside the CPU fallback and the pinned
+// allocator.
 //
-// Sizes are rounded up to classes, eight to the doubling (at most 12.5 percent waste), and a freed block waits for the
-// next request of its class on its stream: kernels of one stream run in order, so it may be handed out while the
-// kernel that used it last still runs. A block that record_stream() put on further streams is handed out only after
-// all work those streams had at the time of the free.
+// Sizes are rounded up to classes, eight to the doubling (at most 12.5 percent waste), and a freed block
+// waits for the next request of its class on its stream: kernels of one stream run in order, so it may be
+// handed out while the kernel that used it last still runs. A block that record_stream() put on further
+// streams is handed out only after all work those streams had at the time of the free.
 #include <c10/core/CPUAllocator.h>
 #include <c10/util/flat_hash_map.h>
 #include <c10/util/llvmMathExtras.h>
 #include <c10/xpu/XPUCachingAllocator.h>
+#include <sys/mman.h>
 
 #include <cstdio>
 #include <map>
@@ -25,9 +27,11 @@ namespace {
 using c10::CachingAllocator::StatType;
 using c10::CachingDeviceAllocator::DeviceStats;
 
-constexpr size_t kAlignment = 64;    // a cache line, and the widest vector of the CPU device
+constexpr size_t kAlignment = 64;  // a cache line, and the widest vector of the CPU device
+constexpr size_t kHugePage = size_t{2} << 20;
 constexpr size_t kSmallClass = 512;  // smallest block
-// The memory is the machine's own. Beyond this much of it idle in the cache, freed blocks go back to the system.
+// The memory is the machine's own. Beyond this much of it idle in the cache, freed blocks go back to the
+// system.
 constexpr size_t kMaxIdleBytes = size_t{2} << 30;
 
 size_t size_class(size_t size) {
@@ -41,7 +45,7 @@ struct Block {
   size_t requested;  // by the caller
   c10::DeviceIndex device;
   c10::StreamId stream;
-  std::vector<c10::StreamId> other_streams;  // from record_stream
+  std::vector<c10::Stream> other_streams;  // from record_stream
 };
 
 struct DeferredBlock {
@@ -59,6 +63,17 @@ void decrease(c10::CachingAllocator::StatArray& stat, size_t amount) {
   stat[static_cast<size_t>(StatType::AGGREGATE)].decrease(amount);
 }
 
+// Large blocks are mostly weights, read from end to end: fewer, larger pages spare the processor address
+// look-ups.
+void ask_for_huge_pages(void* pointer, size_t size) {
+  if (size < kHugePage) return;
+  const auto start = reinterpret_cast<uintptr_t>(pointer);
+  const uintptr_t first = (start + kHugePage - 1) / kHugePage * kHugePage,
+                  last = (start + size) / kHugePage * kHugePage;
+  // Only a hint: where the system has no such pages, nothing is lost.
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
 void delete_block(void* pointer);
 
 class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAllocator {
@@ -74,7 +89,9 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
   }
 
   c10::DeleterFnPtr raw_deleter() const override { return &delete_block; }
-  void* raw_alloc(size_t size) override { return size == 0 ? nullptr : take(size, c10::xpu::current_device()); }
+  void* raw_alloc(size_t size) override {
+    return size == 0 ? nullptr : take(size, c10::xpu::current_device());
+  }
   void raw_delete(void* pointer) override { give_back(pointer); }
 
   void copy_data(void* destination, const void* source, size_t count) const override {
@@ -91,7 +108,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     Block& block = found->second;
     if (stream.id() == block.stream && stream.device_index() == block.device) return;
     auto& others = block.other_streams;
-    if (std::find(others.begin(), others.end(), stream.id()) == others.end()) others.push_back(stream.id());
+    if (std::find(others.begin(), others.end(), stream) == others.end()) others.push_back(stream);
   }
 
   void emptyCache(c10::MempoolId_t /*pool*/) override {
@@ -116,6 +133,11 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
   std::pair<size_t, size_t> getMemoryInfo(c10::DeviceIndex device) override {
     c10::xpu::check_device_index(device);
     return memory_info();
+  }
+
+  bool owns(void* block) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return used_.find(block) != used_.end();
   }
 
   c10::DeviceIndex find_device(const void* pointer) const {
@@ -148,9 +170,8 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
       return;
     }
     DeferredBlock deferred{pointer, block, {}};
-    for (c10::StreamId id : block.other_streams) {
-      const c10::xpu::XPUStream stream(c10::Stream(c10::Stream::UNSAFE, c10::Device(c10::kXPU, block.device), id));
-      deferred.events.push_back(stream.queue().ext_oneapi_submit_barrier());
+    for (const c10::Stream& stream : block.other_streams) {
+      deferred.events.push_back(c10::xpu::XPUStream(stream).queue().ext_oneapi_submit_barrier());
     }
     deferred_.push_back(std::move(deferred));
   }
@@ -197,10 +218,11 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     if (!pointer) {
       ++stats.num_ooms;
       const auto [free_bytes, total_bytes] = memory_info();
-      TORCH_CHECK_WITH(OutOfMemoryError, false, "XPU out of memory. Tried to allocate ", size, " bytes on host device ",
-                       static_cast<int>(device), "; the machine has ", free_bytes, " of ", total_bytes,
-                       " bytes free.");
+      TORCH_CHECK_WITH(OutOfMemoryError, false, "XPU out of memory. Tried to allocate ", size,
+                       " bytes on host device ", static_cast<int>(device), "; the machine has ", free_bytes,
+                       " of ", total_bytes, " bytes free.");
     }
+    ask_for_huge_pages(pointer, size);
     ++stats.num_device_alloc;
     increase(stats.segment, 1);
     increase(stats.reserved_bytes, size);
@@ -257,8 +279,8 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
       return static_cast<size_t>(stat[static_cast<size_t>(StatType::AGGREGATE)].current);
     };
     const DeviceStats& stats = stats_[device];
-    c10::reportMemoryUsageToProfiler(pointer, change, total(stats.allocated_bytes), total(stats.reserved_bytes),
-                                     c10::Device(c10::kXPU, device));
+    c10::reportMemoryUsageToProfiler(pointer, change, total(stats.allocated_bytes),
+                                     total(stats.reserved_bytes), c10::Device(c10::kXPU, device));
   }
 
   template <typename Change>
@@ -266,9 +288,9 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     c10::xpu::check_device_index(device);
     std::lock_guard<std::mutex> lock(mutex_);
     DeviceStats& stats = stats_[device];
-    for (auto* kind : {&stats.allocation, &stats.segment, &stats.active, &stats.inactive_split,
-                       &stats.allocated_bytes, &stats.reserved_bytes, &stats.active_bytes,
-                       &stats.inactive_split_bytes, &stats.requested_bytes}) {
+    for (auto* kind :
+         {&stats.allocation, &stats.segment, &stats.active, &stats.inactive_split, &stats.allocated_bytes,
+          &stats.reserved_bytes, &stats.active_bytes, &stats.inactive_split_bytes, &stats.requested_bytes}) {
       for (auto& stat : *kind) change(stat);
     }
     change(stats.oversize_allocations);
@@ -289,13 +311,27 @@ HostDeviceAllocator& device_allocator() {
   return instance;
 }
 
-void delete_block(void* pointer) { device_allocator().give_back(pointer); }
+void delete_block(void* pointer) {
+  device_allocator().give_back(pointer);
+}
 
 thread_local c10::DeviceIndex redirect_to = -1;
 
+c10::DeleterFnPtr delete_ordinary = nullptr;
+
+void delete_raw(void* pointer) {
+  if (device_allocator().owns(pointer)) {
+    delete_block(pointer);
+  } else {
+    delete_ordinary(pointer);
+  }
+}
+
 class RedirectingCpuAllocator final : public c10::Allocator {
  public:
-  explicit RedirectingCpuAllocator(c10::Allocator* ordinary) : ordinary_(ordinary) {}
+  explicit RedirectingCpuAllocator(c10::Allocator* ordinary) : ordinary_(ordinary) {
+    delete_ordinary = ordinary->raw_deleter();
+  }
 
   c10::DataPtr allocate(size_t size) override {
     if (redirect_to < 0) return ordinary_->allocate(size);
@@ -304,8 +340,9 @@ class RedirectingCpuAllocator final : public c10::Allocator {
     return data;
   }
 
-  // Holds for memory allocated outside the fallback, which is all that raw allocations ever are.
-  c10::DeleterFnPtr raw_deleter() const override { return ordinary_->raw_deleter(); }
+  // PyTorch's oneDNN takes its memory by raw_allocate(), inside the fallback and outside, and keeps some of
+  // it from one call to the next. Only the address tells which kind it is.
+  c10::DeleterFnPtr raw_deleter() const override { return &delete_raw; }
 
   void copy_data(void* destination, const void* source, size_t count) const override {
     ordinary_->copy_data(destination, source, count);
@@ -319,7 +356,8 @@ void delete_pinned(void* pointer) {
   if (pointer && !is_shut_down() && !in_bad_fork()) sycl::free(pointer, platform().context);
 }
 
-// Copies to and from a host device are finished when they return, so no kernel can still use freed pinned memory.
+// Copies to and from a host device are finished when they return, so no kernel can still use freed pinned
+// memory.
 class PinnedAllocator final : public c10::Allocator {
  public:
   c10::DataPtr allocate(size_t size) override {
@@ -342,9 +380,13 @@ c10::DataPtr allocate_on_device(size_t size, c10::DeviceIndex device) {
   return device_allocator().allocate_on(size, device);
 }
 
-bool is_device_block(const c10::DataPtr& data) noexcept { return data.get_deleter() == &delete_block; }
+bool is_device_block(const c10::DataPtr& data) noexcept {
+  return data.get_deleter() == &delete_block;
+}
 
-c10::DeviceIndex find_device_of_pointer(const void* pointer) { return device_allocator().find_device(pointer); }
+c10::DeviceIndex find_device_of_pointer(const void* pointer) {
+  return device_allocator().find_device(pointer);
+}
 
 c10::Allocator* redirecting_cpu_allocator() {
   static auto* instance = new RedirectingCpuAllocator(c10::GetCPUAllocator());
@@ -358,7 +400,9 @@ void install_cpu_allocator() {
 
 AllocateOnDevice::AllocateOnDevice(c10::DeviceIndex device) noexcept
     : previous_(std::exchange(redirect_to, device)) {}
-AllocateOnDevice::~AllocateOnDevice() { redirect_to = previous_; }
+AllocateOnDevice::~AllocateOnDevice() {
+  redirect_to = previous_;
+}
 
 c10::Allocator* pinned_allocator() {
   static auto* instance = new PinnedAllocator();
@@ -434,15 +478,25 @@ void attachAllocatorTraceTracker(CachingDeviceAllocator::AllocatorTraceTracker /
   unsupported("Tracing the allocator");
 }
 
-SnapshotInfo snapshot(MempoolId_t /*mempool_id*/) { unsupported("A memory snapshot"); }
+SnapshotInfo snapshot(MempoolId_t /*mempool_id*/) {
+  unsupported("A memory snapshot");
+}
 
-void createOrIncrefPool(DeviceIndex, MempoolId_t, XPUAllocator*) { unsupported("A private memory pool"); }
+void createOrIncrefPool(DeviceIndex, MempoolId_t, XPUAllocator*) {
+  unsupported("A private memory pool");
+}
 void beginAllocateToPool(DeviceIndex, MempoolId_t, std::function<bool(sycl::queue*)>) {
   unsupported("A private memory pool");
 }
-void endAllocateToPool(DeviceIndex, MempoolId_t) { unsupported("A private memory pool"); }
-void releasePool(DeviceIndex, MempoolId_t) { unsupported("A private memory pool"); }
-int getPoolUseCount(DeviceIndex, MempoolId_t) { unsupported("A private memory pool"); }
+void endAllocateToPool(DeviceIndex, MempoolId_t) {
+  unsupported("A private memory pool");
+}
+void releasePool(DeviceIndex, MempoolId_t) {
+  unsupported("A private memory pool");
+}
+int getPoolUseCount(DeviceIndex, MempoolId_t) {
+  unsupported("A private memory pool");
+}
 
 }  // namespace c10::xpu::XPUCachingAllocator
 
@@ -451,14 +505,23 @@ namespace c10::xpu {
 std::atomic<CaptureId_t> MemPool::uid_{1};
 std::atomic<CaptureId_t> MemPool::uuid_{1};
 
-MemPool::MemPool(XPUCachingAllocator::XPUAllocator* /*allocator*/, bool /*is_user_created*/, bool /*use_on_oom*/) {
+MemPool::MemPool(XPUCachingAllocator::XPUAllocator* /*allocator*/, bool /*is_user_created*/,
+                 bool /*use_on_oom*/) {
   XPUCachingAllocator::unsupported("A private memory pool");
 }
 MemPool::~MemPool() = default;
-MempoolId_t MemPool::id() { return id_; }
-XPUCachingAllocator::XPUAllocator* MemPool::allocator() { return allocator_; }
-int MemPool::use_count() { XPUCachingAllocator::unsupported("A private memory pool"); }
-DeviceIndex MemPool::device() { return device_; }
+MempoolId_t MemPool::id() {
+  return id_;
+}
+XPUCachingAllocator::XPUAllocator* MemPool::allocator() {
+  return allocator_;
+}
+int MemPool::use_count() {
+  XPUCachingAllocator::unsupported("A private memory pool");
+}
+DeviceIndex MemPool::device() {
+  return device_;
+}
 MempoolId_t MemPool::graph_pool_handle(bool is_user_created) {
   return is_user_created ? MempoolId_t{0, uid_++} : MempoolId_t{uuid_++, 0};
 }

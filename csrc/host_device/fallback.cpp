@@ -1,13 +1,17 @@
-// The fallback: every operator that has no kernel of its own for the host device runs on the CPU, in place, because a
-// host device's memory is the CPU's memory.
+// The fallback: every operator that has no kernel of its own for the host device runs on the CPU, in place,
+// because a host device's memory is the CPU's memory.
 //
 //   1. Find the device of the call and refuse a mixture of devices as PyTorch's generated code does.
-//   2. Wait until the current streams of the devices involved are idle (they mostly are: tens of nanoseconds).
-//   3. Give the CPU kernel, for each XPU tensor, a CPU tensor over the same bytes; XPU device arguments become CPU, XPU
+//   2. Wait until the current streams of the devices involved are idle (they mostly are: tens of
+//   nanoseconds).
+//   3. Give the CPU kernel, for each XPU tensor, a CPU tensor over the same bytes; XPU device arguments
+//   become CPU, XPU
 //      generators the CPU generators inside them.
 //   4. Run the CPU kernel. What it allocates comes from the host device's allocator.
-//   5. Turn results back: a result that is an argument is that argument; one that shares an argument's storage is a
-//      view of it; any other takes its memory along. Arguments that the kernel resized get their new shape and memory.
+//   5. Turn results back: a result that is an argument is that argument; one that shares an argument's
+//   storage is a
+//      view of it; any other takes its memory along. Arguments that the kernel resized get their new shape
+//      and memory.
 //
 // The call is finished when it returns, so no stream ever needs to wait for it.
 #include "fallback.h"
@@ -20,7 +24,7 @@
 #include <torch/library.h>
 
 #include <cstring>
-#include <mutex>
+#include <memory>
 
 #include "generator.h"
 #include "host_device.h"
@@ -47,7 +51,8 @@ struct OperatorTraits {
   std::vector<ArgumentTraits> arguments;
 };
 
-// Arguments that may lie on another device than the rest of the call. The operators say so in their own checks.
+// Arguments that may lie on another device than the rest of the call. The operators say so in their own
+// checks.
 constexpr std::pair<const char*, const char*> kAnyDeviceArguments[] = {
     {"aten::copy_", "self"},
     {"aten::copy_", "src"},
@@ -96,28 +101,30 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
   }
 }
 
-const OperatorTraits& make_traits(const c10::FunctionSchema& schema) {
-  static auto& mutex = *new std::mutex();
-  static auto& all = *new std::unordered_map<const c10::FunctionSchema*, OperatorTraits>();
-  std::lock_guard<std::mutex> lock(mutex);
-  const auto [entry, is_new] = all.try_emplace(&schema);
-  if (!is_new) return entry->second;
+OperatorTraits make_traits(const c10::FunctionSchema& schema) {
+  OperatorTraits traits;
   for (size_t i = 0; i < schema.arguments().size(); ++i) {
     const c10::Argument& argument = schema.arguments()[i];
     if (const auto kind = kind_of(argument)) {
       const bool written = argument.alias_info() && argument.alias_info()->isWrite();
-      entry->second.arguments.push_back(
-          {static_cast<uint32_t>(i), *kind, written, may_be_on_any_device(schema.name(), argument.name())});
+      const bool any_device = may_be_on_any_device(schema.name(), argument.name());
+      traits.arguments.push_back({static_cast<uint32_t>(i), *kind, written, any_device});
     }
   }
-  return entry->second;
+  return traits;
 }
 
-const OperatorTraits& traits_of(const c10::FunctionSchema& schema) {
-  thread_local ska::flat_hash_map<const c10::FunctionSchema*, const OperatorTraits*> known;
-  const OperatorTraits*& traits = known[&schema];
-  if (!traits) traits = &make_traits(schema);
+/// The traits of one of PyTorch's own operators, worked out once per thread. Their schemas live as long as
+/// the process; those of other libraries come and go, and a new one may have the address of an old one.
+const OperatorTraits& traits_of_builtin(const c10::FunctionSchema& schema) {
+  thread_local ska::flat_hash_map<const c10::FunctionSchema*, std::unique_ptr<const OperatorTraits>> known;
+  auto& traits = known[&schema];
+  if (!traits) traits = std::make_unique<const OperatorTraits>(make_traits(schema));
   return *traits;
+}
+
+bool is_builtin(const c10::FunctionSchema& schema) {
+  return schema.name().compare(0, 6, "aten::") == 0;
 }
 
 template <typename Visit>
@@ -130,7 +137,8 @@ void for_each_tensor(const IValue& value, Visit&& visit) {
   }
 }
 
-/// Maps keys to positions in a vector: by search while there are few, as is usual, by hashing when there are many.
+/// Maps keys to positions in a vector: by search while there are few, as is usual, by hashing when there are
+/// many.
 class PointerIndex {
  public:
   void add(const void* key) {
@@ -164,7 +172,10 @@ class PointerIndex {
 class CpuCall {
  public:
   CpuCall(const c10::OperatorHandle& op, const OperatorTraits& traits, Stack& stack)
-      : op_(op), traits_(traits), stack_(stack), first_argument_(stack.size() - op.schema().arguments().size()) {}
+      : op_(op),
+        traits_(traits),
+        stack_(stack),
+        first_argument_(stack.size() - op.schema().arguments().size()) {}
 
   void run() {
     settle_device();
@@ -190,7 +201,8 @@ class CpuCall {
 
   IValue& value_of(const ArgumentTraits& argument) { return stack_[first_argument_ + argument.position]; }
 
-  /// Finds the device of the call, refuses mixtures, and waits for the streams that may still write the arguments.
+  /// Finds the device of the call, refuses mixtures, and waits for the streams that may still write the
+  /// arguments.
   void settle_device() {
     bool mixed = false;
     for (const ArgumentTraits& argument : traits_.arguments) {
@@ -211,7 +223,8 @@ class CpuCall {
       } else if (argument.kind == ArgumentKind::kDevice && device_ < 0 && value.isDevice() &&
                  value.toDevice().is_xpu()) {
         const Device device = value.toDevice();
-        device_ = device.has_index() ? device.index() : c10::impl::getDeviceGuardImpl(c10::kXPU)->getDevice().index();
+        device_ = device.has_index() ? device.index()
+                                     : c10::impl::getDeviceGuardImpl(c10::kXPU)->getDevice().index();
       }
     }
     TORCH_CHECK(device_ >= 0, op_.schema().operator_name(), ": no argument is on an XPU device.");
@@ -219,19 +232,22 @@ class CpuCall {
   }
 
   [[noreturn]] void fail_for_mixture() {
-    const std::string method = "wrapper_XPU_" + op_.schema().overload_name() + "_" +
-                               op_.schema().name().substr(op_.schema().name().find("::") + 2);
+    const std::string& overload = op_.schema().overload_name();
+    const std::string method = "wrapper_XPU_" +
+                               op_.schema().name().substr(op_.schema().name().find("::") + 2) +
+                               (overload.empty() ? "" : "_" + overload);
     std::optional<Device> common;
     for (const ArgumentTraits& argument : traits_.arguments) {
       if (argument.kind != ArgumentKind::kTensors || argument.any_device) continue;
       for_each_tensor(value_of(argument), [&](const at::Tensor& tensor) {
         if (tensor.device().is_cpu() && tensor.dim() == 0 && !argument.written) return;
-        c10::impl::check_and_update_common_device(
-            common, tensor, method.c_str(), op_.schema().arguments()[argument.position].name().c_str());
+        c10::impl::check_and_update_common_device(common, tensor, method.c_str(),
+                                                  op_.schema().arguments()[argument.position].name().c_str());
       });
     }
     // Left over: a scalar on the CPU that the call would write.
-    TORCH_CHECK(false, "Expected all tensors to be on the same device, but found at least two devices, cpu and xpu:",
+    TORCH_CHECK(false,
+                "Expected all tensors to be on the same device, but found at least two devices, cpu and xpu:",
                 static_cast<int>(device_), "! (when checking arguments in method ", method, ")");
   }
 
@@ -245,7 +261,8 @@ class CpuCall {
         if (value.isDevice() && value.toDevice().is_xpu()) value = Device(c10::kCPU);
         return;
       case ArgumentKind::kGenerator:
-        value = cpu_generator_for(value.isGenerator() ? std::optional(value.toGenerator()) : std::nullopt, device_);
+        value = cpu_generator_for(value.isGenerator() ? std::optional(value.toGenerator()) : std::nullopt,
+                                  device_);
         return;
     }
   }
@@ -282,10 +299,11 @@ class CpuCall {
     }
     const int64_t known = xpu_tensors_.find(tensor.unsafeGetTensorImpl());
     if (known >= 0) return tensors_[known].cpu;
-    // An ordinary tensor, not one of type TensorImpl::VIEW: that kind keeps no autograd keys, and kernels that are
-    // composed of other operators rely on them.
-    at::Tensor cpu = at::detail::make_tensor<c10::TensorImpl>(
-        c10::Storage(cpu_storage(tensor.storage())), c10::DispatchKeySet(c10::DispatchKey::CPU), tensor.dtype());
+    // An ordinary tensor, not one of type TensorImpl::VIEW: that kind keeps no autograd keys, and kernels
+    // that are composed of other operators rely on them.
+    at::Tensor cpu =
+        at::detail::make_tensor<c10::TensorImpl>(c10::Storage(cpu_storage(tensor.storage())),
+                                                 c10::DispatchKeySet(c10::DispatchKey::CPU), tensor.dtype());
     copy_view(tensor, cpu);
     xpu_tensors_.add(tensor.unsafeGetTensorImpl());
     cpu_tensors_.add(cpu.unsafeGetTensorImpl());
@@ -342,8 +360,9 @@ class CpuCall {
     }
     if (!cpu.device().is_cpu()) return cpu;
     TORCH_CHECK_NOT_IMPLEMENTED(cpu.layout() == at::kStrided && !cpu.is_quantized() && !cpu.is_nested(),
-                                op_.schema().operator_name(), " would make a ", cpu.is_quantized() ? "quantized" : "",
-                                cpu.is_nested() ? "nested" : "", cpu.layout() == at::kStrided ? "" : "sparse",
+                                op_.schema().operator_name(), " would make a ",
+                                cpu.is_quantized() ? "quantized" : "", cpu.is_nested() ? "nested" : "",
+                                cpu.layout() == at::kStrided ? "" : "sparse",
                                 " tensor, which quillon's host device does not support. Use a CPU tensor.");
     at::Tensor xpu = at::detail::make_tensor<c10::TensorImpl>(
         xpu_storage(cpu.storage()), c10::DispatchKeySet(c10::DispatchKey::XPU), cpu.dtype());
@@ -365,7 +384,8 @@ class CpuCall {
     return xpu;
   }
 
-  /// The memory of a CPU storage as memory of the device: taken out of it, or copied where it came from elsewhere.
+  /// The memory of a CPU storage as memory of the device: taken out of it, or copied where it came from
+  /// elsewhere.
   c10::DataPtr take_data(c10::StorageImpl& cpu) {
     const c10::DataPtr& data = cpu._mutable_data_ptr_no_checks();
     if (is_device_block(data)) {
@@ -384,7 +404,8 @@ class CpuCall {
     for (size_t i = 0; i < storages_.size(); ++i) {
       c10::StorageImpl& cpu = *storages_[i].cpu.unsafeGetStorageImpl();
       c10::StorageImpl& xpu = *storages_[i].xpu.unsafeGetStorageImpl();
-      if (cpu._mutable_data_ptr_no_checks().get() != storages_[i].data) xpu.set_data_ptr_noswap(take_data(cpu));
+      if (cpu._mutable_data_ptr_no_checks().get() != storages_[i].data)
+        xpu.set_data_ptr_noswap(take_data(cpu));
       if (cpu.nbytes() != storages_[i].nbytes) xpu.set_nbytes(cpu.nbytes());
     }
     for (size_t i = 0; i < tensors_.size(); ++i) {
@@ -421,21 +442,36 @@ void refuse(const c10::OperatorHandle& op, const char* kind) {
   TORCH_CHECK_NOT_IMPLEMENTED(false, op.schema().operator_name(), ": ", kind,
                               " tensors are not supported on quillon's host device. Use a CPU tensor.");
 }
-void refuse_sparse(const c10::OperatorHandle& op, Stack*) { refuse(op, "sparse"); }
-void refuse_quantized(const c10::OperatorHandle& op, Stack*) { refuse(op, "quantized"); }
-void refuse_nested(const c10::OperatorHandle& op, Stack*) { refuse(op, "nested"); }
+void refuse_sparse(const c10::OperatorHandle& op, Stack*) {
+  refuse(op, "sparse");
+}
+void refuse_quantized(const c10::OperatorHandle& op, Stack*) {
+  refuse(op, "quantized");
+}
 
 }  // namespace
 
 void run_on_cpu(const c10::OperatorHandle& op, Stack* stack) {
-  CpuCall(op, traits_of(op.schema()), *stack).run();
+  const c10::FunctionSchema& schema = op.schema();
+  if (is_builtin(schema)) {
+    CpuCall(op, traits_of_builtin(schema), *stack).run();
+  } else {
+    const OperatorTraits traits = make_traits(schema);
+    CpuCall(op, traits, *stack).run();
+  }
+}
+
+void refuse_nested(const c10::OperatorHandle& op, Stack*) {
+  refuse(op, "nested");
 }
 
 }  // namespace quillon::host_device
 
 using quillon::host_device::run_on_cpu;
 
-TORCH_LIBRARY_IMPL(_, XPU, m) { m.fallback(torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>()); }
+TORCH_LIBRARY_IMPL(_, XPU, m) {
+  m.fallback(torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
+}
 
 TORCH_LIBRARY_IMPL(_, SparseXPU, m) {
   m.fallback(torch::CppFunction::makeFromBoxedFunction<&quillon::host_device::refuse_sparse>());

@@ -9,4 +9,7 @@ namespace quillon::host_device {
 /// Boxed kernel: runs `op` for XPU tensors by its CPU kernel. See fallback.cpp.
 void run_on_cpu(const c10::OperatorHandle& op, torch::jit::Stack* stack);
 
+/// Boxed kernel that throws NotImplementedError: the host device has no nested tensors.
+void refuse_nested(const c10::OperatorHandle& op, torch::jit::Stack* stack);
+
 }  // namespace quillon::host_device

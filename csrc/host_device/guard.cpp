@@ -1,8 +1,8 @@
 // The device guard of DeviceType::XPU: how PyTorch switches devices and streams and works with events.
 //
-// PyTorch's own XPUGuardImpl would do but for timed events: they need a queue extension that the CPU device lacks, or
-// profiling on every queue, which costs each kernel launch about 40 percent. So here a timed event is a barrier on a
-// profiling queue of its own that waits for a barrier on the recorded stream.
+// PyTorch's own XPUGuardImpl would do but for timed events: they need a queue extension that the CPU device
+// lacks, or profiling on every queue, which costs each kernel launch about 40 percent. So here a timed event
+// is a barrier on a profiling queue of its own that waits for a barrier on the recorded stream.
 #include <c10/xpu/impl/XPUGuardImpl.h>
 
 #include "host_device.h"
@@ -55,8 +55,9 @@ class HostDeviceGuardImpl final : public c10::impl::DeviceGuardImplInterface {
 
   void record(void** event, const Stream& stream, const DeviceIndex device,
               const c10::EventFlag flag) const override {
-    TORCH_CHECK(device == -1 || device == stream.device_index(), "Event device index ", static_cast<int>(device),
-                " does not match recording stream's device index ", static_cast<int>(stream.device_index()), ".");
+    TORCH_CHECK(device == -1 || device == stream.device_index(), "Event device index ",
+                static_cast<int>(device), " does not match recording stream's device index ",
+                static_cast<int>(stream.device_index()), ".");
     const bool timed = flag == c10::EventFlag::BACKEND_DEFAULT;
     sycl::event recorded = XPUStream(stream).queue().ext_oneapi_submit_barrier();
     if (timed) recorded = timing_queue().ext_oneapi_submit_barrier({recorded});

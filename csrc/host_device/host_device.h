@@ -41,8 +41,8 @@ C10_XPU_API bool is_device_block(const c10::DataPtr& data) noexcept;
 /// The index of the device whose allocator owns the block around `pointer`, or -1.
 C10_XPU_API c10::DeviceIndex find_device_of_pointer(const void* pointer);
 
-/// PyTorch's CPU allocator, except that a thread inside an AllocateOnDevice scope gets memory of that device, still
-/// labelled CPU. This is how results of CPU kernels become tensors of a host device without a copy.
+/// PyTorch's CPU allocator, except that a thread inside an AllocateOnDevice scope gets memory of that device,
+/// still labelled CPU. This is how results of CPU kernels become tensors of a host device without a copy.
 C10_XPU_API c10::Allocator* redirecting_cpu_allocator();
 /// Installs redirecting_cpu_allocator() as PyTorch's CPU allocator.
 C10_XPU_API void install_cpu_allocator();

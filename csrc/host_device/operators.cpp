@@ -1,5 +1,5 @@
-// The operators that the host device does not leave to the fallback: those that make memory or views of it, and those
-// whose device-independent form would look for XPU kernels that are not there.
+// The operators that the host device does not leave to the fallback: those that make memory or views of it,
+// and those whose device-independent form would look for XPU kernels that are not there.
 #include <ATen/ATen.h>
 #include <ATen/EmptyTensor.h>
 #include <ATen/native/Resize.h>
@@ -24,24 +24,27 @@ using Device = std::optional<at::Device>;
 
 constexpr c10::DispatchKeySet kXpuKeys(c10::DispatchKey::XPU);
 
-c10::DeviceGuard guard_for(Device device) { return c10::DeviceGuard(device.value_or(at::Device(c10::kXPU))); }
+c10::DeviceGuard guard_for(Device device) {
+  return c10::DeviceGuard(device.value_or(at::Device(c10::kXPU)));
+}
 
 void check_options(Layout layout, std::optional<bool> pin_memory) {
-  TORCH_CHECK_NOT_IMPLEMENTED(layout.value_or(at::kStrided) == at::kStrided, *layout,
-                              " tensors are not supported on quillon's host device. Allowed is torch.strided.");
+  TORCH_CHECK_NOT_IMPLEMENTED(
+      layout.value_or(at::kStrided) == at::kStrided, *layout,
+      " tensors are not supported on quillon's host device. Allowed is torch.strided.");
   TORCH_CHECK(!pin_memory.value_or(false), "Only dense CPU tensors can be pinned");
 }
 
-at::Tensor empty(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device, std::optional<bool> pin_memory,
-                 std::optional<at::MemoryFormat> memory_format) {
+at::Tensor empty(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device,
+                 std::optional<bool> pin_memory, std::optional<at::MemoryFormat> memory_format) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
   return at::detail::empty_generic(size, c10::GetAllocator(c10::kXPU), kXpuKeys, at::dtype_or_default(dtype),
                                    memory_format);
 }
 
-at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, ScalarType dtype, Layout layout, Device device,
-                         std::optional<bool> pin_memory) {
+at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, ScalarType dtype, Layout layout,
+                         Device device, std::optional<bool> pin_memory) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
   return at::detail::empty_strided_generic(size, stride, c10::GetAllocator(c10::kXPU), kXpuKeys,
@@ -51,31 +54,41 @@ at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, ScalarTyp
 // A tensor of zeros that has no memory.
 struct NoMemory final : c10::Allocator {
   explicit NoMemory(at::Device device) : device_(device) {}
-  at::DataPtr allocate(size_t) override { return {nullptr, nullptr, [](void*) {}, device_}; }
+  at::DataPtr allocate(size_t) override {
+    return {nullptr, nullptr, [](void*) {}, device_};
+  }
   void copy_data(void*, const void*, size_t) const override {}
   at::Device device_;
 };
+
+c10::Allocator* no_memory_of(c10::DeviceIndex device) {
+  // Storages keep the pointer, so these live for ever.
+  static auto& allocators = *new std::vector<NoMemory>([] {
+    std::vector<NoMemory> made;
+    for (c10::DeviceIndex i = 0; i < kMaxDevices; ++i) made.emplace_back(at::Device(c10::kXPU, i));
+    return made;
+  }());
+  return &allocators[device];
+}
 
 at::Tensor efficientzerotensor(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device,
                                std::optional<bool> pin_memory) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
-  NoMemory allocator(guard.current_device());
-  at::Tensor zeros = at::detail::empty_generic(size, &allocator, kXpuKeys | c10::DispatchKeySet(c10::DispatchKey::ZeroTensor),
-                                               at::dtype_or_default(dtype), std::nullopt);
-  return zeros;
+  return at::detail::empty_generic(size, no_memory_of(guard.current_device().index()),
+                                   kXpuKeys | c10::DispatchKeySet(c10::DispatchKey::ZeroTensor),
+                                   at::dtype_or_default(dtype), std::nullopt);
 }
 
 at::Tensor& set_source_storage(at::Tensor& self, at::Storage source, int64_t offset, at::IntArrayRef size,
                                at::IntArrayRef stride) {
   at::native::checkSetStorage(self, source, offset, size, stride);
   self.unsafeGetTensorImpl()->set_storage_offset(offset);
-  const std::optional<at::IntArrayRef> strides = stride.data() ? std::optional(stride) : std::nullopt;
-  if (strides) {
-    self.unsafeGetTensorImpl()->set_sizes_and_strides(size, *strides);
-  } else {
-    self.unsafeGetTensorImpl()->set_sizes_contiguous(size);
-  }
+  // A storage that is too small grows, and takes along what is in it.
+  const auto guard = guard_for(self.device());
+  wait_for_current_stream(self.get_device());
+  at::native::resize_impl_cpu_(self.unsafeGetTensorImpl(), size,
+                               stride.data() ? at::OptionalIntArrayRef(stride) : std::nullopt);
   return self;
 }
 
@@ -87,14 +100,15 @@ at::Tensor& set_whole_storage(at::Tensor& self, at::Storage source) {
 at::Tensor& set_empty(at::Tensor& self) {
   const auto guard = guard_for(self.device());
   c10::Allocator* allocator = c10::GetAllocator(c10::kXPU);
-  c10::Storage storage(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), 0,
-                                                             allocator->allocate(0), allocator, /*resizable=*/true));
+  c10::Storage storage(c10::make_intrusive<c10::StorageImpl>(
+      c10::StorageImpl::use_byte_size_t(), 0, allocator->allocate(0), allocator, /*resizable=*/true));
   return set_source_storage(self, std::move(storage), 0, {0}, {});
 }
 
 at::Tensor& set_tensor(at::Tensor& self, const at::Tensor& source) {
   if (self.unsafeGetTensorImpl() == source.unsafeGetTensorImpl()) return self;
-  return set_source_storage(self, source.storage(), source.storage_offset(), source.sizes(), source.strides());
+  return set_source_storage(self, source.storage(), source.storage_offset(), source.sizes(),
+                            source.strides());
 }
 
 void record_stream(at::Tensor& self, c10::Stream stream) {
@@ -102,38 +116,41 @@ void record_stream(at::Tensor& self, c10::Stream stream) {
 }
 
 // The CPU kernel calls no generator that the caller could have given, so it would draw from the CPU's own.
-std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, double p, std::optional<bool> train) {
+std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, double p,
+                                                  std::optional<bool> train) {
   if (input.numel() == 0) return {input, at::empty_like(input, input.options())};
-  if (train.has_value() && !*train) return {input.clone(), at::ones_like(input, input.options().dtype(at::kBool))};
+  if (train.has_value() && !*train)
+    return {input.clone(), at::ones_like(input, input.options().dtype(at::kBool))};
   at::Tensor mask = at::empty(input.sizes(), input.options().dtype(at::kBool)).bernoulli_(1 - p);
   const double scale = p == 1 ? 0.0 : 1.0 / (1.0 - p);
   return {input.mul(mask).mul_(scale), mask};
 }
 
-// PyTorch's own choice of an attention kernel looks in tables that have no entry for XPU. Without gradients, all of it
-// is left to the CPU, whose fused kernel is fast; with them, the form made of plain operators has derivatives.
+// PyTorch's own choice of an attention kernel looks in tables that have no entry for XPU. Without gradients,
+// all of it is left to the CPU, whose fused kernel is fast; with them, the form made of plain operators has
+// derivatives.
 at::Tensor differentiable_attention(c10::DispatchKeySet keys, const at::Tensor& query, const at::Tensor& key,
-                                    const at::Tensor& value, const std::optional<at::Tensor>& mask, double dropout_p,
-                                    bool is_causal, std::optional<double> scale, bool enable_gqa) {
+                                    const at::Tensor& value, const std::optional<at::Tensor>& mask,
+                                    double dropout_p, bool is_causal, std::optional<double> scale,
+                                    bool enable_gqa) {
   const bool mask_needs_gradient = mask && mask->requires_grad();
-  const bool needs_gradient =
-      at::GradMode::is_enabled() &&
-      (query.requires_grad() || key.requires_grad() || value.requires_grad() || mask_needs_gradient);
+  const bool needs_gradient = at::GradMode::is_enabled() && (query.requires_grad() || key.requires_grad() ||
+                                                             value.requires_grad() || mask_needs_gradient);
   if (!needs_gradient && dropout_p == 0.0) {
     static const auto op = c10::Dispatcher::singleton()
                                .findSchemaOrThrow("aten::scaled_dot_product_attention", "")
                                .typed<decltype(at::scaled_dot_product_attention)>();
     const at::AutoDispatchBelowAutograd below_autograd;
-    return op.redispatch(keys & c10::after_autograd_keyset, query, key, value, mask, dropout_p, is_causal, scale,
-                         enable_gqa);
+    return op.redispatch(keys & c10::after_autograd_keyset, query, key, value, mask, dropout_p, is_causal,
+                         scale, enable_gqa);
   }
   std::optional<at::Tensor> float_mask = mask;
   if (mask && mask->defined() && mask->scalar_type() == at::kBool) {
     const double minus_infinity = -std::numeric_limits<double>::infinity();
     float_mask = at::zeros(mask->sizes(), query.options()).masked_fill_(mask->logical_not(), minus_infinity);
   }
-  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, float_mask, dropout_p, is_causal,
-                                                            std::nullopt, scale, enable_gqa));
+  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, float_mask, dropout_p,
+                                                            is_causal, std::nullopt, scale, enable_gqa));
 }
 
 }  // namespace
@@ -160,9 +177,27 @@ TORCH_LIBRARY_IMPL(aten, XPU, m) {
   m.impl("native_dropout", TORCH_FN(native_dropout));
 
   // Whole, where PyTorch would first look for an XPU form of the parts.
-  for (const char* name : {"copy_", "convolution", "_convolution", "convolution_backward", "native_group_norm_backward",
-                           "scaled_dot_product_attention"}) {
+  for (const char* name : {"copy_", "convolution", "_convolution", "convolution_backward",
+                           "native_group_norm_backward", "scaled_dot_product_attention"}) {
     m.impl(name, torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
+  }
+
+  // Its device-independent form would go through, and everything after it fail.
+  m.impl("_nested_tensor_from_tensor_list", torch::CppFunction::makeFromBoxedFunction<&refuse_nested>());
+
+  // PyTorch prefers an operator's device-independent form to a fallback. Where the CPU has a kernel of its
+  // own, that form is the slower one, and rounds differently.
+  auto& dispatcher = c10::Dispatcher::singleton();
+  for (const c10::OperatorName& name : dispatcher.getAllOpNames()) {
+    if (name.getNamespace() != "aten") continue;
+    const auto op = dispatcher.findOp(name);
+    if (!op || op->hasKernelForDispatchKey(c10::DispatchKey::XPU)) continue;
+    const bool has_device_independent_form =
+        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutograd) ||
+        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutogradNonFunctional);
+    if (has_device_independent_form && op->hasKernelForDispatchKey(c10::DispatchKey::CPU)) {
+      m.impl(toString(name).c_str(), torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
+    }
   }
 }
 

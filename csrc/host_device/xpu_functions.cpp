@@ -1,6 +1,6 @@
-// c10/xpu/XPUFunctions.h over the SYCL CPU device: how many host devices there are, which one is current, and what
-// each says of itself. All of them are the same SYCL device in the same context, so kernels and memory are shared;
-// only their declared architecture tells them apart.
+// c10/xpu/XPUFunctions.h over the SYCL CPU device: how many host devices there are, which one is current, and
+// what each says of itself. All of them are the same SYCL device in the same context, so kernels and memory
+// are shared; only their declared architecture tells them apart.
 #include <c10/util/CallOnce.h>
 #include <c10/util/Exception.h>
 #include <c10/xpu/PeerToPeerAccess.h>
@@ -41,9 +41,10 @@ uint64_t parse_architecture(std::string_view item, size_t position) {
   errno = 0;
   const bool well_formed = !digits.empty() && digits.find_first_not_of(allowed) == std::string::npos;
   const uint64_t value = well_formed ? std::strtoull(digits.c_str(), nullptr, hexadecimal ? 16 : 10) : 0;
-  TORCH_CHECK_VALUE(well_formed && errno == 0, kDevicesVariable, ": item ", position, " is '", item,
-                    "', which is not a 64-bit architecture identifier. Allowed is a comma-separated list of 1 to ",
-                    kMaxDevices, " identifiers, each decimal or hexadecimal with 0x (for example 0x30F000700,0).");
+  TORCH_CHECK_VALUE(
+      well_formed && errno == 0, kDevicesVariable, ": item ", position, " is '", item,
+      "', which is not a 64-bit architecture identifier. Allowed is a comma-separated list of 1 to ",
+      kMaxDevices, " identifiers, each decimal or hexadecimal with 0x (for example 0x30F000700,0).");
   return value;
 }
 
@@ -54,7 +55,8 @@ std::vector<uint64_t> read_architectures() {
   std::vector<uint64_t> architectures;
   for (size_t start = 0; start <= list.size();) {
     const size_t end = std::min(list.find(',', start), list.size());
-    architectures.push_back(parse_architecture(trim(list.substr(start, end - start)), architectures.size() + 1));
+    architectures.push_back(
+        parse_architecture(trim(list.substr(start, end - start)), architectures.size() + 1));
     start = end + 1;
   }
   TORCH_CHECK_VALUE(architectures.size() <= kMaxDevices, kDevicesVariable, " lists ", architectures.size(),
@@ -74,10 +76,15 @@ sycl::device find_cpu_device() {
     const char* value = std::getenv(name);
     return value ? value : "unset";
   };
-  TORCH_CHECK(!devices.empty(), "quillon's host device needs the SYCL runtime's CPU device, and there is none", reason,
-              ". Its driver, libintelocl.so, comes with: pip install 'quillon[host]'. OCL_ICD_FILENAMES names that "
-              "driver and is ", show("OCL_ICD_FILENAMES"), "; ONEAPI_DEVICE_SELECTOR, if set, must allow opencl:cpu "
-              "and is ", show("ONEAPI_DEVICE_SELECTOR"), ".");
+  TORCH_CHECK(
+      !devices.empty(), "quillon's host device needs the SYCL runtime's CPU device, and there is none",
+      reason,
+      ". Its driver, libintelocl.so, comes with: pip install 'quillon[host]'. OCL_ICD_FILENAMES names that "
+      "driver and is ",
+      show("OCL_ICD_FILENAMES"),
+      "; ONEAPI_DEVICE_SELECTOR, if set, must allow opencl:cpu "
+      "and is ",
+      show("ONEAPI_DEVICE_SELECTOR"), ".");
   return devices.front();
 }
 
@@ -87,7 +94,9 @@ Platform make_platform() {
   return {std::move(device), std::move(context)};
 }
 
-void on_fork_in_child() { bad_fork.store(initialized.load(), std::memory_order_relaxed); }
+void on_fork_in_child() {
+  bad_fork.store(initialized.load(), std::memory_order_relaxed);
+}
 
 }  // namespace
 
@@ -97,9 +106,10 @@ const std::vector<uint64_t>& declared_architectures() {
 }
 
 void check_not_forked() {
-  TORCH_CHECK(!in_bad_fork(),
-              "Cannot re-initialize XPU in forked subprocess. To use XPU with multiprocessing, you must use the "
-              "'spawn' start method");
+  TORCH_CHECK(
+      !in_bad_fork(),
+      "Cannot re-initialize XPU in forked subprocess. To use XPU with multiprocessing, you must use the "
+      "'spawn' start method");
 }
 
 Platform& platform() {
@@ -114,10 +124,18 @@ Platform& platform() {
   return instance;
 }
 
-void initialize() { platform(); }
-bool is_initialized() noexcept { return initialized.load(std::memory_order_relaxed); }
-bool in_bad_fork() noexcept { return bad_fork.load(std::memory_order_relaxed); }
-bool is_shut_down() noexcept { return shut_down_done.load(std::memory_order_relaxed); }
+void initialize() {
+  platform();
+}
+bool is_initialized() noexcept {
+  return initialized.load(std::memory_order_relaxed);
+}
+bool in_bad_fork() noexcept {
+  return bad_fork.load(std::memory_order_relaxed);
+}
+bool is_shut_down() noexcept {
+  return shut_down_done.load(std::memory_order_relaxed);
+}
 
 void shut_down() noexcept {
   if (shut_down_done.load()) return;
@@ -142,9 +160,13 @@ DeviceIndex device_count() {
   return count;
 }
 
-DeviceIndex device_count_ensure_non_zero() { return device_count(); }
+DeviceIndex device_count_ensure_non_zero() {
+  return device_count();
+}
 
-DeviceIndex current_device() { return current_index; }
+DeviceIndex current_device() {
+  return current_index;
+}
 
 void set_device(DeviceIndex device) {
   check_device_index(device);
@@ -156,14 +178,18 @@ DeviceIndex exchange_device(DeviceIndex device) {
   return std::exchange(current_index, device);
 }
 
-DeviceIndex maybe_exchange_device(DeviceIndex to_device) { return exchange_device(to_device); }
+DeviceIndex maybe_exchange_device(DeviceIndex to_device) {
+  return exchange_device(to_device);
+}
 
 sycl::device& get_raw_device(DeviceIndex device) {
   check_device_index(device);
   return platform().device;
 }
 
-sycl::context& get_device_context() { return platform().context; }
+sycl::context& get_device_context() {
+  return platform().context;
+}
 
 void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
   TORCH_CHECK(device_prop, "get_device_properties: device_prop must not be null.");
@@ -171,15 +197,17 @@ void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
 
 // The headers list the properties by macro, so reading them takes macros too.
 #define READ_PROPERTY(property) device_prop->property = raw.get_info<sycl::info::device::property>();
-#define READ_EXTENSION(property, aspect_name, default_value)                                            \
-  device_prop->property = raw.has(sycl::aspect::ext_intel_##aspect_name)                                \
-                              ? raw.get_info<sycl::ext::intel::info::device::property>()                \
-                              : static_cast<sycl::ext::intel::info::device::property::return_type>(default_value);
+#define READ_EXTENSION(property, aspect_name, default_value)         \
+  device_prop->property =                                            \
+      raw.has(sycl::aspect::ext_intel_##aspect_name)                 \
+          ? raw.get_info<sycl::ext::intel::info::device::property>() \
+          : static_cast<sycl::ext::intel::info::device::property::return_type>(default_value);
 #define READ_ASPECT(member) device_prop->has_##member = raw.has(sycl::aspect::member);
 #define READ_EXPERIMENTAL_ASPECT(member) device_prop->has_##member = raw_has_##member;
 
   AT_FORALL_XPU_DEVICE_PROPERTIES(READ_PROPERTY)
-  device_prop->platform_name = raw.get_info<sycl::info::device::platform>().get_info<sycl::info::platform::name>();
+  device_prop->platform_name =
+      raw.get_info<sycl::info::device::platform>().get_info<sycl::info::platform::name>();
   AT_FORALL_XPU_EXT_DEVICE_PROPERTIES(READ_EXTENSION)
 #if SYCL_COMPILER_VERSION >= 20260000
   device_prop->is_integrated_gpu = false;
@@ -187,7 +215,8 @@ void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
   AT_FORALL_XPU_DEVICE_ASPECT(READ_ASPECT)
   // A CPU device has none of these OpenCL extensions of GPUs.
   const bool raw_has_bfloat16_conversions = false, raw_has_subgroup_matrix_multiply_accumulate = false,
-             raw_has_subgroup_matrix_multiply_accumulate_tensor_float32 = false, raw_has_subgroup_2d_block_io = false;
+             raw_has_subgroup_matrix_multiply_accumulate_tensor_float32 = false,
+             raw_has_subgroup_2d_block_io = false;
   AT_FORALL_XPU_EXP_CL_ASPECT(READ_EXPERIMENTAL_ASPECT)
   device_prop->architecture =
       static_cast<sycl::ext::oneapi::experimental::architecture>(declared_architectures().at(device));

@@ -39,8 +39,12 @@ std::array<DeviceQueues, kMaxDevices>& all_queues() {
 
 thread_local std::array<c10::StreamId, kMaxDevices> current_streams{};
 
-bool is_pool_stream(c10::StreamId id) { return id & 1; }
-int pool_position(c10::StreamId id) { return static_cast<int>(id >> 1); }
+bool is_pool_stream(c10::StreamId id) {
+  return id & 1;
+}
+int pool_position(c10::StreamId id) {
+  return static_cast<int>(id >> 1);
+}
 
 std::atomic<sycl::queue*>& queue_slot(c10::DeviceIndex device, c10::StreamId id) {
   DeviceQueues& queues = all_queues()[device];
@@ -81,7 +85,9 @@ void wait_for_stream(c10::DeviceIndex device, c10::StreamId stream) {
   wait_unless_idle(find_queue(device, stream));
 }
 
-void wait_for_current_stream(c10::DeviceIndex device) { wait_for_stream(device, current_streams[device]); }
+void wait_for_current_stream(c10::DeviceIndex device) {
+  wait_for_stream(device, current_streams[device]);
+}
 
 void synchronize_all_devices() {
   for (c10::DeviceIndex device = 0; device < c10::xpu::device_count(); ++device) {
@@ -114,7 +120,9 @@ int XPUStream::priority() const {
   return kLowestPriority - pool_position(stream) / kStreamsPerPool;
 }
 
-sycl::queue& XPUStream::queue() const { return get_queue(device_index(), id()); }
+sycl::queue& XPUStream::queue() const {
+  return get_queue(device_index(), id());
+}
 
 XPUStream getStreamFromPool(const int priority, DeviceIndex device) {
   device = index_or_current(device);
@@ -144,7 +152,9 @@ void setCurrentXPUStream(XPUStream stream) {
   current_streams[stream.device_index()] = stream.id();
 }
 
-std::ostream& operator<<(std::ostream& stream, const XPUStream& s) { return stream << s.unwrap(); }
+std::ostream& operator<<(std::ostream& stream, const XPUStream& s) {
+  return stream << s.unwrap();
+}
 
 void syncStreamsOnDevice(DeviceIndex device) {
   device = index_or_current(device);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/device_build.h"
 #include "runtime/device_sources.h"
 #include "runtime/submit_kernel.h"
 
@@ -35,33 +36,16 @@ syclexp::include_files embedded_headers() {
   return files;
 }
 
-std::vector<std::string> build_options() {
-  std::vector<std::string> options = {
-      "-I.",  // nested includes of virtual files are not found without it
-      "-DQUILLON_DEVICE_SOURCE",
-  };
-#if __LIBSYCL_MAJOR_VERSION < 9
-  // The device libraries of these runtimes are not in the pip packages; later ones refuse the option.
-  options.push_back("-fno-sycl-device-lib=all");
-#endif
-  return options;
-}
-
-// A registered name without an instantiation crashes the compiler, so the text instantiates exactly the entry's kernel.
-std::string source_text(const KernelEntry& entry) {
-  return "#include \"" + entry.header + "\"\ntemplate decltype(" + entry.name + ") " + entry.name + ";\n";
-}
-
 const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context, const sycl::device& device) {
   std::string log;
   try {
     auto source = syclexp::create_kernel_bundle_from_source(
-        context, syclexp::source_language::sycl, source_text(entry),
+        context, syclexp::source_language::sycl, device_build_text(entry.header, {entry.name}),
         syclexp::properties{embedded_headers()});
     auto executable =
         syclexp::build(source, {device},
                        syclexp::properties{syclexp::registered_names{entry.name},
-                                           syclexp::build_options{build_options()}, syclexp::save_log{&log}});
+                                           syclexp::build_options{device_build_options()}, syclexp::save_log{&log}});
     return new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
   } catch (const std::exception& error) {
     TORCH_CHECK(false, "Building the kernel ", entry.name, " for the device \"",

@@ -1,5 +1,18 @@
-"""Low-bit large-language-model inference on XPU devices."""
+"""Low-bit large-language-model inference on XPU devices.
 
-from quillon import host_device as _host_device_startup
+``import quillon`` registers the operators of ``torch.ops.quillon`` and, on a PyTorch without XPU, brings up the host
+device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
+"""
 
-_host_device_startup.start()
+from quillon import host_device
+
+host_device.start()
+
+import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
+from quillon import formats, nn  # noqa: E402
+from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
+from quillon.nn import quantize_model  # noqa: E402
+from quillon.quantizers import quantize  # noqa: E402
+from quillon.reference import dequantize_reference  # noqa: E402
+
+__all__ = ["ImportedTensor", "dequantize_reference", "formats", "from_gguf", "nn", "quantize", "quantize_model"]

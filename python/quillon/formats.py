@@ -1,11 +1,11 @@
 """The storage formats: codes, names, block sizes and how a flat byte tensor is divided.
 
-A packed weight of ``rows`` by ``cols`` elements is one flat byte tensor. Blocks of ``elements`` weights follow one
-another in row-major order. A format stores its blocks in one of two ways:
+A packed weight of ``rows`` by ``cols`` elements is one flat byte tensor. Blocks of ``elements`` weights
+follow one another in row-major order. A format stores its blocks in one of two ways:
 
 ``records``  every block is one contiguous record, its fields side by side;
-``regions``  every field is an array of its own, holding that field of all blocks in block order, and the arrays
-             follow one another in the order of ``fields``.
+``regions``  every field is an array of its own, holding that field of all blocks in block order, and the
+             arrays follow one another in the order of ``fields``.
 
 This module only describes; it imports neither torch nor any compiled code.
 """
@@ -36,7 +36,7 @@ MAX_ELEMENTS = 2**31 - 1
 class Format:
     """One storage format.
 
-    ``fields`` gives (name, bytes per block) in storage order. ``is_weight`` is false for the activation format.
+    ``fields`` gives (name, bytes per block) in storage order. The activation format is no weight.
     """
 
     code: int
@@ -115,7 +115,8 @@ def weight_format(name_or_code: str | int) -> Format:
     found = get_format(name_or_code)
     if not found.is_weight:
         raise ValueError(
-            f"{found.name} ({found.code}) holds activations, not weights; allowed: {', '.join(WEIGHT_FORMATS)}"
+            f"{found.name} ({found.code}) holds activations, not weights; "
+            f"allowed: {', '.join(WEIGHT_FORMATS)}"
         )
     return found
 
@@ -136,7 +137,7 @@ def row_multiple(format: str | int) -> int:
 
 
 def check_shape(format: str | int, rows: int, cols: int) -> Format:
-    """Check that a weight of ``rows`` by ``cols`` can be stored; returns the format, raises ``ValueError``."""
+    """The format, after a check that it can store ``rows`` by ``cols``; raises ``ValueError``."""
     found = weight_format(format)
     if rows < 1 or cols < 1:
         raise ValueError(f"rows and cols must be positive, got {rows} by {cols}")
@@ -145,7 +146,9 @@ def check_shape(format: str | int, rows: int, cols: int) -> Format:
             f"cols must be a multiple of {found.elements} for {found.name}, got {rows} by {cols}"
         )
     if rows * cols > MAX_ELEMENTS:
-        raise ValueError(f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}")
+        raise ValueError(
+            f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}"
+        )
     return found
 
 

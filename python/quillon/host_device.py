@@ -1,7 +1,7 @@
 """The host device: PyTorch's XPU layer on a PyTorch built without XPU, over the SYCL runtime's CPU device.
 
-``import quillon`` brings it up, after which ``torch.device("xpu")``, ``tensor.to("xpu")`` and ``torch.xpu`` work as
-they do with an XPU. On a PyTorch that has XPU of its own, nothing here does anything.
+``import quillon`` brings it up, after which ``torch.device("xpu")``, ``tensor.to("xpu")`` and ``torch.xpu``
+work as they do with an XPU. On a PyTorch that has XPU of its own, nothing here does anything.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ _native: ModuleType | None = None
 
 
 def is_active() -> bool:
-    """Return whether ``xpu`` is the host device in this process, and not an XPU that PyTorch itself drives."""
+    """Return whether ``xpu`` is the host device in this process, not an XPU that PyTorch itself drives."""
     return _native is not None
 
 
@@ -43,7 +43,8 @@ def declared_architectures() -> list[int]:
 def cache_folder() -> Path | None:
     """Return the folder in which the SYCL runtime keeps compiled kernels, or None if it keeps none.
 
-    On the host device the persistent cache is on unless the user switched it off; on an XPU it is the user's choice.
+    On the host device the persistent cache is on unless the user switched it off; on an XPU it is the user's
+    choice.
     """
     if os.environ.get("SYCL_CACHE_PERSISTENT", "0") == "0":
         return None
@@ -55,7 +56,7 @@ def cache_folder() -> Path | None:
 
 
 def start() -> None:
-    """Bring the host device up, unless PyTorch has XPU itself or it is up already. Called by ``import quillon``.
+    """Bring the host device up, unless PyTorch has XPU or it is up already. Called by ``import quillon``.
 
     Neither devices nor queues are made before their first use.
 
@@ -72,9 +73,9 @@ def start() -> None:
     native.declared_architectures()
     if not native.hooks_are_active():
         raise RuntimeError(
-            "PyTorch was asked for XPU before quillon was imported, by a backward pass for example, and has settled "
-            "for having none. Import quillon before the first use of autograd: put `import quillon` right after "
-            "`import torch`."
+            "PyTorch was asked for XPU before quillon was imported, by a backward pass for example, and has "
+            "settled for having none. Import quillon before the first use of autograd: put `import quillon` "
+            "right after `import torch`."
         )
     native.install()
     _connect_torch(native)
@@ -121,7 +122,7 @@ def _load_native() -> ModuleType:
     except ImportError as error:
         if "libsycl" not in str(error):
             raise
-        # Not where the package's own library path points: a virtual environment that sees a system-wide runtime.
+        # Not where the package's library path points: a virtual environment that sees a system-wide runtime.
         runtime = _find_library(_SYCL_RUNTIME)
         if runtime is None:
             raise ImportError(f"{_SYCL_RUNTIME} not found: {_INSTALL_HINT}") from error
@@ -131,7 +132,7 @@ def _load_native() -> ModuleType:
 
 def _stream_base(native: ModuleType) -> type:
     class XpuStreamBase(torch.Stream):
-        """What PyTorch's own XPU streams are made of: a generic stream that knows its queue and its priority."""
+        """What PyTorch's own XPU streams are made of: a generic stream that knows its queue and priority."""
 
         def __new__(cls, priority: int = 0, **place: int) -> Any:
             if "stream_ptr" in place:
@@ -180,7 +181,7 @@ def _event_base(native: ModuleType) -> type:
 
 
 def _connect_torch(native: ModuleType) -> None:
-    """Give torch._C what a PyTorch built with XPU has there, and torch.xpu the few names it looked up at its import."""
+    """Give torch._C what a PyTorch built with XPU has there, and torch.xpu the names it looked up before."""
     core: Any = torch._C
     xpu: Any = torch.xpu
 
@@ -200,6 +201,8 @@ def _connect_torch(native: ModuleType) -> None:
     xpu._XpuDeviceProperties = native._XpuDeviceProperties
     xpu._exchange_device = native._xpu_exchangeDevice
     xpu._maybe_exchange_device = native._xpu_maybeExchangeDevice
+    # It would count the GPUs that the machine may have all the same.
+    xpu._device_count_zes = lambda: -1
     xpu._is_in_bad_fork = native._xpu_isInBadFork
     # The bases of its classes have changed.
     importlib.reload(xpu.streams)

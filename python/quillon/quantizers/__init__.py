@@ -1,8 +1,8 @@
 """Quantizers: a dense weight matrix to the flat bytes of a storage format.
 
 One module per family. A family's quantizer is a function ``(x, w) -> fields`` of an element-major chunk ``x``
-(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each field's bytes
-as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
+(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each
+field's bytes as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
 """
 
 from __future__ import annotations
@@ -12,8 +12,9 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
+from quillon._chunks import for_each_chunk
 from quillon.formats import check_shape
-from quillon.quantizers import integer
+from quillon.quantizers import codebook, grid, integer, superblock
 from quillon.quantizers._layout import field_views
 from quillon.quantizers._progress import Progress
 
@@ -23,21 +24,50 @@ Quantizer = Callable[[Tensor, "Tensor | None"], dict[str, Tensor]]
 
 _QUANTIZERS: dict[str, Quantizer] = {
     "q4_0": integer.q4_0,
+    "q4_1": integer.q4_1,
+    "q5_0": integer.q5_0,
+    "q5_1": integer.q5_1,
+    "q8_0": integer.q8_0,
+    "q4_0_woq": integer.q4_0_woq,
+    "nf4": codebook.nf4,
+    "nf3": codebook.nf3,
+    "fp4": codebook.fp4,
+    "fp6": codebook.fp6,
+    "fp8_e4m3": codebook.fp8_e4m3,
+    "fp8_e5m2": codebook.fp8_e5m2,
+    "q2_k": superblock.q2_k,
+    "q4_k": superblock.q4_k,
+    "q5_k": superblock.q5_k,
+    "q6_k": superblock.q6_k,
+    "fp6_k": superblock.fp6_k,
+    "iq2_xxs": grid.iq2_xxs,
+    "iq1_s": grid.iq1_s,
 }
+
+# The largest magnitude that a format takes: its scale is a half, or the squares of the search have to stay
+# finite. The largest level of the six-bit small floats is below 1/128, and fp8_e5m2 has no scale at all.
+_DEFAULT_REACH = 65504.0
+_REACH = {"fp6": 479.0, "fp6_k": 479.0, "fp8_e5m2": 61440.0, "q8_0": 1e15, "fp8_e4m3": 1e15}
 
 _DTYPES = (torch.float32, torch.float16, torch.bfloat16)
 
 # A chunk and the temporaries of a search stay in the second-level cache; larger ones run slower.
-_CHUNK_ELEMENTS = 1 << 18
+_CHUNK_ELEMENTS = 1 << 16
 
 
 def _check_importance(importance: Tensor, cols: int) -> Tensor:
     if importance.shape != (cols,):
-        raise ValueError(f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}")
+        raise ValueError(
+            f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}"
+        )
     if not importance.is_floating_point():
         raise TypeError(f"importance must be a floating-point tensor, got {importance.dtype}")
     importance = importance.detach().to(device="cpu", dtype=torch.float64)
-    if not bool(importance.isfinite().all()) or bool((importance < 0).any()) or not bool((importance > 0).any()):
+    if (
+        not bool(importance.isfinite().all())
+        or bool((importance < 0).any())
+        or not bool((importance > 0).any())
+    ):
         raise ValueError("importance must be finite and not negative, with at least one positive number")
     # A floor keeps blocks whose columns all count for nothing defined, without moving the others.
     importance = importance / importance.max()
@@ -56,12 +86,12 @@ def quantize(
     weight      (rows, cols), float32, float16 or bfloat16, finite; cols a multiple of 64, or of 256 for the
                 formats with super-blocks; fewer than 2**31 elements. Any device; the work is done on the CPU.
     format      a name or a code of :data:`quillon.formats.FORMATS`
-    importance  (cols,), not negative: the weight of each column in the squared error that the search of scales
-                minimises, for example the mean square of the activations that meet the column
+    importance  (cols,), not negative: the weight of each column in the squared error that the search of
+                scales minimises, for example the mean square of the activations that meet the column
     progress    True: show progress on stderr, False: never, None: when stderr is a terminal and it takes long
 
-    Returns uint8 (weight_bytes(format, rows, cols),) on the CPU. Deterministic. Raises ``TypeError`` for a wrong
-    type, ``ValueError`` for a wrong shape, a value that is not finite, or an unknown format.
+    Returns uint8 (weight_bytes(format, rows, cols),) on the CPU. Deterministic. Raises ``TypeError`` for a
+    wrong type, ``ValueError`` for a wrong shape, a value that is not finite, or an unknown format.
     """
     if not isinstance(weight, Tensor):
         raise TypeError(f"weight must be a tensor, got {type(weight).__name__}")
@@ -78,19 +108,25 @@ def quantize(
     blocks = rows * cols // fmt.elements
     data = torch.empty(blocks * fmt.bytes, dtype=torch.uint8)
     views = field_views(data, fmt, blocks)
+    reach = _REACH.get(fmt.name, _DEFAULT_REACH)
     rows_per_chunk = max(1, _CHUNK_ELEMENTS // cols)
-    bar = Progress(f"quantize {fmt.name}", rows, progress)
-    w = None
-    for first in range(0, rows, rows_per_chunk):
-        part = weight[first : first + rows_per_chunk].float()
+
+    def pack(first: int, last: int) -> None:
+        part = weight[first:last].float()
         if not bool(part.isfinite().all()):
-            raise ValueError(f"weight must be finite; rows {first} to {first + len(part) - 1} hold NaN or infinity")
+            raise ValueError(f"weight must be finite; rows {first} to {last - 1} hold NaN or infinity")
+        peak = float(part.abs().max())
+        if peak > reach:
+            raise ValueError(f"weight must be within +-{reach:g} for {fmt.name}, got a magnitude of {peak:g}")
         x = part.view(-1, fmt.elements).t().contiguous()
-        if column_weights is not None and (w is None or w.shape != x.shape):
-            w = column_weights.view(-1, fmt.elements).repeat(len(part), 1).t().contiguous()
+        w = None
+        if column_weights is not None:
+            w = column_weights.view(-1, fmt.elements).repeat(last - first, 1).t().contiguous()
         start = first * cols // fmt.elements
         for name, field in quantizer(x, w).items():
             views[name][start : start + x.shape[1]] = field
-        bar.advance(len(part))
+
+    bar = Progress(f"quantize {fmt.name}", rows, progress)
+    for_each_chunk(rows, rows_per_chunk, pack, bar.advance)
     bar.close()
     return data

@@ -36,6 +36,8 @@ class Progress:
     def close(self) -> None:
         """End the line, if one was drawn."""
         if self._drawn:
-            sys.stderr.write(f"\r{self._label} [{'#' * int(30 * self._done / self._total):<30}] "
-                             f"{self._done / self._total:4.0%} {time.monotonic() - self._start:4.1f} s    \n")
+            sys.stderr.write(
+                f"\r{self._label} [{'#' * int(30 * self._done / self._total):<30}] "
+                f"{self._done / self._total:4.0%} {time.monotonic() - self._start:4.1f} s    \n"
+            )
             sys.stderr.flush()

@@ -1,0 +1,142 @@
+"""Prints what the inner loop of each kernel costs on each GPU architecture, as the machine code tells.
+
+    python benchmarks/gpu_code.py [--kernel TEXT] [--type float --type c10::Half]
+
+Method. Every instantiation is compiled for the architectures whose class uses it, as ``tools/gpu_compile.py``
+tells, and disassembled. A loop is the code from a label to the branch that jumps back to it; the kernel's
+loop over K is the longest of those that hold no other loop. Counted in it are
+
+  instructions   all assembly lines, those that only wait for others too; a line that serves all lanes counts
+                 as one, whether the hardware issues it once or twice
+  messages       the ``send`` instructions, each one request to a memory unit, whatever its width
+
+Both are divided by the packed weight bytes, scales included, that a hardware thread consumes in one pass of
+the loop: lanes x rows x a work-item's bytes of one row. A message of 16 lanes x 8 bytes is thus 0.008 a byte.
+
+Registers (GRF) are those that the compiler gave a hardware thread, spill the bytes of what did not fit.
+Architectures with the same numbers share a row. More than one loop over global memory means that the compiler
+unrolled the loop and kept a remainder, or that the kernel has two; the numbers per byte are then too high,
+which the table marks by ``*``.
+
+The table says what a kernel asks of a GPU and not how fast it runs: it shows one that asks too much.
+"""
+
+from __future__ import annotations
+
+import argparse
+import sys
+from collections.abc import Mapping
+from dataclasses import dataclass
+from functools import partial
+from pathlib import Path
+
+PROJECT = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(PROJECT / "tools"), str(PROJECT / "tests" / "gpu_compile")]
+
+from gpu_compile import GpuCompileError, Loop, assembly, device_argument, innermost_loops, run_jobs  # noqa: E402
+from instantiations import ELEMENT_TYPES, KERNELS, Case, Compiled, cases, compile_cases  # noqa: E402
+
+HEADINGS = (
+    "kernel",
+    "architectures",
+    "instructions / byte",
+    "messages / byte",
+    "instructions",
+    "messages",
+    "GRF",
+    "spill",
+)
+
+
+@dataclass(frozen=True)
+class Cost:
+    """What one pass of a kernel's loop over K takes."""
+
+    instructions: int
+    messages: int
+    packed_bytes: float
+    loops: int
+    grf_count: int
+    spill_size: int
+
+    def cells(self) -> list[str]:
+        mark = "*" if self.loops > 1 else ""
+        return [
+            f"{self.instructions / self.packed_bytes:.2f}{mark}",
+            f"{self.messages / self.packed_bytes:.3f}{mark}",
+            str(self.instructions),
+            str(self.messages),
+            str(self.grf_count),
+            str(self.spill_size),
+        ]
+
+
+def asks_global_memory(loop: Loop) -> bool:
+    """Whether a loop sends to any unit but that of local memory and that of barriers."""
+    return any("send.slm" not in message and "gtwy" not in message for message in loop.messages)
+
+
+def cost(case: Case, code: str, compiled: Compiled) -> Cost:
+    """The cost of a case whose kernel has the assembly ``code``."""
+    loops = [loop for loop in innermost_loops(code) if asks_global_memory(loop)]
+    if not loops:
+        raise GpuCompileError(f"{case} has no loop over global memory")
+    longest = max(loops, key=lambda loop: len(loop.instructions))
+    return Cost(
+        instructions=len(longest.instructions),
+        messages=len(longest.messages),
+        packed_bytes=compiled.info.simd_size * case.kernel.packed_bytes(case.geometry),
+        loops=len(loops),
+        grf_count=compiled.info.grf_count,
+        spill_size=compiled.info.spill_size,
+    )
+
+
+def cost_of(case: Case, outcome: Compiled | GpuCompileError) -> Cost:
+    if isinstance(outcome, GpuCompileError):
+        raise outcome
+    return cost(case, assembly(outcome.module)[outcome.info.entry], outcome)
+
+
+def table(costs: Mapping[Case, Cost]) -> list[list[str]]:
+    """Rows of the table, architectures with the same numbers in one."""
+    groups: dict[tuple[str, Cost], list[str]] = {}
+    for case, found in costs.items():
+        groups.setdefault((case.expression, found), []).append(device_argument(case.architecture))
+    rows = [
+        [f"`{expression}`", ", ".join(architectures), *found.cells()]
+        for (expression, found), architectures in groups.items()
+    ]
+    return sorted(rows, key=lambda row: row[0])
+
+
+def print_markdown(headings: tuple[str, ...], rows: list[list[str]]) -> None:
+    widths = [max(len(cell) for cell in column) for column in zip(headings, *rows, strict=True)]
+    rule = ["-" * width for width in widths]
+    for row in [headings, rule, *rows]:
+        print("| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)) + " |")
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--kernel", default="", help="only kernels whose name holds this text")
+    parser.add_argument("--type", action="append", choices=ELEMENT_TYPES, help="default: float and c10::Half")
+    arguments = parser.parse_args()
+    kernels = [kernel for kernel in KERNELS if arguments.kernel in kernel.name]
+    if not kernels:
+        parser.error(f"no kernel's name holds {arguments.kernel!r}")
+    types = arguments.type or ["float", "c10::Half"]
+    wanted = [case for case in cases(kernels) if case.element_type in types]
+    outcomes = compile_cases(wanted)
+    costs = dict(
+        zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True)
+    )
+    errors = [found for found in costs.values() if isinstance(found, GpuCompileError)]
+    print_markdown(HEADINGS, table({c: found for c, found in costs.items() if isinstance(found, Cost)}))
+    for error in dict.fromkeys(map(str, errors)):
+        print(error, file=sys.stderr)
+    return 1 if errors else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,106 @@
+"""Command line: ``python -m quillon info``, ``formats`` and ``quantize``."""
+
+from __future__ import annotations
+
+import argparse
+import importlib.metadata
+import platform
+import sys
+
+import torch
+
+import quillon
+import vesper_linear
+from quillon import host_device
+
+
+def _version(package: str) -> str:
+    try:
+        return importlib.metadata.version(package)
+    except importlib.metadata.PackageNotFoundError:
+        return "not installed"
+
+
+def _architecture(index: int) -> str:
+    declared = host_device.declared_architectures()
+    if declared:
+        return f"{declared[index]:#x}"
+    architecture = getattr(torch.xpu.get_device_properties(index), "architecture", None)
+    return "unknown to this PyTorch" if architecture is None else f"{int(architecture):#x}"
+
+
+def info() -> list[tuple[str, str]]:
+    """Return what this installation consists of and which devices it sees, as (what, value) lines."""
+    if host_device.is_active():
+        layer = "quillon's host device (the SYCL CPU device)"
+    else:
+        layer = "PyTorch's own"
+    folder = host_device.cache_folder()
+    lines = [
+        ("quillon", _version("quillon")),
+        ("PyTorch", torch.__version__),
+        ("SYCL runtime", _version("dpcpp-cpp-rt")),
+        ("Python", platform.python_version()),
+        ("XPU layer", layer),
+        ("kernel cache", "off (SYCL_CACHE_PERSISTENT)" if folder is None else str(folder)),
+        ("formats", ", ".join(quillon.formats.WEIGHT_FORMATS)),
+    ]
+    for index in range(torch.xpu.device_count()):
+        device = torch.device("xpu", index)
+        name = vesper_linear.get_xpu_device_name(device)
+        lines.append((f"xpu:{index}", f"{torch.xpu.get_device_name(index)}, class {name}, {_architecture(index)}"))
+    return lines
+
+
+def _format(text: str) -> str:
+    """A format's name, from a name or a code."""
+    return quillon.formats.format_name(int(text) if text.isdigit() else text)
+
+
+def formats(names: list[str]) -> list[tuple[str, str]]:
+    """Return a line on each named format, or on all, as (name, facts)."""
+    lines = []
+    for name in names or quillon.formats.WEIGHT_FORMATS:
+        found = quillon.formats.get_format(_format(name))
+        facts = f"code {found.code:2}  {found.bits_per_weight:7.4f} bits per weight  rows a multiple of "
+        lines.append((found.name, facts + str(quillon.nn.kernel_row_multiple(found.name))))
+    return lines
+
+
+def quantize_file(source: str, format: str, target: str, fallback: str | None) -> str:
+    """Pack the matrices of a GGUF file and save them with torch.save; return a sentence about the result."""
+    tensors = quillon.from_gguf(source, _format(format), fallback=_format(fallback) if fallback else None)
+    torch.save({name: vars(tensor) for name, tensor in tensors.items()}, target)
+    packed = sum(tensor.format is not None for tensor in tensors.values())
+    size = sum(tensor.data.nbytes for tensor in tensors.values())
+    return f"{packed} matrices packed, {len(tensors) - packed} tensors dense, {size / 1e6:.1f} MB in {target}"
+
+
+def main(arguments: list[str] | None = None) -> int:
+    """Run the command line and return the exit code."""
+    parser = argparse.ArgumentParser(prog="python -m quillon", description=quillon.__doc__)
+    commands = parser.add_subparsers(dest="command", required=True)
+    commands.add_parser("info", help="versions, XPU layer, kernel cache, and the devices with class and architecture")
+    listing = commands.add_parser("formats", help="what each weight format is")
+    listing.add_argument("names", nargs="*", metavar="format", help="default: all")
+    packing = commands.add_parser("quantize", help="pack the matrices of a GGUF file into a format")
+    packing.add_argument("source", help="a GGUF file")
+    packing.add_argument("format", help="a weight format")
+    packing.add_argument("target", help="file to write, for torch.load")
+    packing.add_argument("--fallback", help="format for matrices whose rows do not fit")
+    options = parser.parse_args(arguments)
+    try:
+        if options.command == "quantize":
+            print(quantize_file(options.source, options.format, options.target, options.fallback))
+            return 0
+        lines = info() if options.command == "info" else formats(options.names)
+    except (ValueError, OSError) as problem:
+        print(f"python -m quillon {options.command}: {problem}", file=sys.stderr)
+        return 2
+    for what, value in lines:
+        print(f"{what:14}{value}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

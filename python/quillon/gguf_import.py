@@ -1,0 +1,115 @@
+"""Weights of a GGUF file, repacked into this library's formats."""
+
+from __future__ import annotations
+
+from collections.abc import Iterable
+from dataclasses import dataclass
+from fnmatch import fnmatchcase
+from os import PathLike
+from typing import Any
+
+import torch
+from torch import Tensor
+
+from quillon.formats import row_multiple, weight_format
+from quillon.quantizers import quantize
+from quillon.quantizers._progress import Progress
+from quillon.reference import dequantize_reference
+
+__all__ = ["ImportedTensor", "from_gguf"]
+
+
+@dataclass(frozen=True)
+class ImportedTensor:
+    """One tensor of a file.
+
+    format  name of the storage format, or None for a tensor that is kept dense
+    shape   (rows, cols) of a packed weight; the shape of a dense tensor, slowest dimension first
+    data    packed: uint8, one dimension; dense: float32 of ``shape``
+    """
+
+    format: str | None
+    shape: tuple[int, ...]
+    data: Tensor
+
+    def dense(self) -> Tensor:
+        """The values, float32 of ``shape``."""
+        if self.format is None:
+            return self.data
+        rows, cols = self.shape
+        return dequantize_reference(self.data, self.format, rows, cols)
+
+
+def _patterns(patterns: str | Iterable[str]) -> tuple[str, ...]:
+    return (patterns,) if isinstance(patterns, str) else tuple(patterns)
+
+
+def _reader(path: str | PathLike[str]) -> tuple[Any, Any]:
+    try:
+        import gguf
+    except ImportError as missing:
+        raise ImportError("from_gguf needs the gguf package: pip install 'quillon[gguf]'") from missing
+    return gguf.GGUFReader(path), gguf.quants.dequantize
+
+
+def from_gguf(
+    path: str | PathLike[str],
+    format: str | int,
+    *,
+    tensors: str | Iterable[str] = "*",
+    dense: str | Iterable[str] = (),
+    fallback: str | int | None = None,
+    progress: bool | None = None,
+) -> dict[str, ImportedTensor]:
+    """Read tensors of a GGUF file, decode them and pack the matrices into ``format``.
+
+    path      the file
+    format    name or code of the storage format for the matrices
+    tensors   shell-style pattern or patterns of the tensor names to read, for example ``"blk.*.weight"``
+    dense     pattern or patterns of names to keep dense, for example ``"token_embd.*"``
+    fallback  format for matrices whose row length is not a multiple of what ``format`` needs (64 or 256);
+              without one such a matrix is an error
+    progress  as for :func:`quillon.quantize`
+
+    Returns name -> :class:`ImportedTensor`, in the file's order. Tensors that do not have two dimensions are
+    always dense. Names, and the order of a matrix's rows, are the file's own: some architectures keep the
+    rows of the query and key projections in another order there than in a checkpoint of another kind. What
+    the file's own quantization lost stays lost. Raises ``FileNotFoundError``, ``ImportError`` without the
+    gguf package, and ``ValueError`` for a pattern that matches nothing and for a matrix that does not fit.
+    """
+    wanted, kept_dense = _patterns(tensors), _patterns(dense)
+    target = weight_format(format).name
+    second = None if fallback is None else weight_format(fallback).name
+    reader, decode = _reader(path)
+    names = [tensor.name for tensor in reader.tensors]
+    for pattern in (*wanted, *kept_dense):
+        if not any(fnmatchcase(name, pattern) for name in names):
+            raise ValueError(f"no tensor of {path} matches {pattern!r}; it has {', '.join(names[:5])}, ...")
+
+    def choose(name: str, shape: tuple[int, ...]) -> str | None:
+        if len(shape) != 2 or any(fnmatchcase(name, pattern) for pattern in kept_dense):
+            return None
+        for candidate in (target, second):
+            if candidate is not None and shape[1] % row_multiple(candidate) == 0:
+                return candidate
+        raise ValueError(
+            f"{name} has {shape[1]} columns, which is no multiple of the {row_multiple(target)} that "
+            f"{target} needs; name a fallback format that fits or keep the tensor dense"
+        )
+
+    # The file gives the fastest dimension first. All choices are made before the long work starts.
+    chosen = [
+        (tensor, shape, choose(tensor.name, shape))
+        for tensor in reader.tensors
+        if any(fnmatchcase(tensor.name, pattern) for pattern in wanted)
+        for shape in [tuple(int(n) for n in reversed(tensor.shape))]
+    ]
+    bar = Progress(f"repack as {target}", sum(int(tensor.n_elements) for tensor, _, _ in chosen), progress)
+    result = {}
+    for tensor, shape, name in chosen:
+        values = torch.tensor(decode(tensor.data, tensor.tensor_type), dtype=torch.float32).view(shape)
+        data = values if name is None else quantize(values, name, progress=False)
+        result[tensor.name] = ImportedTensor(name, shape, data)
+        bar.advance(int(tensor.n_elements))
+    bar.close()
+    return result

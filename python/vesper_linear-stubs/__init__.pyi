@@ -1,0 +1,72 @@
+"""Operators on packed low-bit weights, on XPU tensors. All arguments are positional."""
+
+import torch
+
+def forward_new(input: torch.Tensor, weight: torch.Tensor, qtype: int, input_size: int, /) -> torch.Tensor:
+    """Linear forward with a packed weight: ``input @ W.T``.
+
+    input       (batch, state_size), float32, float64, float16 or bfloat16, contiguous, on an XPU
+    weight      uint8, one dimension, the bytes of W (output_size by state_size) in format ``qtype``, on the same XPU
+    input_size  a hint for low-memory roads: tokens of the prompt; give the number of rows when in doubt
+    Returns (batch, output_size) of the element type of ``input``.
+    """
+
+def dequant(input: torch.Tensor, weight: torch.Tensor, qtype: int, /) -> torch.Tensor:
+    """Expand a packed weight to (output_size, state_size) of the element type of ``input``.
+
+    ``input`` is read for ``size(1)``, which is state_size, its element type and its device alone.
+    """
+
+def mlp_forward_xpu(
+    input: torch.Tensor,
+    weight1: torch.Tensor,
+    weight2: torch.Tensor,
+    batch_size: int,
+    state_size: int,
+    output_size: int,
+    act_type: int,
+    qtype: int,
+    /,
+) -> torch.Tensor:
+    """Gate-and-up product of a fused MLP with its activation."""
+
+def rwkv_linear_attention_v4(
+    time_decay: torch.Tensor,
+    time_first: torch.Tensor,
+    key: torch.Tensor,
+    value: torch.Tensor,
+    num_state: torch.Tensor,
+    den_state: torch.Tensor,
+    max_state: torch.Tensor,
+    /,
+) -> torch.Tensor:
+    """Recurrent attention of RWKV v4; the three state tensors are updated in place."""
+
+def rwkv_linear_attention_v5(
+    time_decay: torch.Tensor,
+    time_first: torch.Tensor,
+    receptance: torch.Tensor,
+    key: torch.Tensor,
+    value: torch.Tensor,
+    state: torch.Tensor,
+    /,
+) -> torch.Tensor:
+    """Recurrent attention of RWKV v5; ``state`` is updated in place."""
+
+def rwkv_time_shift(hidden: torch.Tensor, shifted: torch.Tensor, mix: torch.Tensor, /) -> torch.Tensor:
+    """Time shift of RWKV: mixes each row with the one before it."""
+
+def dequantize_rows(
+    input: torch.Tensor, weight: torch.Tensor, qtype: int, state_size: int, output_size: int, /
+) -> torch.Tensor:
+    """Expand the rows of a packed (output_size by state_size) weight that the int64 tensor ``input`` names."""
+
+def get_moe_indexes(ids: torch.Tensor, num_experts: int, /) -> list[list[list[int]]]:
+    """For each expert, the tokens that go to it.
+
+    ids  int32 (tokens, top-k slots), host-readable; entries from 0 to num_experts - 1
+    Returns ``[slots, tokens]``, each with one list per expert: columns and rows of its occurrences in scan order.
+    """
+
+def get_xpu_device_name(device: torch.device, /) -> str:
+    """Return the class of an XPU: oak, elm, ash, fir, yew, bay, legacy or unknown."""

@@ -1,0 +1,133 @@
+"""Reading GGUF files: a small file of many kinds of tensors, and the model of the demo."""
+
+from __future__ import annotations
+
+import builtins
+from pathlib import Path
+
+import numpy as np
+import pytest
+import torch
+import weights
+
+from quillon.formats import WEIGHT_FORMATS, row_multiple, weight_bytes
+from quillon.gguf_import import from_gguf
+from quillon.quantizers import quantize
+
+gguf = pytest.importorskip("gguf", reason="the gguf package is not installed: pip install 'quillon[gguf]'")
+
+
+@pytest.fixture(scope="module")
+def values() -> dict[str, np.ndarray]:
+    random = np.random.default_rng(0)
+    return {
+        "wide.weight": random.standard_normal((6, 512), dtype=np.float32),
+        "narrow.weight": random.standard_normal((10, 192), dtype=np.float32),
+        "half.weight": random.standard_normal((4, 256), dtype=np.float32).astype(np.float16),
+        "norm.weight": random.standard_normal(512, dtype=np.float32),
+        "experts.weight": random.standard_normal((2, 3, 64), dtype=np.float32),
+        "odd.weight": random.standard_normal((5, 30), dtype=np.float32),
+    }
+
+
+@pytest.fixture(scope="module")
+def path(values: dict[str, np.ndarray], tmp_path_factory: pytest.TempPathFactory) -> Path:
+    path = tmp_path_factory.mktemp("gguf") / "small.gguf"
+    writer = gguf.GGUFWriter(path, "llama")
+    for name, array in values.items():
+        if name == "wide.weight":
+            kind = gguf.GGMLQuantizationType.Q8_0
+            packed = gguf.quants.quantize(array, kind)
+            writer.add_tensor(name, packed, raw_dtype=kind)
+            values[name] = gguf.quants.dequantize(packed, kind)
+        else:
+            writer.add_tensor(name, array)
+    writer.write_header_to_file()
+    writer.write_kv_data_to_file()
+    writer.write_tensors_to_file()
+    writer.close()
+    return path
+
+
+@pytest.mark.parametrize("name", WEIGHT_FORMATS)
+def test_matrices_are_packed_as_quantize_packs_them(
+    name: str, path: Path, values: dict[str, np.ndarray]
+) -> None:
+    read = from_gguf(path, name, tensors=["wide.*", "half.*"])
+    assert list(read) == ["wide.weight", "half.weight"]
+    for key, imported in read.items():
+        original = torch.tensor(values[key]).float()
+        assert imported.format == name
+        assert imported.shape == original.shape
+        assert imported.data.shape == (weight_bytes(name, *original.shape),)
+        assert torch.equal(imported.data, quantize(original, name))
+        assert float((imported.dense() - original).norm() / original.norm()) < 0.55
+
+
+def test_what_is_no_matrix_stays_dense(path: Path, values: dict[str, np.ndarray]) -> None:
+    read = from_gguf(path, "q4_0", tensors=("norm.*", "experts.*", "wide.*"), dense="wide.*")
+    assert set(read) == {"norm.weight", "experts.weight", "wide.weight"}
+    for key, imported in read.items():
+        assert imported.format is None
+        assert imported.data.dtype == torch.float32
+        assert imported.shape == values[key].shape == imported.data.shape
+        assert torch.equal(imported.data, torch.tensor(values[key]))
+        assert imported.dense() is imported.data
+
+
+def test_fallback_for_rows_that_do_not_fit(path: Path) -> None:
+    read = from_gguf(path, "q4_k", dense="odd.*", fallback="q5_0")
+    assert {name: imported.format for name, imported in read.items()} == {
+        "wide.weight": "q4_k",
+        "narrow.weight": "q5_0",
+        "half.weight": "q4_k",
+        "norm.weight": None,
+        "experts.weight": None,
+        "odd.weight": None,
+    }
+
+
+def test_errors(path: Path, tmp_path: Path) -> None:
+    with pytest.raises(
+        ValueError, match=r"narrow.weight has 192 columns, which is no multiple of the 256 that q4_k"
+    ):
+        from_gguf(path, "q4_k", tensors="narrow.*")
+    with pytest.raises(ValueError, match=r"odd.weight has 30 columns, .* name a fallback format"):
+        from_gguf(path, "q4_k", fallback="q4_0")
+    with pytest.raises(ValueError, match=r"no tensor of .* matches 'blk\.\*'; it has wide.weight, "):
+        from_gguf(path, "q4_0", tensors="blk.*")
+    with pytest.raises(ValueError, match=r"no tensor of .* matches 'lm_head'"):
+        from_gguf(path, "q4_0", dense=["odd.*", "lm_head"])
+    with pytest.raises(ValueError, match="unknown format 'q9'"):
+        from_gguf(path, "q9")
+    with pytest.raises(ValueError, match="unknown format 'q9'"):
+        from_gguf(path, "q4_0", fallback="q9")
+    with pytest.raises(FileNotFoundError):
+        from_gguf(tmp_path / "none.gguf", "q4_0")
+
+
+def test_without_the_gguf_package(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    real = builtins.__import__
+
+    def refuse(name: str, *arguments: object, **options: object) -> object:
+        if name == "gguf":
+            raise ImportError(name)
+        return real(name, *arguments, **options)  # type: ignore[arg-type]
+
+    monkeypatch.setattr(builtins, "__import__", refuse)
+    with pytest.raises(ImportError, match=r"from_gguf needs the gguf package: pip install 'quillon\[gguf\]'"):
+        from_gguf(path, "q4_0")
+
+
+@pytest.mark.parametrize("name", ["q4_0", "q4_1", "q8_0", "nf4"])
+def test_a_layer_of_the_real_model(name: str) -> None:
+    read = from_gguf(weights.model_file(), name, tensors="blk.7.*")
+    matrices = {key: imported for key, imported in read.items() if imported.format}
+    assert len(read) == 9
+    assert len(matrices) == 7
+    # The file is a 4-bit one with smaller blocks; a second quantization costs about what one costs.
+    bound = {"q4_0": 0.1, "q4_1": 0.075, "q8_0": 0.006, "nf4": 0.09}[name]
+    for key, imported in matrices.items():
+        original = weights.model_tensor(key)
+        assert imported.shape[1] % row_multiple(name) == 0
+        assert float((imported.dense() - original).norm() / original.norm()) < bound

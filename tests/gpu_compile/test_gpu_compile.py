@@ -1,0 +1,99 @@
+"""Every kernel instantiation compiles to sound machine code for every GPU that uses it.
+
+Sound means: the sub-group size that was asked for, all values in registers (no spill, no private memory),
+and no local memory but the arrays that the kernel is given.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from pathlib import Path
+from typing import cast
+
+import pytest
+from gpu_compile import (
+    MISSING_OCLOC,
+    GpuCompileError,
+    KernelInfo,
+    compile_for_gpu,
+    device_argument,
+    dump_spirv,
+    extensions,
+    find_ocloc,
+    listed_architectures,
+)
+from instantiations import CLASSES_WITHOUT_DOUBLE, Case, Compiled, cases, compile_cases
+
+pytestmark = [pytest.mark.gpu_compile, pytest.mark.skipif(find_ocloc() is None, reason=MISSING_OCLOC)]
+
+ALL_CASES = list(cases())
+
+
+def faults(info: KernelInfo, sub_group: int | None, local_arrays: int) -> list[str]:
+    """What is wrong with a kernel's code."""
+    found = []
+    if sub_group is not None and info.simd_size != sub_group:
+        found.append(f"sub-group size {info.simd_size} where {sub_group} was asked for")
+    if info.spill_size:
+        found.append(f"{info.spill_size} bytes spilled")
+    if info.private_size:
+        found.append(f"{info.private_size} bytes of private memory")
+    if info.slm_size:
+        found.append(f"{info.slm_size} bytes of local memory besides the arguments")
+    if info.local_arguments != local_arrays:
+        found.append(f"{info.local_arguments} local arrays where {local_arrays} are passed")
+    return found
+
+
+@pytest.fixture(scope="module")
+def compiled(request: pytest.FixtureRequest) -> Mapping[Case, Compiled | GpuCompileError]:
+    """All cases of this run, compiled ahead of the first: in batches they take a fraction of the time."""
+    wanted = [
+        cast(Case, item.callspec.params["case"])
+        for item in request.session.items
+        if isinstance(item, pytest.Function) and "compiled" in item.fixturenames
+    ]
+    return compile_cases(wanted)
+
+
+@pytest.mark.parametrize("case", ALL_CASES, ids=str)
+def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | GpuCompileError]) -> None:
+    outcome = compiled[case]
+    if isinstance(outcome, GpuCompileError):
+        pytest.fail(str(outcome), pytrace=False)
+    assert faults(outcome.info, case.geometry.sub_group, case.kernel.local_arrays) == []
+
+
+@pytest.mark.parametrize("architecture", listed_architectures(), ids=device_argument)
+def test_double_precision_is_asked_for_where_there_is_some(architecture: int) -> None:
+    has_double = "cl_khr_fp64" in extensions(architecture)
+    assert has_double == (listed_architectures()[architecture] not in CLASSES_WITHOUT_DOUBLE)
+
+
+@pytest.mark.parametrize(
+    ("kernel", "fault"),
+    [("spilling_kernel<float,16>", "spilled"), ("private_array_kernel<float,16>", "private memory")],
+)
+@pytest.mark.parametrize(
+    "architecture", [0x300000000, 0x30DC00800, 0x30F000700, 0x501000400], ids=device_argument
+)
+def test_a_bad_kernel_is_found_out(kernel: str, fault: str, architecture: int) -> None:
+    spirv = dump_spirv("bad_kernels.h", [kernel], root=Path(__file__).parent)[kernel]
+    info = compile_for_gpu(spirv.module, architecture).kernels[spirv.entry]
+    found = faults(info, sub_group=32, local_arrays=1)
+    assert any(fault in text for text in found)
+    assert "sub-group size 16 where 32 was asked for" in found
+    assert "0 local arrays where 1 are passed" in found
+
+
+def test_a_compiler_error_is_told() -> None:
+    with pytest.raises(GpuCompileError, match="no_such_kernel"):
+        dump_spirv("bad_kernels.h", ["no_such_kernel<float,16>"], root=Path(__file__).parent)
+
+
+def test_double_is_refused_where_there_is_none() -> None:
+    """The check of the table above: a kernel in double does not slip through as something else."""
+    spirv = dump_spirv("bad_kernels.h", ["spilling_kernel<double,16>"], root=Path(__file__).parent)
+    (kernel,) = spirv.values()
+    with pytest.raises(GpuCompileError, match="exit code"):
+        compile_for_gpu(kernel.module, 0x300000000)

@@ -1,0 +1,171 @@
+"""What tools/gpu_compile.py makes of names, descriptions and assembly, without a compiler."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import pytest
+from gpu_compile import (
+    GpuCompileError,
+    KernelInfo,
+    device_argument,
+    device_text,
+    find_ocloc,
+    format_block,
+    innermost_loops,
+    kernel_name,
+    listed_architectures,
+    parse_ze_info,
+    run_jobs,
+)
+from instantiations import DEVICE_CLASSES, ELEMENT_TYPES, KERNELS, Kernel
+
+ZE_INFO = """\
+---
+version:         '1.73'
+kernels:
+  - name:            first
+    user_attributes:
+      intel_reqd_sub_group_size: 32
+    execution_env:
+      barrier_count:   1
+      grf_count:       128
+      has_dpas:        true
+      simd_size:       32
+      slm_size:        4096
+    payload_arguments:
+      - arg_type:        arg_bypointer
+        addrmode:        slm
+        addrspace:       local
+      - arg_type:        arg_bypointer
+        addrmode:        stateless
+        addrspace:       global
+  - name:            second
+    execution_env:
+      grf_count:       256
+      private_size:    64
+      simd_size:       8
+      spill_size:      9600
+kernels_misc_info:
+  - name:            first
+    args_info:
+      - index:           0
+...
+"""
+
+ASSEMBLY = """\
+L0:
+(W)     mov (8|M0)               r1.0<1>:ud    r0.0<1;1,0>:ud
+L16:
+        add (16|M0)              r2.0<1>:d     r2.0<1;1,0>:d     1:w
+L32:
+        send.ugm (16|M0)         r7       r63     null:0  0x0  0x04403580  {$6} // load.ugm.d32x4.a64
+(W&f0.1) mov (1|M0)              r3.0<1>:d     0:w
+        sync.nop                             null                             {Compacted,F@6}
+(f3.1)  goto (16|M0)                         L96                  L96
+(W)     jmpi                                 L32
+L96:
+        join (16|M0)                         L112
+L112:
+(W&f0.0) jmpi                                L16
+L128:
+        mul (16|M0)              r4.0<1>:f     r4.0<1;1,0>:f     r5.0<1;1,0>:f
+(f0.0)  while (16|M0)                        L128
+        sends.dc0 (16|M0)        null          r1 r2
+"""
+
+
+@pytest.mark.parametrize(
+    ("identifier", "name"),
+    [(0x30F000700, "12.60.7"), (0x300000000, "12.0.0"), (0x30DC00800, "12.55.8"), (0x501000400, "20.4.4")],
+)
+def test_device_argument(identifier: int, name: str) -> None:
+    assert device_argument(identifier) == name
+
+
+def test_listed_architectures() -> None:
+    listed = listed_architectures()
+    assert len(listed) == 14
+    assert set(listed.values()) == set(DEVICE_CLASSES)
+    assert listed[0x30F000700] == "elm"
+
+
+def test_format_block() -> None:
+    assert format_block("q4_0") == (64, 34)
+    with pytest.raises(KeyError, match="q3_7"):
+        format_block("q3_7")
+
+
+def test_parse_ze_info() -> None:
+    assert parse_ze_info(ZE_INFO) == [
+        KernelInfo("first", 32, 128, slm_size=4096, has_dpas=True, local_arguments=1),
+        KernelInfo("second", 8, 256, spill_size=9600, private_size=64),
+    ]
+
+
+def test_parse_ze_info_refuses_what_it_does_not_know() -> None:
+    with pytest.raises(GpuCompileError, match="execution_env for first"):
+        parse_ze_info(ZE_INFO.replace("execution_env", "environment"))
+
+
+def test_innermost_loops() -> None:
+    loops = innermost_loops(ASSEMBLY)
+    assert [len(loop.instructions) for loop in loops] == [5, 2]
+    assert [len(loop.messages) for loop in loops] == [1, 0]
+    assert loops[0].instructions[0].startswith("send.ugm")
+
+
+@pytest.mark.parametrize(
+    ("mangled", "name"),
+    [
+        ("_Z3foov", "_Z3foov"),
+        ("_Z15__sycl_kernel_aIfLi16ELi32ELi2EEvmPKT_", "a<float,16,32,2>"),
+        ("_Z15__sycl_kernel_aIN4sycl3_V16detail9half_impl4halfELi16EEvmPKT_", "a<c10::Half,16>"),
+        (
+            "_Z15__sycl_kernel_aIN7quillon15rounded_float16IXadL_ZNS0_22bfloat16_bits_to_floatEtEEXadL_ZNS0_22float_to"
+            "_bfloat16_bitsEfEEEELi32ELi64EEvmPKh",
+            "a<c10::BFloat16,32,64>",
+        ),
+        ("_Z15__sycl_kernel_aIdEvmPKT_", "a<double>"),
+        ("_Z15__sycl_kernel_avm", "a"),
+    ],
+)
+def test_kernel_name(mangled: str, name: str) -> None:
+    assert kernel_name(mangled) == name
+
+
+def test_device_text_follows_includes(tmp_path: Path) -> None:
+    (tmp_path / "deep").mkdir()
+    (tmp_path / "a.h").write_text('#include "deep/b.h"\n#include <cstdint>\n')
+    (tmp_path / "deep" / "b.h").write_text('#include "a.h"\n')
+    (tmp_path / "c.h").write_text("")
+    assert device_text("a.h", tmp_path)[::2] == ["a.h", "deep/b.h"]
+    with pytest.raises(GpuCompileError, match=r"no d\.h"):
+        device_text("d.h", tmp_path)
+
+
+def test_find_ocloc_prefers_the_named_one(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("QUILLON_OCLOC", "/some/where/ocloc")
+    assert find_ocloc() == Path("/some/where/ocloc")
+
+
+def test_run_jobs_keeps_order_and_errors() -> None:
+    def fail() -> int:
+        raise GpuCompileError("so it is")
+
+    first, second, third = run_jobs([lambda: 1, fail, lambda: 3])
+    assert (first, third) == (1, 3)
+    assert isinstance(second, GpuCompileError)
+
+
+@pytest.mark.parametrize("kernel", KERNELS, ids=lambda kernel: kernel.name)
+def test_table_row_is_complete(kernel: Kernel) -> None:
+    assert set(kernel.geometries) == set(DEVICE_CLASSES)
+    assert set(kernel.element_types) <= set(ELEMENT_TYPES)
+    assert kernel.name in "".join(device_text(kernel.header))
+
+
+def test_packed_bytes_of_q4_0() -> None:
+    (kernel,) = (kernel for kernel in KERNELS if kernel.format == "q4_0")
+    assert kernel.packed_bytes(kernel.geometries["elm"]) == 2 * (8 + 0.5)
+    assert kernel.packed_bytes(kernel.geometries["legacy"]) == 8 * (8 + 0.5)

@@ -1,0 +1,153 @@
+"""Layers on packed weights: values, shapes, devices, state, and the replacement of a model's layers."""
+
+from __future__ import annotations
+
+import copy
+import io
+
+import pytest
+import torch
+from torch import nn
+
+import quillon
+from quillon.nn import LowBitLinear, kernel_row_multiple, quantize_model
+
+DEVICE = "xpu:7"  # class unknown: the default launchers
+
+
+def dense_output(layer: LowBitLinear, input: torch.Tensor) -> torch.Tensor:
+    """What the layer should give, in float64 from its decoded weight."""
+    output = input.double().cpu() @ layer.dequantize().double().T
+    return output if layer.bias is None else output + layer.bias.double().cpu()
+
+
+@pytest.mark.parametrize("bias", [True, False])
+@pytest.mark.parametrize("shape", [(1, 128), (128,), (5, 128), (2, 3, 128)])
+def test_forward_agrees_with_the_decoded_weight(shape: tuple[int, ...], bias: bool) -> None:
+    torch.manual_seed(1)
+    layer = LowBitLinear.from_linear(nn.Linear(128, 33, bias=bias), "q4_0")
+    input = torch.randn(shape)
+    output = layer.to(DEVICE)(input.to(DEVICE))
+    expected = dense_output(layer, input)
+    assert output.shape == (*shape[:-1], 33)
+    assert output.device == torch.device(DEVICE)
+    # Each of the 128 products and sums, the scale and the bias round once, relative to the sum of magnitudes.
+    magnitude = input.double().abs() @ layer.dequantize().double().abs().T + 1
+    assert ((output.double().cpu() - expected).abs() <= 132 * 2**-24 * magnitude).all()
+
+
+@pytest.mark.parametrize("dtype", [torch.float16, torch.bfloat16, torch.float64])
+def test_output_has_the_element_type_of_the_input(dtype: torch.dtype) -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8, bias=False), "q4_0").to(DEVICE)
+    assert layer(torch.ones(1, 64, dtype=dtype, device=DEVICE)).dtype == dtype
+
+
+def test_non_contiguous_input() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0").to(DEVICE)
+    wide = torch.randn(64, 3, device=DEVICE)
+    assert torch.equal(layer(wide.T), layer(wide.T.contiguous()))
+
+
+def test_empty_batch() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0").to(DEVICE)
+    assert layer(torch.empty(0, 64, device=DEVICE)).shape == (0, 8)
+
+
+def test_state_dict_round_trip() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0").to(DEVICE)
+    file = io.BytesIO()
+    torch.save(layer.state_dict(), file)
+    file.seek(0)
+    other = LowBitLinear(64, 8, "q4_0")
+    other.load_state_dict(torch.load(file, map_location="cpu"))
+    input = torch.randn(1, 64, device=DEVICE)
+    assert torch.equal(other.to(DEVICE)(input), layer(input))
+    assert torch.equal(copy.deepcopy(layer)(input), layer(input))
+
+
+def test_half_leaves_the_bytes_alone() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0")
+    before = layer.packed.clone()
+    layer.half()
+    assert torch.equal(layer.packed, before)
+    assert layer.bias is not None
+    assert layer.bias.dtype == torch.float16
+
+
+def test_errors_name_the_argument() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0")
+    with pytest.raises(ValueError, match=r"input must be on an XPU.*got device cpu"):
+        layer(torch.zeros(1, 64))
+    with pytest.raises(ValueError, match=r"input must have 64 columns \(in_features\), got shape \(1, 65\)"):
+        layer.to(DEVICE)(torch.zeros(1, 65, device=DEVICE))
+    with pytest.raises(ValueError, match=r"in_features must be a multiple of 64 for q4_0, got 100"):
+        LowBitLinear(100, 8, "q4_0")
+    with pytest.raises(ValueError, match="unknown format 'q9'"):
+        LowBitLinear(64, 8, "q9")
+
+
+def test_row_lengths_that_a_kernel_does_not_cover() -> None:
+    assert kernel_row_multiple("q4_0") == 64
+    assert kernel_row_multiple("q5_k") == 256
+    for name in ("q4_k", "q6_k"):
+        assert kernel_row_multiple(name) == 512
+        assert kernel_row_multiple(name, "oak") == 512
+        assert kernel_row_multiple(name, "elm") == 1024
+        with pytest.raises(ValueError, match=f"in_features must be a multiple of 512 for {name}.*got 256"):
+            LowBitLinear(256, 8, name)
+
+
+def test_a_layer_that_fits_elsewhere_is_refused_on_elm() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(512, 8), "q4_k").to("xpu:1")
+    with pytest.raises(ValueError, match="multiple of 1024 for q4_k on device class elm, got 512"):
+        layer(torch.zeros(1, 512, device="xpu:1"))
+
+
+def small_model() -> nn.Module:
+    torch.manual_seed(3)
+    return nn.Sequential(nn.Linear(64, 128), nn.ReLU(), nn.Sequential(nn.Linear(128, 512)), nn.Linear(512, 10))
+
+
+def test_quantize_model_replaces_keeps_and_reports() -> None:
+    model = small_model()
+    seen: list[tuple[int, int, str]] = []
+    report = quantize_model(model, "q4_0", skip=["3"], progress=lambda *step: seen.append(step))
+    assert report.replaced == {"0": "q4_0", "2.0": "q4_0"}
+    assert report.kept == {"3": "skipped by name"}
+    assert report.dense_bytes == 4 * (64 * 128 + 128 * 512)
+    assert report.packed_bytes == (64 * 128 + 128 * 512) // 64 * 34
+    assert seen == [(0, 3, "0"), (1, 3, "2.0"), (2, 3, "3")]
+    assert isinstance(model[2][0], LowBitLinear)
+    assert type(model[3]) is nn.Linear
+
+
+def test_quantize_model_fallback() -> None:
+    model = small_model()
+    report = quantize_model(model, "q6_k", fallback="q8_0")
+    assert report.replaced == {"0": "q8_0", "2.0": "q8_0", "3": "q6_k"}
+    model = small_model()
+    report = quantize_model(model, "q6_k", device_class="elm")
+    assert not report.replaced
+    assert report.kept["3"] == "in_features must be a multiple of 1024 for q6_k on device class elm, got 512"
+
+
+def test_quantized_model_runs() -> None:
+    model = small_model()
+    input = torch.randn(2, 64)
+    dense = model(input)
+    quantize_model(model, "q8_0")
+    output = model.to(DEVICE)(input.to(DEVICE)).cpu()
+    # Eight bits: each layer's weights are off by at most half a step of 1/127 of a block's largest.
+    assert (output - dense).norm() < 0.02 * dense.norm()
+
+
+def test_subclasses_of_linear_are_left_alone() -> None:
+    class Special(nn.Linear):
+        """Does something else beside the product."""
+
+    model = nn.Sequential(Special(64, 8))
+    assert not quantize_model(model, "q4_0").replaced
+
+
+def test_public_names() -> None:
+    assert set(quillon.__all__) <= set(dir(quillon))

@@ -1,0 +1,38 @@
+"""What the tools say about the code: ruff and mypy are clean, and the stubs match the module."""
+
+from __future__ import annotations
+
+import ast
+import subprocess
+import sys
+from pathlib import Path
+
+import vesper_linear
+
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def run(*command: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([sys.executable, "-m", *command], cwd=ROOT, capture_output=True, text=True, check=False)
+
+
+def test_ruff_is_clean() -> None:
+    found = run("ruff", "check", ".")
+    assert found.returncode == 0, found.stdout + found.stderr
+
+
+def test_mypy_is_clean() -> None:
+    found = run("mypy")
+    assert found.returncode == 0, found.stdout + found.stderr
+
+
+def test_stubs_name_every_function_with_its_arguments() -> None:
+    stubs = ast.parse((ROOT / "python/vesper_linear-stubs/__init__.pyi").read_text())
+    stubbed = {node.name: node for node in stubs.body if isinstance(node, ast.FunctionDef)}
+    functions = {name for name in vars(vesper_linear) if not name.startswith("_")}
+    assert set(stubbed) == functions
+    for name, node in stubbed.items():
+        shown = getattr(vesper_linear, name).__doc__.split("(", 1)[1].split(")")[0].split(", ")
+        assert [argument.split(": ")[1] for argument in shown] == [
+            ast.unparse(argument.annotation) for argument in node.args.posonlyargs if argument.annotation
+        ]

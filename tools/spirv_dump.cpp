@@ -1,0 +1,74 @@
+// spirv_dump ROOT HEADER NAME...
+//
+// Compiles the kernels NAME (instantiations of templates in HEADER, a path relative to ROOT) in one build of the SYCL
+// runtime's own compiler, from the text and with the options that the library gives it. Nothing is run. The runtime
+// leaves the SPIR-V where SYCL_DUMP_IMAGES=1 and SYCL_DUMP_IMAGES_PREFIX, set by the caller, tell it to: one file
+// for each group of kernels that ask the same of a device.
+//
+// The compile stops before the CPU device's code generation, whose SPIR-V input is what a GPU's would be.
+
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <sycl/context.hpp>
+#include <sycl/device.hpp>
+#include <sycl/device_selector.hpp>
+#include <sycl/kernel_bundle.hpp>
+
+#include "runtime/device_build.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace syclexp = sycl::ext::oneapi::experimental;
+
+std::string read_text(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + path.string());
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool is_device_text(const fs::path& path) { return path.extension() == ".h" || path.extension() == ".inc"; }
+
+// Every header below `root` as a virtual file: what the build does not include costs nothing.
+syclexp::include_files headers_below(const fs::path& root) {
+  syclexp::include_files files;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    if (entry.is_regular_file() && is_device_text(entry.path()))
+      files.add(fs::relative(entry.path(), root).generic_string(), read_text(entry.path()));
+  }
+  return files;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 4) {
+    std::cerr << "usage: spirv_dump ROOT HEADER NAME...\n";
+    return 2;
+  }
+  const std::string root = argv[1];
+  const std::string header = argv[2];
+  const std::vector<std::string> names(argv + 3, argv + argc);
+  std::string log;
+  try {
+    const sycl::device device{sycl::cpu_selector_v};
+    const sycl::context context{device};
+    auto source = syclexp::create_kernel_bundle_from_source(
+        context, syclexp::source_language::sycl, quillon::runtime::device_build_text(header, names),
+        syclexp::properties{headers_below(root)});
+    syclexp::compile(source, {device},
+                     syclexp::properties{syclexp::registered_names{names},
+                                         syclexp::build_options{quillon::runtime::device_build_options()},
+                                         syclexp::save_log{&log}});
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << '\n' << log;
+    return 1;
+  }
+  return 0;
+}
