@@ -21,22 +21,23 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, int iqs
   const int n = iqs / 8;
   const int v = iqs % 8;
   const uint32_t codes = load_u32(w.qs + 4 * iqs);
+  // The scales of the half, shifted so that those of the slice are bytes 0 and 2 of both words.
+  const uint8_t* half_scales = w.scales + 8 * n;
+  const uint32_t scales[2] = {load_u32(half_scales) >> (v / 4 * 8), load_u32(half_scales + 4) >> (v / 4 * 8)};
   float sum_of_codes = 0.0f;
   float sum_of_minima = 0.0f;
-#pragma unroll
-  for (int i = 0; i < 4; ++i) {
+  unrolled<4>([&](auto i) {
     const block_q8_1& x = q[4 * n + i];
-    const uint32_t quants = quants_of(x, v);
-    const float d8 = head_of(x).d;
-    const int scale = w.scales[8 * n + 2 * i + v / 4];
+    const uint32_t quants = four_quants_of(x, v);
+    const float d8 = head_of(x).first;
+    const auto scale = static_cast<int>((scales[i / 2] >> (16 * (i % 2))) & 255);
     const int code_dot = dot_bytes((codes >> (2 * i)) & 0x03030303u, quants);
     const int quant_sum = dot_bytes(0x01010101u, quants);
     sum_of_codes = add(sum_of_codes, multiply(d8, static_cast<float>(code_dot * (scale & 15))));
     sum_of_minima = add(sum_of_minima, multiply(d8, static_cast<float>((scale >> 4) * quant_sum)));
-  }
-  const auto d = convert<float>(load_half(w.d));
-  const auto dmin = convert<float>(load_half(w.dmin));
-  return subtract(multiply(d, sum_of_codes), multiply(dmin, sum_of_minima));
+  });
+  const two_halves d_dmin(load_u32(w.d));
+  return subtract(multiply(d_dmin.first, sum_of_codes), multiply(d_dmin.second, sum_of_minima));
 }
 
 }  // namespace quillon

@@ -36,8 +36,7 @@ void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, co
   const auto load_chunk = [](const T* base, int item) {
     chunk_and_sum chunk{load_split<T, 16>{}(base, item), {}};
     chunk.sum = chunk.elements.v[0];
-#pragma unroll
-    for (int i = 1; i < 16; ++i) chunk.sum = chunk.sum + chunk.elements.v[i];
+    unrolled<15>([&](auto i) { chunk.sum = chunk.sum + chunk.elements.v[i + 1]; });
     return chunk;
   };
   const auto add_row = [=](lane<T>& acc, const chunk_and_sum& chunk, const auto& place) {

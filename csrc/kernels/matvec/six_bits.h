@@ -12,8 +12,7 @@ namespace quillon {
 template <typename Body>
 inline void for_each_step(uint32_t high, uint64_t low_words, Body body) {
   const uint32_t low[2] = {static_cast<uint32_t>(low_words), static_cast<uint32_t>(low_words >> 32)};
-#pragma unroll
-  for (int step = 0; step < 4; ++step) body(step, high << (2 * step), low[step / 2] << (4 * (step % 2)));
+  unrolled<4>([&](auto step) { body(step, high << (2 * step), low[step / 2] << (4 * (step % 2))); });
 }
 
 // The sum of the chunk's sixteen unscaled products, from left to right in the order of the byte lanes 0, 2, 1, 3: of
@@ -22,15 +21,13 @@ template <typename T>
 inline lane<T> sum_fp6(const activations<T, 16>& chunk, uint32_t high_word, uint64_t low_words) {
   constexpr int FIRST = 2;
   lane<T> sum;
-  for_each_step(high_word, low_words, [&](int step, uint32_t high, uint32_t low) {
+  for_each_step(high_word, low_words, [&](auto step, uint32_t high, uint32_t low) {
     const uint32_t codes = fp6_step_codes(high, low);
-#pragma unroll
-    for (int i = 0; i < 4; ++i) {
-      const int e = (FIRST + i) % 4;
+    unrolled<4>([&](auto i) {
+      constexpr int e = (FIRST + i) % 4;
       const lane<T> value = exact_lane<T>(half_from_bits(fp6_half_bits(codes >> (8 * fp6_lane(e)))));
-      const bool first = step == 0 && i == 0;
-      sum = first ? chunk.v[4 * step + e] * value : sum + chunk.v[4 * step + e] * value;
-    }
+      sum = step + i == 0 ? chunk.v[e] * value : sum + chunk.v[4 * step + e] * value;
+    });
   });
   return sum;
 }

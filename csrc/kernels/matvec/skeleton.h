@@ -86,15 +86,16 @@ struct row_steps {
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
-// item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
-// lane<T>, `Out` the type of the result.
+// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t, leaf)
+// of `local` stands at t * WG_SIZE + leaf. Work-item 0 then writes the rows that exist. `Sum` is T or lane<T>,
+// `Out` the type of the result. The leaf of a work-item is its number, unless a kernel deals out the work in
+// another order than that of the sum.
 template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
-inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+inline void reduce_and_write(const sycl::nd_item<1>& place, int leaf, const Sum (&acc)[ROW_TILE],
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
                              Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
-  unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + item] = convert<T>(acc[t]); });
+  unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + leaf] = convert<T>(acc[t]); });
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
@@ -108,6 +109,14 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW
     for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
       output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
+}
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
+inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
+                             Out* output) {
+  const int item = static_cast<int>(place.get_local_id(0));
+  reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);
 }
 
 }  // namespace quillon
