@@ -29,7 +29,9 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, i
   const auto aux = static_cast<uint32_t>(group >> 32);
   const float d = two_halves(load_u32(&w)).first;
   int sum = 0;
-  unrolled<4>([&](auto l) {
+  // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
+#pragma unroll 1
+  for (int l = 0; l < 4; ++l) {
     const uint64_t grid = iq2xxs_grid[(indices >> (8 * l)) & 255];
     const uint64_t quants = eight_quants_of(x, l);
     const uint32_t signs = with_parity((aux >> (7 * l)) & 127);
@@ -41,7 +43,7 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, i
         sum += signs & (1u << (4 * h + b)) ? -product : product;
       });
     });
-  });
+  }
   const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), d);
   return multiply(multiply(multiply(scale, head_of(x).first), 0.25f), static_cast<float>(sum));
 }

@@ -41,9 +41,9 @@ void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, co
   };
   const auto add_row = [=](lane<T>& acc, const chunk_and_sum& chunk, const auto& place) {
     const auto word = place.template word_of_chunk<uint64_t>(quants);
+    const lane<T> s = sum_nibbles(chunk.elements, word, [](int code) { return integer_lane<T>(code); });
     const auto scale_and_minimum = place.template entry_of_chunks<uint16_t, 2>(scales);
     const auto pair = place.template entry_of_block<uint32_t>(pairs);
-    const lane<T> s = sum_nibbles(chunk.elements, word, [](int code) { return integer_lane<T>(code); });
     const lane<T> d = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair)));
     const lane<T> dmin = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair >> 16)));
     const lane<T> d1 = d * integer_lane<T>(scale_and_minimum & 255);
