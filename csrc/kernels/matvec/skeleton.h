@@ -55,6 +55,17 @@ using constants = std::integer_sequence<int, I...>;
 template <int COUNT>
 using first_constants = std::make_integer_sequence<int, COUNT>;
 
+// Calls `body(i)` for i = 0 to COUNT - 1, each a constant of the type system: for bodies whose closure refers to
+// values and not to other closures.
+template <int... I, typename Body>
+inline void unrolled(constants<I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(first_constants<COUNT>{}, body);
+}
+
 // Element `i` of eight bytes of them. Shifts, from 32-bit halves: elements copied out of the word would be
 // loaded one by one, and a CPU device has twice as many 32-bit shifts in a register.
 template <typename T>
