@@ -19,9 +19,10 @@
 
 namespace quillon {
 
-// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
-inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, int iqs) {
-  const block_q8_1& x = q[iqs];
+// Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of `q`.
+inline float vec_dot_iq1_s_q8_1(const block_iq1_s* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
+  const block_iq1_s& w = row[block];
+  const block_q8_1& x = (q + 8 * block)[iqs];
   const uint32_t h = (load_u32(w.qh + 2 * (iqs & 6)) >> (16 * (iqs & 1))) & 0xFFFF;
   const uint32_t low_indices = load_u32(w.qs + 4 * iqs);
   const float d = two_halves(load_u32(&w)).first;

@@ -21,9 +21,10 @@ inline uint32_t with_parity(uint32_t seven_signs) {
   return seven_signs | ((static_cast<uint32_t>(__builtin_popcount(seven_signs)) & 1) << 7);
 }
 
-// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
-inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, int iqs) {
-  const block_q8_1& x = q[iqs];
+// Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of `q`.
+inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
+  const block_iq2_xxs& w = row[block];
+  const block_q8_1& x = (q + 8 * block)[iqs];
   const uint64_t group = load_u64(w.qs + 8 * iqs);
   const auto indices = static_cast<uint32_t>(group);
   const auto aux = static_cast<uint32_t>(group >> 32);
