@@ -1,6 +1,6 @@
 // The body of the matrix-vector kernels that deal out K in chunks of 8 or 16 elements: all formats with
-// 64-element blocks but q5_0 and q5_1, and q4_k, q6_k and fp6_k with blocks of 256. A kernel names its chunk and says in two functions what its format
-// adds:
+// 64-element blocks but q5_0 and q5_1, and q4_k, q6_k and fp6_k with blocks of 256. A kernel names its chunk
+// and says in two functions what its format adds:
 //
 //   load_chunk(base, item)       the activations of the work-item's chunk, loaded once for all rows; `base`
 //   points at
@@ -52,17 +52,66 @@ struct activations {
   lane<T> v[CHUNK];
 };
 
-// The activations of a chunk of neighbouring elements.
-template <typename T, int CHUNK>
+template <typename T, int CHUNK, typename Order, int... I>
+inline activations<T, CHUNK> in_order(const T (&elements)[CHUNK], Order order, constants<I...>) {
+  return {{to_lane(elements[order(I)])...}};
+}
+
+// Loads a chunk of neighbouring elements. The sum takes element `Order()(i)` of the chunk at place i.
+struct ascending {
+  constexpr int operator()(int i) const { return i; }
+};
+template <typename T, int CHUNK, typename Order = ascending>
 struct load_neighbours {
   activations<T, CHUNK> operator()(const T* base, int item) const {
-    activations<T, CHUNK> chunk;
     T elements[CHUNK];
     load_elements(base, CHUNK * item, elements);
-    unrolled<CHUNK>([&](auto i) { chunk.v[i] = to_lane(elements[i]); });
-    return chunk;
+    return in_order(elements, Order{}, first_constants<CHUNK>{});
   }
 };
+
+// The sum of a chunk's products from left to right; `value(i)` is the weight's value at place i, a lane<T>,
+// and gets i as a constant.
+template <typename T, int CHUNK, typename Value, int... I>
+inline lane<T> sum_products(const activations<T, CHUNK>& chunk, Value value, constants<0, I...>) {
+  lane<T> s = chunk.v[0] * value(std::integral_constant<int, 0>{});
+  ((s = s + chunk.v[I] * value(std::integral_constant<int, I>{})), ...);
+  return s;
+}
+template <typename T, int CHUNK, typename Value>
+inline lane<T> sum_products(const activations<T, CHUNK>& chunk, Value value) {
+  return sum_products(chunk, value, first_constants<CHUNK>{});
+}
+
+// The plain sum of a chunk's activations, in the same order.
+template <typename T, int CHUNK, int... I>
+inline lane<T> sum_activations(const activations<T, CHUNK>& chunk, constants<0, I...>) {
+  lane<T> sum = chunk.v[0];
+  ((sum = sum + chunk.v[I]), ...);
+  return sum;
+}
+template <typename T, int CHUNK>
+inline lane<T> sum_activations(const activations<T, CHUNK>& chunk) {
+  return sum_activations(chunk, first_constants<CHUNK>{});
+}
+
+// A chunk's codes of four or eight bits, shifted out of 32-bit halves of its word: a CPU device has twice as
+// many of those in a register.
+struct chunk_codes {
+  uint32_t half_words[2];
+
+  explicit chunk_codes(uint64_t word)
+      : half_words{static_cast<uint32_t>(word), static_cast<uint32_t>(word >> 32)} {}
+  uint32_t nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15; }
+  uint32_t byte(int i) const { return (half_words[i / 4] >> (8 * (i % 4))) & 0xFF; }
+};
+
+// One round of a work-item: the chunk's activations meet the weight's chunk in each row of the tile.
+template <int ROW_TILE, typename Sum, typename Chunk, typename Place, typename AddRow, int... ROW>
+inline void add_rows(Sum (&acc)[ROW_TILE], const Chunk& chunk, Place at,
+                     const row_steps<ROW_TILE>& to_next_row, AddRow add_row, constants<ROW...>) {
+  ((add_row(acc[ROW], chunk, at), at.block += to_next_row.step[ROW]), ...);
+}
 
 template <typename T, int CHUNK, int WG_SIZE, int ROW_TILE, int BLOCK = 64,
           tail_round TAIL = tail_round::summed, typename LoadChunk, typename AddRow>
@@ -74,16 +123,11 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   const int64_t first_block = row0 * state_size / BLOCK;
   const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
 
-  lane<T> acc[ROW_TILE];
-  unrolled<ROW_TILE>([&](auto t) { acc[t] = integer_lane<T>(0); });
-
+  lane<T> acc[ROW_TILE] = {};
   const auto add_round = [&](int32_t c) {
-    const auto chunk = load_chunk(input + CHUNK * c, item);
-    chunk_place<CHUNK, BLOCK> at{first_block + c * CHUNK / BLOCK, item};
-    unrolled<ROW_TILE>([&](auto t) {
-      add_row(acc[t], chunk, at);
-      at.block += to_next_row.step[t];
-    });
+    add_rows(acc, load_chunk(input + CHUNK * c, item),
+             chunk_place<CHUNK, BLOCK>{first_block + c * CHUNK / BLOCK, item}, to_next_row, add_row,
+             first_constants<ROW_TILE>{});
   };
   if constexpr (TAIL == tail_round::summed)
     for_each_round<CHUNK, WG_SIZE>(state_size, item, add_round);

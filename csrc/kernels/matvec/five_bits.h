@@ -28,9 +28,16 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
   constexpr int BLOCKS_PER_ROUND = WG_SIZE / 32;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const uint64_t row = place.get_group(0);
-  const int item = static_cast<int>(place.get_local_id(0));
-  const int iqs = item % 32;
-  const int block_of_round = BLOCKS_PER_ROUND == 1 ? 0 : item / 32;
+  // The local id modulo 32 and divided by 32. Where a round has two blocks, each belongs to one sub-group,
+  // and saying so lets a CPU device see which addresses are common and which are neighbours.
+  int iqs = static_cast<int>(place.get_local_id(0));
+  int block_of_round = 0;
+  if constexpr (BLOCKS_PER_ROUND > 1) {
+    static_assert(SG_SIZE == 32);
+    const auto sub_group = place.get_sub_group();
+    iqs = static_cast<int>(sub_group.get_local_linear_id());
+    block_of_round = static_cast<int>(sub_group.get_group_linear_id());
+  }
   const block_q5_1* row_blocks = weight + row * (state_size / BLOCK);
 
   lane<T> acc[1] = {integer_lane<T>(0)};

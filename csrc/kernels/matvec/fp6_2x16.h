@@ -24,7 +24,7 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
                                  sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE>(
-      state_size, input, local, output_size, output, load_neighbours<T, 16>{},
+      state_size, input, local, output_size, output, load_neighbours<T, 16, fp6_order>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
         const lane<T> s =
             sum_fp6(chunk, at.word_of_chunk<uint32_t>(high_plane), at.word_of_chunk<uint64_t>(low_plane));

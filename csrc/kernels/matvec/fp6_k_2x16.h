@@ -6,8 +6,8 @@
 //   WG_SIZE   work-items of a work-group, the ways by which K is split: 2 * SG_SIZE
 //   ROW_TILE  output rows of a work-group
 //
-// A chunk is one sub-block of sixteen neighbouring elements: two words of the low plane, a word of the high plane, a
-// scale byte. A super-block is the share of sixteen work-items:
+// A chunk is one sub-block of sixteen neighbouring elements: two words of the low plane, a word of the high
+// plane, a scale byte. A super-block is the share of sixteen work-items:
 //
 //   super-block of 256   elem  0 ... 15 | 16 ... 31 | ... | 240 .. 255
 //   low plane            word  0, 1     | 2, 3      | ... | 30, 31          four bits of each element
@@ -16,8 +16,8 @@
 //   scale                half  d                                            one for all sixteen
 //                        work-item 0    |     1     | ... |     15
 //
-// The words and the order of the sum are those of fp6. A chunk's sum is multiplied by d * scale, a product in half
-// whatever T is.
+// The words and the order of the sum are those of fp6. A chunk's sum is multiplied by d * scale, a product in
+// half whatever T is.
 #pragma once
 
 #include "formats/super_blocks.h"
@@ -37,6 +37,6 @@ void qlinear_xpu_kernel_fp6_k_2x16(uint64_t state_size, const uint8_t* weight, u
     const int scale = place.template word_of_chunk<int8_t>(weight + scales_offset);
     acc = acc + sum * rounded_lane<T>(multiply(d, convert<half>(scale)));
   };
-  multiply_chunks<T, 16, WG_SIZE, ROW_TILE, 256>(state_size, input, local, output_size, output, load_neighbours<T, 16>{},
-                                                 add_row);
+  multiply_chunks<T, 16, WG_SIZE, ROW_TILE, 256>(state_size, input, local, output_size, output,
+                                                 load_neighbours<T, 16, fp6_order>{}, add_row);
 }

@@ -3,7 +3,7 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements (bytes.h). One block:
+// Chunks of eight neighbouring elements. One block:
 //
 //   codes    | e0 | e1 | ... | e63 |           work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
 //   round scales   | d float |                       W = d * fp8_e4m3(e); d is rounded to T and applied to
@@ -11,7 +11,7 @@
 #pragma once
 
 #include "formats/small_floats.h"
-#include "kernels/matvec/bytes.h"
+#include "kernels/matvec/chunks.h"
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
@@ -24,9 +24,9 @@ void qlinear_xpu_kernel_fp8_e4m3_2x8(uint64_t state_size, const uint8_t* weight,
   multiply_chunks<T, 8, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_neighbours<T, 8>{},
       [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        const lane<T> s = sum_bytes(chunk, at.word_of_chunk<uint64_t>(weight), [](uint32_t byte) {
-          return exact_lane<T>(half_from_bits(fp8_e4m3_half_bits(byte)));
-        });
+        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const lane<T> s = sum_products(
+            chunk, [=](auto i) { return exact_lane<T>(half_from_bits(fp8_e4m3_half_bits(codes.byte(i)))); });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<float>(scales));
       });
 }

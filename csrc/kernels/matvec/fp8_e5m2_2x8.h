@@ -3,14 +3,14 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements (bytes.h). One block:
+// Chunks of eight neighbouring elements. One block:
 //
 //   codes    | e0 | e1 | ... | e63 |           work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
 //   round scales   | not read |                      W = fp8_e5m2(e)
 #pragma once
 
 #include "formats/small_floats.h"
-#include "kernels/matvec/bytes.h"
+#include "kernels/matvec/chunks.h"
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
@@ -21,8 +21,9 @@ void qlinear_xpu_kernel_fp8_e5m2_2x8(uint64_t state_size, const uint8_t* weight,
   multiply_chunks<T, 8, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_neighbours<T, 8>{},
       [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        acc = acc + sum_bytes(chunk, at.word_of_chunk<uint64_t>(weight), [](uint32_t byte) {
-                return exact_lane<T>(half_from_bits(fp8_e5m2_half_bits(byte)));
+        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        acc = acc + sum_products(chunk, [=](auto i) {
+                return exact_lane<T>(half_from_bits(fp8_e5m2_half_bits(codes.byte(i))));
               });
       });
 }

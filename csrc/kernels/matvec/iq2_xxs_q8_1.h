@@ -21,15 +21,18 @@ inline uint32_t with_parity(uint32_t seven_signs) {
   return seven_signs | ((static_cast<uint32_t>(__builtin_popcount(seven_signs)) & 1) << 7);
 }
 
-// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
-inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, int iqs) {
-  const block_q8_1& x = q[iqs];
+// Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of `q`.
+inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
+  const block_iq2_xxs& w = row[block];
+  const block_q8_1& x = (q + 8 * block)[iqs];
   const uint64_t group = load_u64(w.qs + 8 * iqs);
   const auto indices = static_cast<uint32_t>(group);
   const auto aux = static_cast<uint32_t>(group >> 32);
   const float d = two_halves(load_u32(&w)).first;
   int sum = 0;
-  unrolled<4>([&](auto l) {
+  // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
+#pragma unroll 1
+  for (int l = 0; l < 4; ++l) {
     const uint64_t grid = iq2xxs_grid[(indices >> (8 * l)) & 255];
     const uint64_t quants = eight_quants_of(x, l);
     const uint32_t signs = with_parity((aux >> (7 * l)) & 127);
@@ -41,7 +44,7 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, i
         sum += signs & (1u << (4 * h + b)) ? -product : product;
       });
     });
-  });
+  }
   const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), d);
   return multiply(multiply(multiply(scale, head_of(x).first), 0.25f), static_cast<float>(sum));
 }

@@ -31,34 +31,16 @@ struct load_split {
     T second[8];
     load_elements(base, x, first);
     load_elements(base, x + DISTANCE, second);
+    return interleave(first, second, first_constants<8>{});
+  }
+
+ private:
+  template <int... I>
+  static activations<T, 16> interleave(const T (&first)[8], const T (&second)[8], constants<I...>) {
     activations<T, 16> chunk;
-    unrolled<8>([&](auto i) {
-      chunk.v[2 * i] = to_lane(first[i]);
-      chunk.v[2 * i + 1] = to_lane(second[i]);
-    });
+    ((chunk.v[2 * I] = to_lane(first[I]), chunk.v[2 * I + 1] = to_lane(second[I])), ...);
     return chunk;
   }
 };
-
-// Which nibble of a byte comes first.
-enum class nibble_order { low_first, high_first };
-
-// The sum of the chunk's sixteen products, from left to right; `value(code)` gives a nibble's value as a
-// lane<T>. The nibbles are shifted out of 32-bit halves of the word: a CPU device has twice as many of those
-// in a register.
-template <nibble_order ORDER = nibble_order::low_first, typename T, typename Value>
-inline lane<T> sum_nibbles(const activations<T, 16>& chunk, uint64_t quants, Value value) {
-  constexpr int FIRST = ORDER == nibble_order::low_first ? 0 : 4;
-  const uint32_t half_words[2] = {static_cast<uint32_t>(quants), static_cast<uint32_t>(quants >> 32)};
-  lane<T> s;
-  unrolled<8>([&](auto i) {
-    const uint32_t byte = half_words[i / 4] >> (8 * (i % 4));
-    const lane<T> first = value(static_cast<int>((byte >> FIRST) & 15));
-    const lane<T> second = value(static_cast<int>((byte >> (4 - FIRST)) & 15));
-    s = i == 0 ? chunk.v[0] * first : s + chunk.v[2 * i] * first;
-    s = s + chunk.v[2 * i + 1] * second;
-  });
-  return s;
-}
 
 }  // namespace quillon

@@ -21,24 +21,22 @@ void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, in
                                   const T* input, sycl::local_accessor<T, 1> local, T* output,
                                   uint64_t output_size) {
   using namespace quillon;
-  struct activations_and_sum {
-    activations<T, 16> chunk;
-    lane<T> sum;
+  struct chunk_and_sum {
+    activations<T, 16> elements;
+    lane<T> sum;  // of the sixteen; every row multiplies it by its minimum
   };
   const uint8_t* pairs = weight + scale_offset;
   multiply_chunks<T, 16, WG_SIZE, 2>(
       state_size, input, local, output_size, output,
       [](const T* base, int item) {
-        activations_and_sum loaded;
-        loaded.chunk = load_split<T>{}(base, item);
-        loaded.sum = loaded.chunk.v[0];
-        unrolled<15>([&](auto i) { loaded.sum = loaded.sum + loaded.chunk.v[i + 1]; });
-        return loaded;
+        const auto elements = load_split<T>{}(base, item);
+        return chunk_and_sum{elements, sum_activations(elements)};
       },
-      [=](lane<T>& acc, const activations_and_sum& loaded, const chunk_place<16>& at) {
-        const lane<T> s = sum_nibbles(loaded.chunk, at.word_of_chunk<uint64_t>(weight),
-                                      [](int code) { return integer_lane<T>(code); });
+      [=](lane<T>& acc, const chunk_and_sum& chunk, const chunk_place<16>& at) {
+        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const lane<T> s = sum_products(
+            chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
         const auto pair = at.entry_of_block<block_q4_1_dm>(pairs);
-        acc = acc + (s * rounded_lane<T>(pair.d) + loaded.sum * rounded_lane<T>(pair.m));
+        acc = acc + (s * rounded_lane<T>(pair.d) + chunk.sum * rounded_lane<T>(pair.m));
       });
 }

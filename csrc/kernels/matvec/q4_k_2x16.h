@@ -6,18 +6,19 @@
 //   WG_SIZE   work-items of a work-group, the ways by which K is split: 2 * SG_SIZE
 // A work-group has two output rows.
 //
-// A chunk is sixteen elements, half a sub-block: eight quant bytes, whose low and high nibbles stand for elements that
-// lie 16 apart. A super-block is the share of sixteen work-items:
+// A chunk is sixteen elements, half a sub-block: eight quant bytes, whose low and high nibbles stand for
+// elements that lie 16 apart. A super-block is the share of sixteen work-items:
 //
 //   super-block of 256   byte  0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31 | ... | 120 .. 127
 //   low nibbles          elem  0 ..... 7 | 8 .... 15 | 32 ... 39 | 40 ... 47 | ... | 232 .. 239
 //   high nibbles         elem 16 .... 23 | 24 ... 31 | 48 ... 55 | 56 ... 63 | ... | 248 .. 255
 //                            work-item 0 |     1     |     2     |     3     | ... |    15
-//   scales                  | s0     m0             | s1     m1              | ... : a byte each for two work-items
-//   pairs                   | d  dmin                                        | ... : a half each for all sixteen
+//   scales                  | s0     m0             | s1     m1              | ... : a byte each for two
+//   work-items pairs                   | d  dmin                                        | ... : a half each
+//   for all sixteen
 //
-// Rounds are full rounds only: chunks that remain when every work-item has had the same number of them are not summed.
-// So K counts in units of 16 * WG_SIZE, and a K below that gives zeros.
+// Rounds are full rounds only: chunks that remain when every work-item has had the same number of them are
+// not summed. So K counts in units of 16 * WG_SIZE, and a K below that gives zeros.
 #pragma once
 
 #include "kernels/matvec/nibbles.h"
@@ -25,25 +26,24 @@
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input, const uint8_t* scales,
-                                  const uint8_t* pairs, sycl::local_accessor<T, 1> local, T* output,
-                                  uint64_t output_size) {
+void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input,
+                                  const uint8_t* scales, const uint8_t* pairs,
+                                  sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   struct chunk_and_sum {
     activations<T, 16> elements;
     lane<T> sum;  // of the sixteen; every row multiplies it by its minimum
   };
   const auto load_chunk = [](const T* base, int item) {
-    chunk_and_sum chunk{load_split<T, 16>{}(base, item), {}};
-    chunk.sum = chunk.elements.v[0];
-    unrolled<15>([&](auto i) { chunk.sum = chunk.sum + chunk.elements.v[i + 1]; });
-    return chunk;
+    const auto elements = load_split<T, 16>{}(base, item);
+    return chunk_and_sum{elements, sum_activations(elements)};
   };
   const auto add_row = [=](lane<T>& acc, const chunk_and_sum& chunk, const auto& place) {
-    const auto word = place.template word_of_chunk<uint64_t>(quants);
+    const chunk_codes codes(place.template word_of_chunk<uint64_t>(quants));
     const auto scale_and_minimum = place.template entry_of_chunks<uint16_t, 2>(scales);
     const auto pair = place.template entry_of_block<uint32_t>(pairs);
-    const lane<T> s = sum_nibbles(chunk.elements, word, [](int code) { return integer_lane<T>(code); });
+    const lane<T> s = sum_products(
+        chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
     const lane<T> d = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair)));
     const lane<T> dmin = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair >> 16)));
     const lane<T> d1 = d * integer_lane<T>(scale_and_minimum & 255);

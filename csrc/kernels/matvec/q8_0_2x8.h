@@ -3,14 +3,14 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements (bytes.h). One block:
+// Chunks of eight neighbouring elements. One block:
 //
 //   quants   | e0 int8 | e1 | ... | e63 |      work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
 //   round scales   | d float |                       W = d * e; d is rounded to T and applied to the sum of a
 //   chunk
 #pragma once
 
-#include "kernels/matvec/bytes.h"
+#include "kernels/matvec/chunks.h"
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
@@ -23,8 +23,9 @@ void qlinear_xpu_kernel_q8_0_2x8(uint64_t state_size, const uint8_t* weight, int
   multiply_chunks<T, 8, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_neighbours<T, 8>{},
       [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        const lane<T> s = sum_bytes(chunk, at.word_of_chunk<uint64_t>(weight),
-                                    [](uint32_t byte) { return integer_lane<T>(static_cast<int8_t>(byte)); });
+        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const lane<T> s =
+            sum_products(chunk, [=](auto i) { return integer_lane<T>(static_cast<int8_t>(codes.byte(i))); });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<float>(scales));
       });
 }

@@ -32,11 +32,8 @@ struct two_halves {
         second(convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))) {}
 };
 
-// Scale and sum of a block; four quants from 4 * index onward, and eight from 8 * index.
+// Scale and sum of a block, and eight quants from 8 * index onward.
 inline two_halves head_of(const block_q8_1& block) { return two_halves(load<uint32_t, 4>(&block)); }
-inline uint32_t four_quants_of(const block_q8_1& block, int index) {
-  return load<uint32_t, 4>(block.qs + 4 * index);
-}
 inline uint64_t eight_quants_of(const block_q8_1& block, int index) {
   return load<uint64_t, 4>(block.qs + 8 * index);
 }
@@ -53,7 +50,7 @@ inline int dot_bytes(uint32_t codes, uint32_t quants) {
   return sum;
 }
 
-// Adds up `VEC_DOT(super-block of the row, its eight q8_1 blocks, slice)` over the slices of one work-item. SLICES is
+// Adds up `VEC_DOT(row, q8_1 blocks, super-block, slice)` over the slices of one work-item. SLICES is
 // the number of slices of a super-block.
 template <int SLICES, auto VEC_DOT, typename Block>
 inline float sum_of_slices(const Block* row, const block_q8_1* activations, int32_t blocks_per_row, int lane) {
@@ -61,9 +58,7 @@ inline float sum_of_slices(const Block* row, const block_q8_1* activations, int3
   const int first = lane / SLICES;
   const int slice = lane % SLICES;
   float sum = 0.0f;
-  const auto add_block = [&](int32_t block) {
-    sum = add(sum, VEC_DOT(row[block + first], activations + 8 * (block + first), slice));
-  };
+  const auto add_block = [&](int32_t block) { sum = add(sum, VEC_DOT(row, activations, block + first, slice)); };
   // All work-items have a block in each of these rounds: a uniform count, which a CPU device runs unmasked.
   const int32_t full = blocks_per_row / STEP * STEP;
   for (int32_t block = 0; block < full; block += STEP) add_block(block);

@@ -21,23 +21,13 @@
 #include <sycl/ext/oneapi/kernel_properties/properties.hpp>
 #include <sycl/group_barrier.hpp>
 #include <sycl/nd_item.hpp>
+#include <type_traits>
 #include <utility>
 
 #include "formats/packed_bits.h"
 #include "runtime/scalar_types.h"
 
 namespace quillon {
-
-// Calls `body(i)` for i = 0 to COUNT - 1 with a constant of the type system. A loop would leave private arrays that it
-// indexes in memory: the compiler decides which arrays become registers before it unrolls.
-template <int... I, typename Body>
-inline void unrolled(std::integer_sequence<int, I...>, Body&& body) {
-  (body(std::integral_constant<int, I>{}), ...);
-}
-template <int COUNT, typename Body>
-inline void unrolled(Body&& body) {
-  unrolled(std::make_integer_sequence<int, COUNT>{}, body);
-}
 
 // Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk; that of a
 // work-item is c + item. Returns the number of chunks in these rounds.
@@ -56,22 +46,53 @@ inline void for_each_round(uint64_t state_size, int item, Body body) {
   if (full + item < static_cast<int32_t>(state_size / CHUNK)) body(full);
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads than
-// element by element, at no more than the alignment that a tensor's data is sure to have. The base is the
-// same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
+// Constant indices, for pack expansions in place of loops over private arrays. The device compiler decides
+// which arrays become registers before it unrolls loops, and closures that refer to closures hide them from
+// it as well; an array that stays in memory is scattered and gathered by a CPU device, at several times the
+// kernel's cost.
+template <int... I>
+using constants = std::integer_sequence<int, I...>;
+template <int COUNT>
+using first_constants = std::make_integer_sequence<int, COUNT>;
+
+// Calls `body(i)` for i = 0 to COUNT - 1, each a constant of the type system: for bodies whose closure refers to
+// values and not to other closures.
+template <int... I, typename Body>
+inline void unrolled(constants<I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(first_constants<COUNT>{}, body);
+}
+
+// Element `i` of eight bytes of them. Shifts, from 32-bit halves: elements copied out of the word would be
+// loaded one by one, and a CPU device has twice as many 32-bit shifts in a register.
+template <typename T>
+inline T element_of_word(uint64_t word, int i) {
+  if constexpr (sizeof(T) == 8)
+    return bit_cast<T>(word);
+  else if constexpr (sizeof(T) == 4)
+    return bit_cast<T>(static_cast<uint32_t>(word >> (32 * i)));
+  else
+    return bit_cast<T>(static_cast<uint16_t>(static_cast<uint32_t>(word >> (i / 2 * 32)) >> (i % 2 * 16)));
+}
+
+// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads
+// than element by element, at no more than the alignment that a tensor's data is sure to have. The base is
+// the same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
 // gathers with 32-bit offsets.
-template <typename T, int COUNT>
-inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
+template <typename T, int COUNT, int... I>
+inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT], constants<I...>) {
   constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
   constexpr int PER_WORD = BYTES / sizeof(T);
-  using bits = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
-  struct word {
-    T element[PER_WORD];
-  };
-  unrolled<COUNT / PER_WORD>([&](auto i) {
-    const word loaded = bit_cast<word>(load<bits, sizeof(T)>(base + offset + i * PER_WORD));
-    unrolled<PER_WORD>([&](auto j) { to[i * PER_WORD + j] = loaded.element[j]; });
-  });
+  using word = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
+  ((to[I] = element_of_word<T>(load<word, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)),
+   ...);
+}
+template <typename T, int COUNT>
+inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
+  load_elements(base, offset, to, first_constants<COUNT>{});
 }
 
 // The distance from each row of the tile to the next, in the caller's unit, 0 in place of `row_length` where
@@ -82,7 +103,8 @@ struct row_steps {
   int32_t step[ROW_TILE];
 
   row_steps(uint64_t row0, uint64_t output_size, int32_t row_length) {
-    unrolled<ROW_TILE>([&](auto t) { step[t] = row0 + t + 1 < output_size ? row_length : 0; });
+#pragma unroll
+    for (int t = 0; t < ROW_TILE; ++t) step[t] = row0 + t + 1 < output_size ? row_length : 0;
   }
 };
 
@@ -95,7 +117,8 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, int leaf, const Sum 
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
                              Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
-  unrolled<ROW_TILE>([&](auto t) { local[t * WG_SIZE + leaf] = convert<T>(acc[t]); });
+#pragma unroll
+  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + leaf] = convert<T>(acc[t]);
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
