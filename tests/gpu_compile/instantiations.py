@@ -96,6 +96,12 @@ def one_geometry(sub_group: int | None, rows: int) -> dict[str, Geometry]:
     return by_class(Geometry((), sub_group, rows))
 
 
+def sub_group_of_8_or_16(rows: int) -> dict[str, Geometry]:
+    """A template that wants sub-groups of 8, and 16 for the classes that do not have 8."""
+    without_8 = Geometry((16,), 16, rows)
+    return by_class(Geometry((8,), 8, rows), elm=without_8, fir=without_8, yew=without_8)
+
+
 KERNELS = (
     Kernel(
         name="qlinear_xpu_kernel_q4_0_2x16",
@@ -103,6 +109,28 @@ KERNELS = (
         format="q4_0",
         geometries=row_tiles(2, legacy_rows=8),
         elements=16,
+    ),
+    Kernel("qlinear_xpu_kernel_q4_k_2x16", "kernels/matvec/q4_k_2x16.h", "q4_k", fixed_rows(2), 16),
+    Kernel("qlinear_xpu_kernel_q5_k", "kernels/matvec/q5_k.h", "q5_k", sub_group_of_8_or_16(2), 16),
+    Kernel("qlinear_xpu_kernel_q6_k_2x16", "kernels/matvec/q6_k_2x16.h", "q6_k", fixed_rows(2), 16),
+    Kernel("qlinear_xpu_kernel_fp6_k_2x16", "kernels/matvec/fp6_k_2x16.h", "fp6_k", row_tiles(2), 16),
+    Kernel(
+        "quantize_xpu_kernel_q8_1",
+        "kernels/matvec/quantize_q8_1.h",
+        "q8_1",
+        one_geometry(32, 1),
+        elements=1,
+        local_arrays=0,
+    ),
+    Kernel("qlinear_xpu_kernel_iq2_xxs_q8_1", "kernels/matvec/iq2_xxs_q8_1.h", "iq2_xxs", one_geometry(32, 1), 32),
+    Kernel("qlinear_xpu_kernel_q2_k_q8_1", "kernels/matvec/q2_k_q8_1.h", "q2_k", one_geometry(None, 1), 16),
+    Kernel(
+        "qlinear_xpu_kernel_iq1_s_q8_1",
+        "kernels/matvec/iq1_s_q8_1.h",
+        "iq1_s",
+        one_geometry(32, 1),
+        elements=32,
+        local_arrays=0,
     ),
 )
 

@@ -19,21 +19,26 @@
 
 namespace quillon {
 
-// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
-inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, int iqs) {
-  const block_q8_1& x = q[iqs];
-  const uint32_t h = load_u16(w.qh + 2 * iqs);
+// Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of `q`.
+inline float vec_dot_iq1_s_q8_1(const block_iq1_s* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
+  const block_iq1_s& w = row[block];
+  const block_q8_1& x = (q + 8 * block)[iqs];
+  const uint32_t h = (load_u32(w.qh + 2 * (iqs & 6)) >> (16 * (iqs & 1))) & 0xFFFF;
   const uint32_t low_indices = load_u32(w.qs + 4 * iqs);
+  const float d = two_halves(load_u32(&w)).first;
   int sum = 0;
-#pragma unroll
+  // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
+#pragma unroll 1
   for (int l = 0; l < 4; ++l) {
     const uint32_t grid = iq1s_grid[((low_indices >> (8 * l)) & 255) | (((h >> (3 * l)) & 7) << 8)];
-    sum += dot_bytes(grid & 0x0F0F0F0Fu, quants_of(x, 2 * l));
-    sum += dot_bytes((grid >> 4) & 0x0F0F0F0Fu, quants_of(x, 2 * l + 1));
+    const uint64_t quants = eight_quants_of(x, l);
+    sum += dot_bytes(grid & 0x0F0F0F0Fu, static_cast<uint32_t>(quants));
+    sum += dot_bytes((grid >> 4) & 0x0F0F0F0Fu, static_cast<uint32_t>(quants >> 32));
   }
-  const q8_1_head head = head_of(x);
-  const float d1 = scale_iq1_s(load_half(w.d), h);
-  return add(multiply(multiply(d1, head.d), static_cast<float>(sum)), multiply(multiply(d1, head.s), delta_iq1_s(h)));
+  const two_halves head = head_of(x);
+  const float d1 = multiply(d, static_cast<float>(2 * ((h >> 12) & 7) + 1));
+  return add(multiply(multiply(d1, head.first), static_cast<float>(sum)),
+             multiply(multiply(d1, head.second), delta_iq1_s(h)));
 }
 
 }  // namespace quillon

@@ -7,7 +7,8 @@
 //   record   0 | d half | 2 | group 0 | 10 | group 1 | ... | 58 | group 7 |
 //   group    | i0 | i1 | i2 | i3 | scale 4 bits, signs3, signs2, signs1, signs0 of 7 bits |
 //
-// Byte iv is the index of a row of eight magnitudes, signsv that of a byte with the signs of the same eight.
+// Byte iv is the index of a row of eight magnitudes, signsv has the signs of the
+// first seven of them; that of the eighth makes the number of negative ones even.
 #pragma once
 
 #include "formats/grids.h"
@@ -15,30 +16,37 @@
 
 namespace quillon {
 
-// Slice `iqs`, 0 to 7, of super-block `w` times its 32 activations, block `iqs` of `q`.
-inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, int iqs) {
-  const block_q8_1& x = q[iqs];
-  const uint8_t* group = w.qs + 8 * iqs;
-  const uint32_t indices = load_u32(group);
-  const uint32_t aux = load_u32(group + 4);
+// An entry of ksigns_iq2xs, computed: no gather from a table of bytes.
+inline uint32_t with_parity(uint32_t seven_signs) {
+  return seven_signs | ((static_cast<uint32_t>(__builtin_popcount(seven_signs)) & 1) << 7);
+}
+
+// Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of `q`.
+inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
+  const block_iq2_xxs& w = row[block];
+  const block_q8_1& x = (q + 8 * block)[iqs];
+  const uint64_t group = load_u64(w.qs + 8 * iqs);
+  const auto indices = static_cast<uint32_t>(group);
+  const auto aux = static_cast<uint32_t>(group >> 32);
+  const float d = two_halves(load_u32(&w)).first;
   int sum = 0;
-#pragma unroll
+  // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
+#pragma unroll 1
   for (int l = 0; l < 4; ++l) {
     const uint64_t grid = iq2xxs_grid[(indices >> (8 * l)) & 255];
-    const uint32_t signs = ksigns_iq2xs[(aux >> (7 * l)) & 127];
-#pragma unroll
-    for (int h = 0; h < 2; ++h) {
-      const uint32_t magnitudes = static_cast<uint32_t>(grid >> (32 * h));
-      const uint32_t quants = quants_of(x, 2 * l + h);
-#pragma unroll
-      for (int b = 0; b < 4; ++b) {
-        const int product = static_cast<int>((magnitudes >> (8 * b)) & 255) * signed_byte_of(quants, b);
+    const uint64_t quants = eight_quants_of(x, l);
+    const uint32_t signs = with_parity((aux >> (7 * l)) & 127);
+    unrolled<2>([&](auto h) {
+      const auto magnitudes = static_cast<uint32_t>(grid >> (32 * h));
+      const auto four = static_cast<uint32_t>(quants >> (32 * h));
+      unrolled<4>([&](auto b) {
+        const int product = static_cast<int>((magnitudes >> (8 * b)) & 255) * signed_byte_of(four, b);
         sum += signs & (1u << (4 * h + b)) ? -product : product;
-      }
-    }
+      });
+    });
   }
-  const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), convert<float>(load_half(w.d)));
-  return multiply(multiply(multiply(scale, head_of(x).d), 0.25f), static_cast<float>(sum));
+  const float scale = multiply(add(static_cast<float>(aux >> 28), 0.5f), d);
+  return multiply(multiply(multiply(scale, head_of(x).first), 0.25f), static_cast<float>(sum));
 }
 
 }  // namespace quillon

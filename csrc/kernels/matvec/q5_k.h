@@ -5,20 +5,24 @@
 //   SG_SIZE  required sub-group size: 8, and 16 for devices that do not have 8. The arithmetic never refers to it
 //
 // A work-group is 32 work-items on two output rows: work-items 0 to 15 take the even super-blocks of the rows, 16 to
-// 31 the odd ones. A super-block has four pairs of sub-blocks, 0 to 3; the sixteen work-items cut it so that each has
-// pairs of neighbouring elements:
+// 31 the odd ones. A super-block has four pairs of sub-blocks, 0 to 3; the sixteen work-items cut it into shares:
 //
 //   one record   0 | d, dmin | 4 | scales | 16 | qh, 32 bytes | 48 | qs, 32 bytes for each of the pairs 0 | 1 | 2 | 3
 //
 //   qs of a pair   byte   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31
-//   low nibbles    elem   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | ...              first sub-block of the pair
-//   high nibbles   elem  32 33 | ...                                                  second sub-block
-//   tid, pairs 0 and 2       0 |    4 |    1 | ... |     7 |     0 |     4 | ... |     7
-//   tid, pairs 1 and 3       8 |   12 |    9 | ... |    15 |     8 |    12 | ... |    15
+//   low nibbles    elem   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31   one sub-block
+//   high nibbles   elem  32 33 | ...                                             | 62 63   the next
+//   share, pairs 0 and 2     0 |    1 |    2 | ... |     7 |     0 |     1 | ... |     7
+//   share, pairs 1 and 3     8 |    9 |   10 | ... |    15 |     8 |     9 | ... |    15
 //
-// So a work-item has two neighbouring elements in both halves of both sub-blocks of two pairs: sixteen elements in
-// eight twos, with the scales and minima of four sub-blocks.
+// So a share is two neighbouring elements in both halves of both sub-blocks of two pairs: sixteen elements in
+// eight twos, with the scales and minima of four sub-blocks. The tree adds the shares 0, 2, 4, 6, 1, 3, 5, 7
+// in this order; neighbouring work-items take neighbouring shares, so that their loads are neighbours, and put
+// their sums where the order of the tree wants them.
 #pragma once
+
+#include <sycl/group_algorithm.hpp>
+#include <sycl/sub_group.hpp>
 
 #include "formats/super_blocks.h"
 #include "kernels/matvec/arithmetic.h"
@@ -34,18 +38,16 @@ struct activations_q5_k {
   lane<T> sum[4][2];   // over the halves
 
   activations_q5_k(const T* base, uint32_t offset) {
-#pragma unroll
-    for (int k = 0; k < 4; ++k) {
-#pragma unroll
-      for (int h = 0; h < 2; ++h) {
+    unrolled<4>([&](auto k) {
+      unrolled<2>([&](auto h) {
         T elements[2];
         load_elements(base, offset + 128 * (k / 2) + 32 * (k % 2) + 16 * h, elements);
         y[k][h][0] = to_lane(elements[0]);
         y[k][h][1] = to_lane(elements[1]);
-      }
+      });
       sum[k][0] = y[k][0][0] + y[k][1][0];
       sum[k][1] = y[k][0][1] + y[k][1][1];
-    }
+    });
   }
 };
 
@@ -70,11 +72,9 @@ inline float dot_q5_k(const block_q5_K* block, const activations_q5_k<T>& x, int
 
   float sums[4] = {0.0f, 0.0f, 0.0f, 0.0f};
   float minimum = 0.0f;
-#pragma unroll
-  for (int j = 0; j < 2; ++j) {
+  unrolled<2>([&](auto j) {
     lane<T> line;
-#pragma unroll
-    for (int k = 0; k < 4; ++k) {
+    unrolled<4>([&](auto k) {
       const auto code = [&](int h) {
         const uint32_t nibble = (low[k / 2][h] >> (8 * j + 4 * (k % 2))) & 15;
         const uint32_t fifth = (high[h] >> (8 * j + 4 * (k / 2) + k % 2 + 2 * pair)) & 1;
@@ -83,15 +83,14 @@ inline float dot_q5_k(const block_q5_K* block, const activations_q5_k<T>& x, int
       sums[k] = sums[k] + static_cast<float>(x.y[k][0][j] * code(0) + x.y[k][1][j] * code(1));
       const lane<T> m = integer_lane<T>(static_cast<int>((minima[k / 2] >> (8 * (k % 2))) & 63));
       line = k == 0 ? x.sum[k][j] * m : line + x.sum[k][j] * m;
-    }
+    });
     minimum = minimum + static_cast<float>(line);
-  }
+  });
   float scaled = 0.0f;
-#pragma unroll
-  for (int k = 0; k < 4; ++k) {
+  unrolled<4>([&](auto k) {
     const auto scale = static_cast<float>((scales[k / 2] >> (8 * (k % 2))) & 63);
     scaled = k == 0 ? sums[k] * scale : scaled + sums[k] * scale;
-  }
+  });
   return scaled * d - minimum * dmin;
 }
 
@@ -107,27 +106,28 @@ void qlinear_xpu_kernel_q5_k(uint64_t state_size, const quillon::block_q5_K* wei
   constexpr int WG_SIZE = 32;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const int item = static_cast<int>(place.get_local_id(0));
-  const int parity = item / 16;
-  const int pair = item / 8 % 2;
-  const int first = item % 4 * 4 + item / 4 % 2 * 2;
+  // Parity and pair are those of eight neighbouring work-items. Where these are a sub-group, the broadcast of what
+  // all of them have anyway tells the compiler so: it computes once, and loads neighbours as vectors.
+  int octet = item / 8;
+  if constexpr (SG_SIZE == 8) octet = sycl::group_broadcast(place.get_sub_group(), octet);
+  const int share = item - 8 * octet;
+  const int parity = octet / 2;
+  const int pair = octet % 2;
+  const int first = 2 * share;
   const auto blocks = static_cast<int32_t>(state_size / 256);
   const uint64_t row0 = place.get_group(0) * ROW_TILE;
   const block_q5_K* rows = weight + row0 * blocks;
   const row_steps<ROW_TILE> to_next_row(row0, output_size, blocks);
 
   float acc[ROW_TILE] = {0.0f, 0.0f};
-  const auto add_block = [&](int32_t i) {
-    const activations_q5_k<T> x(input + 256 * i, 256 * parity + 64 * pair + first);
+  for (int32_t i = parity; i < blocks; i += 2) {
+    const activations_q5_k<T> x(input + 256 * i + 64 * pair, first);
     int32_t row = 0;
-#pragma unroll
-    for (int t = 0; t < ROW_TILE; ++t) {
-      acc[t] = acc[t] + dot_q5_k<T>(rows + row + i + parity, x, pair, first);
+    unrolled<ROW_TILE>([&](auto t) {
+      acc[t] = acc[t] + dot_q5_k<T>(rows + row + i, x, pair, first);
       row += to_next_row.step[t];
-    }
-  };
-  // Both halves of the work-group have a block in each of these rounds: a uniform count, which a CPU device wants.
-  int32_t i = 0;
-  for (; i + 1 < blocks; i += 2) add_block(i);
-  if (i + parity < blocks) add_block(i);
-  reduce_and_write<float, WG_SIZE, ROW_TILE>(place, acc, local, row0, output_size, output);
+    });
+  }
+  const int leaf = 8 * octet + share / 2 + share % 2 * 4;
+  reduce_and_write<float, WG_SIZE, ROW_TILE>(place, leaf, acc, local, row0, output_size, output);
 }

@@ -36,14 +36,13 @@ void qlinear_xpu_kernel_q6_k_2x16(uint64_t state_size, const uint8_t* high_plane
   const auto add_row = [=](lane<T>& acc, const activations<T, 16>& chunk, const auto& place) {
     lane<T> sum;
     for_each_step(place.template word_of_chunk<uint32_t>(high_plane), place.template word_of_chunk<uint64_t>(low_plane),
-                  [&](int step, uint32_t high, uint32_t low) {
+                  [&](auto step, uint32_t high, uint32_t low) {
                     const uint32_t codes = q6_k_step_codes(high, low);
                     lane<T> p;
-#pragma unroll
-                    for (int e = 0; e < 4; ++e) {
+                    unrolled<4>([&](auto e) {
                       const lane<T> code = integer_lane<T>(static_cast<int>((codes >> (8 * e)) & 255) - 32);
                       p = e == 0 ? chunk.v[4 * step] * code : p + chunk.v[4 * step + e] * code;
-                    }
+                    });
                     sum = step == 0 ? p : sum + p;
                   });
     const auto d = convert<float>(half_from_bits(place.template entry_of_block<uint16_t>(super_scales)));

@@ -11,35 +11,32 @@
 // A slice's sum is an integer, scaled once to float; a work-item adds up its slices in float.
 #pragma once
 
-#include <sycl/ext/oneapi/experimental/free_function_traits.hpp>
-#include <sycl/ext/oneapi/free_function_queries.hpp>
-#include <sycl/ext/oneapi/kernel_properties/properties.hpp>
-#include <sycl/accessor.hpp>
-#include <sycl/group_barrier.hpp>
-#include <sycl/nd_item.hpp>
-
-#include "formats/packed_bits.h"
 #include "formats/q8_1.h"
+#include "kernels/matvec/skeleton.h"
 
 namespace quillon {
 
 // Work-items of one row.
 inline constexpr int q8_1_lanes = 32;
 
-// The two halves at the head of a block.
-struct q8_1_head {
-  float d;
-  float s;
+// Loads here are of 32 or 64 bits throughout: a CPU device gathers those, while it takes a vector of narrower ones
+// apart.
+
+// Two neighbouring halves, loaded as a word.
+struct two_halves {
+  float first;
+  float second;
+
+  explicit two_halves(uint32_t word)
+      : first(convert<float>(half_from_bits(static_cast<uint16_t>(word)))),
+        second(convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))) {}
 };
 
-inline q8_1_head head_of(const block_q8_1& block) {
-  const auto word = load<uint32_t, 4>(&block);
-  return {convert<float>(half_from_bits(static_cast<uint16_t>(word))),
-          convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))};
+// Scale and sum of a block, and eight quants from 8 * index onward.
+inline two_halves head_of(const block_q8_1& block) { return two_halves(load<uint32_t, 4>(&block)); }
+inline uint64_t eight_quants_of(const block_q8_1& block, int index) {
+  return load<uint64_t, 4>(block.qs + 8 * index);
 }
-
-// Four quants, 4 * index onward.
-inline uint32_t quants_of(const block_q8_1& block, int index) { return load<uint32_t, 4>(block.qs + 4 * index); }
 
 // The signed byte `index` of a word.
 constexpr int signed_byte_of(uint32_t word, int index) {
@@ -47,14 +44,13 @@ constexpr int signed_byte_of(uint32_t word, int index) {
 }
 
 // The sum of four products of unsigned with signed bytes.
-constexpr int dot_bytes(uint32_t codes, uint32_t quants) {
+inline int dot_bytes(uint32_t codes, uint32_t quants) {
   int sum = 0;
-#pragma unroll
-  for (int b = 0; b < 4; ++b) sum += static_cast<int>((codes >> (8 * b)) & 255) * signed_byte_of(quants, b);
+  unrolled<4>([&](auto b) { sum += static_cast<int>((codes >> (8 * b)) & 255) * signed_byte_of(quants, b); });
   return sum;
 }
 
-// Adds up `VEC_DOT(super-block of the row, its eight q8_1 blocks, slice)` over the slices of one work-item. SLICES is
+// Adds up `VEC_DOT(row, q8_1 blocks, super-block, slice)` over the slices of one work-item. SLICES is
 // the number of slices of a super-block.
 template <int SLICES, auto VEC_DOT, typename Block>
 inline float sum_of_slices(const Block* row, const block_q8_1* activations, int32_t blocks_per_row, int lane) {
@@ -62,9 +58,7 @@ inline float sum_of_slices(const Block* row, const block_q8_1* activations, int3
   const int first = lane / SLICES;
   const int slice = lane % SLICES;
   float sum = 0.0f;
-  const auto add_block = [&](int32_t block) {
-    sum = add(sum, VEC_DOT(row[block + first], activations + 8 * (block + first), slice));
-  };
+  const auto add_block = [&](int32_t block) { sum = add(sum, VEC_DOT(row, activations, block + first, slice)); };
   // All work-items have a block in each of these rounds: a uniform count, which a CPU device runs unmasked.
   const int32_t full = blocks_per_row / STEP * STEP;
   for (int32_t block = 0; block < full; block += STEP) add_block(block);

@@ -1,6 +1,7 @@
 #include "kernels/matvec/quantize_q8_1_host.h"
 
 #include <ATen/ops/empty.h>
+#include <c10/util/Exception.h>
 
 #include "dispatch/scalar_type_dispatch.h"
 #include "formats/registry.h"
@@ -18,6 +19,9 @@ at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std
                 input.options().dtype(at::kByte).memory_format(at::MemoryFormat::Contiguous));
   dispatch_element_type(input.scalar_type(), [&](auto element) {
     using T = decltype(element);
+    // A work-group is eight whole blocks. Not every SYCL runtime refuses a range that its work-groups do not divide.
+    TORCH_CHECK(state_size % WG_SIZE == 0, "quantize_input_q8_1: state_size must be a multiple of ", WG_SIZE,
+                ", the size of a super-block, got ", state_size);
     static runtime::KernelEntry& entry =
         runtime::kernel_entry<T>("kernels/matvec/quantize_q8_1.h", "quantize_xpu_kernel_q8_1");
     launch_kernel(entry, input.device(), {state_size, WG_SIZE}, {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});

@@ -12,8 +12,7 @@ namespace quillon {
 template <typename Body>
 inline void for_each_step(uint32_t high, uint64_t low_words, Body body) {
   const uint32_t low[2] = {static_cast<uint32_t>(low_words), static_cast<uint32_t>(low_words >> 32)};
-#pragma unroll
-  for (int step = 0; step < 4; ++step) body(step, high << (2 * step), low[step / 2] << (4 * (step % 2)));
+  unrolled<4>([&](auto step) { body(step, high << (2 * step), low[step / 2] << (4 * (step % 2))); });
 }
 
 // The sum of fp6 and fp6_k takes the byte lanes of a step's codes in the order 0, 2, 1, 3, which is elements

@@ -55,6 +55,17 @@ using constants = std::integer_sequence<int, I...>;
 template <int COUNT>
 using first_constants = std::make_integer_sequence<int, COUNT>;
 
+// Calls `body(i)` for i = 0 to COUNT - 1, each a constant of the type system: for bodies whose closure refers to
+// values and not to other closures.
+template <int... I, typename Body>
+inline void unrolled(constants<I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(first_constants<COUNT>{}, body);
+}
+
 // Element `i` of eight bytes of them. Shifts, from 32-bit halves: elements copied out of the word would be
 // loaded one by one, and a CPU device has twice as many 32-bit shifts in a register.
 template <typename T>
@@ -97,16 +108,17 @@ struct row_steps {
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t,
-// item) of `local` stands at t * WG_SIZE + item. Work-item 0 then writes the rows that exist. `Sum` is T or
-// lane<T>, `Out` the type of the result.
+// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t, leaf)
+// of `local` stands at t * WG_SIZE + leaf. Work-item 0 then writes the rows that exist. `Sum` is T or lane<T>,
+// `Out` the type of the result. The leaf of a work-item is its number, unless a kernel deals out the work in
+// another order than that of the sum.
 template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
-inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+inline void reduce_and_write(const sycl::nd_item<1>& place, int leaf, const Sum (&acc)[ROW_TILE],
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
                              Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
 #pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + item] = convert<T>(acc[t]);
+  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + leaf] = convert<T>(acc[t]);
   sycl::group_barrier(place.get_group());
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
@@ -120,6 +132,14 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW
     for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
       output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
+}
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
+inline void reduce_and_write(const sycl::nd_item<1>& place, const Sum (&acc)[ROW_TILE],
+                             const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
+                             Out* output) {
+  const int item = static_cast<int>(place.get_local_id(0));
+  reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);
 }
 
 }  // namespace quillon

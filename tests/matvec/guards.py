@@ -1,0 +1,34 @@
+"""Guard bytes behind the output of an operator.
+
+Memory of a host device is memory of the process, and its caching allocator gives a freed block to the next tensor of
+the same size.
+"""
+
+from __future__ import annotations
+
+import ctypes
+from collections.abc import Iterator
+from contextlib import contextmanager
+
+import torch
+
+GUARD = bytes(range(1, 65))
+
+
+@contextmanager
+def output_guard(elements: int, dtype: torch.dtype, device: torch.device) -> Iterator[int]:
+    """Put a guard behind the block that the next tensor of `elements` gets; gives the block's address.
+
+    At the end nothing but the elements may have changed. Allocations are rounded up to 512 bytes, so that the guard
+    belongs to the block and to nobody else.
+    """
+    size = torch.empty(0, dtype=dtype).element_size() * elements
+    assert size + len(GUARD) <= 512
+    block = torch.zeros(1, elements, dtype=dtype, device=device)
+    address = block.data_ptr()
+    torch.xpu.synchronize(device)
+    ctypes.memmove(address + size, GUARD, len(GUARD))
+    del block
+    yield address
+    torch.xpu.synchronize(device)
+    assert ctypes.string_at(address + size, len(GUARD)) == GUARD
