@@ -44,17 +44,20 @@ constexpr float source_q8_1(T x) {
 }
 
 // The float nearest to x / scale, rounded to an integer as above, from a `quotient` that is off by a few units
-// in its last place: a GPU divides by multiplying with an approximate reciprocal. Neither x nor scale nor
-// their product with 2^-26 may be subnormal.
+// in its last place: a GPU divides by multiplying with an approximate reciprocal. Magnitudes of the quotient
+// are below 2^11, and neither x nor scale is so small that its 40th bit would be subnormal.
 inline float round_quotient(float x, float scale, float quotient) {
-  const float magnitude = __builtin_fabsf(x);
-  const float whole = static_cast<float>(static_cast<int32_t>(__builtin_fabsf(quotient)));
+  const float magnitude = x < 0.0f ? -x : x;
+  const float whole = static_cast<float>(static_cast<int32_t>(quotient < 0.0f ? -quotient : quotient));
   const float tie = whole + 0.5f;
-  // Quotients from the middle between the tie and the float below it are rounded to the tie or above, and what
-  // they lack is exact: the remainder is, by its few bits, and the middle's distance is a power of two.
+  // magnitude - tie * scale, exact where it decides: both halves of the scale have 12 bits and the tie as many,
+  // and the differences of so near numbers are floats.
+  const float high = bit_cast<float>(bit_cast<uint32_t>(scale) & 0xFFFFF000u);
+  const float rest = (magnitude - tie * high) - tie * (scale - high);
+  // Quotients from the middle between the tie and the float below it on are rounded to the tie or above.
   const float below = bit_cast<float>(bit_cast<uint32_t>(tie) - 1);
-  const bool up = __builtin_fmaf(-tie, scale, magnitude) >= -(0.5f * (tie - below)) * scale;
-  return __builtin_copysignf(up ? whole + 1.0f : whole, x);
+  const float rounded = rest >= -(0.5f * (tie - below)) * scale ? whole + 1.0f : whole;
+  return x < 0.0f ? -rounded : rounded;
 }
 
 // The quant of a source value under the float scale of its block. double is divided in double, correctly
