@@ -178,3 +178,11 @@ class Shim:
         )
         assert status == 0
         return out
+
+    def round_quotients(
+        self, x: NDArray[np.float32], scale: NDArray[np.float32], quotient: NDArray[np.float32]
+    ) -> NDArray[np.float32]:
+        out = np.empty_like(x)
+        arrays = [(_POINTER, _pointer(part)) for part in (x, scale, quotient, out)]
+        self._call("shim_round_quotients", None, *arrays, (_I64, x.size))
+        return out

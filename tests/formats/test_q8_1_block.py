@@ -72,3 +72,28 @@ def test_scale_that_underflows(shim: Shim) -> None:
     least = float(np.float32(1e-45))
     assert shim.scale_q8_1(least) == 0
     assert shim.quants_q8_1(np.array([least], np.float32), "float32", least).tolist() == [0]
+
+
+@pytest.mark.parametrize("off_by", [-4, -3, -2, -1, 0, 1, 2, 3, 4])
+def test_approximate_quotients_round_as_exact_ones(shim: Shim, off_by: int) -> None:
+    """Quotients a few units in the last place off, as a GPU gives them, many of them next to a tie."""
+    rng = np.random.default_rng(4)
+    scale = np.exp2(rng.uniform(-50, 50, 400_000)).astype(np.float32)
+    ties = rng.integers(0, 127, scale.size).astype(np.float32) + np.float32(0.5)
+    near = (ties * scale).view(np.uint32).astype(np.int64) + rng.integers(-3, 4, scale.size)
+    anywhere = rng.uniform(0, 127, scale.size).astype(np.float32) * scale
+    for magnitude in (near.astype(np.uint32).view(np.float32), anywhere):
+        x = magnitude * rng.choice(np.array([-1, 1], np.float32), scale.size)
+        quotient = x / scale
+        moved = (quotient.view(np.uint32).astype(np.int64) + off_by).astype(np.uint32).view(np.float32)
+        assert np.array_equal(shim.round_quotients(x, scale, moved), round_half_away(quotient))
+
+
+def test_an_approximate_quotient_alone_would_not_do(shim: Shim) -> None:
+    """One unit below a tie: the wrong integer, unless the remainder is looked at."""
+    scale = np.array([0.3], np.float32)
+    x = np.float32(2.5) * scale
+    assert x / scale == 2.5
+    below = np.nextafter(x / scale, np.float32(0))
+    assert round_half_away(below)[0] == 2
+    assert shim.round_quotients(x, scale, below)[0] == 3

@@ -345,4 +345,10 @@ int shim_quants_q8_1(int type, const void* from, float absmax, int8_t* quants, i
   }
 }
 
+// The rounded quotients of x by scale, from the quotients given.
+void shim_round_quotients(const float* x, const float* scale, const float* quotient, float* rounded,
+                          int64_t count) {
+  for (int64_t i = 0; i < count; ++i) rounded[i] = round_quotient(x[i], scale[i], quotient[i]);
+}
+
 }  // extern "C"

@@ -23,6 +23,21 @@
 
 #include "kernels/matvec/nibbles.h"
 
+namespace quillon {
+
+// A half, given by its bits, times a byte, in T. The product is exact in float, which takes half the registers of a
+// double.
+template <typename T>
+inline lane<T> two_level_scale(uint16_t half_bits, int byte) {
+  const half d = half_from_bits(half_bits);
+  if constexpr (std::is_same_v<T, double>)
+    return static_cast<double>(convert<float>(d) * static_cast<float>(byte));
+  else
+    return rounded_lane<T>(d) * integer_lane<T>(byte);
+}
+
+}  // namespace quillon
+
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
@@ -44,10 +59,8 @@ void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, co
     const auto pair = place.template entry_of_block<uint32_t>(pairs);
     const lane<T> s = sum_products(
         chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
-    const lane<T> d = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair)));
-    const lane<T> dmin = rounded_lane<T>(half_from_bits(static_cast<uint16_t>(pair >> 16)));
-    const lane<T> d1 = d * integer_lane<T>(scale_and_minimum & 255);
-    const lane<T> m1 = dmin * integer_lane<T>(scale_and_minimum >> 8);
+    const lane<T> d1 = two_level_scale<T>(static_cast<uint16_t>(pair), scale_and_minimum & 255);
+    const lane<T> m1 = two_level_scale<T>(static_cast<uint16_t>(pair >> 16), scale_and_minimum >> 8);
     acc = acc + (s * d1 - chunk.sum * m1);
   };
   multiply_chunks<T, 16, WG_SIZE, 2, 256, tail_round::dropped>(state_size, input, local, output_size, output,
