@@ -37,7 +37,8 @@ from quillon.formats import WEIGHT_FORMATS, get_format, row_multiple, weight_byt
 NAMES = tuple(get_format(name).name for name in WEIGHT_FORMATS)
 DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.float16, "bfloat16": torch.bfloat16}
 DENSE = ("float32", "bfloat16")
-STATISTICS: dict[str, Callable[[list[float]], float]] = {"median": statistics.median, "min": min}
+Statistic = Callable[[list[float]], float]
+STATISTICS: dict[str, Statistic] = {"median": statistics.median, "min": min}
 UNCOUNTED = 2
 
 

@@ -27,10 +27,11 @@ const LauncherTable& launcher_table(Road road) {
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t input_size) {
   const auto batch = static_cast<std::uint64_t>(input.size(0));
   const auto state_size = static_cast<std::uint64_t>(input.size(1));
+  const auto weight_bytes = static_cast<std::uint64_t>(weight.size(0));
   check_qtype("forward_new", qtype);
   TORCH_CHECK(state_size != 0, "forward_new: input has rows of 0 elements (shape ", input.sizes(),
               "); a row needs at least one block of the format");
-  const std::uint64_t blocks = static_cast<std::uint64_t>(weight.size(0)) / bytes_per_block(qtype);
+  const std::uint64_t blocks = weight_bytes / bytes_per_block(qtype);
   const std::uint64_t output_size = elements_per_block(qtype) * blocks / state_size;
 
   const XpuDeviceClass device_class = get_device_class(input.device());

@@ -18,6 +18,7 @@
 #include "frontend/moe_indexes.h"
 #include "frontend/python_types.h"
 #include "frontend/unavailable.h"
+#include "runtime/kernel_library.h"
 
 namespace quillon {
 namespace {
@@ -96,23 +97,13 @@ constexpr std::array kOperators = {
 
 constexpr const char* kBuiltForPython = PYBIND11_TOSTRING(PY_MAJOR_VERSION) "." PYBIND11_TOSTRING(PY_MINOR_VERSION);
 
-// pybind11 by itself would give ValueError and IndexError for these, and a C++ backtrace in the text of a PyTorch
-// error; every host failure of this library is a RuntimeError (or PyTorch's subclass of it) with the plain message.
+// A PyTorch error reaches Python from a module function as it does from torch.ops: the same type, the plain message, and
+// the C++ backtrace only under TORCH_SHOW_CPP_STACKTRACES. pybind11 by itself would always append the backtrace.
 void translate_exception(std::exception_ptr pending) {
   try {
     std::rethrow_exception(pending);
-  } catch (const c10::NotImplementedError& error) {
-    PyErr_SetString(PyExc_NotImplementedError, error.what_without_backtrace());
-  } catch (const c10::IndexError&) {
-    throw;  // PyTorch's own size and index errors keep their Python type
-  } catch (const c10::TypeError&) {
-    throw;
-  } catch (const c10::ValueError&) {
-    throw;
-  } catch (const c10::Error& error) {
-    PyErr_SetString(PyExc_RuntimeError, error.what_without_backtrace());
-  } catch (const std::logic_error& error) {
-    PyErr_SetString(PyExc_RuntimeError, error.what());
+  } catch (const c10::Error&) {
+    torch::translate_exception_to_python(pending);
   }
 }
 
@@ -151,10 +142,11 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit_vesper_linear() {
                     quillon::interpreter_mismatch_message(quillon::kBuiltForPython, interpreter).c_str());
     return nullptr;
   }
-  pybind11::detail::get_internals();
-  pybind11::register_local_exception_translator(quillon::translate_exception);
-  quillon::log_kernel_builds();
   try {
+    pybind11::detail::get_internals();
+    pybind11::register_local_exception_translator(quillon::translate_exception);
+    quillon::log_kernel_builds();
+    Py_AtExit(&quillon::runtime::close_library);
     return quillon::create_module();
   } catch (pybind11::error_already_set& error) {
     error.restore();

@@ -2,7 +2,7 @@
 
 #include <c10/util/Exception.h>
 
-#include <stdexcept>
+#include <utility>
 
 namespace quillon {
 
@@ -11,15 +11,15 @@ std::vector<std::vector<std::vector<std::int32_t>>> get_moe_indexes(at::Tensor i
   const std::int32_t* next = ids.data_ptr<std::int32_t>();
   const auto rows = static_cast<std::int32_t>(ids.size(0));
   const auto cols = static_cast<std::int32_t>(ids.size(1));
-  if (num_experts < 0 || static_cast<std::uint64_t>(num_experts) > Lists().max_size())
-    throw std::length_error("vector too long");
+  // A negative number is a vector length past every limit. The C++ library's own text for that is another.
+  TORCH_CHECK(static_cast<std::uint64_t>(num_experts) <= Lists().max_size(), "vector too long");
   Lists slots(num_experts);
   Lists tokens(num_experts);
   for (std::int32_t row = 0; row < rows; ++row) {
     for (std::int32_t col = 0; col < cols; ++col) {
       const std::int32_t expert = *next++;
       TORCH_CHECK(expert >= 0 && expert < num_experts, "ids[", row, "][", col, "] is expert ", expert,
-                  ", but with num_experts ", num_experts, " an expert number must be from 0 to ", num_experts - 1);
+                  ", but an expert number must be at least 0 and below num_experts, which is ", num_experts);
       slots[expert].push_back(col);
       tokens[expert].push_back(row);
     }

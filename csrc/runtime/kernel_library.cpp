@@ -2,7 +2,10 @@
 
 #include <c10/util/Exception.h>
 
+#include <unistd.h>
+
 #include <chrono>
+#include <condition_variable>
 #include <future>
 #include <map>
 #include <mutex>
@@ -58,13 +61,29 @@ using BuildKey = std::tuple<const KernelEntry*, std::size_t, std::size_t>;  // e
 using Build = std::shared_future<const BuiltKernel*>;
 
 struct Library {
-  std::mutex mutex;  // guards `builds` alone and is never held while a kernel is being built
+  std::mutex mutex;  // guards the rest and is never held while a kernel is being built
   std::map<BuildKey, Build> builds;
+  int under_way = 0;
+  bool closed = false;
+  std::condition_variable changed;
+  const pid_t process = getpid();
 };
 
 Library& library() {
   static Library& instance = *new Library;
   return instance;
+}
+
+// Goes on while the library is open, and waits to the end of the process once it is closed.
+void pass_if_open(std::unique_lock<std::mutex>& lock) {
+  library().changed.wait(lock, [] { return !library().closed; });
+}
+
+void leave_build() {
+  std::unique_lock lock(library().mutex);
+  --library().under_way;
+  library().changed.notify_all();
+  pass_if_open(lock);
 }
 
 // The slow road: joins a build of the same kernel that another thread has begun, or begins it.
@@ -76,13 +95,18 @@ const BuiltKernel* find_or_build(KernelEntry& entry, const sycl::queue& queue) {
   std::promise<const BuiltKernel*> promise;
   {
     std::unique_lock lock(library().mutex);
+    pass_if_open(lock);
     const auto known = library().builds.find(key);
     if (known != library().builds.end()) {
       const Build build = known->second;
       lock.unlock();
+      build.wait();
+      lock.lock();
+      pass_if_open(lock);
       return build.get();
     }
     library().builds.emplace(key, promise.get_future().share());
+    ++library().under_way;
   }
 
   const auto start = std::chrono::steady_clock::now();
@@ -90,13 +114,17 @@ const BuiltKernel* find_or_build(KernelEntry& entry, const sycl::queue& queue) {
   try {
     built = build(entry, context, device);
   } catch (...) {
-    // Forgotten, so that a later call tries again (a full disk or an interrupted compiler may be gone by then).
-    std::lock_guard lock(library().mutex);
-    library().builds.erase(key);
+    {
+      // Forgotten, so that a later call tries again (a full disk or an interrupted compiler may be gone by then).
+      std::lock_guard lock(library().mutex);
+      library().builds.erase(key);
+    }
     promise.set_exception(std::current_exception());
+    leave_build();
     throw;
   }
   promise.set_value(built);
+  leave_build();
   if (const BuildObserver observer = build_observer.load())
     observer(entry.name, Seconds(std::chrono::steady_clock::now() - start).count());
   return built;
@@ -128,5 +156,12 @@ const sycl::kernel& find_kernel(KernelEntry& entry, const sycl::queue& queue, c1
 }
 
 void set_build_observer(BuildObserver observer) { build_observer.store(observer); }
+
+void close_library() {
+  if (library().process != getpid()) return;  // a forked child has none of the threads that build
+  std::unique_lock lock(library().mutex);
+  library().closed = true;
+  library().changed.wait(lock, [] { return library().under_way == 0; });
+}
 
 }  // namespace quillon::runtime

@@ -72,4 +72,9 @@ KernelEntry& kernel_entry(const char* header, const char* kernel, std::initializ
 using BuildObserver = void (*)(const std::string& kernel, double seconds);
 void set_build_observer(BuildObserver observer);
 
+// For the end of the process, before static objects are destroyed: waits for the builds under way, because the
+// compiler crashes when it is torn down at work. A thread that still comes for a kernel it has not used yet, or comes
+// back with one, a daemon thread of Python's for instance, stays in the library for good.
+void close_library();
+
 }  // namespace quillon::runtime

@@ -3,33 +3,15 @@
 from __future__ import annotations
 
 import ctypes
-import os
-import shutil
-import subprocess
-import tempfile
-from pathlib import Path
 
 import numpy as np
 from numpy.typing import NDArray
+from shim.build import load_shim
 
 from .decoders import DTYPES, RAW
 
-ROOT = Path(__file__).resolve().parents[2]
-SOURCE = ROOT / "tests" / "shim" / "formats_shim.cpp"
-
 _U64, _I64, _I32, _F32 = ctypes.c_uint64, ctypes.c_int64, ctypes.c_int, ctypes.c_float
 _NAME, _POINTER = ctypes.c_char_p, ctypes.c_void_p
-
-
-def build(folder: Path) -> Path:
-    """Compile the shim into `folder`; any warning is an error."""
-    compiler = os.environ.get("CXX") or shutil.which("g++") or shutil.which("c++")
-    if compiler is None:
-        raise RuntimeError("no C++ compiler: set CXX, or install g++")
-    library = folder / "formats_shim.so"
-    flags = ["-std=c++17", "-O1", "-fPIC", "-shared", "-Wall", "-Wextra", "-Werror", f"-I{ROOT / 'csrc'}"]
-    subprocess.run([compiler, *flags, str(SOURCE), "-o", str(library)], check=True, timeout=300)
-    return library
 
 
 def _pointer(array: NDArray[np.generic]) -> ctypes.c_void_p:
@@ -40,8 +22,8 @@ def _pointer(array: NDArray[np.generic]) -> ctypes.c_void_p:
 class Shim:
     """Typed calls of the shim. Element types are named as in `decoders.DTYPES`."""
 
-    def __init__(self, library: Path) -> None:
-        self._library = ctypes.CDLL(str(library))
+    def __init__(self) -> None:
+        self._library = load_shim("formats_shim")
 
     def _call(self, name: str, result: type | None, *arguments: tuple[type, object]) -> object:
         function = self._library[name]
@@ -112,9 +94,7 @@ class Shim:
 
     def table(self, name: str, dtype: type) -> NDArray[np.generic]:
         size = ctypes.c_int64()
-        address = self._call(
-            "shim_table", _POINTER, (_NAME, name.encode()), (_POINTER, ctypes.addressof(size))
-        )
+        address = self._call("shim_table", _POINTER, (_NAME, name.encode()), (_POINTER, ctypes.addressof(size)))
         assert isinstance(address, int), f"no table {name}"
         return np.frombuffer(ctypes.string_at(address, size.value), dtype)
 
@@ -166,9 +146,7 @@ class Shim:
         assert status == 0, f"{operation} {dtype}: status {status}"
         return out
 
-    def by_words(
-        self, kind: str, high: NDArray[np.uint8], low: NDArray[np.uint8], dtype: type
-    ) -> NDArray[np.generic]:
+    def by_words(self, kind: str, high: NDArray[np.uint8], low: NDArray[np.uint8], dtype: type) -> NDArray[np.generic]:
         """Codes of 16-element groups, word by word, from planes of 4 (high) and 8 (low) bytes a group."""
         groups = high.size // 4
         out = np.empty(16 * groups, dtype)
@@ -208,9 +186,3 @@ class Shim:
         arrays = [(_POINTER, _pointer(part)) for part in (x, scale, quotient, out)]
         self._call("shim_round_quotients", None, *arrays, (_I64, x.size))
         return out
-
-
-def load() -> Shim:
-    """Build the shim into a temporary folder, load it, and remove the folder: the mapping stays."""
-    with tempfile.TemporaryDirectory(prefix="quillon-formats-") as folder:
-        return Shim(build(Path(folder)))

@@ -26,7 +26,7 @@ void qlinear_xpu_kernel_fp4_2x16(uint64_t state_size, const uint8_t* weight, int
   multiply_chunks<T, 16, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_split<T>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const chunk_codes codes = at.codes_of_chunk(weight);
         const lane<T> s =
             sum_products(chunk, [=](auto i) { return exact_lane<T>(fp4_to_float(codes.nibble(i))); });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));

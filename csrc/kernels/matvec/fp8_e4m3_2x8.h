@@ -13,6 +13,15 @@
 #include "formats/small_floats.h"
 #include "kernels/matvec/chunks.h"
 
+namespace quillon {
+
+// fp8_e4m3_half_bits of the byte on top of a word: the sign comes down to bits 15 and 14, and 14 is cleared.
+constexpr uint16_t fp8_e4m3_half_bits_of_top(uint32_t word) {
+  return static_cast<uint16_t>(((static_cast<int32_t>(word) >> 17) & 0xBF80) | 0x0040);
+}
+
+}  // namespace quillon
+
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
@@ -24,9 +33,10 @@ void qlinear_xpu_kernel_fp8_e4m3_2x8(uint64_t state_size, const uint8_t* weight,
   multiply_chunks<T, 8, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_neighbours<T, 8>{},
       [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
-        const lane<T> s = sum_products(
-            chunk, [=](auto i) { return exact_lane<T>(half_from_bits(fp8_e4m3_half_bits(codes.byte(i)))); });
+        const chunk_codes codes = at.codes_of_chunk(weight);
+        const lane<T> s = sum_products(chunk, [=](auto i) {
+          return exact_lane<T>(half_from_bits(fp8_e4m3_half_bits_of_top(codes.byte_on_top(i))));
+        });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<float>(scales));
       });
 }

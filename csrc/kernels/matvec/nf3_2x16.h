@@ -18,27 +18,30 @@
 
 namespace quillon {
 
-// dequantNF3 rounded to T, in T where that is half and else in float, which holds it.
+// The bits of dequantNF3 rounded to T, of T where that is half and else of float, which holds it.
 template <typename T, int CODE>
-constexpr auto nf3_constant() {
+constexpr auto nf3_bits() {
   constexpr float VALUE = dequantNF3[CODE];
   if constexpr (std::is_same_v<T, half>)
-    return convert<half>(VALUE);
+    return float_to_half_bits(VALUE);
   else
-    return static_cast<float>(rounded_lane<T>(VALUE));
+    return bit_cast<uint32_t>(static_cast<float>(rounded_lane<T>(VALUE)));
 }
 
 // dequantNF3 of a code of three bits. Eight values are chosen from faster than looked up in memory, provided
-// that they are constants of their own: the compiler would choose between addresses in a table.
+// that they are integer constants: the compiler would choose between addresses in a table.
 template <typename T>
 inline lane<T> nf3_value(bool bit2, bool bit1, bool bit0) {
-  const auto v01 = bit0 ? nf3_constant<T, 1>() : nf3_constant<T, 0>();
-  const auto v23 = bit0 ? nf3_constant<T, 3>() : nf3_constant<T, 2>();
-  const auto v45 = bit0 ? nf3_constant<T, 5>() : nf3_constant<T, 4>();
-  const auto v67 = bit0 ? nf3_constant<T, 7>() : nf3_constant<T, 6>();
+  const auto v01 = bit0 ? nf3_bits<T, 1>() : nf3_bits<T, 0>();
+  const auto v23 = bit0 ? nf3_bits<T, 3>() : nf3_bits<T, 2>();
+  const auto v45 = bit0 ? nf3_bits<T, 5>() : nf3_bits<T, 4>();
+  const auto v67 = bit0 ? nf3_bits<T, 7>() : nf3_bits<T, 6>();
   const auto low = bit1 ? v23 : v01;
   const auto high = bit1 ? v67 : v45;
-  return exact_lane<T>(bit2 ? high : low);
+  if constexpr (std::is_same_v<T, half>)
+    return half_from_bits(static_cast<uint16_t>(bit2 ? high : low));
+  else
+    return exact_lane<T>(bit_cast<float>(bit2 ? high : low));
 }
 
 }  // namespace quillon

@@ -24,7 +24,7 @@ void qlinear_xpu_kernel_q4_0_woq_2x16(uint64_t state_size, const uint8_t* weight
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE>(
       state_size, input, local, output_size, output, load_neighbours<T, 16>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const chunk_codes codes = at.codes_of_chunk(weight);
         const lane<T> s = sum_products(
             chunk, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i)) - 8); });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));

@@ -33,7 +33,7 @@ void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, in
         return chunk_and_sum{elements, sum_activations(elements)};
       },
       [=](lane<T>& acc, const chunk_and_sum& chunk, const chunk_place<16>& at) {
-        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const chunk_codes codes = at.codes_of_chunk(weight);
         const lane<T> s = sum_products(
             chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
         const auto pair = at.entry_of_block<block_q4_1_dm>(pairs);

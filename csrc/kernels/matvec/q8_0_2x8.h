@@ -23,7 +23,7 @@ void qlinear_xpu_kernel_q8_0_2x8(uint64_t state_size, const uint8_t* weight, int
   multiply_chunks<T, 8, WG_SIZE, 2>(
       state_size, input, local, output_size, output, load_neighbours<T, 8>{},
       [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        const chunk_codes codes(at.word_of_chunk<uint64_t>(weight));
+        const chunk_codes codes = at.codes_of_chunk(weight);
         const lane<T> s =
             sum_products(chunk, [=](auto i) { return integer_lane<T>(static_cast<int8_t>(codes.byte(i))); });
         acc = acc + s * rounded_lane<T>(at.entry_of_block<float>(scales));

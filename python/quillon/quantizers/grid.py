@@ -7,6 +7,7 @@ vector's distances to all grid points are one row of a matrix product.
 from __future__ import annotations
 
 from collections.abc import Callable
+from functools import cache
 
 import torch
 from torch import Tensor
@@ -113,8 +114,12 @@ def _fit_and_refit(
 # iq2_xxs --------------------------------------------------------------------------------------------------
 
 _IQ2_LEVELS = (8.0, 25.0, 43.0)
-_IQ2_BOOK = CodeBook(dict(enumerate(_IQ2_LEVELS)))
 _IQ2_FACTORS = tuple(1.0 / (16.0 + 3.0 * i) for i in range(14))
+
+
+@cache
+def _iq2_book() -> CodeBook:
+    return CodeBook(dict(enumerate(_IQ2_LEVELS)))
 
 
 def _even_signs(x: Tensor, w: Tensor | None) -> Tensor:
@@ -132,7 +137,7 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     groups = x.view(8, 32, -1).transpose(0, 1)
     group_w = None if w is None else w.view(8, 32, -1).transpose(0, 1)
     magnitude = groups.abs()
-    target = search_scale(magnitude, group_w, _IQ2_BOOK.nearest, magnitude.amax(0), _IQ2_FACTORS).t()
+    target = search_scale(magnitude, group_w, _iq2_book().nearest, magnitude.amax(0), _IQ2_FACTORS).t()
 
     x = _vectors(x)
     w = None if w is None else _vectors(w)
@@ -166,8 +171,12 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
 # iq1_s ----------------------------------------------------------------------------------------------------
 
 _IQ1_SHIFTS = (-0.875, -1.125)
-_IQ1_BOOKS = tuple(CodeBook({q: q + shift for q in range(3)}) for shift in _IQ1_SHIFTS)
 _IQ1_FACTORS = tuple(0.6 + 0.1 * i for i in range(15))
+
+
+@cache
+def _iq1_books() -> tuple[CodeBook, ...]:
+    return tuple(CodeBook({q: q + shift for q in range(3)}) for shift in _IQ1_SHIFTS)
 
 
 def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
@@ -180,7 +189,7 @@ def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
         torch.stack(
             [
                 search_scale(groups, group_w, book.nearest, spread, _IQ1_FACTORS).clamp_(min=0)
-                for book in _IQ1_BOOKS
+                for book in _iq1_books()
             ]
         )
         .mean(0)

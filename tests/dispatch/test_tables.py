@@ -1,0 +1,133 @@
+"""Device classes, the road decision and the block tables, against rules written apart from them."""
+
+from __future__ import annotations
+
+import pytest
+from shim.process import output_of
+from shim.spine import CLASSES, SpineShim
+
+ARCHITECTURES = {
+    "legacy": [0x300000000, 0x300400000, 0x300800000, 0x300C00000, 0x301000000],
+    "oak": [0x30DC00800, 0x30E000500, 0x30E400000],
+    "elm": [0x30F000700],
+    "ash": [0x311800400, 0x311C00400],
+    "bay": [0x312800400],
+    "yew": [0x500400400],
+    "fir": [0x501000400],
+}
+LISTED = [(identifier, name) for name, identifiers in ARCHITECTURES.items() for identifier in identifiers]
+
+# Elements and bytes of a block, by qtype; every other code from 0 to 35 has zeros.
+BLOCKS = {
+    2: (64, 34),
+    3: (64, 36),
+    6: (64, 44),
+    7: (64, 44),
+    8: (64, 68),
+    9: (32, 36),
+    10: (64, 34),
+    11: (64, 26),
+    15: (64, 68),
+    16: (64, 34),
+    19: (64, 68),
+    21: (256, 66),
+    22: (256, 74),
+    23: (256, 84),
+    24: (256, 50),
+    25: (256, 56),
+    26: (256, 210),
+    27: (256, 148),
+    28: (256, 176),
+    29: (64, 50),
+    30: (256, 210),
+    34: (64, 34),
+}
+
+
+def road_in_words(name: str, qtype: int, batch: int, output_size: int) -> str:
+    """The decision as prose tells it: what the matrix engine needs, one condition after the other."""
+    takes_engine = batch >= 2 and output_size & 15 == 0 and qtype in (2, 8, 15, 19) and name in ("oak", "elm")
+    if takes_engine and name == "elm":
+        takes_engine = batch < 17
+    elif takes_engine:
+        takes_engine = batch < 65 and (batch >= 7 or qtype == 15)
+    if takes_engine:
+        return "matrix engine"
+    return name if name in ("legacy", "elm") else "default"
+
+
+def test_class_names(spine: SpineShim) -> None:
+    assert [spine.class_name(code) for code in range(8)] == list(CLASSES)
+
+
+@pytest.mark.parametrize(("identifier", "name"), LISTED, ids=[hex(identifier) for identifier, _ in LISTED])
+def test_listed_architecture(spine: SpineShim, identifier: int, name: str) -> None:
+    assert CLASSES[spine.classify(identifier)] == name
+
+
+def test_unlisted_architectures(spine: SpineShim) -> None:
+    listed = {identifier for identifier, _ in LISTED}
+    neighbours = {identifier + step for identifier in listed for step in (-1, 1, 0x100, 2**32, -(2**32))}
+    cut = {identifier & 0xFFFFFFFF for identifier in listed}
+    for identifier in (neighbours | cut | {0, 1, 2**64 - 1}) - listed:
+        assert CLASSES[spine.classify(identifier)] == "unknown", hex(identifier)
+
+
+def test_architectures_of_devices() -> None:
+    """The module function names the class of devices of every listed identifier, of its neighbour above, and of 0."""
+    text = """
+        import torch, quillon, vesper_linear
+        for index in range(torch.xpu.device_count()):
+            print(vesper_linear.get_xpu_device_name(torch.device("xpu", index)))
+    """
+    identifiers = [identifier for identifier, _ in LISTED]
+    declared = [*identifiers, *[identifier + 1 for identifier in identifiers], 0]
+    names = output_of(text, QUILLON_HOST_DEVICES=",".join(map(hex, declared))).split()
+    assert names == [name for _, name in LISTED] + ["unknown"] * (len(LISTED) + 1)
+
+
+@pytest.mark.parametrize("device_class", range(8), ids=CLASSES)
+def test_every_decision(spine: SpineShim, device_class: int) -> None:
+    name = CLASSES[device_class]
+    for qtype in range(-1, 37):
+        for batch in range(71):
+            for output_size in (0, 1, 8, 15, 16, 17, 24, 40, 4096, 4100, 4104, 2**33, 2**33 + 8):
+                case = (name, qtype, batch, output_size)
+                assert spine.road(device_class, qtype, batch, output_size) == road_in_words(*case), case
+
+
+@pytest.mark.parametrize("device_class", range(8), ids=CLASSES)
+def test_decision_of_batches_past_32_bits(spine: SpineShim, device_class: int) -> None:
+    for batch in (2**32 + 2, 2**32 + 8, 2**63, 2**64 - 1):
+        assert spine.road(device_class, 2, batch, 4096) != "matrix engine"
+
+
+@pytest.mark.parametrize(
+    ("name", "qtype", "batch", "output_size", "road"),
+    [
+        ("elm", 2, 1, 4096, "elm"),
+        ("elm", 2, 2, 4096, "matrix engine"),
+        ("elm", 2, 16, 4096, "matrix engine"),
+        ("elm", 2, 17, 4096, "elm"),
+        ("oak", 8, 64, 4096, "matrix engine"),
+        ("oak", 8, 65, 4096, "default"),
+        ("oak", 8, 6, 4096, "default"),
+        ("oak", 15, 2, 4096, "matrix engine"),
+        ("oak", 15, 6, 4096, "matrix engine"),
+        ("oak", 2, 32, 4100, "default"),
+        ("oak", 3, 32, 4096, "default"),
+        ("legacy", 2, 8, 4096, "legacy"),
+        ("unknown", 2, 8, 4096, "default"),
+    ],
+)
+def test_decisions_at_the_edges(
+    spine: SpineShim, name: str, qtype: int, batch: int, output_size: int, road: str
+) -> None:
+    assert spine.road(CLASSES.index(name), qtype, batch, output_size) == road
+
+
+def test_block_tables(spine: SpineShim) -> None:
+    assert spine.qtype_count == 36
+    assert {qtype: spine.block(qtype) for qtype in range(36)} == {
+        qtype: BLOCKS.get(qtype, (0, 0)) for qtype in range(36)
+    }

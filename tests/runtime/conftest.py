@@ -1,0 +1,3 @@
+"""Brings the host device up before anything asks for it."""
+
+import quillon  # noqa: F401

@@ -1,0 +1,1 @@
+"""Typed access to C++ code under test, and helper processes."""

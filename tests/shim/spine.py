@@ -1,0 +1,58 @@
+"""Typed calls of the shim over version rule, device classes, roads and block sizes."""
+
+from __future__ import annotations
+
+import ctypes
+
+from .build import load_shim
+
+CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown")
+ROADS = ("matrix engine", "legacy", "elm", "default")
+
+
+class SpineShim:
+    """The C++ rules, compiled by the host compiler."""
+
+    def __init__(self) -> None:
+        library = load_shim("spine_shim")
+        self._matches = library.shim_interpreter_matches
+        self._matches.argtypes = [ctypes.c_char_p, ctypes.c_char_p]
+        self._message = library.shim_interpreter_message
+        self._message.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_size_t]
+        self._message.restype = ctypes.c_size_t
+        self._classify = library.shim_classify
+        self._classify.argtypes = [ctypes.c_uint64]
+        self._class_name = library.shim_class_name
+        self._class_name.argtypes = [ctypes.c_int]
+        self._class_name.restype = ctypes.c_char_p
+        self._road = library.shim_road
+        self._road.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64]
+        self._bytes = library.shim_bytes_per_block
+        self._bytes.argtypes = [ctypes.c_int]
+        self._bytes.restype = ctypes.c_int64
+        self._elements = library.shim_elements_per_block
+        self._elements.argtypes = [ctypes.c_int]
+        self._elements.restype = ctypes.c_int32
+        self.qtype_count: int = library.shim_qtype_count()
+
+    def interpreter_matches(self, built_for: str, interpreter: str) -> bool:
+        return bool(self._matches(built_for.encode(), interpreter.encode()))
+
+    def interpreter_message(self, built_for: str, interpreter: str) -> str:
+        buffer = ctypes.create_string_buffer(1000)
+        length = self._message(built_for.encode(), interpreter.encode(), buffer, len(buffer))
+        assert length < len(buffer)
+        return buffer.value.decode()
+
+    def classify(self, identifier: int) -> int:
+        return int(self._classify(identifier))
+
+    def class_name(self, code: int) -> str:
+        return str(self._class_name(code).decode())
+
+    def road(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
+        return ROADS[self._road(device_class, qtype, batch, output_size)]
+
+    def block(self, qtype: int) -> tuple[int, int]:
+        """Elements and bytes of a block."""
+        return int(self._elements(qtype)), int(self._bytes(qtype))
