@@ -3,10 +3,9 @@
 // and says in two functions what its format adds:
 //
 //   load_chunk(base, item)       the activations of the work-item's chunk, loaded once for all rows; `base`
-//   points at
-//                                those of the round's first chunk
-//   add_row(acc, chunk, place)   adds one row's share of the sum to that row's accumulator; `place` reads the
-//   weight
+//                                points at those of the round's first chunk
+//   add_row(acc, chunk, place)   adds one row's share of the sum to that row's accumulator; `place` reads
+//                                the weight
 #pragma once
 
 #include "formats/registry.h"
@@ -135,14 +134,13 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   const uint64_t row0 = place.get_group(0) * ROW_TILE;
   const int64_t first_block = row0 * state_size / BLOCK;
   const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
-
-  const auto high_half_of_size = static_cast<uint32_t>(state_size >> 32);
+  const auto zero = static_cast<uint32_t>(state_size >> 32);  // weights have fewer than 2^31 elements
 
   lane<T> acc[ROW_TILE] = {};
   const auto add_round = [&](int32_t c) __attribute__((always_inline)) {
     add_rows(acc, load_chunk(input + CHUNK * c, item),
-             chunk_place<CHUNK, BLOCK>{first_block + c * CHUNK / BLOCK, item, high_half_of_size}, to_next_row,
-             add_row, first_constants<ROW_TILE>{});
+             chunk_place<CHUNK, BLOCK>{first_block + c * CHUNK / BLOCK, item, zero}, to_next_row, add_row,
+             first_constants<ROW_TILE>{});
   };
   if constexpr (TAIL == tail_round::summed)
     for_each_round<CHUNK, WG_SIZE>(state_size, item, add_round);

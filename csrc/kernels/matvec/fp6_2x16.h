@@ -9,9 +9,10 @@
 // A step takes four elements out of both words at once; they lie in byte lanes 2, 0, 3, 1 of the result, and
 // the sum takes them lane 0, 2, 1, 3.
 //
-//   low plane   | group 0: word 0, word 1 | group 1 ... | group 2 ... | group 3 ... |    32 bytes for each
-//   block high plane  | group 0: word           | group 1     | group 2     | group 3     |    16 bytes
-//   scales      | d half |                          W = d * fp6(e); d is applied to the sum of a chunk
+//                 group 0          group 1       group 2       group 3
+//   low plane   | word 0, word 1 | word 0, ... | word 0, ... | word 0, ... |    32 bytes of a block
+//   high plane  | word           | word        | word        | word        |    16 bytes of a block
+//   scales      | d half |                    W = d * fp6(e); d is applied to the sum of a chunk
 #pragma once
 
 #include "kernels/matvec/six_bits.h"

@@ -3,11 +3,10 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements. One block:
+// Chunks of eight neighbouring elements: work-item 8j + c takes bytes 8c to 8c + 7 of block j of the round.
 //
-//   codes    | e0 | e1 | ... | e63 |           work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
-//   round scales   | d float |                       W = d * fp8_e4m3(e); d is rounded to T and applied to
-//   the sum of a chunk
+//   codes    | e0 | e1 | ... | e63 |
+//   scales   | d float |         W = d * fp8_e4m3(e); d is rounded to T and applied to the sum of a chunk
 #pragma once
 
 #include "formats/small_floats.h"

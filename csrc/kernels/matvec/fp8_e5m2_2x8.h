@@ -3,10 +3,10 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements. One block:
+// Chunks of eight neighbouring elements: work-item 8j + c takes bytes 8c to 8c + 7 of block j of the round.
 //
-//   codes    | e0 | e1 | ... | e63 |           work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
-//   round scales   | not read |                      W = fp8_e5m2(e)
+//   codes    | e0 | e1 | ... | e63 |
+//   scales   | not read |        W = fp8_e5m2(e)
 #pragma once
 
 #include "formats/small_floats.h"

@@ -6,11 +6,10 @@
 // A chunk is sixteen neighbouring elements, a quarter of a block: 16 bits of its first field and 32 of its
 // second. Work-item 4j + c takes quarter c of block j of the round.
 //
-//   quants   byte 0 ... 7    | qh, 64-bit word: bit N is the top bit of eN    |  quarter c: bytes 2c, 2c + 1
-//            byte 8 ... 23   | e0 e1 e2 e3 | e4 e5 e6 e7 | ... | ... e63 |       quarter c: bytes 8 + 4c to
-//            11 + 4c
-//                              two low bits of four codes in a byte, the first in the high bits
-//   scales  | d half |                             W = d * dequantNF3[e]; d is applied to the sum of a chunk
+//   quants   byte 0 ... 7   | qh, 64-bit word: bit N is the top bit of eN |   quarter c: bytes 2c, 2c + 1
+//            byte 8 ... 23  | e0 e1 e2 e3 | e4 e5 e6 e7 | ... e63 |           quarter c: bytes 8 + 4c and on
+//                             two low bits of four codes in a byte, the first in the high bits
+//   scales   | d half |                       W = d * dequantNF3[e]; d is applied to the sum of a chunk
 #pragma once
 
 #include "formats/code_books.h"

@@ -8,8 +8,7 @@
 //
 //   quants   byte 0      byte 1            byte 31
 //           | e0  e32 | e1  e33 |  ...  | e31  e63 |
-//   scales  | d half |                                 W = d * dequantNF4[e]; d is applied to the sum of a
-//   chunk
+//   scales  | d half |                        W = d * dequantNF4[e]; d is applied to the sum of a chunk
 #pragma once
 
 #include "formats/code_books.h"

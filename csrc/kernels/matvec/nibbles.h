@@ -3,17 +3,20 @@
 //
 //   split (q4_0, q4_1, nf4, fp4): the two nibbles of a byte stand for elements 32 apart
 //
-//     byte   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31      work-item 4j + c takes bytes 8c to 8c + 7 of
-//     block j elem   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31      of the round: eight activations at 8c
-//     of the block and
-//       and 32 .... 39 | 40 ... 47 | 48 ... 55 | 56 ... 63      eight at 32 + 8c, in the order 8c, 32 + 8c,
-//       8c + 1, ...
-//          work-item 0 |     1     |     2     |     3
+//     byte     0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31
+//     element  0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31
+//         and 32 .... 39 | 40 ... 47 | 48 ... 55 | 56 ... 63
+//            work-item 0 |     1     |     2     |     3
+//
+//     Work-item 4j + c takes bytes 8c to 8c + 7 of block j of the round: eight activations at 8c of the block
+//     and eight at 32 + 8c, in the order 8c, 32 + 8c, 8c + 1, 32 + 8c + 1, ...
 //
 //   paired (q4_0 woq): a byte stands for two neighbouring elements, so that a chunk is sixteen neighbours
 //
-//     byte   0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31
-//     elem   0 .... 15 | 16 ... 31 | 32 ... 47 | 48 ... 63
+//     byte     0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31
+//     element  0 .... 15 | 16 ... 31 | 32 ... 47 | 48 ... 63
+//
+// q4_k is split as well, over 16 elements in place of 32.
 #pragma once
 
 #include "kernels/matvec/chunks.h"

@@ -2,8 +2,7 @@
 //
 // Template parameters
 //   T         element type of input, output, local memory and every product and sum: float, double,
-//   c10::Half,
-//             c10::BFloat16; nothing is accumulated in a wider type
+//             c10::Half, c10::BFloat16; nothing is accumulated in a wider type
 //   SG_SIZE   required sub-group size; the arithmetic never refers to it
 //   WG_SIZE   work-items of a work-group, the ways by which K is split: 2 * SG_SIZE
 //   ROW_TILE  output rows of a work-group

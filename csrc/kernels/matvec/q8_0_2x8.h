@@ -3,11 +3,10 @@
 //   T        element type of input, output, local memory and every product and sum
 //   SG_SIZE  required sub-group size    WG_SIZE  work-items of a work-group, which owns two rows
 //
-// Chunks of eight neighbouring elements. One block:
+// Chunks of eight neighbouring elements: work-item 8j + c takes bytes 8c to 8c + 7 of block j of the round.
 //
-//   quants   | e0 int8 | e1 | ... | e63 |      work-item 8j + c takes bytes 8c to 8c + 7 of block j of the
-//   round scales   | d float |                       W = d * e; d is rounded to T and applied to the sum of a
-//   chunk
+//   quants   | e0 int8 | e1 | ... | e63 |
+//   scales   | d float |         W = d * e; d is rounded to T and applied to the sum of a chunk
 #pragma once
 
 #include "kernels/matvec/chunks.h"

@@ -6,13 +6,13 @@
 // rows:
 //
 //             K ──►
-//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        one accumulator for each row and
-//   work-item, row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...        of type T, like every
-//   product and sum
+//   row0     | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...
+//   row0 + 1 | wi 0 | wi 1 | ... | wi WG-1 | wi 0 | wi 1 | ...
 //              └───────── round 0 ────────┘ └─ round 1 ...
 //
-// The activations of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds
-// the work-items' accumulators, and work-item 0 writes.
+// There is one accumulator for each row and work-item, of type T, like every product and sum. The activations
+// of a chunk are loaded once and serve all rows of the tile. A tree over local memory adds the work-items'
+// accumulators, and work-item 0 writes.
 #pragma once
 
 #include <sycl/accessor.hpp>

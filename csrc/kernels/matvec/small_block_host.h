@@ -20,8 +20,7 @@ LaunchRange rows_range(std::uint64_t output_size) {
   return {(output_size + ROW_TILE - 1) / ROW_TILE * WG_SIZE, WG_SIZE};
 }
 
-// ---- q4_0, q4_0 woq: scale offset, output_size before output
-// -----------------------------------------------
+// ---- q4_0, q4_0 woq: scale offset, output_size before output --------------------------------------------
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 void qlinear_xpu_kernel_q4_0_2x16(const T* input, const std::uint8_t* weight, T* output,
@@ -49,8 +48,7 @@ void qlinear_xpu_kernel_q4_0_woq_2x16(const T* input, const std::uint8_t* weight
                  KernelArgument::local_array<T>(ROW_TILE * WG_SIZE), output_size, output});
 }
 
-// ---- q4_1, nf4, fp4, nf3, q8_0, fp8_e4m3: scale offset, output before output_size
-// --------------------------
+// ---- q4_1, nf4, fp4, nf3, q8_0, fp8_e4m3: scale offset, output before output_size -----------------------
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 void qlinear_xpu_kernel_q4_1_2x16(const T* input, const std::uint8_t* weight, T* output,
@@ -131,8 +129,7 @@ void qlinear_xpu_kernel_fp8_e4m3_2x8(const T* input, const std::uint8_t* weight,
                  KernelArgument::local_array<T>(2 * WG_SIZE), output, output_size});
 }
 
-// ---- kernels with arguments of their own
-// -------------------------------------------------------------------
+// ---- kernels with arguments of their own ----------------------------------------------------------------
 
 // The scales of the format stay on the host side of the call.
 template <typename T, int SG_SIZE, int WG_SIZE>
