@@ -43,15 +43,15 @@ constexpr float source_q8_1(T x) {
   return convert<float>(x);
 }
 
-// The float nearest to x / scale, rounded to an integer as above, from a `quotient` that is off by a few units
-// in its last place: a GPU divides by multiplying with an approximate reciprocal. Magnitudes of the quotient
-// are below 2^11, and neither x nor scale is so small that its 40th bit would be subnormal.
+// The float nearest to x / scale, rounded to an integer as above, from a `quotient` that is off by a few
+// units in its last place: a GPU divides by multiplying with an approximate reciprocal. Magnitudes of the
+// quotient are below 2^11, and neither x nor scale is so small that its 40th bit would be subnormal.
 inline float round_quotient(float x, float scale, float quotient) {
   const float magnitude = x < 0.0f ? -x : x;
   const float whole = static_cast<float>(static_cast<int32_t>(quotient < 0.0f ? -quotient : quotient));
   const float tie = whole + 0.5f;
-  // magnitude - tie * scale, exact where it decides: both halves of the scale have 12 bits and the tie as many,
-  // and the differences of so near numbers are floats.
+  // magnitude - tie * scale, exact where it decides: both halves of the scale have 12 bits and the tie as
+  // many, and the differences of so near numbers are floats.
   const float high = bit_cast<float>(bit_cast<uint32_t>(scale) & 0xFFFFF000u);
   const float rest = (magnitude - tie * high) - tie * (scale - high);
   // Quotients from the middle between the tie and the float below it on are rounded to the tie or above.

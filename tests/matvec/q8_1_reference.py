@@ -78,6 +78,7 @@ def _dot_iq1_s(fields: Fields, blocks: Blocks, rows: int) -> Array:
 
 def _dot_q2_k(fields: Fields, blocks: Blocks, rows: int) -> Array:
     """Shape (rows, super-blocks, 16): slice 8n + v holds elements 128n + 32i + 4v + b for i, b below 4."""
+
     def sliced(x: Array) -> Array:  # (blocks, 256) to (blocks, 16 slices, i, b)
         return x.reshape(-1, 2, 4, 8, 4).transpose(0, 1, 3, 2, 4).reshape(-1, 16, 4, 4)
 

@@ -94,8 +94,7 @@ def _shares_q6_k(number: type[Number], dtype: str, fields: Fields, x: Array, row
 def _shares_fp6_k(number: type[Number], dtype: str, fields: Fields, x: Array, rows: int) -> Number:
     values = values_fp6(codes_fp6_k(fields))
     total = left_to_right(
-        number.of(dtype, _chunked(values, rows, LANES))
-        * number.of(dtype, _chunked(x.reshape(-1, BLOCK), 1, LANES))
+        number.of(dtype, _chunked(values, rows, LANES)) * number.of(dtype, _chunked(x.reshape(-1, BLOCK), 1, LANES))
     )
     d, scale = _per_chunk(fields["d"], rows), _per_chunk(fields["scales"], rows)
     return total * converted(number.of("float16", d) * number.of("float16", scale), dtype)
@@ -147,9 +146,7 @@ def _multiply_q5_k(number: type[Number], dtype: str, fields: Fields, x: Array, r
     return converted(tree(local), dtype)
 
 
-def multiply(
-    format_name: str, number: type[Number], dtype: str, fields: Fields, x: Array, wg_size: int
-) -> Number:
+def multiply(format_name: str, number: type[Number], dtype: str, fields: Fields, x: Array, wg_size: int) -> Number:
     """Multiply one activation row, values of `dtype`, by a weight: shape (rows,)."""
     rows = len(fields["d"]) * BLOCK // len(x)
     if format_name == "q5_k":

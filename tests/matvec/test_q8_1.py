@@ -6,6 +6,8 @@ is a 1 gives d * q of that element, exactly in float; an iq1_s row of zero vecto
 
 from __future__ import annotations
 
+import ctypes
+
 import numpy as np
 import pytest
 import torch
@@ -143,7 +145,7 @@ def test_blocks_of_narrow_types(dtype: str) -> None:
 def test_same_values_give_the_same_blocks_in_every_type() -> None:
     """bfloat16 values are exact in the three other types, and small ones in half."""
     x = bfloat16_round(np.random.default_rng(3).uniform(-4, 4, 256).astype(np.float32))
-    blocks = [read_blocks(x.astype(kind), dtype, device_of("oak")) for kind, dtype in ((np.float32, "float32"), (np.float64, "float64"))]
+    blocks = [read_blocks(x.astype(dtype), dtype, device_of("oak")) for dtype in ("float32", "float64")]
     assert np.array_equal(blocks[0].qs, blocks[1].qs)
     assert np.array_equal(blocks[0].d, blocks[1].d)
 
@@ -363,15 +365,13 @@ def test_failures(name: str) -> None:
     with pytest.raises(RuntimeError, match="expected scalar type Byte but found Float"):
         vesper_linear.forward_new(torch.ones(1, 256, device=device), floats, entry.qtype, 0)
     # A row that is not whole super-blocks.
-    with pytest.raises(RuntimeError, match="state_size must be a multiple of 256.*got 384"):
+    with pytest.raises(RuntimeError, match=r"state_size must be a multiple of 256.*got 384"):
         vesper_linear.forward_new(torch.ones(1, 384, device=device), weight, entry.qtype, 0)
 
 
 @pytest.mark.parametrize("name", NAMES)
 def test_the_result_is_there_on_return(name: str) -> None:
     """The launchers wait: the output's memory has its values before anything is synchronized."""
-    import ctypes
-
     k, rows, device = 4096, 512, device_of("unknown")
     fields, x = weight_fields(name, rows * k // 256, 2), row_of_steps(k, 3)
     weight = torch.from_numpy(pack(FORMATS[name], fields)).to(device)

@@ -1,14 +1,16 @@
-// q2_k times one activation row in q8_1 blocks. Template parameter T: element type of the output, of local memory and of
-// the tree of sums. A work-group is 32 work-items with one output row; frame and tree: q8_1_dot.h.
+// q2_k times one activation row in q8_1 blocks. Template parameter T: element type of the output, of local
+// memory and of the tree of sums. A work-group is 32 work-items with one output row; frame and tree:
+// q8_1_dot.h.
 //
-// A slice is one word of codes, four bytes with four codes each, for elements of four neighbouring sub-blocks of 32:
+// A slice is one word of codes, four bytes with four codes each, for elements of four neighbouring sub-blocks
+// of 32:
 //
 //   record   0 | scales, 16 bytes | 16 | qs, 64 bytes | 80 | d half | 82 | dmin half |
 //   word v of half n of qs: byte 4v + b of the half is
 //            | e96+4v+b  e64+4v+b  e32+4v+b  e4v+b |    counted from the start of the half's 128 elements
 //
-// So the four activations of bits 2i and 2i + 1 are word v of the quants of q8_1 block 4n + i. A sub-block of 16 has a
-// scale (low nibble) and a minimum (high nibble) in byte 8n + 2i + v / 4 of the scales.
+// So the four activations of bits 2i and 2i + 1 are word v of the quants of q8_1 block 4n + i. A sub-block of
+// 16 has a scale (low nibble) and a minimum (high nibble) in byte 8n + 2i + v / 4 of the scales.
 #pragma once
 
 #include <cstddef>
@@ -18,9 +20,9 @@
 
 namespace quillon {
 
-// Slice `iqs`, 0 to 15, of super-block `block` of `w` times its sixteen activations: four in each of four of the blocks
-// of `q`, of which super-block b has 8b to 8b + 7. Common bases with 32-bit places, and a loop in place of all loads at
-// once, are what a CPU device gathers fastest.
+// Slice `iqs`, 0 to 15, of super-block `block` of `w` times its sixteen activations: four in each of four of
+// the blocks of `q`, of which super-block b has 8b to 8b + 7. Common bases with 32-bit places, and a loop in
+// place of all loads at once, are what a CPU device gathers fastest.
 inline float vec_dot_q2_k_q8_1(const block_q2_K* w, const block_q8_1* q, uint32_t block, uint32_t iqs) {
   const uint32_t n = iqs / 8;
   const uint32_t v = iqs % 8;
@@ -55,14 +57,16 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K* w, const block_q8_1* q, uint32_
 
 template <typename T>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
-void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_q2_K* weight,
-                                  const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local, T* output) {
+void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row,
+                                  const quillon::block_q2_K* weight, const quillon::block_q8_1* activations,
+                                  sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
   const int lane = static_cast<int>(place.get_local_id(1));
   const uint64_t row = place.get_group(1);
   const bool active = row < output_size;
-  const float sum = active ? sum_of_slices<16, vec_dot_q2_k_q8_1>(weight + row * blocks_per_row, activations, blocks_per_row, lane)
+  const float sum = active ? sum_of_slices<16, vec_dot_q2_k_q8_1>(weight + row * blocks_per_row, activations,
+                                                                  blocks_per_row, lane)
                            : 0.0f;
   reduce_and_write_row<T>(place, sum, &local[0], lane, active, output + row);
 }

@@ -25,8 +25,8 @@
 
 namespace quillon {
 
-// A half, given by its bits, times a byte, in T. The product is exact in float, which takes half the registers of a
-// double.
+// A half, given by its bits, times a byte, in T. The product is exact in float, which takes half the
+// registers of a double.
 template <typename T>
 inline lane<T> two_level_scale(uint16_t half_bits, int byte) {
   const half d = half_from_bits(half_bits);

@@ -2,12 +2,13 @@
 //
 // Template parameters
 //   T        element type of input and output, and of pairs of products; sums of pairs are float
-//   SG_SIZE  required sub-group size: 8, and 16 for devices that do not have 8. The arithmetic never refers to it
+//   SG_SIZE  required sub-group size: 8, or 16 on devices without 8. The arithmetic never refers to it
 //
-// A work-group is 32 work-items on two output rows: work-items 0 to 15 take the even super-blocks of the rows, 16 to
-// 31 the odd ones. A super-block has four pairs of sub-blocks, 0 to 3; the sixteen work-items cut it into shares:
+// A work-group is 32 work-items on two output rows: work-items 0 to 15 take the even super-blocks of the
+// rows, 16 to 31 the odd ones. A super-block has four pairs of sub-blocks, 0 to 3; the sixteen work-items cut
+// it into shares:
 //
-//   one record   0 | d, dmin | 4 | scales | 16 | qh, 32 bytes | 48 | qs, 32 bytes for each of the pairs 0 | 1 | 2 | 3
+//   one record   0 | d, dmin | 4 | scales | 16 | qh, 32 bytes | 48 | qs, 32 bytes for each pair |
 //
 //   qs of a pair   byte   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31
 //   low nibbles    elem   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31   one sub-block
@@ -17,8 +18,8 @@
 //
 // So a share is two neighbouring elements in both halves of both sub-blocks of two pairs: sixteen elements in
 // eight twos, with the scales and minima of four sub-blocks. The tree adds the shares 0, 2, 4, 6, 1, 3, 5, 7
-// in this order; neighbouring work-items take neighbouring shares, so that their loads are neighbours, and put
-// their sums where the order of the tree wants them.
+// in this order; neighbouring work-items take neighbouring shares, so that their loads are neighbours, and
+// put their sums where the order of the tree wants them.
 #pragma once
 
 #include <sycl/group_algorithm.hpp>
@@ -51,7 +52,8 @@ struct activations_q5_k {
   }
 };
 
-// The share of one work-item in the sum of one super-block of a row. `pair` is 0 for the pairs 0 and 2, 1 for 1 and 3.
+// The share of one work-item in the sum of one super-block of a row. `pair` is 0 for the pairs 0 and 2, 1 for
+// 1 and 3.
 template <typename T>
 inline float dot_q5_k(const block_q5_K* block, const activations_q5_k<T>& x, int pair, int first) {
   const auto pair_of_halves = load<uint32_t, 4>(block->d);
@@ -106,8 +108,8 @@ void qlinear_xpu_kernel_q5_k(uint64_t state_size, const quillon::block_q5_K* wei
   constexpr int WG_SIZE = 32;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const int item = static_cast<int>(place.get_local_id(0));
-  // Parity and pair are those of eight neighbouring work-items. Where these are a sub-group, the broadcast of what
-  // all of them have anyway tells the compiler so: it computes once, and loads neighbours as vectors.
+  // Parity and pair are those of eight neighbouring work-items. Where these are a sub-group, the broadcast of
+  // what all of them have anyway tells the compiler so: it computes once, and loads neighbours as vectors.
   int octet = item / 8;
   if constexpr (SG_SIZE == 8) octet = sycl::group_broadcast(place.get_sub_group(), octet);
   const int share = item - 8 * octet;

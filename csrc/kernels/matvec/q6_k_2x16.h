@@ -1,13 +1,13 @@
 // q6_k times one activation row, without expanding the weight: output[n] = sum over k of input[k] * W[n][k].
 //
 // Template parameters
-//   T         element type of input, output, local memory and every product and sum, but for the scaling of a chunk
+//   T         element type of input, output, local memory and every product and sum but a chunk's scaling
 //   SG_SIZE   required sub-group size
 //   WG_SIZE   work-items of a work-group, the ways by which K is split: 2 * SG_SIZE
 // A work-group has two output rows.
 //
-// A chunk is one sub-block of sixteen neighbouring elements: a word of the high plane, two of the low plane, a scale
-// byte. A super-block is the share of sixteen work-items:
+// A chunk is one sub-block of sixteen neighbouring elements: a word of the high plane, two of the low plane,
+// a scale byte. A super-block is the share of sixteen work-items:
 //
 //   super-block of 256   elem  0 ... 15 | 16 ... 31 | ... | 240 .. 255
 //   high plane           word  0        | 1         | ... | 15              two bits of each element
@@ -16,11 +16,11 @@
 //   scale                half  d                                            one for all sixteen
 //                        work-item 0    |     1     | ... |     15
 //
-// The words give the codes of four elements in one step, each in a byte of its own, and are shifted on to the next
-// four. A chunk's sum is scaled in float whatever T is: by d * scale, a float product.
+// The words give the codes of four elements in one step, each in a byte of its own, and are shifted on to the
+// next four. A chunk's sum is scaled in float whatever T is: by d * scale, a float product.
 //
-// Rounds are full rounds only: chunks that remain when every work-item has had the same number of them are not summed.
-// So K counts in units of 16 * WG_SIZE, and a K below that gives zeros.
+// Rounds are full rounds only: chunks that remain when every work-item has had the same number of them are
+// not summed. So K counts in units of 16 * WG_SIZE, and a K below that gives zeros.
 #pragma once
 
 #include "formats/super_blocks.h"
@@ -35,7 +35,8 @@ void qlinear_xpu_kernel_q6_k_2x16(uint64_t state_size, const uint8_t* high_plane
   using namespace quillon;
   const auto add_row = [=](lane<T>& acc, const activations<T, 16>& chunk, const auto& place) {
     lane<T> sum;
-    for_each_step(place.template word_of_chunk<uint32_t>(high_plane), place.template word_of_chunk<uint64_t>(low_plane),
+    for_each_step(place.template word_of_chunk<uint32_t>(high_plane),
+                  place.template word_of_chunk<uint64_t>(low_plane),
                   [&](auto step, uint32_t high, uint32_t low) {
                     const uint32_t codes = q6_k_step_codes(high, low);
                     lane<T> p;

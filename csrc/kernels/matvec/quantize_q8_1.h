@@ -1,8 +1,8 @@
 // One activation row to q8_1 blocks. Template parameter T: element type of the activations.
 //
-// A sub-group of 32 work-items is one block of 32 elements, so that absolute maximum and sum are sub-group reductions;
-// a work-group of 256 is eight blocks. Work-item i writes quant i mod 32 of block i / 32, and the first of each
-// sub-group the two halves at its head:
+// A sub-group of 32 work-items is one block of 32 elements, so that absolute maximum and sum are sub-group
+// reductions; a work-group of 256 is eight blocks. Work-item i writes quant i mod 32 of block i / 32, and the
+// first of each sub-group the two halves at its head:
 //
 //   block, 36 bytes    0 | d half | 2 | s half | 4 | q0 | q1 | ... | q31 |
 #pragma once
@@ -27,7 +27,8 @@ void quantize_xpu_kernel_q8_1(const T* input, quillon::block_q8_1* output) {
   const T x = input[i];
   const float value = source_q8_1(x);
   const float sum = sycl::reduce_over_group(sub_group, value, sycl::plus<float>());
-  const float absmax = sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
+  const float absmax =
+      sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
   const float d = scale_q8_1(absmax);
 
   block_q8_1& block = output[i / 32];

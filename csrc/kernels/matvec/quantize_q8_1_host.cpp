@@ -14,17 +14,18 @@ at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std
   const std::uint64_t blocks = batch * state_size / elements_per_block(qtype_q8_1);
   // The size is cut to 32 bits, as every reader of the blocks counts.
   const auto bytes = static_cast<std::uint32_t>(blocks * bytes_per_block(qtype_q8_1));
-  at::Tensor result =
-      at::empty({static_cast<std::int64_t>(bytes)},
-                input.options().dtype(at::kByte).memory_format(at::MemoryFormat::Contiguous));
+  at::Tensor result = at::empty({static_cast<std::int64_t>(bytes)},
+                                input.options().dtype(at::kByte).memory_format(at::MemoryFormat::Contiguous));
   dispatch_element_type(input.scalar_type(), [&](auto element) {
     using T = decltype(element);
-    // A work-group is eight whole blocks. Not every SYCL runtime refuses a range that its work-groups do not divide.
+    // A work-group is eight whole blocks. Not every SYCL runtime refuses a range that its work-groups do not
+    // divide.
     TORCH_CHECK(state_size % WG_SIZE == 0, "quantize_input_q8_1: state_size must be a multiple of ", WG_SIZE,
                 ", the size of a super-block, got ", state_size);
     static runtime::KernelEntry& entry =
         runtime::kernel_entry<T>("kernels/matvec/quantize_q8_1.h", "quantize_xpu_kernel_q8_1");
-    launch_kernel(entry, input.device(), {state_size, WG_SIZE}, {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
+    launch_kernel(entry, input.device(), {state_size, WG_SIZE},
+                  {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
   });
   return result;
 }

@@ -7,7 +7,8 @@
 
 namespace quillon {
 
-// Gives the q8_1 blocks of an activation row as a byte tensor on the device of `input`: 36 bytes for each 32 elements.
+// Gives the q8_1 blocks of an activation row as a byte tensor on the device of `input`: 36 bytes for each 32
+// elements.
 //   input       activations: half, float, double or bfloat16; anything else is PyTorch's dispatch failure
 //   batch       rows that the result has room for; the first row alone is quantized
 //   state_size  elements of a row, must be a multiple of 256
