@@ -34,11 +34,11 @@ void qlinear_xpu_kernel_fp6_k_2x16(uint64_t state_size, const uint8_t* weight, u
   const uint8_t* scales = weight + scales_offset;
   const uint8_t* super_scales = weight + super_scales_offset;
   const auto add_row = [=](lane<T>& acc, const activations<T, 16>& chunk, const auto& place) {
+    const lane<T> sum = sum_fp6(chunk, place.template word_of_chunk<uint32_t>(high_plane),
+                                place.template word_of_chunk<uint64_t>(weight));
     const half d = half_from_bits(place.template entry_of_block<uint16_t>(super_scales));
     const int scale = place.template word_of_chunk<int8_t>(scales);
     const half w = multiply(d, convert<half>(scale));
-    const lane<T> sum = sum_fp6(chunk, place.template word_of_chunk<uint32_t>(high_plane),
-                                place.template word_of_chunk<uint64_t>(weight));
     acc = acc + sum * rounded_lane<T>(w);
   };
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE, 256>(state_size, input, local, output_size, output,

@@ -54,7 +54,8 @@ void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, co
     return chunk_and_sum{elements, sum_activations(elements)};
   };
   const auto add_row = [=](lane<T>& acc, const chunk_and_sum& chunk, const auto& place) {
-    const chunk_codes codes = place.codes_of_chunk(quants);
+    // A GPU with 32 lanes of double has no register left for the zero.
+    const chunk_codes codes(place.template word_of_chunk<uint64_t>(quants), sizeof(T) == 8 ? 0 : place.zero);
     const auto scale_and_minimum = place.template entry_of_chunks<uint16_t, 2>(scales);
     const auto pair = place.template entry_of_block<uint32_t>(pairs);
     const lane<T> s = sum_products(
