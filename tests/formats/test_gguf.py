@@ -8,11 +8,12 @@ from pathlib import Path
 import numpy as np
 import pytest
 import torch
-import weights
 
 from quillon.formats import WEIGHT_FORMATS, row_multiple, weight_bytes
 from quillon.gguf_import import from_gguf
 from quillon.quantizers import quantize
+
+from . import weights
 
 gguf = pytest.importorskip("gguf", reason="the gguf package is not installed: pip install 'quillon[gguf]'")
 

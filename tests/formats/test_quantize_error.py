@@ -4,10 +4,8 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
-import naive
 import pytest
 import torch
-import weights
 from torch import Tensor
 
 from quillon.formats import WEIGHT_FORMATS
@@ -15,6 +13,8 @@ from quillon.quantizers import quantize
 from quillon.quantizers.codebook import FP6_MAGNITUDES, FP8_E4M3_MAGNITUDES
 from quillon.reference import dequantize_reference
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4
+
+from . import naive, weights
 
 WEIGHTS = {"normal": weights.normal, "embedding": weights.embedding, "projection": weights.projection}
 

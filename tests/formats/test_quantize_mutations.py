@@ -6,10 +6,11 @@ from pathlib import Path
 
 import pytest
 import torch
-from test_quantize_layout import DECODE, hand_made
 
 from quillon import reference
 from quillon.formats import WEIGHT_FORMATS
+
+from .test_quantize_layout import DECODE, hand_made
 
 SOURCE = Path(reference.__file__).read_text(encoding="utf-8")
 
