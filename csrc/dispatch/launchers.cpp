@@ -3,6 +3,8 @@
 #include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
+#include <utility>
+
 #include "dispatch/environment.h"
 #include "dispatch/format_check.h"
 #include "dispatch/scalar_type_dispatch.h"
@@ -19,6 +21,13 @@ at::Tensor make_output(const at::Tensor& input, const at::Tensor& weight, std::u
                        std::uint64_t output_size) {
   return at::empty({static_cast<std::int64_t>(batch), static_cast<std::int64_t>(output_size)},
                    weight.options().dtype(input.scalar_type()).memory_format(at::MemoryFormat::Contiguous));
+}
+
+// Kernels load up to eight weight bytes at once, which a device may demand to stand at a multiple of eight. What
+// PyTorch allocates does; a view that starts elsewhere is copied.
+at::Tensor at_aligned_address(at::Tensor weight) {
+  const auto address = reinterpret_cast<std::uintptr_t>(weight.const_data_ptr());
+  return address % 8 == 0 ? weight : weight.clone();
 }
 
 [[noreturn]] void fail_batch(int qtype, std::uint64_t batch) {
@@ -44,6 +53,7 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
                   std::uint64_t output_size, std::int64_t /*input_size*/) {
   read_environment<VARIABLES>();
   if (batch != 1) fail_batch(QTYPE, batch);
+  weight = at_aligned_address(std::move(weight));
   at::Tensor output = make_output(input, weight, 1, output_size);
   dispatch_element_type(input.scalar_type(), [&](auto element) {
     using T = decltype(element);
@@ -59,6 +69,7 @@ template <int QTYPE, const auto& ENTRY>
 at::Tensor launch_q8_1(at::Tensor input, at::Tensor weight, std::uint64_t batch, std::uint64_t state_size,
                        std::uint64_t output_size, std::int64_t /*input_size*/) {
   if (batch != 1) fail_batch(QTYPE, batch);
+  weight = at_aligned_address(std::move(weight));
   at::Tensor output = make_output(input, weight, 1, output_size);
   at::Tensor blocks = quantize_input_q8_1(input, 1, state_size);
   dispatch_element_type(input.scalar_type(), [&](auto element) {
