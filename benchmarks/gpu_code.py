@@ -95,7 +95,10 @@ def cost(case: Case, code: str, compiled: Compiled) -> Cost:
 def cost_of(case: Case, outcome: Compiled | GpuCompileError) -> Cost:
     if isinstance(outcome, GpuCompileError):
         raise outcome
-    return cost(case, assembly(outcome.module)[outcome.info.entry], outcome)
+    text = assembly(outcome.module).get(outcome.info.entry)
+    if text is None:
+        raise GpuCompileError(f"{case.expression}: its name is too long for ocloc to write its assembly")
+    return cost(case, text, outcome)
 
 
 def table(costs: Mapping[Case, Cost]) -> list[list[str]]:

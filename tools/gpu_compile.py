@@ -288,15 +288,20 @@ def compile_for_gpu(module: Path, architecture: int, options: str = "") -> GpuMo
     return GpuModule(kept / f"code_{stated['product']}.bin", stated["product"], kernels)
 
 
+# What a file system takes as a name. ocloc silently leaves out a kernel whose assembly would need a longer one.
+_LONGEST_FILE_NAME = 255
+
+
 def assembly(module: GpuModule) -> dict[str, str]:
-    """Assembly of every kernel of a module, by the kernel's name in the SPIR-V."""
+    """Assembly of a module's kernels, by their names in the SPIR-V, but for those whose name is too long for a file."""
     with tempfile.TemporaryDirectory() as scratch:
         sections = _disassemble(_require_ocloc(), module.binary, module.product, Path(scratch) / "sections")
-        texts = {entry: sections / f".text.{entry}.asm" for entry in module.kernels}
-        for entry, file in texts.items():
-            if not file.exists():  # nor would it for a name of more than 245 letters, and says nothing of it
+        files = {entry: sections / f".text.{entry}.asm" for entry in module.kernels}
+        named = {entry: file for entry, file in files.items() if len(file.name) <= _LONGEST_FILE_NAME}
+        for entry, file in named.items():
+            if not file.exists():
                 raise GpuCompileError(f"ocloc wrote no assembly of {entry}")
-        return {entry: file.read_text() for entry, file in texts.items()}
+        return {entry: file.read_text() for entry, file in named.items()}
 
 
 def _disassemble(compiler: Path, binary: Path, product: str, target: Path) -> Path:
