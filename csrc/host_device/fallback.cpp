@@ -3,15 +3,13 @@
 //
 //   1. Find the device of the call and refuse a mixture of devices as PyTorch's generated code does.
 //   2. Wait until the current streams of the devices involved are idle (they mostly are: tens of
-//   nanoseconds).
+//      nanoseconds).
 //   3. Give the CPU kernel, for each XPU tensor, a CPU tensor over the same bytes; XPU device arguments
-//   become CPU, XPU
-//      generators the CPU generators inside them.
+//      become CPU, XPU generators the CPU generators inside them.
 //   4. Run the CPU kernel. What it allocates comes from the host device's allocator.
 //   5. Turn results back: a result that is an argument is that argument; one that shares an argument's
-//   storage is a
-//      view of it; any other takes its memory along. Arguments that the kernel resized get their new shape
-//      and memory.
+//      storage is a view of it; any other takes its memory along. Arguments that the kernel resized get
+//      their new shape and memory.
 //
 // The call is finished when it returns, so no stream ever needs to wait for it.
 #include "fallback.h"

@@ -13,9 +13,8 @@
 //   low nibbles          elem  0 ..... 7 | 8 .... 15 | 32 ... 39 | 40 ... 47 | ... | 232 .. 239
 //   high nibbles         elem 16 .... 23 | 24 ... 31 | 48 ... 55 | 56 ... 63 | ... | 248 .. 255
 //                            work-item 0 |     1     |     2     |     3     | ... |    15
-//   scales                  | s0     m0             | s1     m1              | ... : a byte each for two
-//   work-items pairs                   | d  dmin                                        | ... : a half each
-//   for all sixteen
+//   scales                  | s0     m0             | s1     m1              | ...  a byte each for two items
+//   pairs                   | d  dmin                                        | ...  a half each for all
 //
 // Rounds are full rounds only: chunks that remain when every work-item has had the same number of them are
 // not summed. So K counts in units of 16 * WG_SIZE, and a K below that gives zeros.

@@ -131,7 +131,7 @@ void qlinear_xpu_kernel_fp8_e4m3_2x8(const T* input, const std::uint8_t* weight,
 
 // ---- kernels with arguments of their own ----------------------------------------------------------------
 
-// The scales of the format stay on the host side of the call.
+// The kernel takes no scales: this reader of the format does not apply them.
 template <typename T, int SG_SIZE, int WG_SIZE>
 void qlinear_xpu_kernel_fp8_e5m2_2x8(const T* input, const std::uint8_t* weight, T* output,
                                      std::uint64_t /*batch*/, std::uint64_t state_size,
