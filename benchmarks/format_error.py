@@ -67,9 +67,7 @@ def expand(weight: Tensor, name: str) -> Tensor:
 
 def main() -> None:
     """Measure and print."""
-    parser = argparse.ArgumentParser(
-        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
-    )
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--formats", nargs="+", default=WEIGHT_FORMATS, metavar="NAME")
     parser.add_argument("--text", type=Path, default=TEXT)
     arguments = parser.parse_args()

@@ -131,9 +131,7 @@ def main() -> int:
     types = arguments.type or ["float", "c10::Half"]
     wanted = [case for case in cases(kernels) if case.element_type in types]
     outcomes = compile_cases(wanted)
-    costs = dict(
-        zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True)
-    )
+    costs = dict(zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True))
     errors = [found for found in costs.values() if isinstance(found, GpuCompileError)]
     print_markdown(HEADINGS, table({c: found for c, found in costs.items() if isinstance(found, Cost)}))
     for error in dict.fromkeys(map(str, errors)):

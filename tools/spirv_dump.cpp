@@ -33,7 +33,9 @@ std::string read_text(const fs::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-bool is_device_text(const fs::path& path) { return path.extension() == ".h" || path.extension() == ".inc"; }
+bool is_device_text(const fs::path& path) {
+  return path.extension() == ".h" || path.extension() == ".inc";
+}
 
 // Every header below `root` as a virtual file: what the build does not include costs nothing.
 syclexp::include_files headers_below(const fs::path& root) {
@@ -59,13 +61,13 @@ int main(int argc, char** argv) {
   try {
     const sycl::device device{sycl::cpu_selector_v};
     const sycl::context context{device};
-    auto source = syclexp::create_kernel_bundle_from_source(
-        context, syclexp::source_language::sycl, quillon::runtime::device_build_text(header, names),
-        syclexp::properties{headers_below(root)});
-    syclexp::compile(source, {device},
-                     syclexp::properties{syclexp::registered_names{names},
-                                         syclexp::build_options{quillon::runtime::device_build_options()},
-                                         syclexp::save_log{&log}});
+    auto source = syclexp::create_kernel_bundle_from_source(context, syclexp::source_language::sycl,
+                                                            quillon::runtime::device_build_text(header, names),
+                                                            syclexp::properties{headers_below(root)});
+    syclexp::compile(
+        source, {device},
+        syclexp::properties{syclexp::registered_names{names},
+                            syclexp::build_options{quillon::runtime::device_build_options()}, syclexp::save_log{&log}});
   } catch (const std::exception& error) {
     std::cerr << error.what() << '\n' << log;
     return 1;

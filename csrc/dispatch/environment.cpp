@@ -31,10 +31,16 @@ long long read_signed(const char* variable, long long default_value) {
 
 }  // namespace
 
-std::int64_t read_tile_threshold() { return read_signed("TILE_THRESHOLD", 50000); }
+std::int64_t read_tile_threshold() {
+  return read_signed("TILE_THRESHOLD", 50000);
+}
 
-bool read_low_mem() { return read_signed("QUILLON_LOW_MEM", 0) == 1; }
+bool read_low_mem() {
+  return read_signed("QUILLON_LOW_MEM", 0) == 1;
+}
 
-std::uint64_t read_tile_size() { return read_number<unsigned long long>("TILE_SIZE", 4096, std::stoull, "stoull"); }
+std::uint64_t read_tile_size() {
+  return read_number<unsigned long long>("TILE_SIZE", 4096, std::stoull, "stoull");
+}
 
 }  // namespace quillon

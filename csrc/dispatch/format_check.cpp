@@ -7,7 +7,9 @@
 namespace quillon {
 namespace {
 
-bool in_table(int qtype) { return qtype >= 0 && qtype < qtype_count; }
+bool in_table(int qtype) {
+  return qtype >= 0 && qtype < qtype_count;
+}
 
 std::string weight_formats() {
   std::string names;

@@ -31,8 +31,8 @@ at::Tensor at_aligned_address(at::Tensor weight) {
 }
 
 [[noreturn]] void fail_batch(int qtype, std::uint64_t batch) {
-  TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(qtype), " has no road for a batch of ",
-                              batch, " in this release; give one row at a time");
+  TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(qtype), " has no road for a batch of ", batch,
+                              " in this release; give one row at a time");
 }
 
 // Which environment variables a launcher reads. They are parsed before all else, so that a bad value fails
@@ -57,8 +57,8 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
   at::Tensor output = make_output(input, weight, 1, output_size);
   dispatch_element_type(input.scalar_type(), [&](auto element) {
     using T = decltype(element);
-    ENTRY(element, input.data_ptr<T>(), weight.data_ptr<std::uint8_t>(), output.data_ptr<T>(), batch,
-          state_size, output_size, weight.device());
+    ENTRY(element, input.data_ptr<T>(), weight.data_ptr<std::uint8_t>(), output.data_ptr<T>(), batch, state_size,
+          output_size, weight.device());
   });
   return output;
 }

@@ -33,8 +33,7 @@ inline constexpr std::array<MatrixEngineRange, 8> kMatrixEngineRanges = {{
 // The matrix engine writes tiles of this many output columns.
 inline constexpr std::uint64_t kMatrixEngineColumns = 16;
 
-constexpr Road choose_road(XpuDeviceClass device_class, int qtype, std::uint64_t batch,
-                           std::uint64_t output_size) {
+constexpr Road choose_road(XpuDeviceClass device_class, int qtype, std::uint64_t batch, std::uint64_t output_size) {
   if (output_size % kMatrixEngineColumns == 0)
     for (const MatrixEngineRange& range : kMatrixEngineRanges)
       if (range.device_class == device_class && range.qtype == qtype && range.first_batch <= batch &&

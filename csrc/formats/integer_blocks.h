@@ -146,8 +146,7 @@ inline T decode_q4_0_woq_in_q4_0_order(const weight_parts& weight, int64_t b, in
 
 template <typename T>
 inline T decode_q4_1(const weight_parts& weight, int64_t b, int e) {
-  const T product =
-      multiply(convert<T>(scale_q4_1(weight, b)), convert<T>(code_q4_1(quants_q4_0(weight, b), e)));
+  const T product = multiply(convert<T>(scale_q4_1(weight, b)), convert<T>(code_q4_1(quants_q4_0(weight, b), e)));
   return add(product, convert<T>(minimum_q4_1(weight, b)));
 }
 

@@ -262,8 +262,7 @@ struct weight_parts {
 };
 
 constexpr weight_parts weight_parts_at(const uint8_t* weight, const region_offsets& offsets) {
-  return {{weight + offsets.start[0], weight + offsets.start[1], weight + offsets.start[2],
-           weight + offsets.start[3]}};
+  return {{weight + offsets.start[0], weight + offsets.start[1], weight + offsets.start[2], weight + offsets.start[3]}};
 }
 
 }  // namespace quillon

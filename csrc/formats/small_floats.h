@@ -53,8 +53,7 @@ static_assert(sizeof(block_fp6_32_qh) == 16);
 // Float pattern of a 4-bit fp4 code.
 constexpr uint32_t fp4_float_bits(uint32_t code) {
   const uint32_t index = code & 7;
-  const uint32_t magnitude =
-      index >= 2 ? 0x3F000000u + (index << 22) : (index == 1 ? 0x3F000000u : 0x3D000000u);
+  const uint32_t magnitude = index >= 2 ? 0x3F000000u + (index << 22) : (index == 1 ? 0x3F000000u : 0x3D000000u);
   return ((code & 8) << 28) | magnitude;
 }
 constexpr float fp4_to_float(uint32_t code) {

@@ -152,9 +152,8 @@ template <typename T>
 inline T decode_q2_k(const weight_parts& weight, int64_t b, int e) {
   const block_q2_K& block = record_q2_k(weight, b);
   const uint8_t scale = block.scales[e / 16];
-  return convert<T>(decode_with_minimum(convert<float>(load_half(block.d)), scale & 15,
-                                        code_q2_k(block.qs, e), convert<float>(load_half(block.dmin)),
-                                        scale >> 4));
+  return convert<T>(decode_with_minimum(convert<float>(load_half(block.d)), scale & 15, code_q2_k(block.qs, e),
+                                        convert<float>(load_half(block.dmin)), scale >> 4));
 }
 
 // scales: (scale, minimum) bytes of eight sub-blocks; pair: d, then dmin.
@@ -210,16 +209,14 @@ inline half sub_block_scale_fp6_k(const weight_parts& weight, int64_t b, int k) 
 // The unscaled value.
 inline half value_fp6_k(const weight_parts& weight, int64_t b, int e) {
   const int k = e / 16;
-  const uint8_t* low =
-      weight.part[0] + 16 * sizeof(block_base_fp6_k_ql) * b + sizeof(block_base_fp6_k_ql) * k;
+  const uint8_t* low = weight.part[0] + 16 * sizeof(block_base_fp6_k_ql) * b + sizeof(block_base_fp6_k_ql) * k;
   const uint8_t* high = weight.part[1] + 64 * b + 4 * k;
   return half_from_bits(fp6_half_bits(fp6_code(load_u32(high), load_u32(low), load_u32(low + 4), e % 16)));
 }
 
 template <typename T>
 inline T decode_fp6_k(const weight_parts& weight, int64_t b, int e) {
-  return multiply(convert<T>(value_fp6_k(weight, b, e)),
-                  convert<T>(sub_block_scale_fp6_k(weight, b, e / 16)));
+  return multiply(convert<T>(value_fp6_k(weight, b, e)), convert<T>(sub_block_scale_fp6_k(weight, b, e / 16)));
 }
 
 // ---- other readers ----------------------------------------------------------------------------------------

@@ -55,6 +55,8 @@ void log_build(const std::string& kernel, double seconds) {
 
 }  // namespace
 
-void log_kernel_builds() { runtime::set_build_observer(&log_build); }
+void log_kernel_builds() {
+  runtime::set_build_observer(&log_build);
+}
 
 }  // namespace quillon

@@ -11,8 +11,8 @@
 
 // forward_new says "weights" where the others say "weight": callers match on these texts. A macro, because the site
 // that PyTorch reports with a failed check is the function the check stands in.
-#define QUILLON_CHECK_XPU_TENSOR(tensor, name)                           \
-  TORCH_CHECK((tensor).is_xpu(), name " must be a XPU tensor");          \
+#define QUILLON_CHECK_XPU_TENSOR(tensor, name)                  \
+  TORCH_CHECK((tensor).is_xpu(), name " must be a XPU tensor"); \
   TORCH_CHECK((tensor).is_contiguous(), name " must be contiguous")
 
 namespace quillon {

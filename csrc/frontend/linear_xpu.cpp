@@ -38,12 +38,11 @@ template <auto Body, typename Result, typename... Arguments>
 struct Binding<Body, Result (*)(Arguments...)> {
   static void bind(pybind11::module_& module, const Operator& row) {
     module.def(
-        row.name,
-        [](typename PythonArgument<Arguments>::type... arguments) -> Result { return Body(arguments...); }, row.doc);
+        row.name, [](typename PythonArgument<Arguments>::type... arguments) -> Result { return Body(arguments...); },
+        row.doc);
   }
   static void implement(torch::Library& library, const Operator& row) {
-    library.impl(row.name,
-                 torch::CppFunction(c10::CompileTimeFunctionPointer<Result(Arguments...), Body>()));
+    library.impl(row.name, torch::CppFunction(c10::CompileTimeFunctionPointer<Result(Arguments...), Body>()));
   }
 };
 
@@ -58,7 +57,9 @@ constexpr Operator module_function(const char* name, const char* doc) {
   return {name, doc, nullptr, &Binding<Body, decltype(Body)>::bind, nullptr};
 }
 
-std::string get_xpu_device_name(c10::Device device) { return device_class_name(get_device_class(device)); }
+std::string get_xpu_device_name(c10::Device device) {
+  return device_class_name(get_device_class(device));
+}
 
 using at::Tensor;
 using std::int64_t;

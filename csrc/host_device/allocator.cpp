@@ -89,9 +89,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
   }
 
   c10::DeleterFnPtr raw_deleter() const override { return &delete_block; }
-  void* raw_alloc(size_t size) override {
-    return size == 0 ? nullptr : take(size, c10::xpu::current_device());
-  }
+  void* raw_alloc(size_t size) override { return size == 0 ? nullptr : take(size, c10::xpu::current_device()); }
   void raw_delete(void* pointer) override { give_back(pointer); }
 
   void copy_data(void* destination, const void* source, size_t count) const override {
@@ -218,9 +216,8 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     if (!pointer) {
       ++stats.num_ooms;
       const auto [free_bytes, total_bytes] = memory_info();
-      TORCH_CHECK_WITH(OutOfMemoryError, false, "XPU out of memory. Tried to allocate ", size,
-                       " bytes on host device ", static_cast<int>(device), "; the machine has ", free_bytes,
-                       " of ", total_bytes, " bytes free.");
+      TORCH_CHECK_WITH(OutOfMemoryError, false, "XPU out of memory. Tried to allocate ", size, " bytes on host device ",
+                       static_cast<int>(device), "; the machine has ", free_bytes, " of ", total_bytes, " bytes free.");
     }
     ask_for_huge_pages(pointer, size);
     ++stats.num_device_alloc;
@@ -279,8 +276,8 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
       return static_cast<size_t>(stat[static_cast<size_t>(StatType::AGGREGATE)].current);
     };
     const DeviceStats& stats = stats_[device];
-    c10::reportMemoryUsageToProfiler(pointer, change, total(stats.allocated_bytes),
-                                     total(stats.reserved_bytes), c10::Device(c10::kXPU, device));
+    c10::reportMemoryUsageToProfiler(pointer, change, total(stats.allocated_bytes), total(stats.reserved_bytes),
+                                     c10::Device(c10::kXPU, device));
   }
 
   template <typename Change>
@@ -398,8 +395,7 @@ void install_cpu_allocator() {
   c10::SetCPUAllocator(redirecting, /*priority=*/UINT8_MAX);
 }
 
-AllocateOnDevice::AllocateOnDevice(c10::DeviceIndex device) noexcept
-    : previous_(std::exchange(redirect_to, device)) {}
+AllocateOnDevice::AllocateOnDevice(c10::DeviceIndex device) noexcept : previous_(std::exchange(redirect_to, device)) {}
 AllocateOnDevice::~AllocateOnDevice() {
   redirect_to = previous_;
 }
@@ -505,8 +501,7 @@ namespace c10::xpu {
 std::atomic<CaptureId_t> MemPool::uid_{1};
 std::atomic<CaptureId_t> MemPool::uuid_{1};
 
-MemPool::MemPool(XPUCachingAllocator::XPUAllocator* /*allocator*/, bool /*is_user_created*/,
-                 bool /*use_on_oom*/) {
+MemPool::MemPool(XPUCachingAllocator::XPUAllocator* /*allocator*/, bool /*is_user_created*/, bool /*use_on_oom*/) {
   XPUCachingAllocator::unsupported("A private memory pool");
 }
 MemPool::~MemPool() = default;

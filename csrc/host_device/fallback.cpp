@@ -57,7 +57,8 @@ struct OperatorTraits {
 constexpr int64_t kSmallCallElements = int64_t{1} << 17;
 
 // Where the number of elements says little about the work.
-constexpr const char* kMatrixProducts[] = {"mm", "addmm", "bmm", "baddbmm", "addbmm", "linear", "conv", "linalg", "cdist"};
+constexpr const char* kMatrixProducts[] = {"mm",     "addmm", "bmm",    "baddbmm", "addbmm",
+                                           "linear", "conv",  "linalg", "cdist"};
 
 bool is_matrix_product(const std::string& name) {
   for (const char* product : kMatrixProducts) {
@@ -204,10 +205,7 @@ class PointerIndex {
 class CpuCall {
  public:
   CpuCall(const c10::OperatorHandle& op, const OperatorTraits& traits, Stack& stack)
-      : op_(op),
-        traits_(traits),
-        stack_(stack),
-        first_argument_(stack.size() - op.schema().arguments().size()) {}
+      : op_(op), traits_(traits), stack_(stack), first_argument_(stack.size() - op.schema().arguments().size()) {}
 
   void run() {
     settle_device();
@@ -257,8 +255,7 @@ class CpuCall {
       } else if (argument.kind == ArgumentKind::kDevice && device_ < 0 && value.isDevice() &&
                  value.toDevice().is_xpu()) {
         const Device device = value.toDevice();
-        device_ = device.has_index() ? device.index()
-                                     : c10::impl::getDeviceGuardImpl(c10::kXPU)->getDevice().index();
+        device_ = device.has_index() ? device.index() : c10::impl::getDeviceGuardImpl(c10::kXPU)->getDevice().index();
       }
     }
     TORCH_CHECK(device_ >= 0, op_.schema().operator_name(), ": no argument is on an XPU device.");
@@ -267,8 +264,7 @@ class CpuCall {
 
   [[noreturn]] void fail_for_mixture() {
     const std::string& overload = op_.schema().overload_name();
-    const std::string method = "wrapper_XPU_" +
-                               op_.schema().name().substr(op_.schema().name().find("::") + 2) +
+    const std::string method = "wrapper_XPU_" + op_.schema().name().substr(op_.schema().name().find("::") + 2) +
                                (overload.empty() ? "" : "_" + overload);
     std::optional<Device> common;
     for (const ArgumentTraits& argument : traits_.arguments) {
@@ -280,8 +276,7 @@ class CpuCall {
       });
     }
     // Left over: a scalar on the CPU that the call would write.
-    TORCH_CHECK(false,
-                "Expected all tensors to be on the same device, but found at least two devices, cpu and xpu:",
+    TORCH_CHECK(false, "Expected all tensors to be on the same device, but found at least two devices, cpu and xpu:",
                 static_cast<int>(device_), "! (when checking arguments in method ", method, ")");
   }
 
@@ -295,8 +290,7 @@ class CpuCall {
         if (value.isDevice() && value.toDevice().is_xpu()) value = Device(c10::kCPU);
         return;
       case ArgumentKind::kGenerator:
-        value = cpu_generator_for(value.isGenerator() ? std::optional(value.toGenerator()) : std::nullopt,
-                                  device_);
+        value = cpu_generator_for(value.isGenerator() ? std::optional(value.toGenerator()) : std::nullopt, device_);
         return;
     }
   }
@@ -335,9 +329,8 @@ class CpuCall {
     if (known >= 0) return tensors_[known].cpu;
     // An ordinary tensor, not one of type TensorImpl::VIEW: that kind keeps no autograd keys, and kernels
     // that are composed of other operators rely on them.
-    at::Tensor cpu =
-        at::detail::make_tensor<c10::TensorImpl>(c10::Storage(cpu_storage(tensor.storage())),
-                                                 c10::DispatchKeySet(c10::DispatchKey::CPU), tensor.dtype());
+    at::Tensor cpu = at::detail::make_tensor<c10::TensorImpl>(
+        c10::Storage(cpu_storage(tensor.storage())), c10::DispatchKeySet(c10::DispatchKey::CPU), tensor.dtype());
     copy_view(tensor, cpu);
     xpu_tensors_.add(tensor.unsafeGetTensorImpl());
     cpu_tensors_.add(cpu.unsafeGetTensorImpl());
@@ -364,9 +357,9 @@ class CpuCall {
     if (known >= 0) return storages_[known].cpu;
     if (c10::impl::cow::is_cow_data_ptr(impl->_mutable_data_ptr_no_checks())) impl->mutable_data();
     void* data = impl->_mutable_data_ptr_no_checks().get();
-    c10::Storage cpu(c10::make_intrusive<c10::StorageImpl>(
-        c10::StorageImpl::use_byte_size_t(), impl->sym_nbytes(), c10::DataPtr(data, Device(c10::kCPU)),
-        redirecting_cpu_allocator(), impl->resizable()));
+    c10::Storage cpu(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), impl->sym_nbytes(),
+                                                           c10::DataPtr(data, Device(c10::kCPU)),
+                                                           redirecting_cpu_allocator(), impl->resizable()));
     xpu_storages_.add(impl);
     cpu_storages_.add(cpu.unsafeGetStorageImpl());
     storages_.push_back({xpu, cpu, data, impl->nbytes()});
@@ -394,12 +387,11 @@ class CpuCall {
     }
     if (!cpu.device().is_cpu()) return cpu;
     TORCH_CHECK_NOT_IMPLEMENTED(cpu.layout() == at::kStrided && !cpu.is_quantized() && !cpu.is_nested(),
-                                op_.schema().operator_name(), " would make a ",
-                                cpu.is_quantized() ? "quantized" : "", cpu.is_nested() ? "nested" : "",
-                                cpu.layout() == at::kStrided ? "" : "sparse",
+                                op_.schema().operator_name(), " would make a ", cpu.is_quantized() ? "quantized" : "",
+                                cpu.is_nested() ? "nested" : "", cpu.layout() == at::kStrided ? "" : "sparse",
                                 " tensor, which quillon's host device does not support. Use a CPU tensor.");
-    at::Tensor xpu = at::detail::make_tensor<c10::TensorImpl>(
-        xpu_storage(cpu.storage()), c10::DispatchKeySet(c10::DispatchKey::XPU), cpu.dtype());
+    at::Tensor xpu = at::detail::make_tensor<c10::TensorImpl>(xpu_storage(cpu.storage()),
+                                                              c10::DispatchKeySet(c10::DispatchKey::XPU), cpu.dtype());
     copy_view(cpu, xpu);
     return xpu;
   }
@@ -408,9 +400,9 @@ class CpuCall {
     c10::StorageImpl* impl = cpu.unsafeGetStorageImpl();
     const int64_t argument = cpu_storages_.find(impl);
     if (argument >= 0) return storages_[argument].xpu;
-    c10::Storage xpu(c10::make_intrusive<c10::StorageImpl>(
-        c10::StorageImpl::use_byte_size_t(), impl->nbytes(), take_data(*impl), c10::GetAllocator(c10::kXPU),
-        /*resizable=*/true));
+    c10::Storage xpu(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), impl->nbytes(),
+                                                           take_data(*impl), c10::GetAllocator(c10::kXPU),
+                                                           /*resizable=*/true));
     // Results may share a storage: the next one finds this one.
     xpu_storages_.add(xpu.unsafeGetStorageImpl());
     cpu_storages_.add(impl);
@@ -438,8 +430,7 @@ class CpuCall {
     for (size_t i = 0; i < storages_.size(); ++i) {
       c10::StorageImpl& cpu = *storages_[i].cpu.unsafeGetStorageImpl();
       c10::StorageImpl& xpu = *storages_[i].xpu.unsafeGetStorageImpl();
-      if (cpu._mutable_data_ptr_no_checks().get() != storages_[i].data)
-        xpu.set_data_ptr_noswap(take_data(cpu));
+      if (cpu._mutable_data_ptr_no_checks().get() != storages_[i].data) xpu.set_data_ptr_noswap(take_data(cpu));
       if (cpu.nbytes() != storages_[i].nbytes) xpu.set_nbytes(cpu.nbytes());
     }
     for (size_t i = 0; i < tensors_.size(); ++i) {

@@ -26,17 +26,11 @@ class HostGeneratorImpl final : public c10::GeneratorImpl {
   uint64_t seed() override { return cpu_.seed(); }
   void set_offset(uint64_t offset) override { cpu_.set_offset(offset); }
   uint64_t get_offset() const override { return cpu_.get_offset(); }
-  void set_state(const c10::TensorImpl& new_state) override {
-    cpu_.unsafeGetGeneratorImpl()->set_state(new_state);
-  }
-  c10::intrusive_ptr<c10::TensorImpl> get_state() const override {
-    return cpu_.unsafeGetGeneratorImpl()->get_state();
-  }
+  void set_state(const c10::TensorImpl& new_state) override { cpu_.unsafeGetGeneratorImpl()->set_state(new_state); }
+  c10::intrusive_ptr<c10::TensorImpl> get_state() const override { return cpu_.unsafeGetGeneratorImpl()->get_state(); }
 
  private:
-  HostGeneratorImpl* clone_impl() const override {
-    return new HostGeneratorImpl(device_.index(), cpu_.clone());
-  }
+  HostGeneratorImpl* clone_impl() const override { return new HostGeneratorImpl(device_.index(), cpu_.clone()); }
 
   at::Generator cpu_;
 };

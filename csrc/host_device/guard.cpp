@@ -53,11 +53,9 @@ class HostDeviceGuardImpl final : public c10::impl::DeviceGuardImplInterface {
     stock_.recordDataPtrOnStream(data, stream);
   }
 
-  void record(void** event, const Stream& stream, const DeviceIndex device,
-              const c10::EventFlag flag) const override {
-    TORCH_CHECK(device == -1 || device == stream.device_index(), "Event device index ",
-                static_cast<int>(device), " does not match recording stream's device index ",
-                static_cast<int>(stream.device_index()), ".");
+  void record(void** event, const Stream& stream, const DeviceIndex device, const c10::EventFlag flag) const override {
+    TORCH_CHECK(device == -1 || device == stream.device_index(), "Event device index ", static_cast<int>(device),
+                " does not match recording stream's device index ", static_cast<int>(stream.device_index()), ".");
     const bool timed = flag == c10::EventFlag::BACKEND_DEFAULT;
     sycl::event recorded = XPUStream(stream).queue().ext_oneapi_submit_barrier();
     if (timed) recorded = timing_queue().ext_oneapi_submit_barrier({recorded});
@@ -70,9 +68,8 @@ class HostDeviceGuardImpl final : public c10::impl::DeviceGuardImplInterface {
   }
 
   bool queryEvent(void* event) const override {
-    return !event ||
-           static_cast<Event*>(event)->event.get_info<sycl::info::event::command_execution_status>() ==
-               sycl::info::event_command_status::complete;
+    return !event || static_cast<Event*>(event)->event.get_info<sycl::info::event::command_execution_status>() ==
+                         sycl::info::event_command_status::complete;
   }
 
   void synchronizeEvent(void* event) const override {

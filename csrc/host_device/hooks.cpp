@@ -14,9 +14,7 @@ class XPUHooks final : public at::XPUHooksInterface {
   bool hasXPU() const override { return true; }
   bool isBuilt() const override { return true; }
   bool isAvailable() const override { return deviceCount() > 0; }
-  std::string showConfig() const override {
-    return "XPU backend: quillon's host device (the SYCL CPU device)";
-  }
+  std::string showConfig() const override { return "XPU backend: quillon's host device (the SYCL CPU device)"; }
   bool hasPrimaryContext(at::DeviceIndex /*device*/) const override { return is_initialized(); }
 
   at::DeviceIndex deviceCount() const override { return c10::xpu::device_count(); }
@@ -24,9 +22,7 @@ class XPUHooks final : public at::XPUHooksInterface {
   at::DeviceIndex current_device() const override { return c10::xpu::current_device(); }
   at::DeviceIndex getCurrentDevice() const override { return c10::xpu::current_device(); }
   void setCurrentDevice(at::DeviceIndex device) const override { c10::xpu::set_device(device); }
-  at::DeviceIndex exchangeDevice(at::DeviceIndex device) const override {
-    return c10::xpu::exchange_device(device);
-  }
+  at::DeviceIndex exchangeDevice(at::DeviceIndex device) const override { return c10::xpu::exchange_device(device); }
   at::DeviceIndex maybeExchangeDevice(at::DeviceIndex device) const override {
     return c10::xpu::maybe_exchange_device(device);
   }
@@ -39,9 +35,7 @@ class XPUHooks final : public at::XPUHooksInterface {
   }
   void deviceSynchronize(at::DeviceIndex device) const override { c10::xpu::syncStreamsOnDevice(device); }
 
-  const at::Generator& getDefaultGenerator(at::DeviceIndex device) const override {
-    return default_generator(device);
-  }
+  const at::Generator& getDefaultGenerator(at::DeviceIndex device) const override { return default_generator(device); }
   at::Generator getNewGenerator(at::DeviceIndex device) const override { return new_generator(device); }
 
   at::Allocator* getPinnedMemoryAllocator() const override { return pinned_allocator(); }

@@ -29,22 +29,21 @@ c10::DeviceGuard guard_for(Device device) {
 }
 
 void check_options(Layout layout, std::optional<bool> pin_memory) {
-  TORCH_CHECK_NOT_IMPLEMENTED(
-      layout.value_or(at::kStrided) == at::kStrided, *layout,
-      " tensors are not supported on quillon's host device. Allowed is torch.strided.");
+  TORCH_CHECK_NOT_IMPLEMENTED(layout.value_or(at::kStrided) == at::kStrided, *layout,
+                              " tensors are not supported on quillon's host device. Allowed is torch.strided.");
   TORCH_CHECK(!pin_memory.value_or(false), "Only dense CPU tensors can be pinned");
 }
 
-at::Tensor empty(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device,
-                 std::optional<bool> pin_memory, std::optional<at::MemoryFormat> memory_format) {
+at::Tensor empty(at::IntArrayRef size, ScalarType dtype, Layout layout, Device device, std::optional<bool> pin_memory,
+                 std::optional<at::MemoryFormat> memory_format) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
   return at::detail::empty_generic(size, c10::GetAllocator(c10::kXPU), kXpuKeys, at::dtype_or_default(dtype),
                                    memory_format);
 }
 
-at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, ScalarType dtype, Layout layout,
-                         Device device, std::optional<bool> pin_memory) {
+at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, ScalarType dtype, Layout layout, Device device,
+                         std::optional<bool> pin_memory) {
   check_options(layout, pin_memory);
   const auto guard = guard_for(device);
   return at::detail::empty_strided_generic(size, stride, c10::GetAllocator(c10::kXPU), kXpuKeys,
@@ -100,15 +99,14 @@ at::Tensor& set_whole_storage(at::Tensor& self, at::Storage source) {
 at::Tensor& set_empty(at::Tensor& self) {
   const auto guard = guard_for(self.device());
   c10::Allocator* allocator = c10::GetAllocator(c10::kXPU);
-  c10::Storage storage(c10::make_intrusive<c10::StorageImpl>(
-      c10::StorageImpl::use_byte_size_t(), 0, allocator->allocate(0), allocator, /*resizable=*/true));
+  c10::Storage storage(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), 0,
+                                                             allocator->allocate(0), allocator, /*resizable=*/true));
   return set_source_storage(self, std::move(storage), 0, {0}, {});
 }
 
 at::Tensor& set_tensor(at::Tensor& self, const at::Tensor& source) {
   if (self.unsafeGetTensorImpl() == source.unsafeGetTensorImpl()) return self;
-  return set_source_storage(self, source.storage(), source.storage_offset(), source.sizes(),
-                            source.strides());
+  return set_source_storage(self, source.storage(), source.storage_offset(), source.sizes(), source.strides());
 }
 
 void record_stream(at::Tensor& self, c10::Stream stream) {
@@ -116,11 +114,9 @@ void record_stream(at::Tensor& self, c10::Stream stream) {
 }
 
 // The CPU kernel calls no generator that the caller could have given, so it would draw from the CPU's own.
-std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, double p,
-                                                  std::optional<bool> train) {
+std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, double p, std::optional<bool> train) {
   if (input.numel() == 0) return {input, at::empty_like(input, input.options())};
-  if (train.has_value() && !*train)
-    return {input.clone(), at::ones_like(input, input.options().dtype(at::kBool))};
+  if (train.has_value() && !*train) return {input.clone(), at::ones_like(input, input.options().dtype(at::kBool))};
   at::Tensor mask = at::empty(input.sizes(), input.options().dtype(at::kBool)).bernoulli_(1 - p);
   const double scale = p == 1 ? 0.0 : 1.0 / (1.0 - p);
   return {input.mul(mask).mul_(scale), mask};
@@ -130,9 +126,8 @@ std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, doubl
 // all of it is left to the CPU, whose fused kernel is fast; with them, the form made of plain operators has
 // derivatives.
 at::Tensor differentiable_attention(c10::DispatchKeySet keys, const at::Tensor& query, const at::Tensor& key,
-                                    const at::Tensor& value, const std::optional<at::Tensor>& mask,
-                                    double dropout_p, bool is_causal, std::optional<double> scale,
-                                    bool enable_gqa) {
+                                    const at::Tensor& value, const std::optional<at::Tensor>& mask, double dropout_p,
+                                    bool is_causal, std::optional<double> scale, bool enable_gqa) {
   const bool mask_needs_gradient = mask && mask->requires_grad();
   const bool needs_gradient = at::GradMode::is_enabled() && (query.requires_grad() || key.requires_grad() ||
                                                              value.requires_grad() || mask_needs_gradient);
@@ -141,16 +136,16 @@ at::Tensor differentiable_attention(c10::DispatchKeySet keys, const at::Tensor& 
                                .findSchemaOrThrow("aten::scaled_dot_product_attention", "")
                                .typed<decltype(at::scaled_dot_product_attention)>();
     const at::AutoDispatchBelowAutograd below_autograd;
-    return op.redispatch(keys & c10::after_autograd_keyset, query, key, value, mask, dropout_p, is_causal,
-                         scale, enable_gqa);
+    return op.redispatch(keys & c10::after_autograd_keyset, query, key, value, mask, dropout_p, is_causal, scale,
+                         enable_gqa);
   }
   std::optional<at::Tensor> float_mask = mask;
   if (mask && mask->defined() && mask->scalar_type() == at::kBool) {
     const double minus_infinity = -std::numeric_limits<double>::infinity();
     float_mask = at::zeros(mask->sizes(), query.options()).masked_fill_(mask->logical_not(), minus_infinity);
   }
-  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, float_mask, dropout_p,
-                                                            is_causal, std::nullopt, scale, enable_gqa));
+  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, float_mask, dropout_p, is_causal,
+                                                            std::nullopt, scale, enable_gqa));
 }
 
 }  // namespace
@@ -177,8 +172,8 @@ TORCH_LIBRARY_IMPL(aten, XPU, m) {
   m.impl("native_dropout", TORCH_FN(native_dropout));
 
   // Whole, where PyTorch would first look for an XPU form of the parts.
-  for (const char* name : {"copy_", "convolution", "_convolution", "convolution_backward",
-                           "native_group_norm_backward", "scaled_dot_product_attention"}) {
+  for (const char* name : {"copy_", "convolution", "_convolution", "convolution_backward", "native_group_norm_backward",
+                           "scaled_dot_product_attention"}) {
     m.impl(name, torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
   }
 

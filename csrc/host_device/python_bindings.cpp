@@ -23,8 +23,7 @@ using c10::DeviceIndex;
 using c10::xpu::DeviceProp;
 
 py::tuple describe(const c10::Stream& stream) {
-  return py::make_tuple(stream.id(), static_cast<int>(stream.device_index()),
-                        static_cast<int>(stream.device_type()));
+  return py::make_tuple(stream.id(), static_cast<int>(stream.device_index()), static_cast<int>(stream.device_type()));
 }
 
 py::dict describe(const c10::CachingAllocator::StatArray& stat) {
@@ -87,8 +86,7 @@ void define_properties(py::module_& module) {
       .def_readonly("has_fp64", &DeviceProp::has_fp64)
       .def_readonly("has_atomic64", &DeviceProp::has_atomic64)
       .def_readonly("has_bfloat16_conversions", &DeviceProp::has_bfloat16_conversions)
-      .def_readonly("has_subgroup_matrix_multiply_accumulate",
-                    &DeviceProp::has_subgroup_matrix_multiply_accumulate)
+      .def_readonly("has_subgroup_matrix_multiply_accumulate", &DeviceProp::has_subgroup_matrix_multiply_accumulate)
       .def_readonly("has_subgroup_matrix_multiply_accumulate_tensor_float32",
                     &DeviceProp::has_subgroup_matrix_multiply_accumulate_tensor_float32)
       .def_readonly("has_subgroup_2d_block_io", &DeviceProp::has_subgroup_2d_block_io)
@@ -99,10 +97,9 @@ void define_properties(py::module_& module) {
                              [](const DeviceProp& prop) { return static_cast<uint64_t>(prop.architecture); })
       .def("__repr__", [](const DeviceProp& prop) {
         std::ostringstream text;
-        text << "_XpuDeviceProperties(name='" << prop.name << "', platform_name='" << prop.platform_name
-             << "', type='" << type_name(prop) << "', driver_version='" << prop.driver_version
-             << "', total_memory=" << (prop.global_mem_size >> 20)
-             << "MB, max_compute_units=" << prop.max_compute_units
+        text << "_XpuDeviceProperties(name='" << prop.name << "', platform_name='" << prop.platform_name << "', type='"
+             << type_name(prop) << "', driver_version='" << prop.driver_version
+             << "', total_memory=" << (prop.global_mem_size >> 20) << "MB, max_compute_units=" << prop.max_compute_units
              << ", architecture=" << hex(static_cast<uint64_t>(prop.architecture)) << ")";
         return text.str();
       });
@@ -119,8 +116,7 @@ void define_devices(py::module_& module) {
   module.def("default_generators", [] {
     py::tuple generators(c10::xpu::device_count());
     for (DeviceIndex i = 0; i < c10::xpu::device_count(); ++i) {
-      generators[i] =
-          py::reinterpret_steal<py::object>(THPGenerator_initDefaultGenerator(default_generator(i)));
+      generators[i] = py::reinterpret_steal<py::object>(THPGenerator_initDefaultGenerator(default_generator(i)));
     }
     return generators;
   });
@@ -140,8 +136,7 @@ void define_devices(py::module_& module) {
     return device < 0 ? -1 : static_cast<int>(c10::xpu::exchange_device(static_cast<DeviceIndex>(device)));
   });
   module.def("_xpu_maybeExchangeDevice", [](int device) {
-    return device < 0 ? -1
-                      : static_cast<int>(c10::xpu::maybe_exchange_device(static_cast<DeviceIndex>(device)));
+    return device < 0 ? -1 : static_cast<int>(c10::xpu::maybe_exchange_device(static_cast<DeviceIndex>(device)));
   });
   module.def("_xpu_canDeviceAccessPeer", [](int device, int peer) {
     c10::xpu::check_device_index(static_cast<DeviceIndex>(device));
@@ -155,16 +150,14 @@ void define_devices(py::module_& module) {
 }
 
 void define_streams(py::module_& module) {
-  module.def("_xpu_getCurrentStream", [](int device) {
-    return describe(c10::xpu::getCurrentXPUStream(static_cast<DeviceIndex>(device)));
-  });
+  module.def("_xpu_getCurrentStream",
+             [](int device) { return describe(c10::xpu::getCurrentXPUStream(static_cast<DeviceIndex>(device))); });
   module.def("_xpu_getCurrentRawStream", [](int device) {
-    return reinterpret_cast<uintptr_t>(
-        &c10::xpu::getCurrentXPUStream(static_cast<DeviceIndex>(device)).queue());
+    return reinterpret_cast<uintptr_t>(&c10::xpu::getCurrentXPUStream(static_cast<DeviceIndex>(device)).queue());
   });
   module.def("_xpu_getStreamFromExternal", [](uintptr_t queue, int device) {
-    return describe(c10::xpu::getStreamFromExternal(reinterpret_cast<sycl::queue*>(queue),
-                                                    static_cast<DeviceIndex>(device)));
+    return describe(
+        c10::xpu::getStreamFromExternal(reinterpret_cast<sycl::queue*>(queue), static_cast<DeviceIndex>(device)));
   });
   // Makes the device of the stream the current one, too.
   module.def(
@@ -184,14 +177,11 @@ void define_streams(py::module_& module) {
     return c10::xpu::XPUStream::unpack3(stream_id, static_cast<DeviceIndex>(device), c10::kXPU).priority();
   });
   module.def("stream_priority_range", &c10::xpu::XPUStream::priority_range);
-  module.def("stream_from_pool",
-             [](int priority) { return describe(c10::xpu::getStreamFromPool(priority)); });
+  module.def("stream_from_pool", [](int priority) { return describe(c10::xpu::getStreamFromPool(priority)); });
   // torch.Event compares exact types and so refuses the events of a subclass.
   module.def("event_elapsed_time", [](const py::object& start, const py::object& end) {
-    TORCH_CHECK_TYPE(THPEvent_Check(start.ptr()) && THPEvent_Check(end.ptr()),
-                     "elapsed_time: expected an event");
-    return reinterpret_cast<THPEvent*>(start.ptr())
-        ->event.elapsedTime(reinterpret_cast<THPEvent*>(end.ptr())->event);
+    TORCH_CHECK_TYPE(THPEvent_Check(start.ptr()) && THPEvent_Check(end.ptr()), "elapsed_time: expected an event");
+    return reinterpret_cast<THPEvent*>(start.ptr())->event.elapsedTime(reinterpret_cast<THPEvent*>(end.ptr())->event);
   });
   module.def("_xpu_isCurrentStreamCapturing", [] { return false; });
 }

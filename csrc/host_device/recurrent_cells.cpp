@@ -22,9 +22,8 @@ Tensor tanh_slope(const Tensor& value) {
 }
 
 /// Returns (hy, cy, workspace). The workspace is [i, f, g, o], each after its activation.
-std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Tensor& hidden_gates,
-                                             const Tensor& cx, const Bias& input_bias,
-                                             const Bias& hidden_bias) {
+std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Tensor& hidden_gates, const Tensor& cx,
+                                             const Bias& input_bias, const Bias& hidden_bias) {
   const auto gates = (add_bias(input_gates, input_bias) + add_bias(hidden_gates, hidden_bias)).chunk(4, 1);
   const Tensor i = gates[0].sigmoid(), f = gates[1].sigmoid(), g = gates[2].tanh(), o = gates[3].sigmoid();
   Tensor cy = f * cx + i * g;
@@ -35,8 +34,7 @@ std::tuple<Tensor, Tensor, Tensor> lstm_cell(const Tensor& input_gates, const Te
 /// Returns (grad_gates, grad_cx, grad_bias).
 std::tuple<Tensor, Tensor, Tensor> lstm_cell_backward(const std::optional<Tensor>& grad_hy,
                                                       const std::optional<Tensor>& grad_cy, const Tensor& cx,
-                                                      const Tensor& cy, const Tensor& workspace,
-                                                      bool has_bias) {
+                                                      const Tensor& cy, const Tensor& workspace, bool has_bias) {
   const bool has_hy = grad_hy && grad_hy->defined(), has_cy = grad_cy && grad_cy->defined();
   if (!has_hy && !has_cy) return {};
   const auto parts = workspace.chunk(4, 1);
@@ -47,8 +45,8 @@ std::tuple<Tensor, Tensor, Tensor> lstm_cell_backward(const std::optional<Tensor
     grad_o = *grad_hy * tanh_cy * sigmoid_slope(o);
     grad_c = grad_c + *grad_hy * o * tanh_slope(tanh_cy);
   }
-  Tensor grad_gates = at::cat(
-      {grad_c * g * sigmoid_slope(i), grad_c * cx * sigmoid_slope(f), grad_c * i * tanh_slope(g), grad_o}, 1);
+  Tensor grad_gates =
+      at::cat({grad_c * g * sigmoid_slope(i), grad_c * cx * sigmoid_slope(f), grad_c * i * tanh_slope(g), grad_o}, 1);
   Tensor grad_bias = has_bias ? grad_gates.sum(0) : Tensor();
   return {std::move(grad_gates), grad_c * f, std::move(grad_bias)};
 }
@@ -65,8 +63,8 @@ std::tuple<Tensor, Tensor> gru_cell(const Tensor& input_gates, const Tensor& hid
 }
 
 /// Returns (grad_input_gates, grad_hidden_gates, grad_hx, grad_input_bias, grad_hidden_bias).
-std::tuple<Tensor, Tensor, Tensor, Tensor, Tensor> gru_cell_backward(const Tensor& grad_hy,
-                                                                     const Tensor& workspace, bool has_bias) {
+std::tuple<Tensor, Tensor, Tensor, Tensor, Tensor> gru_cell_backward(const Tensor& grad_hy, const Tensor& workspace,
+                                                                     bool has_bias) {
   const auto parts = workspace.chunk(5, 1);
   const Tensor &r = parts[0], &z = parts[1], &n = parts[2], &hx = parts[3], &hidden_n = parts[4];
   const Tensor grad_n = grad_hy * (1 - z) * tanh_slope(n);

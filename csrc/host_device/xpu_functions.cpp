@@ -41,10 +41,9 @@ uint64_t parse_architecture(std::string_view item, size_t position) {
   errno = 0;
   const bool well_formed = !digits.empty() && digits.find_first_not_of(allowed) == std::string::npos;
   const uint64_t value = well_formed ? std::strtoull(digits.c_str(), nullptr, hexadecimal ? 16 : 10) : 0;
-  TORCH_CHECK_VALUE(
-      well_formed && errno == 0, kDevicesVariable, ": item ", position, " is '", item,
-      "', which is not a 64-bit architecture identifier. Allowed is a comma-separated list of 1 to ",
-      kMaxDevices, " identifiers, each decimal or hexadecimal with 0x (for example 0x30F000700,0).");
+  TORCH_CHECK_VALUE(well_formed && errno == 0, kDevicesVariable, ": item ", position, " is '", item,
+                    "', which is not a 64-bit architecture identifier. Allowed is a comma-separated list of 1 to ",
+                    kMaxDevices, " identifiers, each decimal or hexadecimal with 0x (for example 0x30F000700,0).");
   return value;
 }
 
@@ -55,8 +54,7 @@ std::vector<uint64_t> read_architectures() {
   std::vector<uint64_t> architectures;
   for (size_t start = 0; start <= list.size();) {
     const size_t end = std::min(list.find(',', start), list.size());
-    architectures.push_back(
-        parse_architecture(trim(list.substr(start, end - start)), architectures.size() + 1));
+    architectures.push_back(parse_architecture(trim(list.substr(start, end - start)), architectures.size() + 1));
     start = end + 1;
   }
   TORCH_CHECK_VALUE(architectures.size() <= kMaxDevices, kDevicesVariable, " lists ", architectures.size(),
@@ -76,15 +74,13 @@ sycl::device find_cpu_device() {
     const char* value = std::getenv(name);
     return value ? value : "unset";
   };
-  TORCH_CHECK(
-      !devices.empty(), "quillon's host device needs the SYCL runtime's CPU device, and there is none",
-      reason,
-      ". Its driver, libintelocl.so, comes with: pip install 'quillon[host]'. OCL_ICD_FILENAMES names that "
-      "driver and is ",
-      show("OCL_ICD_FILENAMES"),
-      "; ONEAPI_DEVICE_SELECTOR, if set, must allow opencl:cpu "
-      "and is ",
-      show("ONEAPI_DEVICE_SELECTOR"), ".");
+  TORCH_CHECK(!devices.empty(), "quillon's host device needs the SYCL runtime's CPU device, and there is none", reason,
+              ". Its driver, libintelocl.so, comes with: pip install 'quillon[host]'. OCL_ICD_FILENAMES names that "
+              "driver and is ",
+              show("OCL_ICD_FILENAMES"),
+              "; ONEAPI_DEVICE_SELECTOR, if set, must allow opencl:cpu "
+              "and is ",
+              show("ONEAPI_DEVICE_SELECTOR"), ".");
   return devices.front();
 }
 
@@ -106,10 +102,9 @@ const std::vector<uint64_t>& declared_architectures() {
 }
 
 void check_not_forked() {
-  TORCH_CHECK(
-      !in_bad_fork(),
-      "Cannot re-initialize XPU in forked subprocess. To use XPU with multiprocessing, you must use the "
-      "'spawn' start method");
+  TORCH_CHECK(!in_bad_fork(),
+              "Cannot re-initialize XPU in forked subprocess. To use XPU with multiprocessing, you must use the "
+              "'spawn' start method");
 }
 
 Platform& platform() {
@@ -197,17 +192,15 @@ void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
 
 // The headers list the properties by macro, so reading them takes macros too.
 #define READ_PROPERTY(property) device_prop->property = raw.get_info<sycl::info::device::property>();
-#define READ_EXTENSION(property, aspect_name, default_value)         \
-  device_prop->property =                                            \
-      raw.has(sycl::aspect::ext_intel_##aspect_name)                 \
-          ? raw.get_info<sycl::ext::intel::info::device::property>() \
-          : static_cast<sycl::ext::intel::info::device::property::return_type>(default_value);
+#define READ_EXTENSION(property, aspect_name, default_value)                             \
+  device_prop->property = raw.has(sycl::aspect::ext_intel_##aspect_name)                 \
+                              ? raw.get_info<sycl::ext::intel::info::device::property>() \
+                              : static_cast<sycl::ext::intel::info::device::property::return_type>(default_value);
 #define READ_ASPECT(member) device_prop->has_##member = raw.has(sycl::aspect::member);
 #define READ_EXPERIMENTAL_ASPECT(member) device_prop->has_##member = raw_has_##member;
 
   AT_FORALL_XPU_DEVICE_PROPERTIES(READ_PROPERTY)
-  device_prop->platform_name =
-      raw.get_info<sycl::info::device::platform>().get_info<sycl::info::platform::name>();
+  device_prop->platform_name = raw.get_info<sycl::info::device::platform>().get_info<sycl::info::platform::name>();
   AT_FORALL_XPU_EXT_DEVICE_PROPERTIES(READ_EXTENSION)
 #if SYCL_COMPILER_VERSION >= 20260000
   device_prop->is_integrated_gpu = false;
@@ -215,8 +208,7 @@ void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
   AT_FORALL_XPU_DEVICE_ASPECT(READ_ASPECT)
   // A CPU device has none of these OpenCL extensions of GPUs.
   const bool raw_has_bfloat16_conversions = false, raw_has_subgroup_matrix_multiply_accumulate = false,
-             raw_has_subgroup_matrix_multiply_accumulate_tensor_float32 = false,
-             raw_has_subgroup_2d_block_io = false;
+             raw_has_subgroup_matrix_multiply_accumulate_tensor_float32 = false, raw_has_subgroup_2d_block_io = false;
   AT_FORALL_XPU_EXP_CL_ASPECT(READ_EXPERIMENTAL_ASPECT)
   device_prop->architecture =
       static_cast<sycl::ext::oneapi::experimental::architecture>(declared_architectures().at(device));

@@ -42,9 +42,9 @@ syclexp::include_files embedded_headers() {
 const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context, const sycl::device& device) {
   std::string log;
   try {
-    auto source = syclexp::create_kernel_bundle_from_source(
-        context, syclexp::source_language::sycl, device_build_text(entry.header, {entry.name}),
-        syclexp::properties{embedded_headers()});
+    auto source = syclexp::create_kernel_bundle_from_source(context, syclexp::source_language::sycl,
+                                                            device_build_text(entry.header, {entry.name}),
+                                                            syclexp::properties{embedded_headers()});
     auto executable =
         syclexp::build(source, {device},
                        syclexp::properties{syclexp::registered_names{entry.name},
@@ -155,7 +155,9 @@ const sycl::kernel& find_kernel(KernelEntry& entry, const sycl::queue& queue, c1
   return built->kernel;
 }
 
-void set_build_observer(BuildObserver observer) { build_observer.store(observer); }
+void set_build_observer(BuildObserver observer) {
+  build_observer.store(observer);
+}
 
 void close_library() {
   if (library().process != getpid()) return;  // a forked child has none of the threads that build

@@ -115,8 +115,7 @@ def weight_format(name_or_code: str | int) -> Format:
     found = get_format(name_or_code)
     if not found.is_weight:
         raise ValueError(
-            f"{found.name} ({found.code}) holds activations, not weights; "
-            f"allowed: {', '.join(WEIGHT_FORMATS)}"
+            f"{found.name} ({found.code}) holds activations, not weights; allowed: {', '.join(WEIGHT_FORMATS)}"
         )
     return found
 
@@ -142,13 +141,9 @@ def check_shape(format: str | int, rows: int, cols: int) -> Format:
     if rows < 1 or cols < 1:
         raise ValueError(f"rows and cols must be positive, got {rows} by {cols}")
     if cols % found.elements:
-        raise ValueError(
-            f"cols must be a multiple of {found.elements} for {found.name}, got {rows} by {cols}"
-        )
+        raise ValueError(f"cols must be a multiple of {found.elements} for {found.name}, got {rows} by {cols}")
     if rows * cols > MAX_ELEMENTS:
-        raise ValueError(
-            f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}"
-        )
+        raise ValueError(f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {cols} = {rows * cols}")
     return found
 
 

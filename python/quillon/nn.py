@@ -72,9 +72,7 @@ class LowBitLinear(nn.Module):
         self._checked_devices: set[torch.device] = set()
 
     @classmethod
-    def from_linear(
-        cls, linear: nn.Linear, format: str | int, *, importance: Tensor | None = None
-    ) -> LowBitLinear:
+    def from_linear(cls, linear: nn.Linear, format: str | int, *, importance: Tensor | None = None) -> LowBitLinear:
         """Pack the weight of a dense layer. The result lies on the device of ``linear``.
 
         ``importance``: (in_features,), how much each column counts in the quantizer's squared error.

@@ -260,8 +260,7 @@ def dequantize_reference(
     blocks = rows * cols // fmt.elements
     if data.shape != (blocks * fmt.bytes,):
         raise ValueError(
-            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, "
-            f"got {tuple(data.shape)}"
+            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, got {tuple(data.shape)}"
         )
     data = data.detach().cpu().contiguous()
     sizes = dict(fmt.fields)

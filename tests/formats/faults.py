@@ -152,9 +152,7 @@ def rounded_scale(reader: str, *names: str) -> Wrong:
 
     def wrong(fields: Fields, dtype: str) -> Array:
         arithmetic = decoders.Arithmetic(dtype)
-        seen = {
-            name: arithmetic.cast(f).astype(np.float32) if name in names else f for name, f in fields.items()
-        }
+        seen = {name: arithmetic.cast(f).astype(np.float32) if name in names else f for name, f in fields.items()}
         return decoders.store(read(reader, seen, "float32"), dtype)
 
     return wrong
@@ -185,11 +183,7 @@ def _iq2_word(change: Callable[[Array], Array]) -> Change:
 
 def _iq2_rotated_signs(word: Array) -> Array:
     signs = word & np.uint32(0x0FFFFFFF)
-    return (
-        (word & np.uint32(0xF0000000))
-        | ((signs << np.uint32(7)) & np.uint32(0x0FFFFFFF))
-        | (signs >> np.uint32(21))
-    )
+    return (word & np.uint32(0xF0000000)) | ((signs << np.uint32(7)) & np.uint32(0x0FFFFFFF)) | (signs >> np.uint32(21))
 
 
 def _within_vectors(reader: str, order: list[int]) -> Wrong:
@@ -246,9 +240,7 @@ def _common(reader: str, scale: str = "d") -> list[Fault]:
     entry = FORMATS[READERS[reader].format]
     width = next(f.bytes for region in entry.regions for f in region if f.name == scale)
     return [
-        Fault(
-            reader, "scale index", "scale of the neighbour block", changed(reader, **{scale: neighbour_block})
-        ),
+        Fault(reader, "scale index", "scale of the neighbour block", changed(reader, **{scale: neighbour_block})),
         Fault(reader, "offset", "one byte off", misplaced(reader, 1)),
         Fault(reader, "offset", "one scale behind", misplaced(reader, width)),
         Fault(reader, "offset", "one scale before", misplaced(reader, -width)),
@@ -322,18 +314,14 @@ FAULTS += [
     Fault("decode_q5_1", "minimum", "taken for the scale", exchanged("decode_q5_1", "d", "m")),
     Fault("decode_q5_1", "plane", "qs before qh", reordered("decode_q5_1", "d", "m", "qs", "qh")),
     Fault("decode_q5_1_matvec", "rounding", "computed in float", as_reader("decode_q5_1"), "float16"),
-    Fault(
-        "decode_q5_1_matvec", "rounding", "double in float", as_reader("decode_q5_1"), "float64", "any bytes"
-    ),
+    Fault("decode_q5_1_matvec", "rounding", "double in float", as_reader("decode_q5_1"), "float64", "any bytes"),
     *_common("decode_q8_0"),
     Fault("decode_q8_0", "order", "bytes reversed", changed("decode_q8_0", qs=reverse)),
     Fault("decode_q8_0", "sign", "offset binary", changed("decode_q8_0", qs=flip(-128))),
     Fault("decode_q8_0", "sign", "sign dropped", changed("decode_q8_0", qs=keep(0x7F))),
     Fault("decode_q8_0", "plane", "scales first", reordered("decode_q8_0", "d", "qs")),
     Fault("decode_q8_0", "rounding", "scale not rounded to half", through_float("decode_q8_0"), "float16"),
-    Fault(
-        "decode_q8_0", "rounding", "scale not rounded to bfloat16", through_float("decode_q8_0"), "bfloat16"
-    ),
+    Fault("decode_q8_0", "rounding", "scale not rounded to bfloat16", through_float("decode_q8_0"), "bfloat16"),
     *_common("decode_q8_1"),
     Fault("decode_q8_1", "order", "bytes reversed", changed("decode_q8_1", qs=reverse)),
     Fault("decode_q8_1", "sign", "sign dropped", changed("decode_q8_1", qs=keep(0x7F))),
@@ -399,9 +387,7 @@ FAULTS += [
     ),
     Fault("decode_q2_k", "order", "halves of the super-block exchanged", changed("decode_q2_k", qs=halves)),
     Fault("decode_q2_k", "plane", "bits of a code exchanged", changed("decode_q2_k", qs=swap_bits_in_pairs)),
-    Fault(
-        "decode_q2_k", "plane", "codes before scales", reordered("decode_q2_k", "qs", "scales", "d", "dmin")
-    ),
+    Fault("decode_q2_k", "plane", "codes before scales", reordered("decode_q2_k", "qs", "scales", "d", "dmin")),
     Fault("decode_q2_k", "sub-block", "next sub-block", changed("decode_q2_k", scales=next_place())),
     Fault(
         "decode_q2_k",
@@ -409,9 +395,7 @@ FAULTS += [
         "sub-blocks transposed",
         changed("decode_q2_k", scales=_sub_blocks_transposed),
     ),
-    Fault(
-        "decode_q2_k", "minimum", "scale and minimum exchanged", changed("decode_q2_k", scales=swap_nibbles)
-    ),
+    Fault("decode_q2_k", "minimum", "scale and minimum exchanged", changed("decode_q2_k", scales=swap_nibbles)),
     Fault("decode_q2_k", "minimum", "dropped", changed("decode_q2_k", dmin=clear)),
     Fault("decode_q2_k", "minimum", "d and dmin exchanged", exchanged("decode_q2_k", "d", "dmin")),
     Fault("decode_q2_k", "sign", "minimum added", changed("decode_q2_k", dmin=np.negative)),
@@ -452,9 +436,7 @@ FAULTS += [
         "fifth bits from the high end",
         changed("decode_q5_k", qh=lambda x: reverse(reverse_bits(x))),
     ),
-    Fault(
-        "decode_q5_k", "plane", "qs before qh", reordered("decode_q5_k", "d", "dmin", "scales", "qs", "qh")
-    ),
+    Fault("decode_q5_k", "plane", "qs before qh", reordered("decode_q5_k", "d", "dmin", "scales", "qs", "qh")),
     Fault("decode_q5_k", "sub-block", "next sub-block", changed("decode_q5_k", scales=next_place())),
     Fault(
         "decode_q5_k",
@@ -483,9 +465,7 @@ FAULTS += [
     Fault("decode_q5_k", "rounding", "scales rounded", rounded_scale("decode_q5_k", "d", "dmin"), "bfloat16"),
     *_common("decode_q6_k"),
     *_six_bit("decode_q6_k"),
-    Fault(
-        "decode_q6_k", "plane", "lanes of fp6", changed("decode_q6_k", ql=_FP6_FOR_MEMORY, qh=_FP6_FOR_MEMORY)
-    ),
+    Fault("decode_q6_k", "plane", "lanes of fp6", changed("decode_q6_k", ql=_FP6_FOR_MEMORY, qh=_FP6_FOR_MEMORY)),
     Fault("decode_q6_k", "plane", "low plane first", reordered("decode_q6_k", "ql", "qh", "scales", "d")),
     Fault("decode_q6_k", "sub-block", "next sub-block", changed("decode_q6_k", scales=next_place())),
     Fault(
@@ -494,9 +474,7 @@ FAULTS += [
         "sub-blocks transposed",
         changed("decode_q6_k", scales=_sub_blocks_transposed),
     ),
-    Fault(
-        "decode_q6_k", "sign", "unsigned scales", changed("decode_q6_k", scales=lambda x: x.view(np.uint8))
-    ),
+    Fault("decode_q6_k", "sign", "unsigned scales", changed("decode_q6_k", scales=lambda x: x.view(np.uint8))),
     Fault("decode_q6_k", "sign", "top code bit inverted", changed("decode_q6_k", qh=flip(0xAA))),
     Fault("decode_q6_k", "rounding", "two-level scale in half", _q6_k_scale_in_half),
     *_common("decode_fp6_k"),
@@ -515,9 +493,7 @@ FAULTS += [
         "sub-blocks transposed",
         changed("decode_fp6_k", scales=_sub_blocks_transposed),
     ),
-    Fault(
-        "decode_fp6_k", "sign", "unsigned scales", changed("decode_fp6_k", scales=lambda x: x.view(np.uint8))
-    ),
+    Fault("decode_fp6_k", "sign", "unsigned scales", changed("decode_fp6_k", scales=lambda x: x.view(np.uint8))),
     Fault("decode_fp6_k", "sign", "sign dropped", changed("decode_fp6_k", qh=keep(0x55))),
     Fault("decode_fp6_k", "rounding", "two-level scale in float", _fp6_k_scale_in_float),
     *_common("decode_iq2_xxs"),
@@ -533,9 +509,7 @@ FAULTS += [
         "positions reversed",
         _within_vectors("decode_iq2_xxs", list(range(7, -1, -1))),
     ),
-    Fault(
-        "decode_iq2_xxs", "plane", "word before indices", changed("decode_iq2_xxs", qs=_iq2_groups(halves))
-    ),
+    Fault("decode_iq2_xxs", "plane", "word before indices", changed("decode_iq2_xxs", qs=_iq2_groups(halves))),
     Fault("decode_iq2_xxs", "plane", "scale at the record's end", reordered("decode_iq2_xxs", "qs", "d")),
     Fault("decode_iq2_xxs", "sub-block", "next group", changed("decode_iq2_xxs", qs=next_place(8))),
     Fault(

@@ -76,9 +76,7 @@ def test_bfloat16_by_hand(shim: Shim) -> None:
 
 
 def test_half_by_hand(shim: Shim) -> None:
-    x = np.array(
-        [65519.996, 65520.0, 2**-24, 2**-25, 1.5 * 2**-24, 2.5 * 2**-24, -(2**-25) * 1.0001], np.float32
-    )
+    x = np.array([65519.996, 65520.0, 2**-24, 2**-25, 1.5 * 2**-24, 2.5 * 2**-24, -(2**-25) * 1.0001], np.float32)
     expected = [0x7BFF, 0x7C00, 0x0001, 0x0000, 0x0002, 0x0002, 0x8001]
     assert shim.convert(x, "float32", "float16").tolist() == expected
 

@@ -51,9 +51,7 @@ def path(values: dict[str, np.ndarray], tmp_path_factory: pytest.TempPathFactory
 
 
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
-def test_matrices_are_packed_as_quantize_packs_them(
-    name: str, path: Path, values: dict[str, np.ndarray]
-) -> None:
+def test_matrices_are_packed_as_quantize_packs_them(name: str, path: Path, values: dict[str, np.ndarray]) -> None:
     read = from_gguf(path, name, tensors=["wide.*", "half.*"])
     assert list(read) == ["wide.weight", "half.weight"]
     for key, imported in read.items():
@@ -89,9 +87,7 @@ def test_fallback_for_rows_that_do_not_fit(path: Path) -> None:
 
 
 def test_errors(path: Path, tmp_path: Path) -> None:
-    with pytest.raises(
-        ValueError, match=r"narrow.weight has 192 columns, which is no multiple of the 256 that q4_k"
-    ):
+    with pytest.raises(ValueError, match=r"narrow.weight has 192 columns, which is no multiple of the 256 that q4_k"):
         from_gguf(path, "q4_k", tensors="narrow.*")
     with pytest.raises(ValueError, match=r"odd.weight has 30 columns, .* name a fallback format"):
         from_gguf(path, "q4_k", fallback="q4_0")

@@ -325,10 +325,7 @@ def test_wide_range_with_float_scales() -> None:
     for name in ("q8_0", "fp8_e4m3"):
         for scale in (1e-25, 1e12):
             weight = scale * randn(2, 256)
-            assert (
-                float((decoded(weight, name) / scale - weight / scale).norm() / (weight / scale).norm())
-                < 0.03
-            )
+            assert float((decoded(weight, name) / scale - weight / scale).norm() / (weight / scale).norm()) < 0.03
 
 
 def test_unimportant_columns_may_be_wrong_but_not_undefined() -> None:

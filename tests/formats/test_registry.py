@@ -146,9 +146,7 @@ def test_starts_of_other_readers(shim: Shim, name: str, state_size: int, output_
         ("fp6_k", 65536, 65536, [0, 0, 0]),
     ],
 )
-def test_region_starts_by_hand(
-    shim: Shim, name: str, state_size: int, output_size: int, starts: list[int]
-) -> None:
+def test_region_starts_by_hand(shim: Shim, name: str, state_size: int, output_size: int, starts: list[int]) -> None:
     assert shim.regions_of(FORMATS[name].qtype, state_size, output_size) == padded(starts)
 
 

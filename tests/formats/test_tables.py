@@ -82,9 +82,7 @@ def test_fp6_patterns(shim: Shim) -> None:
     half = shim.patterns("fp6_half", codes).astype(np.uint16).view(np.float16)
     exponent, mantissa = codes >> 2, codes & 3
     normal = 2.0 ** (exponent.astype(int) - 15) * (1 + (mantissa + 0.5) / 4)
-    assert np.array_equal(
-        half, np.where(exponent > 0, normal, 2.0**-14 * (mantissa + 0.5) / 4).astype(np.float16)
-    )
+    assert np.array_equal(half, np.where(exponent > 0, normal, 2.0**-14 * (mantissa + 0.5) / 4).astype(np.float16))
     negative = shim.patterns("fp6_half", codes | 0x80).astype(np.uint16).view(np.float16)
     assert np.array_equal(negative, -half)
     # Bits 5 and 6 of a spread code are not part of it.

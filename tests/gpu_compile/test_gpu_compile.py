@@ -74,9 +74,7 @@ def test_double_precision_is_asked_for_where_there_is_some(architecture: int) ->
     ("kernel", "fault"),
     [("spilling_kernel<float,16>", "spilled"), ("private_array_kernel<float,16>", "private memory")],
 )
-@pytest.mark.parametrize(
-    "architecture", [0x300000000, 0x30DC00800, 0x30F000700, 0x501000400], ids=device_argument
-)
+@pytest.mark.parametrize("architecture", [0x300000000, 0x30DC00800, 0x30F000700, 0x501000400], ids=device_argument)
 def test_a_bad_kernel_is_found_out(kernel: str, fault: str, architecture: int) -> None:
     spirv = dump_spirv("bad_kernels.h", [kernel], root=Path(__file__).parent)[kernel]
     info = compile_for_gpu(spirv.module, architecture).kernels[spirv.entry]

@@ -25,9 +25,7 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
         return
     for item in items:
         if HERE in item.path.parents:
-            item.add_marker(
-                pytest.mark.skip(reason="this PyTorch has XPU itself: the host device is not in use")
-            )
+            item.add_marker(pytest.mark.skip(reason="this PyTorch has XPU itself: the host device is not in use"))
 
 
 @pytest.fixture(scope="session")

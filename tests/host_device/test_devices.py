@@ -124,9 +124,7 @@ def test_memory_statistics() -> None:
     assert torch.xpu.memory_allocated(6) == before
     assert torch.xpu.max_memory_allocated(6) - before == 1 << 20
     assert torch.xpu.memory_reserved(6) - before >= 1 << 20
-    assert (
-        torch.empty((1 << 20) - 7, dtype=torch.uint8, device="xpu:6").data_ptr() == address
-    )  # from the cache
+    assert torch.empty((1 << 20) - 7, dtype=torch.uint8, device="xpu:6").data_ptr() == address  # from the cache
     reserved = torch.xpu.memory_reserved(6)
     torch.xpu.empty_cache()
     assert torch.xpu.memory_reserved(6) <= reserved - (1 << 20)

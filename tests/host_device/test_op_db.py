@@ -151,9 +151,7 @@ def check_gradients(op: Any, sample: Any) -> bool:
         outputs = [t for t in tensors_in(result) if t.requires_grad]
         if not outputs:
             return False
-        gradients.append(
-            torch.autograd.grad(outputs, leaves, [torch.ones_like(t) for t in outputs], allow_unused=True)
-        )
+        gradients.append(torch.autograd.grad(outputs, leaves, [torch.ones_like(t) for t in outputs], allow_unused=True))
     for expected, got in zip(*gradients, strict=True):
         assert (got is None) == (expected is None)
         if expected is not None and got is not None:
@@ -222,9 +220,7 @@ def check_operator_gradients(op: Any) -> None:
 def test_gradients_agree_with_the_cpu() -> None:
     excluded = EXCEPTIONS.keys() | FACTORIES
     candidates = [
-        op
-        for op in op_db
-        if op.supports_autograd and torch.float32 in op.dtypes and name_of(op) not in excluded
+        op for op in op_db if op.supports_autograd and torch.float32 in op.dtypes and name_of(op) not in excluded
     ]
     failures = {name_of(op): text for op in candidates if (text := failure_of(check_operator_gradients, op))}
     assert not failures, "\n".join(f"{name}: {text}" for name, text in failures.items())

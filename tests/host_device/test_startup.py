@@ -138,9 +138,7 @@ print(os.path.basename(os.environ["OCL_ICD_FILENAMES"]), os.environ["SYCL_CACHE_
     assert output_of(run_python(script, XDG_CACHE_HOME=base)) == f"libintelocl.so 1 {folder} {folder}"
     off = run_python(script, XDG_CACHE_HOME=base, SYCL_CACHE_PERSISTENT="0")
     assert output_of(off).endswith("0 None None")
-    own = run_python(
-        script, SYCL_CACHE_PERSISTENT="1", SYCL_CACHE_DIR="/elsewhere", OCL_ICD_FILENAMES="my.so"
-    )
+    own = run_python(script, SYCL_CACHE_PERSISTENT="1", SYCL_CACHE_DIR="/elsewhere", OCL_ICD_FILENAMES="my.so")
     assert output_of(own) == "my.so 1 /elsewhere /elsewhere"
     assert output_of(run_python(script, SYCL_CACHE_DIR="/elsewhere")).endswith("1 /elsewhere /elsewhere")
 

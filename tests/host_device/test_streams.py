@@ -56,9 +56,7 @@ def test_writing_waits(block: torch.Tensor, stream: torch.xpu.Stream, fill_slowl
     assert block[-1].item() == 8
 
 
-def test_views_and_allocations_do_not_wait(
-    block: torch.Tensor, stream: torch.xpu.Stream, fill_slowly: Fill
-) -> None:
+def test_views_and_allocations_do_not_wait(block: torch.Tensor, stream: torch.xpu.Stream, fill_slowly: Fill) -> None:
     fill_slowly(block, 42, stream)
     view = block.view(2, -1)[1]
     torch.empty(10, device="xpu:1")
@@ -101,9 +99,7 @@ def test_operators_wait_for_the_current_stream_only(block: torch.Tensor, fill_sl
     assert torch.xpu.current_device() == 0
 
 
-def test_synchronize_waits_for_all_streams(
-    block: torch.Tensor, stream: torch.xpu.Stream, fill_slowly: Fill
-) -> None:
+def test_synchronize_waits_for_all_streams(block: torch.Tensor, stream: torch.xpu.Stream, fill_slowly: Fill) -> None:
     side = torch.xpu.Stream("xpu:1")
     half = BYTES // 2
     fill_slowly(block[:half], 3, stream)

@@ -201,9 +201,7 @@ def test_several_results_that_share_memory() -> None:
 def test_operators_of_other_libraries_fall_back() -> None:
     for factor in (2, 3):  # a second library in the place of the first
         with torch.library._scoped_library("host_device_test", "FRAGMENT") as library:
-            library.define(
-                "scale(Tensor x) -> Tensor" if factor == 2 else "scale(int n, Tensor[] x) -> Tensor[]"
-            )
+            library.define("scale(Tensor x) -> Tensor" if factor == 2 else "scale(int n, Tensor[] x) -> Tensor[]")
             if factor == 2:
                 library.impl("scale", lambda x: x * 2, "CPU")
                 assert torch.ops.host_device_test.scale(matrix()).device == DEVICE

@@ -1,4 +1,4 @@
-"""What the tools say about the code: ruff and mypy are clean, and the stubs match the module."""
+"""What the tools say about the code: formatted, ruff and mypy are clean, and the stubs match the module."""
 
 from __future__ import annotations
 
@@ -19,6 +19,21 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
 def test_ruff_is_clean() -> None:
     found = run("ruff", "check", ".")
     assert found.returncode == 0, found.stdout + found.stderr
+
+
+def test_python_is_formatted() -> None:
+    found = run("ruff", "format", "--check", ".")
+    assert found.returncode == 0, found.stdout + found.stderr
+
+
+def test_cpp_is_formatted() -> None:
+    listed = subprocess.run(["git", "ls-files", "*.h", "*.cpp"], cwd=ROOT, capture_output=True, text=True, check=True)
+    files = [name for name in listed.stdout.split() if not name.endswith("_grid.h")]  # tables in columns of their own
+    assert len(files) > 50
+    found = subprocess.run(
+        ["clang-format", "--dry-run", "-Werror", *files], cwd=ROOT, capture_output=True, text=True, check=False
+    )
+    assert found.returncode == 0, found.stderr
 
 
 def test_mypy_is_clean() -> None:

@@ -27,12 +27,12 @@ struct reader {
 };
 
 // A macro, since a function template cannot be an argument of a template.
-#define READER(FUNCTION, QTYPE)                                                      \
-  {                                                                                  \
-    #FUNCTION, QTYPE, {                                                              \
-      decode_all<float, FUNCTION<float>>, decode_all<double, FUNCTION<double>>,      \
-          decode_all<half, FUNCTION<half>>, decode_all<bfloat16, FUNCTION<bfloat16>> \
-    }                                                                                \
+#define READER(FUNCTION, QTYPE)                                                                                   \
+  {                                                                                                               \
+    #FUNCTION, QTYPE, {                                                                                           \
+      decode_all<float, FUNCTION<float>>, decode_all<double, FUNCTION<double>>, decode_all<half, FUNCTION<half>>, \
+          decode_all<bfloat16, FUNCTION<bfloat16>>                                                                \
+    }                                                                                                             \
   }
 
 const reader readers[] = {
@@ -86,8 +86,7 @@ auto find(const Rows& rows, const char* name) -> decltype(&rows[0]) {
 
 template <typename To, typename From>
 void convert_all(const void* from, void* to, int64_t count) {
-  for (int64_t i = 0; i < count; ++i)
-    static_cast<To*>(to)[i] = convert<To>(static_cast<const From*>(from)[i]);
+  for (int64_t i = 0; i < count; ++i) static_cast<To*>(to)[i] = convert<To>(static_cast<const From*>(from)[i]);
 }
 
 template <typename From>
@@ -346,8 +345,7 @@ int shim_quants_q8_1(int type, const void* from, float absmax, int8_t* quants, i
 }
 
 // The rounded quotients of x by scale, from the quotients given.
-void shim_round_quotients(const float* x, const float* scale, const float* quotient, float* rounded,
-                          int64_t count) {
+void shim_round_quotients(const float* x, const float* scale, const float* quotient, float* rounded, int64_t count) {
   for (int64_t i = 0; i < count; ++i) rounded[i] = round_quotient(x[i], scale[i], quotient[i]);
 }
 

@@ -21,7 +21,9 @@ std::size_t shim_interpreter_message(const char* built_for, const char* interpre
   return text.size();
 }
 
-int shim_classify(std::uint64_t identifier) { return static_cast<int>(quillon::classify_architecture(identifier)); }
+int shim_classify(std::uint64_t identifier) {
+  return static_cast<int>(quillon::classify_architecture(identifier));
+}
 
 const char* shim_class_name(int device_class) {
   return quillon::device_class_name(static_cast<quillon::XpuDeviceClass>(device_class));
@@ -43,8 +45,14 @@ int shim_road(int device_class, int qtype, std::uint64_t batch, std::uint64_t ou
   return -1;
 }
 
-int shim_qtype_count() { return quillon::qtype_count; }
-std::int32_t shim_elements_per_block(int qtype) { return quillon::elements_per_block(qtype); }
-std::int64_t shim_bytes_per_block(int qtype) { return quillon::bytes_per_block(qtype); }
+int shim_qtype_count() {
+  return quillon::qtype_count;
+}
+std::int32_t shim_elements_per_block(int qtype) {
+  return quillon::elements_per_block(qtype);
+}
+std::int64_t shim_bytes_per_block(int qtype) {
+  return quillon::bytes_per_block(qtype);
+}
 
 }  // extern "C"

@@ -22,8 +22,7 @@ struct wide_bfloat16 {
     return result;
   }
   // Rounds any float; a NaN becomes 0x7FC0.
-  explicit constexpr wide_bfloat16(float from)
-      : value(from != from ? bit_cast<float>(0x7FC00000u) : round(from)) {}
+  explicit constexpr wide_bfloat16(float from) : value(from != from ? bit_cast<float>(0x7FC00000u) : round(from)) {}
   explicit constexpr operator float() const { return value; }
 
   // To nearest, ties to even, without a test for NaN. None is needed behind an operation on two of these: a
@@ -34,15 +33,9 @@ struct wide_bfloat16 {
     return bit_cast<float>((bits + 0x7FFFu + ((bits >> 16) & 1u)) & 0xFFFF0000u);
   }
 
-  friend constexpr wide_bfloat16 operator+(wide_bfloat16 a, wide_bfloat16 b) {
-    return exact(round(a.value + b.value));
-  }
-  friend constexpr wide_bfloat16 operator-(wide_bfloat16 a, wide_bfloat16 b) {
-    return exact(round(a.value - b.value));
-  }
-  friend constexpr wide_bfloat16 operator*(wide_bfloat16 a, wide_bfloat16 b) {
-    return exact(round(a.value * b.value));
-  }
+  friend constexpr wide_bfloat16 operator+(wide_bfloat16 a, wide_bfloat16 b) { return exact(round(a.value + b.value)); }
+  friend constexpr wide_bfloat16 operator-(wide_bfloat16 a, wide_bfloat16 b) { return exact(round(a.value - b.value)); }
+  friend constexpr wide_bfloat16 operator*(wide_bfloat16 a, wide_bfloat16 b) { return exact(round(a.value * b.value)); }
 };
 
 template <typename T>

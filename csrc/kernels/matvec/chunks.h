@@ -120,13 +120,13 @@ __attribute__((always_inline)) inline void add_row_inline(Sum& acc, const Chunk&
 }
 template <int ROW_TILE, typename Sum, typename Chunk, typename Place, typename AddRow, int... ROW>
 __attribute__((always_inline)) inline void add_rows(Sum (&acc)[ROW_TILE], const Chunk& chunk, Place at,
-                                                    const row_steps<ROW_TILE>& to_next_row,
-                                                    const AddRow& add_row, constants<ROW...>) {
+                                                    const row_steps<ROW_TILE>& to_next_row, const AddRow& add_row,
+                                                    constants<ROW...>) {
   ((add_row_inline(acc[ROW], chunk, at, add_row), at.block += to_next_row.step[ROW]), ...);
 }
 
-template <typename T, int CHUNK, int WG_SIZE, int ROW_TILE, int BLOCK = 64,
-          tail_round TAIL = tail_round::summed, typename LoadChunk, typename AddRow>
+template <typename T, int CHUNK, int WG_SIZE, int ROW_TILE, int BLOCK = 64, tail_round TAIL = tail_round::summed,
+          typename LoadChunk, typename AddRow>
 inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
                             uint64_t output_size, T* output, LoadChunk load_chunk, AddRow add_row) {
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();

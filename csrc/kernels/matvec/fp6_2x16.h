@@ -27,8 +27,7 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
   multiply_chunks<T, 16, WG_SIZE, ROW_TILE>(
       state_size, input, local, output_size, output, load_neighbours<T, 16, fp6_order>{},
       [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const lane<T> s =
-            sum_fp6(chunk, at.word_of_chunk<uint32_t>(high_plane), at.word_of_chunk<uint64_t>(low_plane));
+        const lane<T> s = sum_fp6(chunk, at.word_of_chunk<uint32_t>(high_plane), at.word_of_chunk<uint64_t>(low_plane));
         acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
       });
 }

@@ -24,9 +24,8 @@ constexpr uint16_t fp8_e4m3_half_bits_of_top(uint32_t word) {
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_fp8_e4m3_2x8(uint64_t state_size, const uint8_t* weight, int32_t scale_offset,
-                                     const T* input, sycl::local_accessor<T, 1> local, T* output,
-                                     uint64_t output_size) {
+void qlinear_xpu_kernel_fp8_e4m3_2x8(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                     sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const uint8_t* scales = weight + scale_offset;
   multiply_chunks<T, 8, WG_SIZE, 2>(

@@ -18,12 +18,11 @@ SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_si
 void qlinear_xpu_kernel_fp8_e5m2_2x8(uint64_t state_size, const uint8_t* weight, const T* input,
                                      sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
-  multiply_chunks<T, 8, WG_SIZE, 2>(
-      state_size, input, local, output_size, output, load_neighbours<T, 8>{},
-      [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
-        const chunk_codes codes = at.codes_of_chunk(weight);
-        acc = acc + sum_products(chunk, [=](auto i) {
-                return exact_lane<T>(half_from_bits(fp8_e5m2_half_bits(codes.byte(i))));
-              });
-      });
+  multiply_chunks<T, 8, WG_SIZE, 2>(state_size, input, local, output_size, output, load_neighbours<T, 8>{},
+                                    [=](lane<T>& acc, const activations<T, 8>& chunk, const chunk_place<8>& at) {
+                                      const chunk_codes codes = at.codes_of_chunk(weight);
+                                      acc = acc + sum_products(chunk, [=](auto i) {
+                                              return exact_lane<T>(half_from_bits(fp8_e5m2_half_bits(codes.byte(i))));
+                                            });
+                                    });
 }

@@ -47,9 +47,8 @@ inline float vec_dot_iq1_s_q8_1(const block_iq1_s* row, const block_q8_1* q, uin
 template <typename T>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<32>))
-void qlinear_xpu_kernel_iq1_s_q8_1(uint64_t output_size, int32_t blocks_per_row,
-                                   const quillon::block_iq1_s* weight, const quillon::block_q8_1* activations,
-                                   T* output) {
+void qlinear_xpu_kernel_iq1_s_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq1_s* weight,
+                                   const quillon::block_q8_1* activations, T* output) {
   using namespace quillon;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
   const int lane = static_cast<int>(place.get_local_id(1));

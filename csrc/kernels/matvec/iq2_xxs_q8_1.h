@@ -23,8 +23,7 @@ inline uint32_t with_parity(uint32_t seven_signs) {
 
 // Slice `iqs`, 0 to 7, of super-block `block` of `row` times its 32 activations, block 8 * block + iqs of
 // `q`.
-inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q, uint32_t block,
-                                  uint32_t iqs) {
+inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q, uint32_t block, uint32_t iqs) {
   const block_iq2_xxs& w = row[block];
   const block_q8_1& x = (q + 8 * block)[iqs];
   const uint64_t group = load_u64(w.qs + 8 * iqs);
@@ -56,8 +55,7 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs* row, const block_q8_1* q,
 template <typename T>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<32>))
-void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_row,
-                                     const quillon::block_iq2_xxs* weight,
+void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq2_xxs* weight,
                                      const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local,
                                      T* output) {
   using namespace quillon;
@@ -66,8 +64,8 @@ void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_ro
   const int y = static_cast<int>(place.get_local_id(0));
   const uint64_t row = place.get_group(1) * 2 + y;
   const bool active = row < output_size;
-  const float sum = active ? sum_of_slices<8, vec_dot_iq2_xxs_q8_1>(weight + row * blocks_per_row,
-                                                                    activations, blocks_per_row, lane)
-                           : 0.0f;
+  const float sum =
+      active ? sum_of_slices<8, vec_dot_iq2_xxs_q8_1>(weight + row * blocks_per_row, activations, blocks_per_row, lane)
+             : 0.0f;
   reduce_and_write_row<T>(place, sum, &local[y * q8_1_lanes], lane, active, output + row);
 }

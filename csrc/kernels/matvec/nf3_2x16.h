@@ -48,23 +48,22 @@ inline lane<T> nf3_value(bool bit2, bool bit1, bool bit0) {
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_nf3_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset,
-                                 const T* input, sycl::local_accessor<T, 1> local, T* output,
-                                 uint64_t output_size) {
+void qlinear_xpu_kernel_nf3_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                 sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const uint8_t* scales = weight + scale_offset;
-  multiply_chunks<T, 16, WG_SIZE, 2>(
-      state_size, input, local, output_size, output, load_neighbours<T, 16>{},
-      [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const uint8_t* first = weight + at.block * sizeof(block_nf3_qs);
-        const int block = at.item / 4 * static_cast<int>(sizeof(block_nf3_qs));
-        const int quarter = at.item % 4;
-        const uint32_t top = load<uint16_t>(first + (block + 2 * quarter));
-        const uint32_t low = load<uint32_t, 4>(first + (block + 8 + 4 * quarter));
-        const lane<T> s = sum_products(chunk, [=](auto i) {
-          constexpr int LOW_BIT = 8 * (i / 4) + 6 - 2 * (i % 4);
-          return nf3_value<T>((top >> i) & 1, (low >> (LOW_BIT + 1)) & 1, (low >> LOW_BIT) & 1);
-        });
-        acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
-      });
+  multiply_chunks<T, 16, WG_SIZE, 2>(state_size, input, local, output_size, output, load_neighbours<T, 16>{},
+                                     [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
+                                       const uint8_t* first = weight + at.block * sizeof(block_nf3_qs);
+                                       const int block = at.item / 4 * static_cast<int>(sizeof(block_nf3_qs));
+                                       const int quarter = at.item % 4;
+                                       const uint32_t top = load<uint16_t>(first + (block + 2 * quarter));
+                                       const uint32_t low = load<uint32_t, 4>(first + (block + 8 + 4 * quarter));
+                                       const lane<T> s = sum_products(chunk, [=](auto i) {
+                                         constexpr int LOW_BIT = 8 * (i / 4) + 6 - 2 * (i % 4);
+                                         return nf3_value<T>((top >> i) & 1, (low >> (LOW_BIT + 1)) & 1,
+                                                             (low >> LOW_BIT) & 1);
+                                       });
+                                       acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
+                                     });
 }

@@ -57,19 +57,17 @@ inline constexpr nf4_pair_table<T> nf4_pairs;
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_nf4_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset,
-                                 const T* input, sycl::local_accessor<T, 1> local, T* output,
-                                 uint64_t output_size) {
+void qlinear_xpu_kernel_nf4_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                 sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const uint8_t* scales = weight + scale_offset;
-  multiply_chunks<T, 16, WG_SIZE, 2>(
-      state_size, input, local, output_size, output, load_split<T>{},
-      [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
-        const chunk_codes codes = at.codes_of_chunk(weight);
-        const lane<T> s = sum_products(chunk, [=](auto i) {
-          const nf4_pair<T> pair = nf4_pairs<T>.of_byte[codes.byte(i / 2)];
-          return i % 2 == 0 ? pair.first() : pair.second();
-        });
-        acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
-      });
+  multiply_chunks<T, 16, WG_SIZE, 2>(state_size, input, local, output_size, output, load_split<T>{},
+                                     [=](lane<T>& acc, const activations<T, 16>& chunk, const chunk_place<16>& at) {
+                                       const chunk_codes codes = at.codes_of_chunk(weight);
+                                       const lane<T> s = sum_products(chunk, [=](auto i) {
+                                         const nf4_pair<T> pair = nf4_pairs<T>.of_byte[codes.byte(i / 2)];
+                                         return i % 2 == 0 ? pair.first() : pair.second();
+                                       });
+                                       acc = acc + s * rounded_lane<T>(at.entry_of_block<half>(scales));
+                                     });
 }

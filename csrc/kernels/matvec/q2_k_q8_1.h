@@ -57,16 +57,15 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K* w, const block_q8_1* q, uint32_
 
 template <typename T>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<2>))
-void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row,
-                                  const quillon::block_q2_K* weight, const quillon::block_q8_1* activations,
-                                  sycl::local_accessor<T, 1> local, T* output) {
+void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_q2_K* weight,
+                                  const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
   const int lane = static_cast<int>(place.get_local_id(1));
   const uint64_t row = place.get_group(1);
   const bool active = row < output_size;
-  const float sum = active ? sum_of_slices<16, vec_dot_q2_k_q8_1>(weight + row * blocks_per_row, activations,
-                                                                  blocks_per_row, lane)
-                           : 0.0f;
+  const float sum =
+      active ? sum_of_slices<16, vec_dot_q2_k_q8_1>(weight + row * blocks_per_row, activations, blocks_per_row, lane)
+             : 0.0f;
   reduce_and_write_row<T>(place, sum, &local[0], lane, active, output + row);
 }

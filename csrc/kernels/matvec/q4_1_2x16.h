@@ -17,9 +17,8 @@
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset,
-                                  const T* input, sycl::local_accessor<T, 1> local, T* output,
-                                  uint64_t output_size) {
+void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                  sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   struct chunk_and_sum {
     activations<T, 16> elements;
@@ -34,8 +33,8 @@ void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, in
       },
       [=](lane<T>& acc, const chunk_and_sum& chunk, const chunk_place<16>& at) {
         const chunk_codes codes = at.codes_of_chunk(weight);
-        const lane<T> s = sum_products(
-            chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
+        const lane<T> s =
+            sum_products(chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
         const auto pair = at.entry_of_block<block_q4_1_dm>(pairs);
         acc = acc + (s * rounded_lane<T>(pair.d) + chunk.sum * rounded_lane<T>(pair.m));
       });

@@ -40,9 +40,9 @@ inline lane<T> two_level_scale(uint16_t half_bits, int byte) {
 template <typename T, int SG_SIZE, int WG_SIZE>
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
 SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<SG_SIZE>))
-void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input,
-                                  const uint8_t* scales, const uint8_t* pairs,
-                                  sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
+void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input, const uint8_t* scales,
+                                  const uint8_t* pairs, sycl::local_accessor<T, 1> local, T* output,
+                                  uint64_t output_size) {
   using namespace quillon;
   struct chunk_and_sum {
     activations<T, 16> elements;
@@ -57,8 +57,8 @@ void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, co
     const chunk_codes codes(place.template word_of_chunk<uint64_t>(quants), sizeof(T) == 8 ? 0 : place.zero);
     const auto scale_and_minimum = place.template entry_of_chunks<uint16_t, 2>(scales);
     const auto pair = place.template entry_of_block<uint32_t>(pairs);
-    const lane<T> s = sum_products(
-        chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
+    const lane<T> s =
+        sum_products(chunk.elements, [=](auto i) { return integer_lane<T>(static_cast<int>(codes.nibble(i))); });
     const lane<T> d1 = two_level_scale<T>(static_cast<uint16_t>(pair), scale_and_minimum & 255);
     const lane<T> m1 = two_level_scale<T>(static_cast<uint16_t>(pair >> 16), scale_and_minimum >> 8);
     acc = acc + (s * d1 - chunk.sum * m1);

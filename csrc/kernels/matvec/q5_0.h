@@ -17,9 +17,8 @@ void qlinear_xpu_kernel_q5_0(uint64_t state_size, const quillon::block_q5_1* wei
                              sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
   using Arithmetic = std::conditional_t<std::is_same_v<T, double>, double, float>;
-  multiply_five_bits<T, SG_SIZE, WG_SIZE>(
-      state_size, weight, input, local, output, [](const block_q5_1& block) {
-        const Arithmetic d = convert<Arithmetic>(load_half(block.d));
-        return [d](int code) { return rounded_lane<T>(d * convert<Arithmetic>(code - 16)); };
-      });
+  multiply_five_bits<T, SG_SIZE, WG_SIZE>(state_size, weight, input, local, output, [](const block_q5_1& block) {
+    const Arithmetic d = convert<Arithmetic>(load_half(block.d));
+    return [d](int code) { return rounded_lane<T>(d * convert<Arithmetic>(code - 16)); };
+  });
 }

@@ -15,10 +15,9 @@ SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_si
 void qlinear_xpu_kernel_q5_1(uint64_t state_size, const quillon::block_q5_1* weight, const T* input,
                              sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
-  multiply_five_bits<T, SG_SIZE, WG_SIZE>(state_size, weight, input, local, output,
-                                          [](const block_q5_1& block) {
-                                            const lane<T> d = rounded_lane<T>(load_half(block.d));
-                                            const lane<T> m = rounded_lane<T>(load_half(block.m));
-                                            return [d, m](int code) { return d * integer_lane<T>(code) + m; };
-                                          });
+  multiply_five_bits<T, SG_SIZE, WG_SIZE>(state_size, weight, input, local, output, [](const block_q5_1& block) {
+    const lane<T> d = rounded_lane<T>(load_half(block.d));
+    const lane<T> m = rounded_lane<T>(load_half(block.m));
+    return [d, m](int code) { return d * integer_lane<T>(code) + m; };
+  });
 }

@@ -35,8 +35,7 @@ void qlinear_xpu_kernel_q6_k_2x16(uint64_t state_size, const uint8_t* high_plane
   using namespace quillon;
   const auto add_row = [=](lane<T>& acc, const activations<T, 16>& chunk, const auto& place) {
     lane<T> sum;
-    for_each_step(place.template word_of_chunk<uint32_t>(high_plane),
-                  place.template word_of_chunk<uint64_t>(low_plane),
+    for_each_step(place.template word_of_chunk<uint32_t>(high_plane), place.template word_of_chunk<uint64_t>(low_plane),
                   [&](auto step, uint32_t high, uint32_t low) {
                     const uint32_t codes = q6_k_step_codes(high, low);
                     lane<T> p;

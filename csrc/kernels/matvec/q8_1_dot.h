@@ -55,15 +55,12 @@ inline int dot_bytes(uint32_t codes, uint32_t quants) {
 // Adds up `VEC_DOT(row, q8_1 blocks, super-block, slice)` over the slices of one work-item. SLICES is
 // the number of slices of a super-block.
 template <int SLICES, auto VEC_DOT, typename Block>
-inline float sum_of_slices(const Block* row, const block_q8_1* activations, int32_t blocks_per_row,
-                           int lane) {
+inline float sum_of_slices(const Block* row, const block_q8_1* activations, int32_t blocks_per_row, int lane) {
   constexpr int STEP = q8_1_lanes / SLICES;
   const int first = lane / SLICES;
   const int slice = lane % SLICES;
   float sum = 0.0f;
-  const auto add_block = [&](int32_t block) {
-    sum = add(sum, VEC_DOT(row, activations, block + first, slice));
-  };
+  const auto add_block = [&](int32_t block) { sum = add(sum, VEC_DOT(row, activations, block + first, slice)); };
   // All work-items have a block in each of these rounds: a uniform count, which a CPU device runs unmasked.
   const int32_t full = blocks_per_row / STEP * STEP;
   for (int32_t block = 0; block < full; block += STEP) add_block(block);
@@ -75,8 +72,7 @@ inline float sum_of_slices(const Block* row, const block_q8_1* activations, int3
 // of local memory, then the write by the first work-item. `active` is false for the work-items of a row that
 // does not exist: they have nothing to write, and meet the others at the barriers.
 template <typename T>
-inline void reduce_and_write_row(const sycl::nd_item<2>& place, float sum, T* local, int lane, bool active,
-                                 T* output) {
+inline void reduce_and_write_row(const sycl::nd_item<2>& place, float sum, T* local, int lane, bool active, T* output) {
   local[lane] = convert<T>(sum);
   sycl::group_barrier(place.get_group());
   for (int stride = q8_1_lanes / 2; stride > 0; stride /= 2) {

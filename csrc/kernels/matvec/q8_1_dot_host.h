@@ -15,32 +15,27 @@ namespace quillon {
 
 template <typename T>
 void qlinear_xpu_kernel_iq2_xxs_q8_1(const std::uint8_t* activations, const std::uint8_t* weight, T* output,
-                                     std::int32_t blocks_per_row, std::uint64_t output_size,
-                                     c10::Device device) {
+                                     std::int32_t blocks_per_row, std::uint64_t output_size, c10::Device device) {
   static runtime::KernelEntry& entry =
       runtime::kernel_entry<T>("kernels/matvec/iq2_xxs_q8_1.h", "qlinear_xpu_kernel_iq2_xxs_q8_1");
-  launch_kernel(
-      entry, device, {{2, (output_size + 1) / 2 * 32}, {2, 32}},
-      {output_size, blocks_per_row, weight, activations, KernelArgument::local_array<T>(64), output},
-      Wait::yes);
+  launch_kernel(entry, device, {{2, (output_size + 1) / 2 * 32}, {2, 32}},
+                {output_size, blocks_per_row, weight, activations, KernelArgument::local_array<T>(64), output},
+                Wait::yes);
 }
 
 template <typename T>
 void qlinear_xpu_kernel_q2_k_q8_1(const std::uint8_t* activations, const std::uint8_t* weight, T* output,
-                                  std::int32_t blocks_per_row, std::uint64_t output_size,
-                                  c10::Device device) {
+                                  std::int32_t blocks_per_row, std::uint64_t output_size, c10::Device device) {
   static runtime::KernelEntry& entry =
       runtime::kernel_entry<T>("kernels/matvec/q2_k_q8_1.h", "qlinear_xpu_kernel_q2_k_q8_1");
-  launch_kernel(
-      entry, device, {{1, output_size * 32}, {1, 32}},
-      {output_size, blocks_per_row, weight, activations, KernelArgument::local_array<T>(32), output},
-      Wait::yes);
+  launch_kernel(entry, device, {{1, output_size * 32}, {1, 32}},
+                {output_size, blocks_per_row, weight, activations, KernelArgument::local_array<T>(32), output},
+                Wait::yes);
 }
 
 template <typename T>
 void qlinear_xpu_kernel_iq1_s_q8_1(const std::uint8_t* activations, const std::uint8_t* weight, T* output,
-                                   std::int32_t blocks_per_row, std::uint64_t output_size,
-                                   c10::Device device) {
+                                   std::int32_t blocks_per_row, std::uint64_t output_size, c10::Device device) {
   static runtime::KernelEntry& entry =
       runtime::kernel_entry<T>("kernels/matvec/iq1_s_q8_1.h", "qlinear_xpu_kernel_iq1_s_q8_1");
   launch_kernel(entry, device, {{1, output_size * 32}, {1, 32}},

@@ -27,8 +27,7 @@ void quantize_xpu_kernel_q8_1(const T* input, quillon::block_q8_1* output) {
   const T x = input[i];
   const float value = source_q8_1(x);
   const float sum = sycl::reduce_over_group(sub_group, value, sycl::plus<float>());
-  const float absmax =
-      sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
+  const float absmax = sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
   const float d = scale_q8_1(absmax);
 
   block_q8_1& block = output[i / 32];

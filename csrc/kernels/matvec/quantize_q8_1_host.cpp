@@ -24,8 +24,7 @@ at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std
                 ", the size of a super-block, got ", state_size);
     static runtime::KernelEntry& entry =
         runtime::kernel_entry<T>("kernels/matvec/quantize_q8_1.h", "quantize_xpu_kernel_q8_1");
-    launch_kernel(entry, input.device(), {state_size, WG_SIZE},
-                  {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
+    launch_kernel(entry, input.device(), {state_size, WG_SIZE}, {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
   });
   return result;
 }

@@ -87,8 +87,7 @@ inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT], consta
   constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
   constexpr int PER_WORD = BYTES / sizeof(T);
   using word = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
-  ((to[I] = element_of_word<T>(load<word, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)),
-   ...);
+  ((to[I] = element_of_word<T>(load<word, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)), ...);
 }
 template <typename T, int COUNT>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
@@ -129,8 +128,7 @@ inline void reduce_and_write(const sycl::nd_item<1>& place, int leaf, const Sum 
     sycl::group_barrier(place.get_group());
   }
   if (item == 0) {
-    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t)
-      output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
+    for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t) output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }
 }
 

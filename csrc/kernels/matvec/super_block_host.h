@@ -20,13 +20,12 @@
 namespace quillon {
 
 template <typename T, int SG_SIZE, int WG_SIZE>
-void qlinear_xpu_kernel_q4_k_2x16(const T* input, const std::uint8_t* weight, T* output,
-                                  std::uint64_t /*batch*/, std::uint64_t state_size,
-                                  std::uint64_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_q4_k_2x16(const T* input, const std::uint8_t* weight, T* output, std::uint64_t /*batch*/,
+                                  std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   constexpr int SUB_BLK_H = 16;
   TORCH_CHECK(state_size % SUB_BLK_H == 0, "%d must be a multiple of %d", state_size, SUB_BLK_H);
-  static runtime::KernelEntry& entry = runtime::kernel_entry<T>(
-      "kernels/matvec/q4_k_2x16.h", "qlinear_xpu_kernel_q4_k_2x16", {SG_SIZE, WG_SIZE});
+  static runtime::KernelEntry& entry =
+      runtime::kernel_entry<T>("kernels/matvec/q4_k_2x16.h", "qlinear_xpu_kernel_q4_k_2x16", {SG_SIZE, WG_SIZE});
   const std::int64_t blocks = matvec_super_blocks(state_size, output_size);
   launch_kernel(entry, device, rows_range<WG_SIZE, 2>(output_size),
                 {state_size, weight, input, weight + blocks * 128, weight + blocks * 144,
@@ -34,23 +33,21 @@ void qlinear_xpu_kernel_q4_k_2x16(const T* input, const std::uint8_t* weight, T*
 }
 
 template <typename T, int SG_SIZE, int WG_SIZE>
-void qlinear_xpu_kernel_q6_k_2x16(const T* input, const std::uint8_t* weight, T* output,
-                                  std::uint64_t /*batch*/, std::uint64_t state_size,
-                                  std::uint64_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_q6_k_2x16(const T* input, const std::uint8_t* weight, T* output, std::uint64_t /*batch*/,
+                                  std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   constexpr int SUB_BLK_H = 16;
   TORCH_CHECK(state_size % SUB_BLK_H == 0, "%d must be a multiple of %d", state_size, SUB_BLK_H);
-  static runtime::KernelEntry& entry = runtime::kernel_entry<T>(
-      "kernels/matvec/q6_k_2x16.h", "qlinear_xpu_kernel_q6_k_2x16", {SG_SIZE, WG_SIZE});
+  static runtime::KernelEntry& entry =
+      runtime::kernel_entry<T>("kernels/matvec/q6_k_2x16.h", "qlinear_xpu_kernel_q6_k_2x16", {SG_SIZE, WG_SIZE});
   const std::int64_t blocks = matvec_super_blocks(state_size, output_size);
   launch_kernel(entry, device, rows_range<WG_SIZE, 2>(output_size),
-                {state_size, weight, weight + blocks * 64, input, weight + blocks * 208,
-                 weight + blocks * 192, KernelArgument::local_array<T>(2 * WG_SIZE), output, output_size});
+                {state_size, weight, weight + blocks * 64, input, weight + blocks * 208, weight + blocks * 192,
+                 KernelArgument::local_array<T>(2 * WG_SIZE), output, output_size});
 }
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
-void qlinear_xpu_kernel_fp6_k_2x16(const T* input, const std::uint8_t* weight, T* output,
-                                   std::uint64_t /*batch*/, std::uint64_t state_size,
-                                   std::uint64_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_fp6_k_2x16(const T* input, const std::uint8_t* weight, T* output, std::uint64_t /*batch*/,
+                                   std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   constexpr int SUB_BLK_H = 16;
   TORCH_CHECK(state_size % SUB_BLK_H == 0, "%d must be a multiple of %d", state_size, SUB_BLK_H);
   static runtime::KernelEntry& entry = runtime::kernel_entry<T>(
@@ -75,10 +72,9 @@ void qlinear_xpu_kernel_q5_k(const T* input, const std::uint8_t* weight, T* outp
   constexpr const char* HEADER = "kernels/matvec/q5_k.h";
   static runtime::KernelEntry& entry_8 = runtime::kernel_entry<T>(HEADER, "qlinear_xpu_kernel_q5_k", {8});
   static runtime::KernelEntry& entry_16 = runtime::kernel_entry<T>(HEADER, "qlinear_xpu_kernel_q5_k", {16});
-  launch_kernel(
-      has_sub_groups_of_8(get_device_class(device)) ? entry_8 : entry_16, device,
-      rows_range<WG_SIZE, 2>(output_size),
-      {state_size, weight, input, KernelArgument::local_array<float>(2 * WG_SIZE), output, output_size});
+  launch_kernel(has_sub_groups_of_8(get_device_class(device)) ? entry_8 : entry_16, device,
+                rows_range<WG_SIZE, 2>(output_size),
+                {state_size, weight, input, KernelArgument::local_array<float>(2 * WG_SIZE), output, output_size});
 }
 
 }  // namespace quillon

@@ -57,17 +57,11 @@ _CHUNK_ELEMENTS = 1 << 16
 
 def _check_importance(importance: Tensor, cols: int) -> Tensor:
     if importance.shape != (cols,):
-        raise ValueError(
-            f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}"
-        )
+        raise ValueError(f"importance must have shape ({cols},), one number per column, got {tuple(importance.shape)}")
     if not importance.is_floating_point():
         raise TypeError(f"importance must be a floating-point tensor, got {importance.dtype}")
     importance = importance.detach().to(device="cpu", dtype=torch.float64)
-    if (
-        not bool(importance.isfinite().all())
-        or bool((importance < 0).any())
-        or not bool((importance > 0).any())
-    ):
+    if not bool(importance.isfinite().all()) or bool((importance < 0).any()) or not bool((importance > 0).any()):
         raise ValueError("importance must be finite and not negative, with at least one positive number")
     # A floor keeps blocks whose columns all count for nothing defined, without moving the others.
     importance = importance / importance.max()

@@ -39,9 +39,7 @@ def six_bit_planes(codes: Tensor, lanes: Sequence[int]) -> tuple[Tensor, Tensor]
     blocks = codes.shape[-1]
     position = [lanes.index(lane) for lane in range(4)]
     steps = codes.view(-1, 4, 4, blocks)[:, :, position]
-    low = torch.stack(
-        ((steps[:, 0] & 15) << 4 | steps[:, 1] & 15, (steps[:, 2] & 15) << 4 | steps[:, 3] & 15), 1
-    )
+    low = torch.stack(((steps[:, 0] & 15) << 4 | steps[:, 1] & 15, (steps[:, 2] & 15) << 4 | steps[:, 3] & 15), 1)
     tops = steps >> 4
     high = tops[:, 0] << 6 | tops[:, 1] << 4 | tops[:, 2] << 2 | tops[:, 3]
     return low.reshape(-1, blocks).t(), high.reshape(-1, blocks).t()

@@ -187,10 +187,7 @@ def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     # Both shifts give nearly the same scale; the grid decides between them later.
     target = (
         torch.stack(
-            [
-                search_scale(groups, group_w, book.nearest, spread, _IQ1_FACTORS).clamp_(min=0)
-                for book in _iq1_books()
-            ]
+            [search_scale(groups, group_w, book.nearest, spread, _IQ1_FACTORS).clamp_(min=0) for book in _iq1_books()]
         )
         .mean(0)
         .t()
