@@ -19,11 +19,14 @@
 #include <c10/core/impl/COW.h>
 #include <c10/util/SmallVector.h>
 #include <c10/util/flat_hash_map.h>
+#include <c10/util/string_view.h>
 #include <omp.h>
 #include <torch/library.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "generator.h"
 #include "host_device.h"
@@ -35,6 +38,8 @@ using c10::Device;
 using c10::DeviceIndex;
 using c10::IValue;
 using torch::jit::Stack;
+
+constexpr std::string_view kBuiltinNamespace = "aten::";
 
 enum class ArgumentKind : uint8_t { kTensors, kDevice, kGenerator };
 
@@ -56,15 +61,34 @@ struct OperatorTraits {
 // model's tokens came at 11 a second with the spinning and at 19 without.
 constexpr int64_t kSmallCallElements = int64_t{1} << 17;
 
-// Where the number of elements says little about the work.
-constexpr const char* kMatrixProducts[] = {"mm",     "addmm", "bmm",    "baddbmm", "addbmm",
-                                           "linear", "conv",  "linalg", "cdist"};
+// PyTorch's operators whose work grows faster than their data: the number of elements says little about it. By
+// their names without the underscore of the in-place forms.
+constexpr std::string_view kWorkGrowsFasterThanData[] = {
+    // matrix products
+    "mm", "addmm", "bmm", "baddbmm", "addbmm", "linear", "linear_backward", "_addmm_activation", "_foreach_mm",
+    "_grouped_mm", "_int_mm", "_scaled_mm", "_scaled_mm_v2", "_trilinear", "_dyn_quant_matmul_4bit",
+    "_weight_int4pack_mm_for_cpu", "_weight_int8pack_mm", "mkldnn_linear", "mkldnn_linear_backward",
+    "mkldnn_linear_backward_input", "mkldnn_linear_backward_weights", "mkldnn_rnn_layer", "mkldnn_rnn_layer_backward",
+    // convolutions
+    "convolution", "_convolution", "convolution_backward", "conv_depthwise3d", "conv_tbc", "conv_tbc_backward",
+    "mkldnn_convolution", "_nnpack_spatial_convolution", "_slow_conv2d_forward", "_slow_conv2d_backward",
+    "slow_conv3d_forward", "slow_conv_dilated2d", "slow_conv_dilated3d", "slow_conv_transpose2d",
+    "slow_conv_transpose3d",
+    // distances of all pairs
+    "_cdist_forward", "_cdist_backward", "_euclidean_dist", "_pdist_forward", "_pdist_backward",
+    // factorizations and solvers
+    "cholesky", "cholesky_inverse", "cholesky_solve", "_cholesky_solve_helper", "geqrf", "ormqr", "triangular_solve",
+    "_linalg_det", "_linalg_eigh", "_linalg_eigvals", "_linalg_slogdet", "_linalg_solve_ex", "_linalg_svd",
+    "linalg_cholesky_ex", "linalg_eig", "linalg_eigvals", "linalg_householder_product", "linalg_inv_ex",
+    "linalg_ldl_factor_ex", "linalg_ldl_solve", "linalg_lstsq", "linalg_lu", "linalg_lu_factor_ex", "linalg_lu_solve",
+    "linalg_matrix_exp", "linalg_pinv", "linalg_qr", "linalg_solve_triangular"};
 
-bool is_matrix_product(const std::string& name) {
-  for (const char* product : kMatrixProducts) {
-    if (name.find(product) != std::string::npos) return true;
-  }
-  return false;
+bool work_grows_faster_than_data(std::string_view name) {
+  if (!c10::starts_with(name, kBuiltinNamespace)) return false;
+  name.remove_prefix(kBuiltinNamespace.size());
+  if (name.back() == '_') name.remove_suffix(1);
+  return std::find(std::begin(kWorkGrowsFasterThanData), std::end(kWorkGrowsFasterThanData), name) !=
+         std::end(kWorkGrowsFasterThanData);
 }
 
 /// While it lives, the calling thread starts no parallel regions.
@@ -135,7 +159,7 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
 
 OperatorTraits make_traits(const c10::FunctionSchema& schema) {
   OperatorTraits traits;
-  traits.work_grows_faster_than_data = is_matrix_product(schema.name());
+  traits.work_grows_faster_than_data = work_grows_faster_than_data(schema.name());
   for (size_t i = 0; i < schema.arguments().size(); ++i) {
     const c10::Argument& argument = schema.arguments()[i];
     if (const auto kind = kind_of(argument)) {
@@ -157,7 +181,7 @@ const OperatorTraits& traits_of_builtin(const c10::FunctionSchema& schema) {
 }
 
 bool is_builtin(const c10::FunctionSchema& schema) {
-  return schema.name().compare(0, 6, "aten::") == 0;
+  return c10::starts_with(schema.name(), kBuiltinNamespace);
 }
 
 template <typename Visit>
