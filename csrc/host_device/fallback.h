@@ -6,7 +6,7 @@
 
 namespace quillon::host_device {
 
-/// Boxed kernel: runs `op` for XPU tensors by its CPU kernel. See fallback.cpp.
+/// Boxed kernel: runs `op` for XPU tensors by its CPU kernel. See cpu_call.cpp.
 void run_on_cpu(const c10::OperatorHandle& op, torch::jit::Stack* stack);
 
 /// Boxed kernel that throws NotImplementedError: the host device has no nested tensors.

@@ -38,6 +38,8 @@ C10_XPU_API void wait_for_stream(c10::DeviceIndex device, c10::StreamId stream);
 C10_XPU_API c10::DataPtr allocate_on_device(size_t size, c10::DeviceIndex device);
 /// True if `data` is a whole block of the device allocator, so that its ownership can change hands.
 C10_XPU_API bool is_device_block(const c10::DataPtr& data) noexcept;
+/// True if a block of the device allocator starts at `pointer`.
+C10_XPU_API bool owns_block(void* pointer);
 /// The index of the device whose allocator owns the block around `pointer`, or -1.
 C10_XPU_API c10::DeviceIndex find_device_of_pointer(const void* pointer);
 

@@ -11,6 +11,9 @@ struct Platform {
   sycl::context context;
 };
 
+/// Of all memory: a cache line, and the widest vector of the CPU device.
+inline constexpr size_t kAlignment = 64;
+
 /// Made on first use, never destroyed. Throws where there is no CPU device and in a forked child.
 Platform& platform();
 

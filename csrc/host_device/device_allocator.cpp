@@ -1,12 +1,9 @@
-// The device allocator: shared USM of the one SYCL context, cached per device and stream, and the two
-// allocators that stand on it, PyTorch's CPU allocator redirected inside the CPU fallback and the pinned
-// allocator.
+// The device allocator: shared USM of the one SYCL context, cached per device and stream.
 //
 // Sizes are rounded up to classes, eight to the doubling (at most 12.5 percent waste), and a freed block
 // waits for the next request of its class on its stream: kernels of one stream run in order, so it may be
 // handed out while the kernel that used it last still runs. A block that record_stream() put on further
 // streams is handed out only after all work those streams had at the time of the free.
-#include <c10/core/CPUAllocator.h>
 #include <c10/util/flat_hash_map.h>
 #include <c10/util/llvmMathExtras.h>
 #include <c10/xpu/XPUCachingAllocator.h>
@@ -27,7 +24,6 @@ namespace {
 using c10::CachingAllocator::StatType;
 using c10::CachingDeviceAllocator::DeviceStats;
 
-constexpr size_t kAlignment = 64;  // a cache line, and the widest vector of the CPU device
 constexpr size_t kHugePage = size_t{2} << 20;
 constexpr size_t kSmallClass = 512;  // smallest block
 // The memory is the machine's own. Beyond this much of it idle in the cache, freed blocks go back to the
@@ -312,65 +308,6 @@ void delete_block(void* pointer) {
   device_allocator().give_back(pointer);
 }
 
-thread_local c10::DeviceIndex redirect_to = -1;
-
-c10::DeleterFnPtr delete_ordinary = nullptr;
-
-void delete_raw(void* pointer) {
-  if (device_allocator().owns(pointer)) {
-    delete_block(pointer);
-  } else {
-    delete_ordinary(pointer);
-  }
-}
-
-class RedirectingCpuAllocator final : public c10::Allocator {
- public:
-  explicit RedirectingCpuAllocator(c10::Allocator* ordinary) : ordinary_(ordinary) {
-    delete_ordinary = ordinary->raw_deleter();
-  }
-
-  c10::DataPtr allocate(size_t size) override {
-    if (redirect_to < 0) return ordinary_->allocate(size);
-    c10::DataPtr data = device_allocator().allocate_on(size, redirect_to);
-    data.unsafe_set_device(c10::Device(c10::kCPU));
-    return data;
-  }
-
-  // PyTorch's oneDNN takes its memory by raw_allocate(), inside the fallback and outside, and keeps some of
-  // it from one call to the next. Only the address tells which kind it is.
-  c10::DeleterFnPtr raw_deleter() const override { return &delete_raw; }
-
-  void copy_data(void* destination, const void* source, size_t count) const override {
-    ordinary_->copy_data(destination, source, count);
-  }
-
- private:
-  c10::Allocator* ordinary_;
-};
-
-void delete_pinned(void* pointer) {
-  if (pointer && !is_shut_down() && !in_bad_fork()) sycl::free(pointer, platform().context);
-}
-
-// Copies to and from a host device are finished when they return, so no kernel can still use freed pinned
-// memory.
-class PinnedAllocator final : public c10::Allocator {
- public:
-  c10::DataPtr allocate(size_t size) override {
-    void* pointer = nullptr;
-    if (size > 0) {
-      pointer = sycl::aligned_alloc_host(kAlignment, size, platform().context);
-      TORCH_CHECK_WITH(OutOfMemoryError, pointer, "Cannot allocate ", size, " bytes of pinned memory.");
-    }
-    return {pointer, pointer, &delete_pinned, c10::Device(c10::kCPU)};
-  }
-  c10::DeleterFnPtr raw_deleter() const override { return &delete_pinned; }
-  void copy_data(void* destination, const void* source, size_t count) const override {
-    default_copy_data(destination, source, count);
-  }
-};
-
 }  // namespace
 
 c10::DataPtr allocate_on_device(size_t size, c10::DeviceIndex device) {
@@ -381,33 +318,12 @@ bool is_device_block(const c10::DataPtr& data) noexcept {
   return data.get_deleter() == &delete_block;
 }
 
+bool owns_block(void* pointer) {
+  return device_allocator().owns(pointer);
+}
+
 c10::DeviceIndex find_device_of_pointer(const void* pointer) {
   return device_allocator().find_device(pointer);
-}
-
-c10::Allocator* redirecting_cpu_allocator() {
-  static auto* instance = new RedirectingCpuAllocator(c10::GetCPUAllocator());
-  return instance;
-}
-
-void install_cpu_allocator() {
-  c10::Allocator* redirecting = redirecting_cpu_allocator();
-  c10::SetCPUAllocator(redirecting, /*priority=*/UINT8_MAX);
-}
-
-AllocateOnDevice::AllocateOnDevice(c10::DeviceIndex device) noexcept : previous_(std::exchange(redirect_to, device)) {}
-AllocateOnDevice::~AllocateOnDevice() {
-  redirect_to = previous_;
-}
-
-c10::Allocator* pinned_allocator() {
-  static auto* instance = new PinnedAllocator();
-  return instance;
-}
-
-bool is_pinned_pointer(const void* pointer) {
-  if (!is_initialized() || in_bad_fork() || is_shut_down()) return false;
-  return sycl::get_pointer_type(pointer, platform().context) == sycl::usm::alloc::host;
 }
 
 std::pair<size_t, size_t> memory_info() {
@@ -426,11 +342,10 @@ std::pair<size_t, size_t> memory_info() {
 }  // namespace quillon::host_device
 
 namespace c10::xpu::XPUCachingAllocator {
-namespace {
 
-[[noreturn]] void unsupported(const char* what) {
-  TORCH_CHECK_NOT_IMPLEMENTED(false, what, " is not supported on quillon's host device.");
-}
+std::atomic<XPUAllocator*> allocator{nullptr};
+
+namespace {
 
 struct Registration {
   Registration() {
@@ -440,85 +355,8 @@ struct Registration {
   }
 };
 
+const Registration registration;
+
 }  // namespace
 
-std::atomic<XPUAllocator*> allocator{nullptr};
-
-namespace {
-const Registration registration;
-}
-
-// All host devices share one memory, so there is nothing to enable.
-void enablePeerAccess(DeviceIndex dev, DeviceIndex dev_to_access) {
-  check_device_index(dev);
-  check_device_index(dev_to_access);
-}
-
-double getMemoryFraction(DeviceIndex device) {
-  check_device_index(device);
-  return 1.0;
-}
-
-void setMemoryFraction(double fraction, DeviceIndex device) {
-  check_device_index(device);
-  if (fraction != 1.0) unsupported("A memory fraction other than 1.0");
-}
-
-void recordHistory(bool enabled, CachingDeviceAllocator::CreateContextFn /*context_recorder*/,
-                   size_t /*alloc_trace_max_entries*/, CachingDeviceAllocator::RecordContext /*when*/,
-                   bool /*clearHistory*/, const std::vector<std::string>& /*skip_actions*/) {
-  if (enabled) unsupported("Recording the memory history");
-}
-
-void attachAllocatorTraceTracker(CachingDeviceAllocator::AllocatorTraceTracker /*tracker*/) {
-  unsupported("Tracing the allocator");
-}
-
-SnapshotInfo snapshot(MempoolId_t /*mempool_id*/) {
-  unsupported("A memory snapshot");
-}
-
-void createOrIncrefPool(DeviceIndex, MempoolId_t, XPUAllocator*) {
-  unsupported("A private memory pool");
-}
-void beginAllocateToPool(DeviceIndex, MempoolId_t, std::function<bool(sycl::queue*)>) {
-  unsupported("A private memory pool");
-}
-void endAllocateToPool(DeviceIndex, MempoolId_t) {
-  unsupported("A private memory pool");
-}
-void releasePool(DeviceIndex, MempoolId_t) {
-  unsupported("A private memory pool");
-}
-int getPoolUseCount(DeviceIndex, MempoolId_t) {
-  unsupported("A private memory pool");
-}
-
 }  // namespace c10::xpu::XPUCachingAllocator
-
-namespace c10::xpu {
-
-std::atomic<CaptureId_t> MemPool::uid_{1};
-std::atomic<CaptureId_t> MemPool::uuid_{1};
-
-MemPool::MemPool(XPUCachingAllocator::XPUAllocator* /*allocator*/, bool /*is_user_created*/, bool /*use_on_oom*/) {
-  XPUCachingAllocator::unsupported("A private memory pool");
-}
-MemPool::~MemPool() = default;
-MempoolId_t MemPool::id() {
-  return id_;
-}
-XPUCachingAllocator::XPUAllocator* MemPool::allocator() {
-  return allocator_;
-}
-int MemPool::use_count() {
-  XPUCachingAllocator::unsupported("A private memory pool");
-}
-DeviceIndex MemPool::device() {
-  return device_;
-}
-MempoolId_t MemPool::graph_pool_handle(bool is_user_created) {
-  return is_user_created ? MempoolId_t{0, uid_++} : MempoolId_t{uuid_++, 0};
-}
-
-}  // namespace c10::xpu

@@ -1,0 +1,33 @@
+// What the fallback has to know of an operator before it can call its CPU kernel, worked out once from the schema.
+#pragma once
+
+#include <ATen/core/function_schema.h>
+
+#include <vector>
+
+namespace quillon::host_device {
+
+enum class ArgumentKind : uint8_t { kTensors, kDevice, kGenerator };
+
+struct ArgumentTraits {
+  uint32_t position;
+  ArgumentKind kind;
+  bool written;
+  bool any_device;  // the operator itself takes CPU tensors here
+};
+
+/// What the fallback has to know of an operator: the arguments that it has to look at.
+struct OperatorTraits {
+  std::vector<ArgumentTraits> arguments;
+  bool work_grows_faster_than_data;
+};
+
+OperatorTraits make_traits(const c10::FunctionSchema& schema);
+
+/// The traits of one of PyTorch's own operators, worked out once per thread. Their schemas live as long as
+/// the process; those of other libraries come and go, and a new one may have the address of an old one.
+const OperatorTraits& traits_of_builtin(const c10::FunctionSchema& schema);
+
+bool is_builtin(const c10::FunctionSchema& schema);
+
+}  // namespace quillon::host_device
