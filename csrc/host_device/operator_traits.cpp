@@ -96,12 +96,13 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
 }  // namespace
 
 OperatorTraits make_traits(const c10::FunctionSchema& schema) {
-  OperatorTraits traits;
+  OperatorTraits traits{};
   traits.work_grows_faster_than_data = work_grows_faster_than_data(schema.name());
   for (size_t i = 0; i < schema.arguments().size(); ++i) {
     const c10::Argument& argument = schema.arguments()[i];
     if (const auto kind = kind_of(argument)) {
       const bool written = argument.alias_info() && argument.alias_info()->isWrite();
+      traits.writes_arguments |= written;
       const bool any_device = may_be_on_any_device(schema.name(), argument.name());
       traits.arguments.push_back({static_cast<uint32_t>(i), *kind, written, any_device});
     }

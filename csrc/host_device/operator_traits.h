@@ -19,6 +19,7 @@ struct ArgumentTraits {
 /// What the fallback has to know of an operator: the arguments that it has to look at.
 struct OperatorTraits {
   std::vector<ArgumentTraits> arguments;
+  bool writes_arguments;
   bool work_grows_faster_than_data;
 };
 

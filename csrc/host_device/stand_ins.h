@@ -1,0 +1,79 @@
+// CPU tensors that stand in for XPU tensors while CPU code works on them, and the way back. No bytes are copied: a
+// host device's memory is the CPU's memory.
+#pragma once
+
+#include <ATen/core/Tensor.h>
+#include <ATen/core/ivalue.h>
+#include <c10/util/SmallVector.h>
+#include <c10/util/flat_hash_map.h>
+
+#include <string>
+
+namespace quillon::host_device {
+
+/// Maps keys to positions in a vector: by search while there are few, as is usual, by hashing when there are
+/// many.
+class PointerIndex {
+ public:
+  void add(const void* key);
+  int64_t find(const void* key) const {
+    if (C10_UNLIKELY(keys_.size() > kSearched)) return find_hashed(key);
+    for (size_t i = 0; i < keys_.size(); ++i) {
+      if (keys_[i] == key) return static_cast<int64_t>(i);
+    }
+    return -1;
+  }
+
+ private:
+  int64_t find_hashed(const void* key) const;
+
+  static constexpr size_t kSearched = 16;
+  c10::SmallVector<const void*, kSearched> keys_;
+  ska::flat_hash_map<const void*, size_t> hashed_;
+};
+
+/// The stand-ins of one call on one device. Each may outlive the call: it keeps the memory that it shows alive.
+class StandIns {
+ public:
+  /// `caller` names the call in errors.
+  StandIns(c10::DeviceIndex device, const std::string& caller) : device_(device), caller_(caller) {}
+
+  /// The stand-in of an XPU tensor, the same one each time; any other tensor is returned as it is.
+  at::Tensor to_cpu(const at::Tensor& tensor);
+  /// What the CPU code returned, as a tensor of the device: the argument itself where it is a stand-in, a view of an
+  /// argument where it shares its storage, else a tensor that takes the result's memory along.
+  at::Tensor to_xpu(at::Tensor cpu);
+
+  /// The same for every tensor in lists, lists of lists and optionals.
+  void to_cpu(c10::IValue& value);
+  void to_xpu(c10::IValue& value);
+
+  /// Gives the arguments the memory, shape or storage that the CPU code gave their stand-ins.
+  void restore_arguments();
+
+ private:
+  struct TensorPair {
+    at::Tensor xpu, cpu;
+    const c10::StorageImpl* cpu_storage;  // when the call began
+  };
+  struct StoragePair {
+    c10::Storage xpu, cpu;
+    const void* data;
+    size_t nbytes;
+  };
+
+  c10::Storage cpu_storage(const c10::Storage& xpu);
+  c10::Storage xpu_storage(const c10::Storage& cpu);
+  void take_data(c10::StorageImpl& cpu, c10::StorageImpl& xpu) const;
+  bool convert_in_place(const at::Tensor& cpu) const;
+
+  const c10::DeviceIndex device_;
+  const std::string& caller_;
+  c10::SmallVector<TensorPair, 4> tensors_;
+  PointerIndex xpu_tensors_, cpu_tensors_;
+  c10::SmallVector<StoragePair, 4> storages_;
+  PointerIndex xpu_storages_, cpu_storages_;
+  c10::SmallVector<const c10::TensorImpl*, 4> passed_through_;
+};
+
+}  // namespace quillon::host_device
