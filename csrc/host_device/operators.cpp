@@ -2,8 +2,10 @@
 // and those whose device-independent form would look for XPU kernels that are not there.
 #include <ATen/ATen.h>
 #include <ATen/EmptyTensor.h>
+#include <ATen/SDPBackend.h>
 #include <ATen/native/Resize.h>
 #include <ATen/ops/_efficientzerotensor_native.h>
+#include <ATen/ops/_fused_sdp_choice_native.h>
 #include <ATen/ops/_reshape_alias_native.h>
 #include <ATen/ops/_scaled_dot_product_attention_math_native.h>
 #include <ATen/ops/as_strided_native.h>
@@ -122,27 +124,22 @@ std::tuple<at::Tensor, at::Tensor> native_dropout(const at::Tensor& input, doubl
   return {input.mul(mask).mul_(scale), mask};
 }
 
-// PyTorch's own choice of an attention kernel looks in tables that have no entry for XPU. Without gradients,
-// all of it is left to the CPU, whose fused kernel is fast; with them, the form made of plain operators has
-// derivatives.
-at::Tensor differentiable_attention(c10::DispatchKeySet keys, const at::Tensor& query, const at::Tensor& key,
-                                    const at::Tensor& value, const std::optional<at::Tensor>& mask, double dropout_p,
-                                    bool is_causal, std::optional<double> scale, bool enable_gqa) {
-  const bool mask_needs_gradient = mask && mask->requires_grad();
-  const bool needs_gradient = at::GradMode::is_enabled() && (query.requires_grad() || key.requires_grad() ||
-                                                             value.requires_grad() || mask_needs_gradient);
-  if (!needs_gradient && dropout_p == 0.0) {
-    static const auto op = c10::Dispatcher::singleton()
-                               .findSchemaOrThrow("aten::scaled_dot_product_attention", "")
-                               .typed<decltype(at::scaled_dot_product_attention)>();
-    const at::AutoDispatchBelowAutograd below_autograd;
-    return op.redispatch(keys & c10::after_autograd_keyset, query, key, value, mask, dropout_p, is_causal, scale,
-                         enable_gqa);
-  }
+// Above the device, PyTorch's attention is made of a choice and of the operators chosen, and the choice looks in a table
+// that has no entry for XPU. The same with the CPU's choice: its fused kernel has a derivative of its own, and
+// a FakeTensor passes through.
+at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                     const std::optional<at::Tensor>& mask, double dropout_p, bool is_causal,
+                     std::optional<double> scale, bool enable_gqa) {
+  const int64_t choice =
+      at::native::_fused_sdp_choice_cpp(query, key, value, mask, dropout_p, is_causal, scale, enable_gqa);
   std::optional<at::Tensor> float_mask = mask;
   if (mask && mask->defined() && mask->scalar_type() == at::kBool) {
     const double minus_infinity = -std::numeric_limits<double>::infinity();
-    float_mask = at::zeros(mask->sizes(), query.options()).masked_fill_(mask->logical_not(), minus_infinity);
+    float_mask = at::zeros_symint(mask->sym_sizes(), query.options()).masked_fill_(mask->logical_not(), minus_infinity);
+  }
+  if (choice == static_cast<int64_t>(at::SDPBackend::flash_attention)) {
+    return std::get<0>(
+        at::_scaled_dot_product_flash_attention_for_cpu(query, key, value, dropout_p, is_causal, float_mask, scale));
   }
   return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, float_mask, dropout_p, is_causal,
                                                             std::nullopt, scale, enable_gqa));
@@ -197,5 +194,5 @@ TORCH_LIBRARY_IMPL(aten, XPU, m) {
 }
 
 TORCH_LIBRARY_IMPL(aten, AutogradXPU, m) {
-  m.impl("scaled_dot_product_attention", TORCH_FN(differentiable_attention));
+  m.impl("scaled_dot_product_attention", TORCH_FN(attention));
 }

@@ -180,6 +180,15 @@ def _event_base(native: ModuleType) -> type:
     return XpuEventBase
 
 
+def _attention_of_any_device(query: torch.Tensor, *args: Any, **kwargs: Any) -> torch.Tensor:
+    """Scaled-dot-product attention in terms of other operators, without PyTorch's look-up of a kernel for XPU."""
+    keys = torch._C.DispatchKey
+    key = keys.AutogradXPU if query.device.type == "xpu" else keys.CompositeImplicitAutograd
+    operator: Any = torch.ops.aten.scaled_dot_product_attention.default
+    result: torch.Tensor = operator._op_dk(key, query, *args, **kwargs)
+    return result
+
+
 def _connect_torch(native: ModuleType) -> None:
     """Give torch._C what a PyTorch built with XPU has there, and torch.xpu the names it looked up before."""
     core: Any = torch._C
@@ -204,6 +213,10 @@ def _connect_torch(native: ModuleType) -> None:
     # It would count the GPUs that the machine may have all the same.
     xpu._device_count_zes = lambda: -1
     xpu._is_in_bad_fork = native._xpu_isInBadFork
+    # What a FakeTensor asks for if an operator has no kernel for it.
+    composite = torch._C.DispatchKey.CompositeImplicitAutograd
+    operator: Any = torch.ops.aten.scaled_dot_product_attention.default
+    operator.py_impl(composite)(_attention_of_any_device)
     # The bases of its classes have changed.
     importlib.reload(xpu.streams)
     xpu.Stream = xpu.streams.Stream

@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import copy
 from collections.abc import Callable, Iterable
+from typing import Any
 
 import pytest
 import torch
+from torch._subclasses.fake_tensor import FakeTensor, FakeTensorMode
 from torch.nn import functional
 
 import quillon  # noqa: F401  (brings the device up)
@@ -76,6 +78,36 @@ def test_scaled_dot_product_attention(needs_gradient: bool, mask: str | None) ->
             assert len(results[-1]) == 4
     for expected, got in zip(*results, strict=True):
         torch.testing.assert_close(got, expected)
+
+
+@pytest.mark.parametrize("mode", [torch.enable_grad, torch.no_grad, torch.inference_mode])
+@pytest.mark.parametrize("key_value_heads", [9, 3])
+@pytest.mark.parametrize("masked", [False, True])
+def test_attention_of_one_query_runs_the_fused_kernel(mode: Any, key_value_heads: int, masked: bool) -> None:
+    torch.manual_seed(0)
+    host = [torch.randn(1, 9, 1, 64, requires_grad=True), *torch.randn(2, 1, key_value_heads, 50, 64)]
+    mask = (torch.arange(50) < 40).view(1, 1, 1, 50) if masked else None
+
+    def attend(device: str) -> torch.Tensor:
+        q, k, v = (t.detach().to(device).requires_grad_(t.requires_grad) for t in host)
+        moved = mask.to(device) if mask is not None else None
+        return functional.scaled_dot_product_attention(q, k, v, moved, enable_gqa=key_value_heads != 9)
+
+    with mode(), torch.profiler.profile() as profile:
+        got = attend("xpu:1")
+    assert "aten::_scaled_dot_product_flash_attention_for_cpu" in {event.key for event in profile.key_averages()}
+    assert got.requires_grad == (mode is torch.enable_grad)
+    assert torch.equal(got.detach().cpu(), attend("cpu").detach())
+
+
+@pytest.mark.parametrize("mode", [torch.enable_grad, torch.no_grad, torch.inference_mode])
+def test_attention_of_fake_tensors(mode: Any) -> None:
+    with mode(), FakeTensorMode():
+        q = torch.empty(1, 4, 5, 8, device=DEVICE, requires_grad=True)
+        k = torch.empty(1, 2, 7, 8, device=DEVICE)
+        out = functional.scaled_dot_product_attention(q, k, k, enable_gqa=True)
+    assert isinstance(out, FakeTensor)
+    assert (out.shape, out.device, out.requires_grad) == (q.shape, DEVICE, mode is torch.enable_grad)
 
 
 def test_gradients_through_copies_between_devices() -> None:
