@@ -14,6 +14,8 @@
 #include <c10/core/DeviceGuard.h>
 #include <torch/library.h>
 
+#include <algorithm>
+
 #include "fallback.h"
 #include "host_device.h"
 
@@ -145,6 +147,21 @@ at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::T
                                                             std::nullopt, scale, enable_gqa));
 }
 
+/// PyTorch prefers an operator's device-independent form to a fallback. Where the CPU has a kernel of its own, that form
+/// is the slower one, and rounds differently; and one that writes into given tensors may look for a kernel in a table
+/// that has no entry for XPU.
+bool is_better_off_whole(const c10::OperatorHandle& op) {
+  if (!op.hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutograd) &&
+      !op.hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutogradNonFunctional)) {
+    return false;
+  }
+  if (op.hasKernelForDispatchKey(c10::DispatchKey::CPU)) return true;
+  // Without an argument for it, a random operator would draw from the CPU's generator.
+  if (op.hasTag(at::Tag::nondeterministic_seeded)) return false;
+  const auto& arguments = op.schema().arguments();
+  return std::any_of(arguments.begin(), arguments.end(), [](const c10::Argument& one) { return one.is_out(); });
+}
+
 }  // namespace
 }  // namespace quillon::host_device
 
@@ -177,17 +194,11 @@ TORCH_LIBRARY_IMPL(aten, XPU, m) {
   // Its device-independent form would go through, and everything after it fail.
   m.impl("_nested_tensor_from_tensor_list", torch::CppFunction::makeFromBoxedFunction<&refuse_nested>());
 
-  // PyTorch prefers an operator's device-independent form to a fallback. Where the CPU has a kernel of its
-  // own, that form is the slower one, and rounds differently.
   auto& dispatcher = c10::Dispatcher::singleton();
   for (const c10::OperatorName& name : dispatcher.getAllOpNames()) {
     if (name.getNamespace() != "aten") continue;
     const auto op = dispatcher.findOp(name);
-    if (!op || op->hasKernelForDispatchKey(c10::DispatchKey::XPU)) continue;
-    const bool has_device_independent_form =
-        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutograd) ||
-        op->hasKernelForDispatchKey(c10::DispatchKey::CompositeExplicitAutogradNonFunctional);
-    if (has_device_independent_form && op->hasKernelForDispatchKey(c10::DispatchKey::CPU)) {
+    if (op && !op->hasKernelForDispatchKey(c10::DispatchKey::XPU) && is_better_off_whole(*op)) {
       m.impl(toString(name).c_str(), torch::CppFunction::makeFromBoxedFunction<&run_on_cpu>());
     }
   }

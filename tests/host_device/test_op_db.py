@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import itertools
 import warnings
 from collections.abc import Iterator
 from typing import Any
@@ -225,3 +226,50 @@ def test_gradients_agree_with_the_cpu() -> None:
     failures = {name_of(op): text for op in candidates if (text := failure_of(check_operator_gradients, op))}
     assert not failures, "\n".join(f"{name}: {text}" for name, text in failures.items())
     assert len(candidates) > 400
+
+
+def check_out_argument(op: Any, sample: Any) -> int:
+    """Compare what one sample writes into tensors of the right size and into empty ones; return how many tensors."""
+    name = name_of(op)
+    expected = op(sample.input, *sample.args, **sample.kwargs)
+    several = isinstance(expected, tuple)
+    if not (isinstance(expected, torch.Tensor) or (several and all(isinstance(t, torch.Tensor) for t in expected))):
+        return 0
+    host_out = tuple(map(torch.empty_like, expected)) if several else torch.empty_like(expected)
+    torch.manual_seed(1)
+    try:
+        op(sample.input, *sample.args, **sample.kwargs, out=host_out)
+    except (RuntimeError, TypeError):  # the CPU does not write this sample's results
+        return 0
+    device_input, device_args, device_kwargs = arguments_on_device(op, sample)
+    if "device" in device_kwargs:
+        device_kwargs["device"] = DEVICE
+    for size in (None, 0):
+        made = [
+            torch.empty(t.shape if size is None else size, dtype=t.dtype, device=DEVICE) for t in tensors_in(expected)
+        ]
+        torch.manual_seed(1)
+        with torch.no_grad():
+            op(device_input, *device_args, **device_kwargs, out=tuple(made) if several else made[0])
+        for got_tensor, expected_tensor in zip(made, tensors_in(host_out), strict=True):
+            if name not in UNINITIALIZED:
+                torch.testing.assert_close(got_tensor.cpu(), expected_tensor, equal_nan=True)
+    return len(made)
+
+
+def test_out_arguments_agree_with_the_cpu() -> None:
+    failures: dict[str, str] = {}
+    several = 0
+    for op in op_db:
+        if not op.supports_out or name_of(op) in EXCEPTIONS:
+            continue
+        torch.manual_seed(0)
+        for sample in itertools.islice(op.sample_inputs("cpu", element_type(op)), 2):
+            try:
+                with warnings.catch_warnings():
+                    warnings.simplefilter("ignore")
+                    several += check_out_argument(op, sample) > 1
+            except Exception as error:
+                failures[name_of(op)] = f"{type(error).__name__}: {error}"
+    assert not failures, "\n".join(f"{name}: {text}" for name, text in failures.items())
+    assert several >= 60

@@ -157,6 +157,8 @@ def test_out_argument() -> None:
     values, indices = torch.empty(0, device=DEVICE), torch.empty(0, dtype=torch.int64, device=DEVICE)
     torch.max(x, 1, out=(values, indices))
     assert (values.tolist(), indices.tolist()) == ([2.0, 5.0], [2, 2])
+    torch.mode(torch.tensor([[3.0, 1.0, 3.0], [4.0, 5.0, 5.0]], device=DEVICE), out=(values, indices))
+    assert (values.tolist(), indices.tolist()) == ([3.0, 5.0], [2, 2])
 
 
 def test_resize_and_set() -> None:
