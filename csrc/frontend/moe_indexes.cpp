@@ -2,12 +2,24 @@
 
 #include <c10/util/Exception.h>
 
+#include <limits>
 #include <utility>
 
 namespace quillon {
+namespace {
+
+constexpr std::int64_t kMaxCount = std::numeric_limits<std::int32_t>::max();
+
+}  // namespace
 
 std::vector<std::vector<std::vector<std::int32_t>>> get_moe_indexes(at::Tensor ids, std::int64_t num_experts) {
   using Lists = std::vector<std::vector<std::int32_t>>;
+  TORCH_CHECK(ids.dim() == 2, "ids must have two dimensions, tokens by top-k slots, got shape ", ids.sizes());
+  TORCH_CHECK(ids.is_contiguous(), "ids must be contiguous, got shape ", ids.sizes(), " with strides ", ids.strides(),
+              "; give ids.contiguous()");
+  TORCH_CHECK(ids.numel() == 0 || (ids.size(0) <= kMaxCount && ids.size(1) <= kMaxCount), "ids has shape ", ids.sizes(),
+              ", but rows and columns are counted in 32 bits");
+  ids = ids.cpu();
   const std::int32_t* next = ids.data_ptr<std::int32_t>();
   const auto rows = static_cast<std::int32_t>(ids.size(0));
   const auto cols = static_cast<std::int32_t>(ids.size(1));

@@ -1,4 +1,4 @@
-// Expert index lists of a mixture-of-experts layer. A host routine: it touches no device.
+// Expert index lists of a mixture-of-experts layer. A host routine: it launches nothing.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -9,7 +9,8 @@
 namespace quillon {
 
 // For each expert, which tokens go to it.
-//   ids          int32, tokens by top-k slots, contiguous, host-readable; each entry an expert number
+//   ids          int32, tokens by top-k slots, contiguous, each entry an expert number; what is not in the CPU's memory
+//                is copied there
 //   num_experts  number of lists to produce
 // Returns {slots, tokens}: slots[e] and tokens[e] hold column and row of each occurrence of expert e in `ids`, in
 // scan order. An expert number outside 0 to num_experts - 1 is a RuntimeError that names it.

@@ -64,7 +64,7 @@ def dequantize_rows(
 def get_moe_indexes(ids: torch.Tensor, num_experts: int, /) -> list[list[list[int]]]:
     """For each expert, the tokens that go to it.
 
-    ids  int32 (tokens, top-k slots), host-readable; entries from 0 to num_experts - 1
+    ids  int32 (tokens, top-k slots), contiguous; entries from 0 to num_experts - 1
     Returns ``[slots, tokens]``, each with one list per expert: columns and rows of its occurrences in scan order.
     """
 

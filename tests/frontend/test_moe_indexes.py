@@ -2,6 +2,9 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+from pathlib import Path
+
 import pytest
 import torch
 from hypothesis import given
@@ -67,11 +70,61 @@ def test_agrees_with_the_naive_form(case: tuple[list[list[int]], int, int]) -> N
     assert get_moe_indexes(ids, experts) == _naive(rows, experts)
 
 
-def test_layout_is_memory_order() -> None:
-    """A tensor that is not contiguous is read from its first element on, in memory order."""
-    held = torch.arange(12, dtype=torch.int32).reshape(3, 4)
-    assert get_moe_indexes(held.t(), 12) == _naive([[0, 1, 2], [3, 4, 5], [6, 7, 8], [9, 10, 11]], 12)
-    assert get_moe_indexes(held[:, 1:3], 12) == _naive([[1, 2], [3, 4], [5, 6]], 12)
+def _failure(ids: torch.Tensor, num_experts: int = 12) -> str:
+    with pytest.raises(RuntimeError) as error:
+        get_moe_indexes(ids, num_experts)
+    assert type(error.value) is RuntimeError
+    return str(error.value)
+
+
+HELD = torch.arange(12, dtype=torch.int32).reshape(3, 4)
+
+
+@pytest.mark.parametrize("device", ["cpu", "xpu:3"])
+@pytest.mark.parametrize(
+    ("view", "shown"),
+    [
+        (lambda ids: ids.t(), "shape [4, 3] with strides [1, 4]"),
+        (lambda ids: ids[:, ::2], "shape [3, 2] with strides [4, 2]"),
+        (lambda ids: ids[:, 1:3], "shape [3, 2] with strides [4, 1]"),
+        (lambda ids: ids[:1].expand(50, 4), "shape [50, 4] with strides [0, 1]"),
+        (lambda ids: ids[:1, :1].expand(1, 4096), "shape [1, 4096] with strides [4, 0]"),
+    ],
+    ids=["transposed", "every second", "columns", "expanded rows", "expanded columns"],
+)
+def test_ids_that_are_not_contiguous(view: Callable[[torch.Tensor], torch.Tensor], shown: str, device: str) -> None:
+    ids = view(HELD.to(device))
+    assert _failure(ids) == f"ids must be contiguous, got {shown}; give ids.contiguous()"
+    assert get_moe_indexes(ids.contiguous(), 12) == _naive(ids.tolist(), 12)
+
+
+def test_contiguous_views() -> None:
+    assert get_moe_indexes(HELD[1:], 12) == _naive(HELD[1:].tolist(), 12)
+    assert get_moe_indexes(HELD[:1, 1:3], 12) == _naive([[1, 2]], 12)
+    assert get_moe_indexes(HELD[:, :0], 2) == [[[], []], [[], []]]
+
+
+@pytest.mark.parametrize("shape", [(), (4,), (256, 7, 0), (2, 2, 1), (0, 3, 5)])
+def test_ids_of_other_than_two_dimensions(shape: tuple[int, ...]) -> None:
+    text = _failure(torch.zeros(shape, dtype=torch.int32))
+    assert text == f"ids must have two dimensions, tokens by top-k slots, got shape {list(shape)}"
+
+
+@pytest.mark.parametrize("shape", [(2**31, 1), (1, 2**31)])
+def test_more_rows_or_columns_than_an_entry_can_count(shape: tuple[int, int], tmp_path: Path) -> None:
+    held = torch.from_file(str(tmp_path / "sparse"), shared=True, size=2**31, dtype=torch.int32)
+    text = _failure(held.view(shape))
+    assert text == f"ids has shape {list(shape)}, but rows and columns are counted in 32 bits"
+
+
+def test_empty_ids_of_any_length() -> None:
+    assert get_moe_indexes(torch.empty(2**31, 0, dtype=torch.int32), 1) == [[[]], [[]]]
+    assert get_moe_indexes(torch.empty(0, 2**40, dtype=torch.int32), 1) == [[[]], [[]]]
+
+
+def test_ids_without_data() -> None:
+    with pytest.raises(NotImplementedError, match="Cannot copy out of meta tensor"):
+        get_moe_indexes(torch.zeros(2, 2, dtype=torch.int32, device="meta"), 1)
 
 
 def test_tensor_on_the_host_device() -> None:
@@ -107,8 +160,3 @@ def test_length_that_no_vector_has(num_experts: int) -> None:
     with pytest.raises(RuntimeError) as error:
         get_moe_indexes(_ids([[0]]), num_experts)
     assert str(error.value) == "vector too long"
-
-
-def test_one_dimensional_ids() -> None:
-    with pytest.raises(IndexError, match="Dimension out of range"):
-        get_moe_indexes(torch.zeros(4, dtype=torch.int32), 1)
