@@ -2,6 +2,8 @@
 
 #include <c10/util/Exception.h>
 
+#include <limits>
+
 #include "dispatch/device_class_query.h"
 #include "dispatch/format_check.h"
 #include "dispatch/launchers.h"
@@ -22,6 +24,18 @@ const LauncherTable& launcher_table(Road road) {
   }
 }
 
+// Kernels take their numbers from the first sizes alone, so these have to be backed by elements; and they form offsets
+// inside a weight from 32-bit products.
+void check_extents(const at::Tensor& input, const at::Tensor& weight, std::uint64_t batch, std::uint64_t state_size,
+                   std::uint64_t output_size) {
+  constexpr std::uint64_t kMaxElements = std::numeric_limits<std::int32_t>::max();
+  TORCH_CHECK(input.numel() > 0 || batch == 0, "forward_new: input of shape ", input.sizes(), " has no elements");
+  TORCH_CHECK(weight.numel() > 0 || output_size == 0, "forward_new: weight of shape ", weight.sizes(),
+              " has no bytes; give the flat tensor that a quantizer returns");
+  TORCH_CHECK(output_size == 0 || output_size * state_size <= kMaxElements, "forward_new: a weight of ", output_size,
+              " rows of ", state_size, " elements is too large; a weight has at most ", kMaxElements, " elements");
+}
+
 }  // namespace
 
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t input_size) {
@@ -34,6 +48,7 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
   const std::uint64_t blocks = weight_bytes / bytes_per_block(qtype);
   const std::uint64_t output_size = elements_per_block(qtype) * blocks / state_size;
 
+  check_extents(input, weight, batch, state_size, output_size);
   const XpuDeviceClass device_class = get_device_class(input.device());
   const Road road = choose_road(device_class, qtype, batch, output_size);
   TORCH_CHECK_NOT_IMPLEMENTED(road != Road::matrix_engine, "forward_new: the matrix-engine path, which ",

@@ -5,6 +5,7 @@
 #include <c10/util/Exception.h>
 
 #include <array>
+#include <utility>
 
 #include "dispatch/dequantize_operators.h"
 #include "dispatch/linear_xpu_kernel.h"
@@ -17,18 +18,34 @@
 
 namespace quillon {
 
+namespace {
+
+// The dispatcher of torch.ops resolves a tensor that stands for its negative, the functions of the module do not.
+at::Tensor as_stored(at::Tensor tensor) {
+  return tensor.is_neg() ? tensor.resolve_neg() : tensor;
+}
+
+void check_one_device(const char* operator_name, const at::Tensor& input, const at::Tensor& weight) {
+  TORCH_CHECK(input.device() == weight.device(), operator_name, ": input is on ", input.device(), " and weight on ",
+              weight.device(), "; both must be on one device");
+}
+
+}  // namespace
+
 using Recorded = std::array<c10::IValue, 1>;
 
 at::Tensor linear_forward_new(at::Tensor input, at::Tensor weight, std::int64_t qtype, std::int64_t input_size) {
   QUILLON_CHECK_XPU_TENSOR(input, "input");
   QUILLON_CHECK_XPU_TENSOR(weight, "weights");
+  check_one_device("forward_new", input, weight);
   RECORD_FUNCTION("sorrel_qlinear_forward", (Recorded{input}));
-  return linear_xpu_forward_new(input, weight, static_cast<int>(qtype), input_size);
+  return linear_xpu_forward_new(as_stored(std::move(input)), weight, static_cast<int>(qtype), input_size);
 }
 
 at::Tensor dequant(at::Tensor input, at::Tensor weight, std::int64_t qtype) {
   QUILLON_CHECK_XPU_TENSOR(input, "input");
   QUILLON_CHECK_XPU_TENSOR(weight, "weight");
+  check_one_device("dequant", input, weight);
   RECORD_FUNCTION("sorrel_xpu_dequant", (Recorded{weight}));
   return qlinear_forward_xpu(input, weight, static_cast<int>(qtype));
 }
@@ -37,6 +54,7 @@ at::Tensor dequantize_rows(at::Tensor input, at::Tensor weight, std::int64_t qty
                            std::int64_t output_size) {
   QUILLON_CHECK_XPU_TENSOR(input, "input");
   QUILLON_CHECK_XPU_TENSOR(weight, "weight");
+  check_one_device("dequantize_rows", input, weight);
   RECORD_FUNCTION("sorrel_dequantize_rows", (Recorded{input}));
   return dequantize_rows_xpu(input, weight, static_cast<int>(qtype), state_size, output_size);
 }

@@ -91,6 +91,39 @@ def test_sizes_of_input_past_the_second_are_ignored(forward: Forward) -> None:
 
 
 @routes
+@pytest.mark.parametrize("shape", [(1024, 0, 192), (34 * 64, 0), (2**40, 0)])
+def test_weight_without_bytes(forward: Forward, shape: tuple[int, ...]) -> None:
+    """The first size names bytes that are not there."""
+    text = _failure(RuntimeError, forward, _input(), torch.zeros(shape, dtype=torch.uint8, device="xpu:7"), Q4_0, 0)
+    assert text == (
+        f"forward_new: weight of shape {list(shape)} has no bytes; give the flat tensor that a quantizer returns"
+    )
+
+
+@routes
+def test_weight_without_bytes_that_no_row_needs(forward: Forward) -> None:
+    assert forward(_input(), torch.zeros(33, 0, dtype=torch.uint8, device="xpu:7"), Q4_0, 0).shape == (1, 0)
+
+
+@routes
+@pytest.mark.parametrize("shape", [(1, 64, 0), (1, 64, 3, 0), (2, 64, 0)])
+def test_input_without_elements(forward: Forward, shape: tuple[int, ...]) -> None:
+    text = _failure(RuntimeError, forward, torch.zeros(shape, device="xpu:7"), _weight(), Q4_0, 0)
+    assert text == f"forward_new: input of shape {list(shape)} has no elements"
+
+
+@routes
+@pytest.mark.parametrize("state_size", [64, 2**20])
+def test_weight_of_more_elements_than_offsets_count(forward: Forward, state_size: int) -> None:
+    weight = torch.empty(34 * 2**31 // 64, dtype=torch.uint8, device="xpu:7")
+    text = _failure(RuntimeError, forward, _input(state_size=state_size), weight, Q4_0, 0)
+    assert text == (
+        f"forward_new: a weight of {2**31 // state_size} rows of {state_size} elements is too large; "
+        "a weight has at most 2147483647 elements"
+    )
+
+
+@routes
 def test_one_dimensional_input(forward: Forward) -> None:
     text = _failure(IndexError, forward, _input()[0], _weight(), Q4_0, 0)
     assert text == "Dimension out of range (expected to be in range of [-1, 0], but got 1)"

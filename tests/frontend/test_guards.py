@@ -85,6 +85,26 @@ def test_transposed_weight_is_not_contiguous() -> None:
 
 
 @guarded
+@routes
+def test_tensors_on_different_devices(name: str, route: str) -> None:
+    """Eight host devices share their memory, so that nothing else would tell: on a GPU the kernel would fault."""
+    call = _call(name, route)
+    text = _message(call, _input(name).to("xpu:2"), _weight().to("xpu:1"))
+    assert text == f"{name}: input is on xpu:2 and weight on xpu:1; both must be on one device"
+    with contextlib.suppress(NotImplementedError):
+        call(_input(name).to("xpu:2"), _weight().to("xpu:2"))
+
+
+@routes
+def test_tensor_that_stands_for_its_negative(route: str) -> None:
+    call, input = _call("forward_new", route), _input("forward_new")
+    weight = torch.full((34 * 64,), 0x31, dtype=torch.uint8, device="xpu")
+    expected = call(-input, weight)
+    assert (expected != 0).all()
+    assert torch.equal(call(torch._neg_view(input), weight), expected)
+
+
+@guarded
 def test_guards_come_before_the_code_and_the_environment(name: str, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("TILE_THRESHOLD", "no number")
     function = getattr(vesper_linear, name)
