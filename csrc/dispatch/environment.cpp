@@ -1,7 +1,5 @@
 #include "dispatch/environment.h"
 
-#include <c10/util/Exception.h>
-
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -9,8 +7,7 @@
 namespace quillon {
 namespace {
 
-// The C++ library's own exception texts differ from one implementation to the next; these are fixed. They leave as
-// PyTorch errors, because pybind11 makes ValueError and IndexError of the C++ library's, also under torch.ops.
+// The exceptions are the parser's own; their texts differ from one C++ library to the next, these are fixed.
 template <typename Number>
 Number read_number(const char* variable, Number default_value, Number (*parse)(const std::string&, std::size_t*, int),
                    const char* parser) {
@@ -19,9 +16,9 @@ Number read_number(const char* variable, Number default_value, Number (*parse)(c
   try {
     return parse(text, nullptr, 10);
   } catch (const std::invalid_argument&) {
-    TORCH_CHECK(false, "invalid ", parser, " argument");
+    throw std::invalid_argument(std::string("invalid ") + parser + " argument");
   } catch (const std::out_of_range&) {
-    TORCH_CHECK(false, parser, " argument out of range");
+    throw std::out_of_range(std::string(parser) + " argument out of range");
   }
 }
 

@@ -1,4 +1,6 @@
-// The environment variables of the launchers, read anew on every call, with the texts that a bad value gives.
+// The environment variables of the launchers, read anew on every call. A bad value throws what the C++ library's parser
+// throws: std::invalid_argument ("invalid stoll argument") or std::out_of_range ("stoll argument out of range"), with
+// stoull in place of stoll for TILE_SIZE. Free of torch.
 #pragma once
 
 #include <cstdint>

@@ -10,6 +10,8 @@
 #include <torch/library.h>
 
 #include <array>
+#include <stdexcept>
+#include <utility>
 
 #include "dispatch/device_class_query.h"
 #include "frontend/build_log.h"
@@ -36,13 +38,23 @@ struct Binding;
 
 template <auto Body, typename Result, typename... Arguments>
 struct Binding<Body, Result (*)(Arguments...)> {
+  // What both routes call. The C++ library's exceptions become PyTorch's, and so RuntimeError: pybind11, which is behind
+  // torch.ops as well, would make ValueError and IndexError of them.
+  static Result call(Arguments... arguments) {
+    try {
+      return Body(std::move(arguments)...);
+    } catch (const std::logic_error& error) {
+      TORCH_CHECK(false, error.what());
+    }
+  }
   static void bind(pybind11::module_& module, const Operator& row) {
     module.def(
-        row.name, [](typename PythonArgument<Arguments>::type... arguments) -> Result { return Body(arguments...); },
+        row.name,
+        [](typename PythonArgument<Arguments>::type... arguments) -> Result { return call(std::move(arguments)...); },
         row.doc);
   }
   static void implement(torch::Library& library, const Operator& row) {
-    library.impl(row.name, torch::CppFunction(c10::CompileTimeFunctionPointer<Result(Arguments...), Body>()));
+    library.impl(row.name, torch::CppFunction(c10::CompileTimeFunctionPointer<Result(Arguments...), &call>()));
   }
 };
 
