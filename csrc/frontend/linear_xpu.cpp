@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "dispatch/device_class_query.h"
-#include "frontend/build_log.h"
+#include "frontend/build_observer.h"
 #include "frontend/guards.h"
 #include "frontend/interpreter_version.h"
 #include "frontend/moe_indexes.h"
@@ -158,7 +158,7 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit_vesper_linear() {
   try {
     pybind11::detail::get_internals();
     pybind11::register_local_exception_translator(quillon::translate_exception);
-    quillon::log_kernel_builds();
+    quillon::observe_kernel_builds();
     Py_AtExit(&quillon::runtime::close_library);
     return quillon::create_module();
   } catch (pybind11::error_already_set& error) {

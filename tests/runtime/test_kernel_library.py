@@ -55,7 +55,7 @@ def in_threads(calls):
         thread.start()
     for thread in threads:
         thread.join()
-    assert errors == []
+    assert errors == [], errors
 """
 
 Build = tuple[str, float, float]
@@ -180,6 +180,20 @@ sys.unraisablehook = lambda event: print(event.exc_type.__name__)
 call(vesper_linear.forward_new, torch.float64)
 """
     assert _run(text) == "ZeroDivisionError\n"
+
+
+def test_the_module_alone_keeps_no_log() -> None:
+    """What is logged is the package's: without its observer the module builds in silence."""
+    text = """
+del vesper_linear.__kernel_built__
+for dtype in (torch.float32, torch.float64, torch.float16, torch.bfloat16):
+    for device in (1, 6, 7):
+        call(dtype=dtype, device=device)
+assert (built, warnings) == ([], [])
+vesper_linear.__kernel_built__ = lambda kernel, seconds: print(kernel, 0.05 < seconds < 100)
+vesper_linear.forward_new(torch.ones(1, 64, device="xpu:7"), torch.zeros(36, dtype=torch.uint8, device="xpu:7"), 3, 0)
+"""
+    assert _run(text) == "qlinear_xpu_kernel_q4_1_2x16<float,16,32> True\n"
 
 
 @pytest.fixture(scope="module")
