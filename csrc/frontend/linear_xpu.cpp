@@ -4,7 +4,7 @@
 // routes and reach the same body; the rows without a schema are module functions only.
 //
 //   import vesper_linear ──► library loaded ──► static registrations: schemas, then bodies for the key XPU
-//                        └─► PyInit_vesper_linear ──► version check ──► module ──► nine functions
+//                        └─► PyInit_vesper_linear ──► version and XPU check ──► module ──► nine functions
 
 #include <torch/extension.h>
 #include <torch/library.h>
@@ -110,6 +110,12 @@ constexpr std::array kOperators = {
 
 constexpr const char* kBuiltForPython = PYBIND11_TOSTRING(PY_MAJOR_VERSION) "." PYBIND11_TOSTRING(PY_MINOR_VERSION);
 
+// PyTorch's own XPU layer, or the host device, which is up by the time that quillon imports this module. Asked in Python:
+// the C++ side remembers its first answer.
+bool xpu_layer_is_up() {
+  return pybind11::module_::import("torch").attr("_C").attr("_has_xpu").cast<bool>();
+}
+
 // A PyTorch error reaches Python from a module function as it does from torch.ops: the same type, the plain message, and
 // the C++ backtrace only under TORCH_SHOW_CPP_STACKTRACES. pybind11 by itself would always append the backtrace.
 void translate_exception(std::exception_ptr pending) {
@@ -156,6 +162,13 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit_vesper_linear() {
     return nullptr;
   }
   try {
+    if (!quillon::xpu_layer_is_up()) {
+      PyErr_SetString(
+          PyExc_ImportError,
+          "vesper_linear needs an XPU layer and this PyTorch has none: put `import quillon`, which brings up "
+          "the host device, before `import vesper_linear`");
+      return nullptr;
+    }
     pybind11::detail::get_internals();
     pybind11::register_local_exception_translator(quillon::translate_exception);
     quillon::observe_kernel_builds();

@@ -191,3 +191,23 @@ def test_import_under_another_version(tmp_path: Path) -> None:
             print("refused")
     """
     assert output_of(text, str(tmp_path), other) == "refused\n"
+
+
+@pytest.mark.parametrize("first", ["", "import torch"])
+def test_module_alone_names_the_package(first: str) -> None:
+    """On a PyTorch without XPU the package starts the host device, without which nothing here can run."""
+    text = f"""
+        {first}
+        import sys
+        try:
+            import vesper_linear
+        except ImportError as error:
+            print(error)
+        assert "vesper_linear" not in sys.modules
+        import quillon, vesper_linear
+        print(len([name for name in vars(vesper_linear) if not name.startswith("__")]))
+    """
+    assert output_of(text, TORCH_DEVICE_BACKEND_AUTOLOAD="0") == (
+        "vesper_linear needs an XPU layer and this PyTorch has none: put `import quillon`, which brings up the host "
+        "device, before `import vesper_linear`\n9\n"
+    )
