@@ -26,14 +26,16 @@ add_library(quillon_torch_python INTERFACE)
 add_library(quillon::torch_python ALIAS quillon_torch_python)
 target_link_libraries(quillon_torch_python INTERFACE quillon::torch "${TORCH_LIB_DIR}/libtorch_python.so")
 
-# The SYCL runtime comes from pip and lies in the Python prefix: headers in include/, libraries in lib/.
-execute_process(COMMAND "${Python_EXECUTABLE}" -c "import sys; print(sys.prefix)" OUTPUT_VARIABLE python_prefix
-                OUTPUT_STRIP_TRAILING_WHITESPACE)
-find_path(SYCL_INCLUDE_DIR sycl/sycl.hpp HINTS "${python_prefix}/include" NO_DEFAULT_PATH)
-find_library(SYCL_LIBRARY sycl HINTS "${python_prefix}/lib" NO_DEFAULT_PATH)
-if(NOT SYCL_INCLUDE_DIR OR NOT SYCL_LIBRARY)
-  message(FATAL_ERROR "The SYCL runtime is not installed in ${python_prefix}: pip install 'dpcpp-cpp-rt==2026.2.*'")
+# The SYCL runtime comes from pip.
+execute_process(COMMAND "${Python_EXECUTABLE}" "${CMAKE_SOURCE_DIR}/python/quillon/_sycl_runtime.py"
+                OUTPUT_VARIABLE sycl_facts OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_VARIABLE sycl_problem
+                RESULT_VARIABLE sycl_failed)
+if(sycl_failed)
+  message(FATAL_ERROR "The SYCL runtime is not installed: pip install 'dpcpp-cpp-rt==2026.2.*'\n${sycl_problem}")
 endif()
+string(REPLACE "\n" ";" sycl_facts "${sycl_facts}")
+list(GET sycl_facts 0 SYCL_INCLUDE_DIR)
+list(GET sycl_facts 1 SYCL_LIBRARY)
 get_filename_component(SYCL_LIB_DIR "${SYCL_LIBRARY}" DIRECTORY)
 if(torch_xpu_version)
   set(SYCL_COMPILER_VERSION_VALUE "${torch_xpu_version}")

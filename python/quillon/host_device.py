@@ -9,14 +9,14 @@ from __future__ import annotations
 import atexit
 import ctypes
 import importlib
-import importlib.metadata
 import os
-import sys
 from pathlib import Path
 from types import ModuleType
 from typing import Any
 
 import torch
+
+from quillon import _sycl_runtime
 
 __all__ = ["cache_folder", "declared_architectures", "is_active"]
 
@@ -83,29 +83,10 @@ def start() -> None:
     _native = native
 
 
-def _library_folders() -> list[Path]:
-    """Return the folders in which pip puts the SYCL runtime's libraries, most likely first."""
-    folders = [Path(sys.prefix, "lib"), Path(__file__).resolve().parents[3]]
-    for package in ("intel-opencl-rt", "intel-sycl-rt", "dpcpp-cpp-rt"):
-        try:
-            files = importlib.metadata.files(package) or []
-        except importlib.metadata.PackageNotFoundError:
-            continue
-        folders += [Path(str(file.locate())).resolve().parent for file in files if file.name == _CPU_DRIVER]
-    return folders
-
-
-def _find_library(name: str) -> Path | None:
-    for folder in _library_folders():
-        if (folder / name).is_file():
-            return folder / name
-    return None
-
-
 def _prepare_environment() -> None:
     """Set what the SYCL runtime reads when it starts, where the user has not."""
     if "OCL_ICD_FILENAMES" not in os.environ:
-        driver = _find_library(_CPU_DRIVER)
+        driver = _sycl_runtime.find(f"lib/{_CPU_DRIVER}")
         if driver is None:
             raise ImportError(f"{_CPU_DRIVER} not found: {_INSTALL_HINT}")
         os.environ["OCL_ICD_FILENAMES"] = str(driver)
@@ -123,7 +104,7 @@ def _load_native() -> ModuleType:
         if "libsycl" not in str(error):
             raise
         # Not where the package's library path points: a virtual environment that sees a system-wide runtime.
-        runtime = _find_library(_SYCL_RUNTIME)
+        runtime = _sycl_runtime.find(f"lib/{_SYCL_RUNTIME}")
         if runtime is None:
             raise ImportError(f"{_SYCL_RUNTIME} not found: {_INSTALL_HINT}") from error
     ctypes.CDLL(str(runtime), mode=ctypes.RTLD_GLOBAL)

@@ -10,7 +10,7 @@ from subprocess import CompletedProcess
 
 import pytest
 
-from quillon import host_device
+from quillon import _sycl_runtime, host_device
 
 Run = Callable[..., "CompletedProcess[str]"]
 
@@ -147,7 +147,7 @@ def test_missing_sycl_runtime(monkeypatch: pytest.MonkeyPatch) -> None:
     def no_runtime(name: str) -> None:
         raise ImportError("libsycl.so.9: cannot open shared object file: No such file or directory")
 
-    monkeypatch.setattr(host_device, "_library_folders", list)
+    monkeypatch.setattr(_sycl_runtime, "find", lambda _: None)
     monkeypatch.setattr(importlib, "import_module", no_runtime)
     with pytest.raises(ImportError, match=r"pip install 'quillon\[host\]'"):
         host_device._load_native()
