@@ -13,8 +13,8 @@ bool in_table(int qtype) {
 
 std::string weight_formats() {
   std::string names;
-  for (const format_entry& entry : format_table)
-    if (entry.name[0] != '\0' && entry.qtype != qtype_q8_1)
+  for (const format_entry& entry : formats)
+    if (is_weight_format(entry))
       names += (names.empty() ? "" : ", ") + std::string(entry.name) + " (" + std::to_string(entry.qtype) + ")";
   return names;
 }

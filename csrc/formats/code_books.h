@@ -27,7 +27,7 @@ struct block_nf3_qs {
   uint8_t qh[8];
   uint8_t qs[16];
 };
-static_assert(sizeof(block_nf3_qs) == 24);
+static_assert(sizeof(block_nf3_qs) == field_bytes(qtype_nf3, "qs"));
 
 inline constexpr float dequantNF4[16] = {
     -1.0f,

@@ -32,14 +32,14 @@ struct block_iq2_xxs {
   uint8_t d[2];
   uint8_t qs[64];
 };
-static_assert(sizeof(block_iq2_xxs) == 66);
+static_assert(sizeof(block_iq2_xxs) == bytes_per_block(qtype_iq2_xxs));
 
 struct block_iq1_s {
   uint8_t d[2];
   uint8_t qs[32];
   uint8_t qh[16];
 };
-static_assert(sizeof(block_iq1_s) == 50);
+static_assert(sizeof(block_iq1_s) == bytes_per_block(qtype_iq1_s));
 
 // ---- iq2_xxs ----------------------------------------------------------------------------------------------
 

@@ -31,13 +31,13 @@ namespace quillon {
 struct block_q4_0_qs {
   uint8_t qs[32];
 };
-static_assert(sizeof(block_q4_0_qs) == 32);
+static_assert(sizeof(block_q4_0_qs) == field_bytes(qtype_q4_0, "qs"));
 
 struct block_q4_1_dm {
   half d;
   half m;
 };
-static_assert(sizeof(block_q4_1_dm) == 4);
+static_assert(sizeof(block_q4_1_dm) == field_bytes(qtype_q4_1, "dm"));
 
 // Bytes, so that the record has the alignment that it has in a weight; use load_half and load_u64.
 struct block_q5_1 {
@@ -46,12 +46,12 @@ struct block_q5_1 {
   uint8_t qh[8];
   uint8_t qs[32];
 };
-static_assert(sizeof(block_q5_1) == 44);
+static_assert(sizeof(block_q5_1) == bytes_per_block(qtype_q5_1));
 
 struct block_q8_0_qs {
   int8_t qs[64];
 };
-static_assert(sizeof(block_q8_0_qs) == 64);
+static_assert(sizeof(block_q8_0_qs) == field_bytes(qtype_q8_0, "qs"));
 
 // ---- codes ------------------------------------------------------------------------------------------------
 

@@ -21,7 +21,7 @@ struct block_q8_1 {
   half s;
   int8_t qs[32];
 };
-static_assert(sizeof(block_q8_1) == 36);
+static_assert(sizeof(block_q8_1) == bytes_per_block(qtype_q8_1));
 
 // The float 1/127; the scale is a product with it, not a division by 127.
 inline constexpr float q8_1_inverse_127 = 0.007874015718698502f;

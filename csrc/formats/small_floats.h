@@ -41,12 +41,12 @@ namespace quillon {
 struct block_fp6_32_ql {
   uint32_t ql[8];
 };
-static_assert(sizeof(block_fp6_32_ql) == 32);
+static_assert(sizeof(block_fp6_32_ql) == field_bytes(qtype_fp6, "ql"));
 
 struct block_fp6_32_qh {
   uint32_t qh[4];
 };
-static_assert(sizeof(block_fp6_32_qh) == 16);
+static_assert(sizeof(block_fp6_32_qh) == field_bytes(qtype_fp6, "qh"));
 
 // ---- bit patterns -----------------------------------------------------------------------------------------
 

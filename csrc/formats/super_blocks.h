@@ -53,17 +53,17 @@ struct block_q2_K {
   uint8_t d[2];
   uint8_t dmin[2];
 };
-static_assert(sizeof(block_q2_K) == 84);
+static_assert(sizeof(block_q2_K) == bytes_per_block(qtype_q2_k));
 
 struct block_q4_K_qs {
   uint8_t qs[128];
 };
-static_assert(sizeof(block_q4_K_qs) == 128);
+static_assert(sizeof(block_q4_K_qs) == field_bytes(qtype_q4_k, "qs"));
 
 struct block_q4_K_scales {
   uint8_t scales[16];
 };
-static_assert(sizeof(block_q4_K_scales) == 16);
+static_assert(sizeof(block_q4_K_scales) == field_bytes(qtype_q4_k, "scales"));
 
 struct block_q5_K {
   uint8_t d[2];
@@ -72,22 +72,22 @@ struct block_q5_K {
   uint8_t qh[32];
   uint8_t qs[128];
 };
-static_assert(sizeof(block_q5_K) == 176);
+static_assert(sizeof(block_q5_K) == bytes_per_block(qtype_q5_k));
 
 struct block_q6_K_qh {
   uint32_t qh[16];
 };
-static_assert(sizeof(block_q6_K_qh) == 64);
+static_assert(sizeof(block_q6_K_qh) == field_bytes(qtype_q6_k, "qh"));
 
 struct block_q6_K_ql {
   uint32_t ql[32];
 };
-static_assert(sizeof(block_q6_K_ql) == 128);
+static_assert(sizeof(block_q6_K_ql) == field_bytes(qtype_q6_k, "ql"));
 
 struct block_q6_K_scales {
   int8_t scales[16];
 };
-static_assert(sizeof(block_q6_K_scales) == 16);
+static_assert(sizeof(block_q6_K_scales) == field_bytes(qtype_q6_k, "scales"));
 
 // One 16-element sub-block.
 struct block_base_fp6_k_ql {

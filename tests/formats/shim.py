@@ -67,10 +67,24 @@ class Shim:
         assert name.value is not None
         return name.value.decode(), storage.value, elements.value, size.value
 
+    def field_bytes(self, qtype: int, field: str) -> int:
+        size = self._call("shim_field_bytes", _I32, (_I32, qtype), (_NAME, field.encode()))
+        assert isinstance(size, int)
+        return size
+
     def regions_of(self, qtype: int, state_size: int, output_size: int) -> list[int]:
+        return self._regions("shim_regions_of", qtype, state_size, output_size)
+
+    def matvec_regions_of(self, qtype: int, state_size: int, output_size: int) -> list[int]:
+        return self._regions("shim_matvec_regions_of", qtype, state_size, output_size)
+
+    def dense_regions_of(self, qtype: int, state_size: int, output_size: int) -> list[int]:
+        return self._regions("shim_dense_regions_of", qtype, state_size, output_size)
+
+    def _regions(self, function: str, qtype: int, state_size: int, output_size: int) -> list[int]:
         starts = np.zeros(4, np.int64)
         self._call(
-            "shim_regions_of",
+            function,
             None,
             (_I32, qtype),
             (_U64, state_size),

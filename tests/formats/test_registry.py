@@ -7,22 +7,61 @@ from collections.abc import Callable
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
+from shim.process import output_of
 
-from .decoders import FORMATS
+from quillon import formats as quillon_formats
+
+from .decoders import FORMATS, Format
 from .shim import Shim
 
-# qtype: elements and bytes of a block. Codes that are not listed have none.
-BLOCK_TABLE = {
-    **{2: (64, 34), 3: (64, 36), 6: (64, 44), 7: (64, 44), 8: (64, 68), 9: (32, 36), 10: (64, 34)},
-    **{11: (64, 26), 15: (64, 68), 16: (64, 34), 19: (64, 68), 21: (256, 66), 22: (256, 74)},
-    **{23: (256, 84), 24: (256, 50), 25: (256, 56), 26: (256, 210), 27: (256, 148), 28: (256, 176)},
-    **{29: (64, 50), 30: (256, 210), 34: (64, 34)},
+# Elements and bytes of a block, by qtype, of the formats and of two codes without one. No other code has any.
+BLOCK_TABLE = {entry.qtype: (entry.elements, entry.bytes) for entry in FORMATS.values()} | {
+    22: (256, 74),
+    25: (256, 56),
 }
 
 
 def test_block_tables(shim: Shim) -> None:
     for qtype in range(36):
         assert shim.format(qtype)[2:] == BLOCK_TABLE.get(qtype, (0, 0)), qtype
+
+
+def test_fields(shim: Shim) -> None:
+    """Regions, or the fields of a record, have the bytes that the decoders cut."""
+    for entry in FORMATS.values():
+        fields = quillon_formats.get_format(entry.qtype).fields
+        assert [size for _, size in fields] == sizes_of_fields(entry)
+        for name, size in fields:
+            assert shim.field_bytes(entry.qtype, name) == size
+        assert shim.field_bytes(entry.qtype, "no such field") == 0
+
+
+def sizes_of_fields(entry: Format) -> list[int]:
+    if entry.records:
+        return [field.bytes for region in entry.regions for field in region]
+    return [sum(field.bytes for field in region) for region in entry.regions]
+
+
+def test_python_has_the_same_table() -> None:
+    assert [(f.code, f.name, f.elements, f.bytes) for f in quillon_formats.FORMATS.values()] == [
+        (entry.qtype, name, entry.elements, entry.bytes) for name, entry in FORMATS.items()
+    ]
+    for name, entry in FORMATS.items():
+        assert quillon_formats.FORMATS[name].storage == ("records" if entry.records else "regions")
+    assert quillon_formats.MAX_ELEMENTS == 2**31 - 1
+
+
+def test_python_reads_formats_without_torch_or_compiled_code() -> None:
+    text = """
+        import importlib.util, sys, types
+        package = types.ModuleType("quillon")  # in place of the package's own start
+        package.__path__ = importlib.util.find_spec("quillon").submodule_search_locations
+        sys.modules["quillon"] = package
+        import quillon.formats
+        assert quillon.formats.get_format("q4_0").bytes == 34
+        print([name for name in ("torch", "numpy", "vesper_linear") if name in sys.modules])
+    """
+    assert output_of(text) == "[]\n"
 
 
 def test_names_and_storage(shim: Shim) -> None:
@@ -79,6 +118,18 @@ RULES = {
     **dict.fromkeys(["q5_0", "q5_1", "q8_1", "iq2_xxs", "q2_k", "iq1_s", "q5_k"], lambda count: []),
 }
 
+# The matrix-vector kernels: whole blocks, truncated, but for the bytes, whose low six bits are cleared.
+MATVEC_RULES = {
+    **dict.fromkeys(["q4_0", "nf4", "fp4", "q4_1", "q4_0_woq"], lambda count: [divided(signed32(count), 64) * 32]),
+    **dict.fromkeys(["q8_0", "fp8_e4m3", "fp8_e5m2"], lambda count: [signed32(count) // 64 * 64]),
+    "nf3": RULES["nf3"],
+    "fp6": starts_of_fp6,
+    "q4_k": starts_of_super_blocks(128, 144, from_product=False),
+    "q6_k": starts_of_super_blocks(64, 192, 208, from_product=False),
+    "fp6_k": RULES["fp6_k"],
+    **dict.fromkeys(["q5_0", "q5_1", "q8_1", "iq2_xxs", "q2_k", "iq1_s", "q5_k"], lambda count: []),
+}
+
 OTHER_RULES = {
     "matvec_nibble": lambda count: [divided(signed32(count), 64) * 32],
     "matvec_q8_0": lambda count: [signed32(count) // 64 * 64],
@@ -112,6 +163,22 @@ def test_region_starts(shim: Shim, name: str) -> None:
 def test_region_starts_at_any_size(shim: Shim, name: str, state_size: int, output_size: int) -> None:
     expected = padded(RULES[name](state_size * output_size))
     assert shim.regions_of(FORMATS[name].qtype, state_size, output_size) == expected
+
+
+@pytest.mark.parametrize("name", list(MATVEC_RULES))
+def test_region_starts_of_matvec_kernels(shim: Shim, name: str) -> None:
+    for state_size, output_size in SIZES:
+        expected = padded(MATVEC_RULES[name](state_size * output_size))
+        assert shim.matvec_regions_of(FORMATS[name].qtype, state_size, output_size) == expected, (
+            state_size,
+            output_size,
+        )
+
+
+@given(name=st.sampled_from(list(MATVEC_RULES)), state_size=st.integers(0, 2**34), output_size=st.integers(0, 2**34))
+def test_region_starts_of_matvec_kernels_at_any_size(shim: Shim, name: str, state_size: int, output_size: int) -> None:
+    expected = padded(MATVEC_RULES[name](state_size * output_size))
+    assert shim.matvec_regions_of(FORMATS[name].qtype, state_size, output_size) == expected
 
 
 @given(
@@ -172,8 +239,8 @@ def test_regions_are_dense_for_exact_counts(shim: Shim, name: str) -> None:
             starts.append(end)
             end += blocks * sum(field.bytes for field in region)
         assert shim.regions_of(entry.qtype, state_size, output_size) == [*starts, 0, 0][:4]
-        if name not in ("nf4", "nf3", "q4_0_woq"):
-            assert shim.offset_rule(f"dense_{name}", state_size, output_size) == [*starts, 0, 0][:4]
+        assert shim.matvec_regions_of(entry.qtype, state_size, output_size) == [*starts, 0, 0][:4]
+        assert shim.dense_regions_of(entry.qtype, state_size, output_size) == [*starts, 0, 0][:4]
         if entry.elements == 256:
             assert shim.offset_rule("matvec_super_blocks", state_size, output_size)[1] == blocks
         if entry.name in ("q4_0", "q4_1", "nf4", "fp4", "q4_0_woq"):
@@ -182,7 +249,7 @@ def test_regions_are_dense_for_exact_counts(shim: Shim, name: str) -> None:
 
 def test_dense_rules_do_not_wrap(shim: Shim) -> None:
     """The fast expansions and the matrix engine count in 64 bits."""
-    assert shim.offset_rule("dense_q4_0", 65536, 65536)[1] == 2**31
-    assert shim.offset_rule("dense_q8_0", 65536, 32769)[1] == 65536 * 32769
-    assert shim.offset_rule("dense_fp6", 65536, 65536)[1:3] == [2**31, 2**26 * 48]
-    assert shim.offset_rule("dense_q6_k", 65536, 65536) == [0, 2**30, 2**24 * 192, 2**24 * 208]
+    assert shim.dense_regions_of(FORMATS["q4_0"].qtype, 65536, 65536)[1] == 2**31
+    assert shim.dense_regions_of(FORMATS["q8_0"].qtype, 65536, 32769)[1] == 65536 * 32769
+    assert shim.dense_regions_of(FORMATS["fp6"].qtype, 65536, 65536)[1:3] == [2**31, 2**26 * 48]
+    assert shim.dense_regions_of(FORMATS["q6_k"].qtype, 65536, 65536) == [0, 2**30, 2**24 * 192, 2**24 * 208]

@@ -148,26 +148,11 @@ region_offsets single_offset(uint64_t state_size, uint64_t output_size) {
   return {{0, RULE(state_size, output_size), 0, 0}};
 }
 
-template <int QTYPE>
-region_offsets dense_offsets(uint64_t state_size, uint64_t output_size) {
-  return dense_region_offsets(QTYPE, static_cast<int64_t>(state_size * output_size));
-}
-
 const offset_rule offset_rules[] = {
     {"matvec_nibble", single_offset<matvec_nibble_scale_offset>},
     {"matvec_q8_0", single_offset<matvec_q8_0_scale_offset>},
     {"matvec_super_blocks", single_offset<matvec_super_blocks>},
     {"tile_fp6", tile_fp6_region_offsets},
-    {"dense_q4_0", dense_offsets<qtype_q4_0>},
-    {"dense_q4_1", dense_offsets<qtype_q4_1>},
-    {"dense_fp4", dense_offsets<qtype_fp4>},
-    {"dense_q8_0", dense_offsets<qtype_q8_0>},
-    {"dense_fp8_e4m3", dense_offsets<qtype_fp8_e4m3>},
-    {"dense_fp8_e5m2", dense_offsets<qtype_fp8_e5m2>},
-    {"dense_fp6", dense_offsets<qtype_fp6>},
-    {"dense_q4_k", dense_offsets<qtype_q4_k>},
-    {"dense_q6_k", dense_offsets<qtype_q6_k>},
-    {"dense_fp6_k", dense_offsets<qtype_fp6_k>},
 };
 
 struct table {
@@ -237,8 +222,22 @@ void shim_format(int qtype, const char** name, int* storage, int32_t* elements, 
   *bytes = bytes_per_block(qtype);
 }
 
+int32_t shim_field_bytes(int qtype, const char* field) {
+  return field_bytes(qtype, field);
+}
+
 void shim_regions_of(int qtype, uint64_t state_size, uint64_t output_size, int64_t* starts) {
   const region_offsets offsets = regions_of(qtype, state_size, output_size);
+  std::memcpy(starts, offsets.start, sizeof(offsets.start));
+}
+
+void shim_matvec_regions_of(int qtype, uint64_t state_size, uint64_t output_size, int64_t* starts) {
+  const region_offsets offsets = matvec_regions_of(qtype, state_size, output_size);
+  std::memcpy(starts, offsets.start, sizeof(offsets.start));
+}
+
+void shim_dense_regions_of(int qtype, uint64_t state_size, uint64_t output_size, int64_t* starts) {
+  const region_offsets offsets = dense_region_offsets(qtype, static_cast<int64_t>(state_size * output_size));
   std::memcpy(starts, offsets.start, sizeof(offsets.start));
 }
 
