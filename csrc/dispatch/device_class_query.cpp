@@ -1,10 +1,13 @@
 #include "dispatch/device_class_query.h"
 
+#include <c10/util/Exception.h>
 #include <c10/xpu/XPUFunctions.h>
 #include <c10/xpu/XPUStream.h>
 
 #include <array>
 #include <atomic>
+
+#include "runtime/device_limit.h"
 
 namespace quillon {
 namespace {
@@ -12,9 +15,9 @@ namespace {
 constexpr int kNotAskedYet = -1;
 
 // The answer for a device never changes, and the properties are hundreds of bytes to copy on every call.
-std::array<std::atomic<int>, 128>& known_classes() {
+std::array<std::atomic<int>, kMaxDevices>& known_classes() {
   static auto& classes = *[] {
-    auto* made = new std::array<std::atomic<int>, 128>;
+    auto* made = new std::array<std::atomic<int>, kMaxDevices>;
     for (auto& entry : *made) entry = kNotAskedYet;
     return made;
   }();
@@ -25,6 +28,8 @@ std::array<std::atomic<int>, 128>& known_classes() {
 
 XpuDeviceClass get_device_class(c10::Device device) {
   const c10::DeviceIndex index = c10::xpu::getCurrentXPUStream(device.index()).device_index();
+  TORCH_CHECK(index < kMaxDevices, "XPU device index ", static_cast<int>(index),
+              " is outside what quillon serves: 0 to ", kMaxDevices - 1);
   std::atomic<int>& known = known_classes()[index];
   int answer = known.load(std::memory_order_relaxed);
   if (answer == kNotAskedYet) {

@@ -11,10 +11,9 @@
 #include <utility>
 #include <vector>
 
-namespace quillon::host_device {
+#include "runtime/device_limit.h"
 
-/// Most devices that QUILLON_HOST_DEVICES may list.
-inline constexpr int kMaxDevices = 64;
+namespace quillon::host_device {
 
 /// The 64-bit architecture identifiers of QUILLON_HOST_DEVICES, one per device in index order. Read once.
 /// Throws c10::ValueError if the variable is malformed.

@@ -23,10 +23,9 @@
 #include <initializer_list>
 #include <string>
 
-namespace quillon::runtime {
+#include "runtime/device_limit.h"
 
-// Device indices above this are refused; c10 itself compiles with at most 64 XPUs.
-inline constexpr int kMaxDevices = 64;
+namespace quillon::runtime {
 
 struct BuiltKernel;  // a sycl::kernel and the context it lives in
 
