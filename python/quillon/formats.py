@@ -7,7 +7,8 @@ follow one another in row-major order. A format stores its blocks in one of two 
 ``regions``  every field is an array of its own, holding that field of all blocks in block order, and the
              arrays follow one another in the order of ``fields``.
 
-This module only describes; it imports neither torch nor any compiled code.
+This module only describes; it imports neither torch nor any compiled code. The formats themselves stand in the C++
+registry, of which the build writes ``_format_table.py``.
 """
 
 from __future__ import annotations
@@ -15,6 +16,9 @@ from __future__ import annotations
 from dataclasses import dataclass
 from types import MappingProxyType
 from typing import Literal
+
+from quillon import _format_table
+from quillon._format_table import MAX_ELEMENTS
 
 __all__ = [
     "FORMATS",
@@ -27,9 +31,6 @@ __all__ = [
     "row_multiple",
     "weight_bytes",
 ]
-
-# Offsets inside a weight are formed from 32-bit products, so larger matrices cannot be addressed.
-MAX_ELEMENTS = 2**31 - 1
 
 
 @dataclass(frozen=True)
@@ -44,7 +45,7 @@ class Format:
     elements: int
     storage: Literal["regions", "records"]
     fields: tuple[tuple[str, int], ...]
-    is_weight: bool = True
+    is_weight: bool
 
     @property
     def bytes(self) -> int:
@@ -57,32 +58,7 @@ class Format:
         return 8 * self.bytes / self.elements
 
 
-_NIBBLES = (("qs", 32), ("d", 2))
-_BYTES = (("qs", 64), ("d", 4))
-_FIVE_BITS = (("d", 2), ("m", 2), ("qh", 8), ("qs", 32))
-
-_TABLE = (
-    Format(2, "q4_0", 64, "regions", _NIBBLES),
-    Format(3, "q4_1", 64, "regions", (("qs", 32), ("dm", 4))),
-    Format(6, "q5_0", 64, "records", _FIVE_BITS),
-    Format(7, "q5_1", 64, "records", _FIVE_BITS),
-    Format(8, "q8_0", 64, "regions", _BYTES),
-    Format(9, "q8_1", 32, "records", (("d", 2), ("s", 2), ("qs", 32)), is_weight=False),
-    Format(10, "nf4", 64, "regions", _NIBBLES),
-    Format(11, "nf3", 64, "regions", (("qs", 24), ("d", 2))),
-    Format(15, "fp8_e4m3", 64, "regions", _BYTES),
-    Format(16, "fp4", 64, "regions", _NIBBLES),
-    Format(19, "fp8_e5m2", 64, "regions", _BYTES),
-    Format(21, "iq2_xxs", 256, "records", (("d", 2), ("qs", 64))),
-    Format(23, "q2_k", 256, "records", (("scales", 16), ("qs", 64), ("d", 2), ("dmin", 2))),
-    Format(24, "iq1_s", 256, "records", (("d", 2), ("qs", 32), ("qh", 16))),
-    Format(26, "q6_k", 256, "regions", (("qh", 64), ("ql", 128), ("scales", 16), ("d", 2))),
-    Format(27, "q4_k", 256, "regions", (("qs", 128), ("scales", 16), ("dm", 4))),
-    Format(28, "q5_k", 256, "records", (("d", 2), ("dmin", 2), ("scales", 12), ("qh", 32), ("qs", 128))),
-    Format(29, "fp6", 64, "regions", (("ql", 32), ("qh", 16), ("d", 2))),
-    Format(30, "fp6_k", 256, "regions", (("ql", 128), ("qh", 64), ("scales", 16), ("d", 2))),
-    Format(34, "q4_0_woq", 64, "regions", _NIBBLES),
-)
+_TABLE = tuple(Format(*row) for row in _format_table.FORMATS)
 
 FORMATS: MappingProxyType[str, Format] = MappingProxyType({f.name: f for f in _TABLE})
 """Every format by name, in order of code; ``q8_1`` holds activations, all others weights."""

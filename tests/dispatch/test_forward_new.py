@@ -6,9 +6,9 @@ from collections.abc import Callable
 
 import pytest
 import torch
-from shim.spine import CLASSES
 
 import vesper_linear
+from quillon._device_table import DEVICE_CLASSES as CLASSES
 
 from .test_tables import BLOCKS, road_in_words
 

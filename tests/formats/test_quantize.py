@@ -16,6 +16,8 @@ from quillon.formats import FORMATS, WEIGHT_FORMATS
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
 
+from .decoders import FORMATS as LAYOUTS
+
 ALL = pytest.mark.parametrize("name", WEIGHT_FORMATS)
 
 
@@ -29,41 +31,16 @@ def decoded(weight: Tensor, name: str, **options: object) -> Tensor:
 
 # The format table ----
 
-# code, elements per block, bytes per block
-BLOCKS = {
-    "q4_0": (2, 64, 34),
-    "q4_1": (3, 64, 36),
-    "q5_0": (6, 64, 44),
-    "q5_1": (7, 64, 44),
-    "q8_0": (8, 64, 68),
-    "q8_1": (9, 32, 36),
-    "nf4": (10, 64, 34),
-    "nf3": (11, 64, 26),
-    "fp8_e4m3": (15, 64, 68),
-    "fp4": (16, 64, 34),
-    "fp8_e5m2": (19, 64, 68),
-    "iq2_xxs": (21, 256, 66),
-    "q2_k": (23, 256, 84),
-    "iq1_s": (24, 256, 50),
-    "q6_k": (26, 256, 210),
-    "q4_k": (27, 256, 148),
-    "q5_k": (28, 256, 176),
-    "fp6": (29, 64, 50),
-    "fp6_k": (30, 256, 210),
-    "q4_0_woq": (34, 64, 34),
-}
-
 
 def test_format_table() -> None:
-    assert {n: (f.code, f.elements, f.bytes) for n, f in FORMATS.items()} == BLOCKS
     assert [n for n in FORMATS if n not in WEIGHT_FORMATS] == ["q8_1"]
     assert len(WEIGHT_FORMATS) == 19
-    for name, (code, elements, size) in BLOCKS.items():
-        assert formats.format_code(name) == formats.format_code(code) == code
-        assert formats.format_name(code) == formats.format_name(name.upper()) == name
+    for name, entry in LAYOUTS.items():
+        assert formats.format_code(name) == formats.format_code(entry.qtype) == entry.qtype
+        assert formats.format_name(entry.qtype) == formats.format_name(name.upper()) == name
         if name != "q8_1":
-            assert formats.row_multiple(code) == elements
-            assert formats.weight_bytes(name, 3, 512) == 3 * 512 // elements * size
+            assert formats.row_multiple(entry.qtype) == entry.elements
+            assert formats.weight_bytes(name, 3, 512) == 3 * 512 // entry.elements * entry.bytes
 
 
 REGIONS = {

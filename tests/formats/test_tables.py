@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import numpy as np
 
+from quillon import tables
+
 from .decoders import FP4_MAGNITUDES, NF3_BITS, NF4_BITS
 from .grid_reference import iq1s_rows, iq1s_words, iq2xxs_rows, iq2xxs_words
 from .shim import Shim
@@ -53,6 +55,15 @@ def test_iq1s_grid(shim: Shim) -> None:
     assert sums.max() == 16
     assert np.flatnonzero(sums == 0).tolist() == [0]
     assert np.flatnonzero(sums == 16).tolist() == [2047]
+
+
+def test_python_has_the_same_tables() -> None:
+    assert np.array_equal(tables.iq2xxs_grid().numpy(), iq2xxs_rows())
+    assert np.array_equal(tables.iq1s_grid().numpy(), iq1s_rows())
+    assert np.array_equal(np.float32(tables.NF4).view(np.uint32), NF4_BITS)
+    assert np.array_equal(np.float32(tables.NF3).view(np.uint32), NF3_BITS)
+    assert np.array_equal(np.float64(tables.NF4), np.float64(np.float32(tables.NF4)))
+    assert tuple(FP4_MAGNITUDES.tolist()) == tables.FP4_MAGNITUDES
 
 
 def test_code_books(shim: Shim) -> None:

@@ -6,16 +6,15 @@ import numpy as np
 import torch
 from formats.decoders import FORMATS, Array, Fields, bfloat16_round, pack, split
 
-import quillon  # noqa: F401  (brings the host devices up)
 import vesper_linear
+from quillon._device_table import DEVICE_CLASSES as CLASSES  # in the order of the session's host devices
 
 from .reference import BLOCK, KERNELS, Rounded, Tracked, multiply
 
 DTYPES = ("float32", "float64", "float16", "bfloat16")
 TORCH = {name: getattr(torch, name) for name in DTYPES}
 
-# Device classes in the order of the session's host devices, and the work-group sizes of their launcher tables.
-CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown")
+# Work-group sizes of the launcher tables, by device class.
 WG_SIZE = {name: 64 if name == "elm" else 32 for name in CLASSES}
 
 # Bits of a significand, the hidden one included.

@@ -11,6 +11,7 @@ import torch
 
 import quillon
 from quillon import __main__ as command_line
+from quillon._device_table import DEVICE_CLASSES
 
 
 def test_info_names_versions_layer_and_every_device(capsys: pytest.CaptureFixture[str]) -> None:
@@ -18,8 +19,7 @@ def test_info_names_versions_layer_and_every_device(capsys: pytest.CaptureFixtur
     output = capsys.readouterr().out
     assert torch.__version__ in output
     assert "kernel cache" in output
-    classes = ["oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown"]
-    for index, name in enumerate(classes):
+    for index, name in enumerate(DEVICE_CLASSES):
         assert f"xpu:{index}" in output
         assert f"class {name}" in output
     assert "0x30f000700" in output

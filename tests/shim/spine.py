@@ -1,4 +1,4 @@
-"""Typed calls of the shim over version rule, device classes, roads and block sizes."""
+"""Typed calls of the shim over version rule, device classes and roads."""
 
 from __future__ import annotations
 
@@ -6,7 +6,6 @@ import ctypes
 
 from .build import load_shim
 
-CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown")
 ROADS = ("matrix engine", "legacy", "elm", "default")
 
 
@@ -27,12 +26,6 @@ class SpineShim:
         self._class_name.restype = ctypes.c_char_p
         self._road = library.shim_road
         self._road.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64]
-        self._bytes = library.shim_bytes_per_block
-        self._bytes.argtypes = [ctypes.c_int]
-        self._bytes.restype = ctypes.c_int64
-        self._elements = library.shim_elements_per_block
-        self._elements.argtypes = [ctypes.c_int]
-        self._elements.restype = ctypes.c_int32
         self.qtype_count: int = library.shim_qtype_count()
 
     def interpreter_matches(self, built_for: str, interpreter: str) -> bool:
@@ -52,7 +45,3 @@ class SpineShim:
 
     def road(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
         return ROADS[self._road(device_class, qtype, batch, output_size)]
-
-    def block(self, qtype: int) -> tuple[int, int]:
-        """Elements and bytes of a block."""
-        return int(self._elements(qtype)), int(self._bytes(qtype))

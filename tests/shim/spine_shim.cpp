@@ -1,4 +1,4 @@
-// C entries over the headers that decide without a device: version rule, device classes, roads, block sizes.
+// C entries over the headers that decide without a device: version rule, device classes, roads.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -47,12 +47,6 @@ int shim_road(int device_class, int qtype, std::uint64_t batch, std::uint64_t ou
 
 int shim_qtype_count() {
   return quillon::qtype_count;
-}
-std::int32_t shim_elements_per_block(int qtype) {
-  return quillon::elements_per_block(qtype);
-}
-std::int64_t shim_bytes_per_block(int qtype) {
-  return quillon::bytes_per_block(qtype);
 }
 
 }  // extern "C"
