@@ -2,7 +2,7 @@
 
     python benchmarks/gpu_code.py [--kernel TEXT] [--type float --type c10::Half]
 
-Method. Every instantiation is compiled for the architectures whose class uses it, as ``tools/gpu_compile.py``
+Method. Every instantiation is compiled for the architectures whose class uses it, as ``tools/gpu_compile``
 tells, and disassembled. A loop is the code from a label to the branch that jumps back to it; the kernel's
 loop over K is the longest of those that hold no other loop. Counted in it are
 
@@ -31,10 +31,12 @@ from functools import partial
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(PROJECT / "tools"), str(PROJECT / "tests" / "gpu_compile")]
+sys.path.insert(0, str(PROJECT / "tools"))
 
-from gpu_compile import GpuCompileError, Loop, assembly, device_argument, innermost_loops, run_jobs  # noqa: E402
-from instantiations import ELEMENT_TYPES, KERNELS, Case, Compiled, cases, compile_cases  # noqa: E402
+from gpu_compile.instantiations import ELEMENT_TYPES, Case, Compiled, cases, compile_cases, kernels  # noqa: E402
+from gpu_compile.jobs import GpuCompileError, run_jobs  # noqa: E402
+from gpu_compile.machine_code import Loop, innermost_loops  # noqa: E402
+from gpu_compile.ocloc import assembly, device_argument  # noqa: E402
 
 HEADINGS = (
     "kernel",
@@ -125,11 +127,11 @@ def main() -> int:
     parser.add_argument("--kernel", default="", help="only kernels whose name holds this text")
     parser.add_argument("--type", action="append", choices=ELEMENT_TYPES, help="default: float and c10::Half")
     arguments = parser.parse_args()
-    kernels = [kernel for kernel in KERNELS if arguments.kernel in kernel.name]
-    if not kernels:
+    chosen = [kernel for kernel in kernels() if arguments.kernel in kernel.name]
+    if not chosen:
         parser.error(f"no kernel's name holds {arguments.kernel!r}")
     types = arguments.type or ["float", "c10::Half"]
-    wanted = [case for case in cases(kernels) if case.element_type in types]
+    wanted = [case for case in cases(chosen) if case.element_type in types]
     outcomes = compile_cases(wanted)
     costs = dict(zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True))
     errors = [found for found in costs.values() if isinstance(found, GpuCompileError)]

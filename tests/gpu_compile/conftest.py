@@ -1,4 +1,4 @@
-"""Makes ``tools/gpu_compile.py`` importable: it is a developer's tool and not part of the package."""
+"""Makes ``tools/gpu_compile`` importable: it is a developer's tool and not part of the package."""
 
 import sys
 from pathlib import Path

@@ -11,18 +11,13 @@ from pathlib import Path
 from typing import cast
 
 import pytest
-from gpu_compile import (
-    MISSING_OCLOC,
-    GpuCompileError,
-    KernelInfo,
-    compile_for_gpu,
-    device_argument,
-    dump_spirv,
-    extensions,
-    find_ocloc,
-    listed_architectures,
-)
-from instantiations import CLASSES_WITHOUT_DOUBLE, Case, Compiled, cases, compile_cases
+from gpu_compile.instantiations import CLASSES_WITHOUT_DOUBLE, Case, Compiled, cases, compile_cases
+from gpu_compile.jobs import GpuCompileError
+from gpu_compile.machine_code import KernelInfo
+from gpu_compile.ocloc import MISSING_OCLOC, compile_for_gpu, device_argument, extensions, find_ocloc
+from gpu_compile.spirv import dump_spirv
+
+from quillon._device_table import ARCHITECTURES
 
 pytestmark = [pytest.mark.gpu_compile, pytest.mark.skipif(find_ocloc() is None, reason=MISSING_OCLOC)]
 
@@ -64,10 +59,10 @@ def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | G
     assert faults(outcome.info, case.geometry.sub_group, case.kernel.local_arrays) == []
 
 
-@pytest.mark.parametrize("architecture", listed_architectures(), ids=device_argument)
+@pytest.mark.parametrize("architecture", ARCHITECTURES, ids=device_argument)
 def test_double_precision_is_asked_for_where_there_is_some(architecture: int) -> None:
     has_double = "cl_khr_fp64" in extensions(architecture)
-    assert has_double == (listed_architectures()[architecture] not in CLASSES_WITHOUT_DOUBLE)
+    assert has_double == (ARCHITECTURES[architecture] not in CLASSES_WITHOUT_DOUBLE)
 
 
 @pytest.mark.parametrize(

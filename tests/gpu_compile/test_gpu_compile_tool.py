@@ -1,24 +1,17 @@
-"""What tools/gpu_compile.py makes of names, descriptions and assembly, without a compiler."""
+"""What tools/gpu_compile makes of names, descriptions and assembly, without a compiler."""
 
 from __future__ import annotations
 
 from pathlib import Path
 
 import pytest
-from gpu_compile import (
-    GpuCompileError,
-    KernelInfo,
-    device_argument,
-    device_text,
-    find_ocloc,
-    format_block,
-    innermost_loops,
-    kernel_name,
-    listed_architectures,
-    parse_ze_info,
-    run_jobs,
-)
-from instantiations import DEVICE_CLASSES, ELEMENT_TYPES, KERNELS, Kernel
+from gpu_compile.instantiations import DEVICE_CLASSES, ELEMENT_TYPES, Kernel, kernels
+from gpu_compile.jobs import GpuCompileError, run_jobs
+from gpu_compile.machine_code import KernelInfo, innermost_loops, parse_ze_info
+from gpu_compile.ocloc import device_argument, find_ocloc
+from gpu_compile.spirv import device_text, kernel_name
+
+from quillon.formats import WEIGHT_FORMATS
 
 ZE_INFO = """\
 ---
@@ -83,17 +76,8 @@ def test_device_argument(identifier: int, name: str) -> None:
     assert device_argument(identifier) == name
 
 
-def test_listed_architectures() -> None:
-    listed = listed_architectures()
-    assert len(listed) == 14
-    assert set(listed.values()) == set(DEVICE_CLASSES)
-    assert listed[0x30F000700] == "elm"
-
-
-def test_format_block() -> None:
-    assert format_block("q4_0") == (64, 34)
-    with pytest.raises(KeyError, match="q3_7"):
-        format_block("q3_7")
+def test_device_classes_are_those_of_listed_hardware() -> None:
+    assert sorted(DEVICE_CLASSES) == ["ash", "bay", "elm", "fir", "legacy", "oak", "yew"]
 
 
 def test_parse_ze_info() -> None:
@@ -158,14 +142,18 @@ def test_run_jobs_keeps_order_and_errors() -> None:
     assert isinstance(second, GpuCompileError)
 
 
-@pytest.mark.parametrize("kernel", KERNELS, ids=lambda kernel: kernel.name)
+@pytest.mark.parametrize("kernel", kernels(), ids=lambda kernel: kernel.name)
 def test_table_row_is_complete(kernel: Kernel) -> None:
     assert set(kernel.geometries) == set(DEVICE_CLASSES)
     assert set(kernel.element_types) <= set(ELEMENT_TYPES)
     assert kernel.name in "".join(device_text(kernel.header))
 
 
+def test_every_weight_format_has_a_kernel() -> None:
+    assert set(WEIGHT_FORMATS) <= {kernel.format for kernel in kernels()}
+
+
 def test_packed_bytes_of_q4_0() -> None:
-    (kernel,) = (kernel for kernel in KERNELS if kernel.format == "q4_0")
+    (kernel,) = (kernel for kernel in kernels() if kernel.format == "q4_0")
     assert kernel.packed_bytes(kernel.geometries["elm"]) == 2 * (8 + 0.5)
     assert kernel.packed_bytes(kernel.geometries["legacy"]) == 8 * (8 + 0.5)

@@ -1,4 +1,4 @@
-"""Which instantiation of which kernel runs on which device class. A kernel joins by a row of ``KERNELS``."""
+"""Which instantiation of which kernel runs on which device class, and the machine code of all of them."""
 
 from __future__ import annotations
 
@@ -6,22 +6,16 @@ from collections.abc import Iterable, Iterator, Mapping, Sequence
 from dataclasses import dataclass
 from functools import partial
 
-from gpu_compile import (
-    GpuCompileError,
-    GpuModule,
-    KernelInfo,
-    SpirvKernel,
-    compile_for_gpu,
-    device_argument,
-    dump_spirv,
-    format_block,
-    listed_architectures,
-    run_jobs,
-)
+from gpu_compile.jobs import GpuCompileError, run_jobs
+from gpu_compile.machine_code import KernelInfo
+from gpu_compile.ocloc import GpuModule, compile_for_gpu, device_argument
+from gpu_compile.spirv import SpirvKernel, dump_spirv
+from quillon._device_table import ARCHITECTURES
+from quillon.formats import get_format
 
 ELEMENT_TYPES = ("float", "double", "c10::Half", "c10::BFloat16")
 
-DEVICE_CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy")
+DEVICE_CLASSES = tuple(dict.fromkeys(ARCHITECTURES.values()))
 """The classes that an architecture identifier is listed for; code for ``unknown`` is that of its hardware."""
 
 CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
@@ -67,8 +61,8 @@ class Kernel:
 
     def packed_bytes(self, geometry: Geometry) -> float:
         """Weight bytes, scales included, that a work-item reads in one pass of its inner loop."""
-        block_elements, block_bytes = format_block(self.format)
-        return geometry.rows * self.elements * block_bytes / block_elements
+        block = get_format(self.format)
+        return geometry.rows * self.elements * block.bytes / block.elements
 
 
 def by_class(default: Geometry, **exceptions: Geometry) -> dict[str, Geometry]:
@@ -102,7 +96,7 @@ def sub_group_of_8_or_16(rows: int) -> dict[str, Geometry]:
     return by_class(Geometry((8,), 8, rows), elm=without_8, fir=without_8, yew=without_8)
 
 
-KERNELS = (
+_KERNELS = (
     Kernel(
         name="qlinear_xpu_kernel_q4_0_2x16",
         header="kernels/matvec/q4_0_2x16.h",
@@ -152,6 +146,11 @@ KERNELS = (
 )
 
 
+def kernels() -> tuple[Kernel, ...]:
+    """Every kernel of the library."""
+    return _KERNELS
+
+
 @dataclass(frozen=True)
 class Case:
     """One instantiation for one architecture."""
@@ -177,10 +176,10 @@ class Compiled:
     info: KernelInfo
 
 
-def cases(kernels: Iterable[Kernel] = KERNELS) -> Iterator[Case]:
-    """Every instantiation for every listed architecture whose class uses it."""
-    for kernel in kernels:
-        for architecture, device_class in listed_architectures().items():
+def cases(of: Iterable[Kernel] | None = None) -> Iterator[Case]:
+    """Every instantiation of the kernels, or of all, for every listed architecture whose class uses it."""
+    for kernel in kernels() if of is None else of:
+        for architecture, device_class in ARCHITECTURES.items():
             for element_type in kernel.types_on(device_class):
                 yield Case(kernel, kernel.geometries[device_class], element_type, architecture)
 
