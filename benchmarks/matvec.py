@@ -1,4 +1,4 @@
-"""Prints how fast `forward_new` is at batch 1, beside dense products and a read of the same bytes, as a markdown table.
+"""Prints how fast `forward_new` is at batch 1, beside what a user would take instead, as a markdown table.
 
     python benchmarks/matvec.py [--formats q4_0,nf4] [--shapes 4096x4096,11008x4096] [--dtype float32,bfloat16]
 
@@ -13,9 +13,15 @@ A shape is the weight's: output size x state size. Method:
 - A time is the median over all rounds and calls, or with ``--statistic min`` the least, which is the one to compare on
   a machine that others use as well.
 
-The dense products are `at::linear` on a weight of random numbers; on the host device they run on plain CPU tensors, to
-spare them the fallback. "read" sums the packed bytes as 64-bit integers with as many threads. Packed GB/s counts the
-weight's bytes, scales included, against the time of `forward_new`.
+Times are in milliseconds, "ms" being that of `forward_new`. Beside it are timed:
+
+read              as many bytes summed as 64-bit integers, with as many threads
+linear            `at::linear` on a dense weight; on the host device with plain CPU tensors, to spare it the fallback
+int4, int8        PyTorch's own products with packed weights, `_weight_int4pack_mm_for_cpu` in groups of 64 and
+                  `_weight_int8pack_mm`, both with bfloat16 activations, their fast case; on the CPU alone
+
+In parentheses is the other product's time divided by that of `forward_new`, bold where `forward_new` takes longer.
+Packed GB/s counts the weight's bytes, scales included, against the time of `forward_new`.
 """
 
 from __future__ import annotations
@@ -24,22 +30,24 @@ import argparse
 import os
 import statistics
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from dataclasses import dataclass, field
+from itertools import product
 
 import torch
 from torch import Tensor
 
 import quillon
 import vesper_linear
-from quillon.formats import WEIGHT_FORMATS, get_format, row_multiple, weight_bytes
+from quillon.formats import WEIGHT_FORMATS, format_code, format_name, row_multiple, weight_bytes
 
-NAMES = tuple(get_format(name).name for name in WEIGHT_FORMATS)
 DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.float16, "bfloat16": torch.bfloat16}
-DENSE = ("float32", "bfloat16")
-Statistic = Callable[[list[float]], float]
-STATISTICS: dict[str, Statistic] = {"median": statistics.median, "min": min}
+STATISTICS: dict[str, Callable[[list[float]], float]] = {"median": statistics.median, "min": min}
 UNCOUNTED = 2
+INT4_GROUP = 64
+
+SHARED = ("linear float32", "linear bfloat16", "int4", "int8")
+HEADINGS = ("shape", "activations", "format", "ms", "packed GB/s", "read", "time / read", *SHARED)
 
 
 @dataclass
@@ -75,90 +83,104 @@ class Benchmark:
     """All contenders of one shape and one element type of the activations."""
 
     def __init__(
-        self,
-        rows: int,
-        cols: int,
-        dtype: str,
-        formats: list[str],
-        device: torch.device,
-        memory: int,
-        statistic: Callable[[list[float]], float],
+        self, rows: int, cols: int, dtype: str, formats: Sequence[str], device: torch.device, memory: int
     ) -> None:
+        self.rows, self.cols, self.dtype, self.memory = rows, cols, dtype, memory
         self.device = device
-        self.statistic = statistic
         self.dense_device = torch.device("cpu") if quillon.host_device.is_active() else device
-        self.contenders: dict[tuple[str, str], Contender] = {}
-        x = torch.rand(1, cols, dtype=DTYPES[dtype]) - 0.5
-        for name in DENSE:
-            self._add_linear(name, x.to(DTYPES[name]), rows, memory)
-        for name in formats:
-            self._add_format(name, x.to(device), rows, memory)
+        self.formats = [name for name in formats if cols % row_multiple(name) == 0]
+        self.contenders: dict[str, Contender] = {}
+        x = torch.rand(1, cols) - 0.5
+        for name in ("float32", "bfloat16"):
+            self._add_linear(name, x.to(DTYPES[name]))
+        if self.dense_device.type == "cpu":
+            self._add_int8(x.bfloat16())
+            if cols % INT4_GROUP == 0:
+                self._add_int4(x.bfloat16())
+        largest = max((weight_bytes(name, rows, cols) for name in self.formats), default=0)
+        self.to_read = torch.randint(0, 2**62, ((memory + largest) // 8,), device=self.dense_device)
+        for name in self.formats:
+            self._add_format(name, x.to(DTYPES[dtype]).to(device))
 
     def _finish(self, device: torch.device) -> None:
         if device.type == "xpu":
             torch.xpu.synchronize(device)
 
-    def _add_linear(self, name: str, x: Tensor, rows: int, memory: int) -> None:
-        shape, dtype, x = (rows, x.shape[1]), DTYPES[name], x.to(self.dense_device)
-        weights = copies_of(lambda: torch.empty(shape, dtype=dtype, device=self.dense_device).uniform_(-1, 1), memory)
+    def _add_linear(self, name: str, x: Tensor) -> None:
+        shape, dtype, x = (self.rows, self.cols), DTYPES[name], x.to(self.dense_device)
+        weights = copies_of(
+            lambda: torch.empty(shape, dtype=dtype, device=self.dense_device).uniform_(-1, 1), self.memory
+        )
 
         def run(i: int) -> None:
             torch.nn.functional.linear(x, weights[i % len(weights)])
             self._finish(self.dense_device)
 
-        self.contenders["linear", name] = Contender(run)
+        self.contenders[f"linear {name}"] = Contender(run)
 
-    def _add_format(self, name: str, x: Tensor, rows: int, memory: int) -> None:
-        qtype, cols = get_format(name).code, x.shape[1]
-        weights = copies_of(lambda: random_packed(name, rows, cols).to(self.device), memory)
-        words = [w[: w.numel() // 8 * 8].view(torch.int64) for w in weights]
-        if quillon.host_device.is_active():
-            words = [w.cpu() for w in words]
+    def _add_int4(self, x: Tensor) -> None:
+        codes = torch.randint(0, 16, (self.rows, self.cols), dtype=torch.int32)
+        packed = torch.ops.aten._convert_weight_to_int4pack_for_cpu(codes, 2)
+        weights = copies_of(packed.clone, self.memory)
+        # A scale and a zero point for each group of each row.
+        scales = [torch.rand(self.cols // INT4_GROUP, self.rows, 2).bfloat16() for _ in weights]
+
+        def run(i: int) -> None:
+            copy = i % len(weights)
+            torch.ops.aten._weight_int4pack_mm_for_cpu(x, weights[copy], INT4_GROUP, scales[copy])
+
+        self.contenders["int4"] = Contender(run)
+
+    def _add_int8(self, x: Tensor) -> None:
+        shape = (self.rows, self.cols)
+        weights = copies_of(lambda: torch.randint(-128, 128, shape, dtype=torch.int8), self.memory)
+        scales = torch.rand(self.rows).bfloat16()
+
+        def run(i: int) -> None:
+            torch.ops.aten._weight_int8pack_mm(x, weights[i % len(weights)], scales)
+
+        self.contenders["int8"] = Contender(run)
+
+    def _add_format(self, name: str, x: Tensor) -> None:
+        qtype = format_code(name)
+        weights = copies_of(lambda: random_packed(name, self.rows, self.cols).to(self.device), self.memory)
+        words = weights[0].numel() // 8
+        pieces = self.to_read.numel() // words
 
         def run(i: int) -> None:
             vesper_linear.forward_new(x, weights[i % len(weights)], qtype, 0)
             self._finish(self.device)
 
         def read(i: int) -> None:
-            words[i % len(words)].sum()
-            self._finish(self.device)
+            self.to_read[i % pieces * words :][:words].sum()
+            self._finish(self.dense_device)
 
-        self.contenders["forward_new", name] = Contender(run)
-        self.contenders["read", name] = Contender(read)
+        self.contenders[f"forward_new {name}"] = Contender(run)
+        self.contenders[f"read {name}"] = Contender(read)
 
     def measure(self, rounds: int, calls: int, pause: float) -> None:
         for _ in range(rounds):
             for contender in self.contenders.values():
                 contender.measure(calls, pause)
 
-    def milliseconds(self, what: str, name: str) -> float:
-        return self.statistic(self.contenders[what, name].seconds) * 1e3
+    def table_rows(self, statistic: Callable[[list[float]], float]) -> Iterator[list[str]]:
+        """Rows under ``HEADINGS``, one for each format that fits the shape."""
+        milliseconds = {name: statistic(c.seconds) * 1e3 for name, c in self.contenders.items()}
+        for name in self.formats:
+            own = milliseconds[f"forward_new {name}"]
+            speed = weight_bytes(name, self.rows, self.cols) / own / 1e6
+            read = milliseconds[f"read {name}"]
+            others = [compared(milliseconds.get(other), own) for other in SHARED]
+            cells = [f"{own:.2f}", f"{speed:.1f}", f"{read:.2f}", f"{own / read:.1f}", *others]
+            yield [f"{self.rows}x{self.cols}", self.dtype, name, *cells]
 
 
-HEADINGS = (
-    "shape",
-    "activations",
-    "format",
-    "ms",
-    "packed GB/s",
-    "read ms",
-    "time / read",
-    "linear float32 ms",
-    "linear float32 / time",
-    "linear bfloat16 ms",
-    "linear bfloat16 / time",
-)
-
-
-def table_rows(benchmark: Benchmark, rows: int, cols: int, dtype: str, formats: list[str]) -> Iterator[list[str]]:
-    for name in formats:
-        own, read = benchmark.milliseconds("forward_new", name), benchmark.milliseconds("read", name)
-        dense = [benchmark.milliseconds("linear", other) for other in DENSE]
-        ratios = [
-            cell for ms in dense for cell in (f"{ms:.2f}", f"**{ms / own:.2f}**" if ms < own else f"{ms / own:.2f}")
-        ]
-        speed = weight_bytes(name, rows, cols) / own / 1e6
-        yield [f"{rows}x{cols}", dtype, name, f"{own:.2f}", f"{speed:.1f}", f"{read:.2f}", f"{own / read:.1f}", *ratios]
+def compared(other: float | None, own: float) -> str:
+    """A contender's time and how many times `forward_new` goes into it."""
+    if other is None:
+        return "-"
+    ratio = f"{other / own:.2f}"
+    return f"{other:.2f} ({f'**{ratio}**' if other < own else ratio})"
 
 
 def parse_shape(text: str) -> tuple[int, int]:
@@ -166,41 +188,58 @@ def parse_shape(text: str) -> tuple[int, int]:
     return int(rows), int(cols)
 
 
-def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--formats", default=",".join(NAMES), help="comma-separated names; default: all")
-    parser.add_argument("--shapes", default="4096x4096", help="comma-separated, output size x state size")
-    parser.add_argument("--dtype", default="float32", help=f"of the activations, comma-separated: {', '.join(DTYPES)}")
+def add_arguments(parser: argparse.ArgumentParser) -> None:
+    """The arguments that say how to measure."""
+    parser.add_argument("--formats", default=",".join(WEIGHT_FORMATS), help="comma-separated names; default: all")
     parser.add_argument("--device", default="xpu:0")
     parser.add_argument("--rounds", type=int, default=10)
     parser.add_argument("--calls", type=int, default=6, help="counted calls of a contender in a round")
     parser.add_argument("--pause", type=float, default=0.05, help="seconds before each contender's calls")
     parser.add_argument("--rotate", type=int, default=160, help="MiB that the copies of a weight have to exceed")
     parser.add_argument("--statistic", choices=STATISTICS, default="median")
-    arguments = parser.parse_args()
-    formats = [get_format(name).name for name in arguments.formats.split(",")]
-    device = torch.device(arguments.device)
 
-    print(
+
+def measured_rows(arguments: argparse.Namespace, shapes: str, dtypes: str) -> Iterator[list[str]]:
+    """Rows under ``HEADINGS`` for every shape and element type, each as soon as it has been measured."""
+    formats = [format_name(name) for name in arguments.formats.split(",")]
+    for shape, dtype in product(shapes.split(","), dtypes.split(",")):
+        benchmark = Benchmark(
+            *parse_shape(shape), dtype, formats, torch.device(arguments.device), arguments.rotate << 20
+        )
+        benchmark.measure(arguments.rounds, arguments.calls, arguments.pause)
+        yield from benchmark.table_rows(STATISTICS[arguments.statistic])
+        for name in sorted(set(formats) - set(benchmark.formats)):
+            reason = f"does not fit: multiples of {row_multiple(name)}"
+            yield [shape, dtype, name, reason, *[""] * (len(HEADINGS) - 4)]
+        del benchmark  # its weights go before the next one's are made
+
+
+def how_measured(arguments: argparse.Namespace) -> str:
+    """One sentence for above a table."""
+    return (
         f"{arguments.statistic} of {arguments.rounds} x {arguments.calls} calls, {os.cpu_count()} processors, "
-        f"{torch.get_num_threads()} threads of PyTorch. Bold: slower than the dense product.\n"
+        f"{torch.get_num_threads()} threads of PyTorch; bold: slower than the other product."
     )
-    print("| " + " | ".join(HEADINGS) + " |")
-    print("|" + " --- |" * len(HEADINGS), flush=True)
-    for rows, cols in map(parse_shape, arguments.shapes.split(",")):
-        fitting = [name for name in formats if cols % row_multiple(name) == 0]
-        for dtype in arguments.dtype.split(","):
-            benchmark = Benchmark(
-                rows, cols, dtype, fitting, device, arguments.rotate << 20, STATISTICS[arguments.statistic]
-            )
-            benchmark.measure(arguments.rounds, arguments.calls, arguments.pause)
-            for row in table_rows(benchmark, rows, cols, dtype, fitting):
-                print("| " + " | ".join(row) + " |", flush=True)
-        for name in sorted(set(formats) - set(fitting)):
-            print(
-                f"| {rows}x{cols} | | {name} | does not fit: multiples of {row_multiple(name)} |"
-                + " |" * (len(HEADINGS) - 4)
-            )
+
+
+def table_head(headings: Sequence[str]) -> list[str]:
+    return [table_line(headings), "|" + " --- |" * len(headings)]
+
+
+def table_line(cells: Sequence[str]) -> str:
+    return "| " + " | ".join(cells) + " |"
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--shapes", default="4096x4096", help="comma-separated, output size x state size")
+    parser.add_argument("--dtype", default="float32", help=f"of the activations, comma-separated: {', '.join(DTYPES)}")
+    add_arguments(parser)
+    arguments = parser.parse_args()
+    print(how_measured(arguments) + "\n")
+    print("\n".join(table_head(HEADINGS)), flush=True)
+    for row in measured_rows(arguments, arguments.shapes, arguments.dtype):
+        print(table_line(row), flush=True)
 
 
 if __name__ == "__main__":
