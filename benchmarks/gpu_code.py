@@ -25,7 +25,7 @@ from __future__ import annotations
 
 import argparse
 import sys
-from collections.abc import Mapping
+from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import dataclass
 from functools import partial
 from pathlib import Path
@@ -33,10 +33,12 @@ from pathlib import Path
 PROJECT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(PROJECT / "tools"))
 
-from gpu_compile.instantiations import ELEMENT_TYPES, Case, Compiled, cases, compile_cases, kernels  # noqa: E402
+from gpu_compile.instantiations import ELEMENT_TYPES, Case, Compiled, Kernel, cases, compile_cases, kernels  # noqa: E402
 from gpu_compile.jobs import GpuCompileError, run_jobs  # noqa: E402
 from gpu_compile.machine_code import Loop, innermost_loops  # noqa: E402
 from gpu_compile.ocloc import assembly, device_argument  # noqa: E402
+
+from quillon._device_table import ARCHITECTURES  # noqa: E402
 
 HEADINGS = (
     "kernel",
@@ -61,10 +63,14 @@ class Cost:
     grf_count: int
     spill_size: int
 
+    @property
+    def instructions_per_byte(self) -> float:
+        return self.instructions / self.packed_bytes
+
     def cells(self) -> list[str]:
         mark = "*" if self.loops > 1 else ""
         return [
-            f"{self.instructions / self.packed_bytes:.2f}{mark}",
+            f"{self.instructions_per_byte:.2f}{mark}",
             f"{self.messages / self.packed_bytes:.3f}{mark}",
             str(self.instructions),
             str(self.messages),
@@ -115,11 +121,36 @@ def table(costs: Mapping[Case, Cost]) -> list[list[str]]:
     return sorted(rows, key=lambda row: row[0])
 
 
-def print_markdown(headings: tuple[str, ...], rows: list[list[str]]) -> None:
+def by_class(costs: Mapping[Case, Cost]) -> tuple[list[str], list[list[str]]]:
+    """Headings and rows of a short table: instructions per byte of each format, the most on any GPU of a class."""
+    classes = list(dict.fromkeys(ARCHITECTURES.values()))
+    most: dict[str, dict[str, Cost]] = {}
+    for case, found in costs.items():
+        worst = most.setdefault(case.kernel.format, {})
+        device_class = ARCHITECTURES[case.architecture]
+        if device_class not in worst or worst[device_class].instructions_per_byte < found.instructions_per_byte:
+            worst[device_class] = found
+    rows = [
+        [format_name, *(worst[name].cells()[0] if name in worst else "-" for name in classes)]
+        for format_name, worst in sorted(most.items())
+    ]
+    return ["format", *classes], rows
+
+
+def markdown(headings: Sequence[str], rows: Sequence[Sequence[str]]) -> str:
     widths = [max(len(cell) for cell in column) for column in zip(headings, *rows, strict=True)]
     rule = ["-" * width for width in widths]
-    for row in [headings, rule, *rows]:
-        print("| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)) + " |")
+    lines = [[cell.ljust(width) for cell, width in zip(row, widths, strict=True)] for row in [headings, rule, *rows]]
+    return "\n".join("| " + " | ".join(cells) + " |" for cells in lines)
+
+
+def measured_costs(chosen: Iterable[Kernel], types: Sequence[str]) -> tuple[dict[Case, Cost], list[str]]:
+    """The cost of every instantiation of the kernels in these element types, and what went wrong with others."""
+    wanted = [case for case in cases(chosen) if case.element_type in types]
+    outcomes = compile_cases(wanted)
+    found = dict(zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True))
+    errors = [str(cost) for cost in found.values() if isinstance(cost, GpuCompileError)]
+    return {case: cost for case, cost in found.items() if isinstance(cost, Cost)}, list(dict.fromkeys(errors))
 
 
 def main() -> int:
@@ -130,13 +161,9 @@ def main() -> int:
     chosen = [kernel for kernel in kernels() if arguments.kernel in kernel.name]
     if not chosen:
         parser.error(f"no kernel's name holds {arguments.kernel!r}")
-    types = arguments.type or ["float", "c10::Half"]
-    wanted = [case for case in cases(chosen) if case.element_type in types]
-    outcomes = compile_cases(wanted)
-    costs = dict(zip(wanted, run_jobs(partial(cost_of, case, outcomes[case]) for case in wanted), strict=True))
-    errors = [found for found in costs.values() if isinstance(found, GpuCompileError)]
-    print_markdown(HEADINGS, table({c: found for c, found in costs.items() if isinstance(found, Cost)}))
-    for error in dict.fromkeys(map(str, errors)):
+    costs, errors = measured_costs(chosen, arguments.type or ["float", "c10::Half"])
+    print(markdown(HEADINGS, table(costs)))
+    for error in errors:
         print(error, file=sys.stderr)
     return 1 if errors else 0
 

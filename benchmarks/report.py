@@ -1,0 +1,155 @@
+"""Writes the figures of docs/performance.md and docs/performance_tables.md.
+
+    python benchmarks/report.py                          # everything: a quarter of an hour
+    python benchmarks/report.py --parts times --formats q4_0,q8_0 --rounds 2
+
+Three parts, each a section of either file with the commit, the machine and the date in it; what stands outside the
+sections is written by hand and kept.
+
+times     benchmarks/matvec.py: one shape in float32; in the tables further shapes, and further element types
+models    examples/generate.py: the demo; in the tables a line for each format
+gpu_code  benchmarks/gpu_code.py: instructions per byte by device class; in the tables everything, by architecture
+"""
+
+from __future__ import annotations
+
+import argparse
+import datetime
+import os
+import subprocess
+import sys
+from collections.abc import Callable
+from importlib.metadata import PackageNotFoundError, version
+from pathlib import Path
+
+import gpu_code
+import matvec
+import torch
+
+PROJECT = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(PROJECT / "tools"))
+
+from gpu_compile.instantiations import kernels  # noqa: E402
+from gpu_compile.ocloc import MISSING_OCLOC, compiler_version, find_ocloc  # noqa: E402
+from sections import write_section  # noqa: E402
+
+from quillon.formats import format_name  # noqa: E402
+
+SHORT = PROJECT / "docs" / "performance.md"
+TABLES = PROJECT / "docs" / "performance_tables.md"
+
+# Those that matter to the kernels or to the products that they are compared with.
+INSTRUCTION_SETS = (
+    *("avx2", "fma", "f16c", "avx512f", "avx512bw", "avx512vl", "avx512_vnni", "avx512_bf16", "avx512_fp16"),
+    *("amx_int8", "amx_bf16"),
+)
+
+DEMO = ["examples/generate.py"]
+DEMO_BY_FORMAT = ["examples/generate.py", "--format", "all", "--score-tokens", "256", "--new-tokens", "48"]
+
+
+def git(*arguments: str) -> str:
+    return subprocess.run(["git", *arguments], cwd=PROJECT, capture_output=True, text=True, check=True).stdout.strip()
+
+
+def commit() -> str:
+    """The commit that is measured, and whether the code differs from it."""
+    changed = git("status", "--porcelain", "--untracked-files=no", "--", "csrc", "python", "benchmarks", "tools")
+    return git("rev-parse", "--short=12", "HEAD") + (" with changes" if changed else "")
+
+
+def processor() -> str:
+    """Model, number of processors, instruction sets."""
+    facts = dict(
+        (part.strip() for part in line.split(":", 1))
+        for line in Path("/proc/cpuinfo").read_text().splitlines()
+        if ":" in line
+    )
+    sets = [name for name in INSTRUCTION_SETS if name in facts.get("flags", "").split()]
+    return f"{facts.get('model name', 'unknown processor')}, {os.cpu_count()} processors ({' '.join(sets)})"
+
+
+def installed(package: str) -> str:
+    try:
+        return version(package)
+    except PackageNotFoundError:
+        return "not from pip"
+
+
+def provenance(*facts: str) -> str:
+    """A line on what was measured, where and when."""
+    settings = [f"{name}={os.environ[name]}" for name in ("CL_CONFIG_CPU_TARGET_ARCH",) if name in os.environ]
+    parts = [f"Commit {commit()}", datetime.date.today().isoformat(), *facts, *settings]
+    return "; ".join(parts) + "."
+
+
+def host_facts() -> tuple[str, str]:
+    return processor(), f"PyTorch {torch.__version__}, SYCL runtime {installed('dpcpp-cpp-rt')}"
+
+
+def times_table(arguments: argparse.Namespace, *shapes_and_types: tuple[str, str]) -> str:
+    rows = [row for shapes, types in shapes_and_types for row in matvec.measured_rows(arguments, shapes, types)]
+    lines = [*matvec.table_head(matvec.HEADINGS), *map(matvec.table_line, rows)]
+    return "\n".join([provenance(*host_facts(), matvec.how_measured(arguments).rstrip(".")), "", *lines])
+
+
+def write_times(arguments: argparse.Namespace) -> None:
+    write_section(SHORT, "times", times_table(arguments, (arguments.shape, "float32")))
+    more = (arguments.more_shapes, "float32"), (arguments.shape, arguments.more_types)
+    write_section(TABLES, "times", times_table(arguments, *(pair for pair in more if all(pair))))
+
+
+def output_of(command: list[str]) -> str:
+    return subprocess.run(
+        [sys.executable, *command], cwd=PROJECT, stdout=subprocess.PIPE, text=True, check=True
+    ).stdout.strip("\n")
+
+
+def write_models(_arguments: argparse.Namespace) -> None:
+    for file, command in ((SHORT, DEMO), (TABLES, DEMO_BY_FORMAT)):
+        printed = output_of(command).split("\n\n")
+        # A table stands as it is, everything else as the terminal shows it.
+        blocks = [block if block.startswith("| ") else f"```\n{block}\n```" for block in printed]
+        shown = "    python " + " ".join(command)
+        write_section(file, "models", "\n\n".join([provenance(*host_facts()), shown, *blocks]))
+
+
+def write_gpu_code(arguments: argparse.Namespace) -> None:
+    compiler = find_ocloc()
+    if compiler is None:
+        raise SystemExit(MISSING_OCLOC)
+    formats = [format_name(name) for name in arguments.formats.split(",")]
+    costs, errors = gpu_code.measured_costs([k for k in kernels() if k.format in formats], ["float", "c10::Half"])
+    for error in errors:
+        print(error, file=sys.stderr)
+    line = provenance(f"compiler {compiler_version(compiler)}")
+    in_float = {case: cost for case, cost in costs.items() if case.element_type == "float"}
+    write_section(SHORT, "gpu_code", f"{line}\n\n{gpu_code.markdown(*gpu_code.by_class(in_float))}")
+    write_section(TABLES, "gpu_code", f"{line}\n\n{gpu_code.markdown(gpu_code.HEADINGS, gpu_code.table(costs))}")
+
+
+PARTS: dict[str, Callable[[argparse.Namespace], None]] = {
+    "times": write_times,
+    "models": write_models,
+    "gpu_code": write_gpu_code,
+}
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--parts", default=",".join(PARTS), help="comma-separated; default: all")
+    parser.add_argument("--shape", default="4096x4096", help="output size x state size of the short table")
+    parser.add_argument("--more-shapes", default="11008x4096,4096x11008", help="of the tables; may be empty")
+    parser.add_argument("--more-types", default="float16,bfloat16", help="of the tables, at the short table's shape")
+    matvec.add_arguments(parser)
+    arguments = parser.parse_args()
+    parts = arguments.parts.split(",")
+    unknown = sorted(set(parts) - set(PARTS))
+    if unknown:
+        parser.error(f"unknown parts: {', '.join(unknown)}; allowed: {', '.join(PARTS)}")
+    for part in parts:
+        PARTS[part](arguments)
+
+
+if __name__ == "__main__":
+    main()

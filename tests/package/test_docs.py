@@ -1,0 +1,48 @@
+"""Generated sections of the documentation, and figures that the documentation shares with the code."""
+
+from __future__ import annotations
+
+import re
+import sys
+from pathlib import Path
+
+import pytest
+
+from quillon.formats import FORMATS
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tools"))
+
+from sections import section, with_section, write_section  # noqa: E402
+
+PAGE = "by hand\n<!-- begin a: written by x -->\nold\n<!-- end a -->\nby hand too\n"
+
+
+def test_a_section_is_replaced_and_the_rest_kept(tmp_path: Path) -> None:
+    assert section(PAGE, "a") == "old\n"
+    assert with_section(PAGE, "a", "new\nlines") == PAGE.replace("old", "new\nlines")
+    file = tmp_path / "page.md"
+    file.write_text(PAGE)
+    write_section(file, "a", "new\n")
+    assert file.read_text() == PAGE.replace("old", "new")
+
+
+@pytest.mark.parametrize("page", ["no markers", PAGE + PAGE, PAGE.replace("end a", "end b")])
+def test_a_section_must_be_there_once(page: str) -> None:
+    with pytest.raises(ValueError, match="sections 'a' where there must be one"):
+        with_section(page, "a", "new")
+
+
+@pytest.mark.parametrize("page", ["performance.md", "performance_tables.md"])
+@pytest.mark.parametrize("name", ["times", "models", "gpu_code"])
+def test_performance_pages_have_a_section_for_each_part(page: str, name: str) -> None:
+    assert section((ROOT / "docs" / page).read_text(), name).strip()
+
+
+def test_formats_at_a_glance() -> None:
+    """Code, name, elements, bytes, bits and storage of docs/formats.md are those of the registry."""
+    page = (ROOT / "docs" / "formats.md").read_text()
+    rows = re.findall(r"^\| (\d+) \| (\w+) \| (\d+) \| (\d+) \| ([\d.]+) \| (\w+) \|", page, re.MULTILINE)
+    assert [(int(row[0]), row[1], int(row[2]), int(row[3]), float(row[4]), row[5]) for row in rows] == [
+        (f.code, f.name, f.elements, f.bytes, f.bits_per_weight, f.storage) for f in FORMATS.values()
+    ]
