@@ -98,8 +98,9 @@ constexpr int fp6_element_of_lane(int lane) {
 }
 
 // The spread codes of the four elements at the top of every byte of `high` and `low`, one in each byte.
-constexpr uint32_t fp6_step_codes(uint32_t high, uint32_t low) {
-  const uint32_t low_five = (high & 0x40404040u) | ((low >> 2) & 0x3C3C3C3Cu);
+template <typename Words>
+constexpr Words fp6_step_codes(Words high, Words low) {
+  const Words low_five = (high & 0x40404040u) | ((low >> 2) & 0x3C3C3C3Cu);
   return (high & 0x80808080u) | (low_five >> 2);
 }
 

@@ -125,7 +125,8 @@ inline int minimum_q5_k(const uint8_t* scales, int j) {
 
 // The 6-bit codes, 0 to 63, of the four elements at the top of every byte of `high` and `low`: byte p is
 // element p of the step. Shift `high` left by 2 and `low` left by 4 for the next step of the same words.
-constexpr uint32_t q6_k_step_codes(uint32_t high, uint32_t low) {
+template <typename Words>
+constexpr Words q6_k_step_codes(Words high, Words low) {
   return ((high >> 2) & 0x30303030u) | ((low >> 4) & 0x0F0F0F0Fu);
 }
 

@@ -9,11 +9,18 @@
 
 namespace quillon::runtime {
 
-inline std::vector<std::string> device_build_options() {
+// Build options of one kernel, behind those that all builds have.
+inline const char* const kVectorBacking = "-DQUILLON_VECTOR_LANES";  // see kernels/lanes.h
+inline std::string sub_group_option(int size) {
+  return "-DQUILLON_SUB_GROUP_SIZE=" + std::to_string(size);
+}
+
+inline std::vector<std::string> device_build_options(const std::vector<std::string>& of_kernel = {}) {
   std::vector<std::string> options = {
       "-I.",  // nested includes of virtual files are not found without it
       "-DQUILLON_DEVICE_SOURCE",
   };
+  options.insert(options.end(), of_kernel.begin(), of_kernel.end());
 #if __LIBSYCL_MAJOR_VERSION < 9
   // The device libraries of these runtimes are not in the pip packages; later ones refuse the option.
   options.push_back("-fno-sycl-device-lib=all");

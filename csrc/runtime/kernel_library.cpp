@@ -45,10 +45,10 @@ const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context,
     auto source = syclexp::create_kernel_bundle_from_source(context, syclexp::source_language::sycl,
                                                             device_build_text(entry.header, {entry.name}),
                                                             syclexp::properties{embedded_headers()});
-    auto executable =
-        syclexp::build(source, {device},
-                       syclexp::properties{syclexp::registered_names{entry.name},
-                                           syclexp::build_options{device_build_options()}, syclexp::save_log{&log}});
+    auto executable = syclexp::build(
+        source, {device},
+        syclexp::properties{syclexp::registered_names{entry.name},
+                            syclexp::build_options{device_build_options(entry.options)}, syclexp::save_log{&log}});
     return new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
   } catch (const std::exception& error) {
     TORCH_CHECK(false, "Building the kernel ", entry.name, " for the device \"",
@@ -132,19 +132,26 @@ const BuiltKernel* find_or_build(KernelEntry& entry, const sycl::queue& queue) {
 
 }  // namespace
 
-KernelEntry& make_kernel_entry(const char* header, const char* kernel, const char* element_type,
-                               std::initializer_list<int> constants) {
-  auto& entry = *new KernelEntry;
-  entry.header = header;
-  entry.name = std::string(kernel) + "<" + element_type;
-  for (const int constant : constants) entry.name += "," + std::to_string(constant);
-  entry.name += ">";
+KernelEntry& kernel_entry(const std::string& header, const std::string& name, const std::vector<std::string>& options) {
+  static std::mutex& mutex = *new std::mutex;
+  static auto& entries = *new std::map<std::tuple<std::string, std::string, std::vector<std::string>>, KernelEntry>;
+  const std::lock_guard lock(mutex);
+  KernelEntry& entry = entries[{header, name, options}];
+  if (entry.name.empty()) {
+    entry.header = header;
+    entry.name = name;
+    entry.options = options;
+  }
   return entry;
 }
 
-const sycl::kernel& find_kernel(KernelEntry& entry, const sycl::queue& queue, c10::DeviceIndex index) {
+void check_device_index(c10::DeviceIndex index) {
   TORCH_CHECK(index >= 0 && index < kMaxDevices, "XPU device index ", static_cast<int>(index),
               " is outside what the kernel library serves: 0 to ", kMaxDevices - 1);
+}
+
+const sycl::kernel& find_kernel(KernelEntry& entry, const sycl::queue& queue, c10::DeviceIndex index) {
+  check_device_index(index);
   auto& slot = entry.built[index];
   const BuiltKernel* built = slot.load(std::memory_order_acquire);
   // A queue that a caller made in a context of its own needs a kernel of that context.

@@ -15,13 +15,11 @@
 #pragma once
 
 #include <c10/core/Device.h>
-#include <c10/util/BFloat16.h>
-#include <c10/util/Half.h>
 
 #include <array>
 #include <atomic>
-#include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "runtime/device_limit.h"
 
@@ -29,43 +27,20 @@ namespace quillon::runtime {
 
 struct BuiltKernel;  // a sycl::kernel and the context it lives in
 
-// One kernel instantiation, e.g. "qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>" of "kernels/matvec/q4_0_2x16.h".
+// Fails for an index that the kernel library does not serve.
+void check_device_index(c10::DeviceIndex index);
+
+// One kernel instantiation in one backing, e.g. "qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>" of
+// "kernels/matvec/q4_0_2x16.h".
 struct KernelEntry {
   std::string header;
   std::string name;
+  std::vector<std::string> options;  // of the build, behind those that all builds have
   std::array<std::atomic<const BuiltKernel*>, kMaxDevices> built{};
 };
 
-// How the element type of a tensor is spelled in a kernel's template arguments.
-template <typename T>
-constexpr const char* element_type_name();
-template <>
-constexpr const char* element_type_name<float>() {
-  return "float";
-}
-template <>
-constexpr const char* element_type_name<double>() {
-  return "double";
-}
-template <>
-constexpr const char* element_type_name<c10::Half>() {
-  return "c10::Half";
-}
-template <>
-constexpr const char* element_type_name<c10::BFloat16>() {
-  return "c10::BFloat16";
-}
-
-// Makes the entry of one instantiation. Meant for a function-local static in the kernel's host entry:
-//   static KernelEntry& entry = kernel_entry<T>("kernels/matvec/q4_0_2x16.h", "qlinear_xpu_kernel_q4_0_2x16",
-//                                               {SG_SIZE, WG_SIZE, ROW_TILE});
-KernelEntry& make_kernel_entry(const char* header, const char* kernel, const char* element_type,
-                               std::initializer_list<int> constants);
-
-template <typename T>
-KernelEntry& kernel_entry(const char* header, const char* kernel, std::initializer_list<int> constants = {}) {
-  return make_kernel_entry(header, kernel, element_type_name<T>(), constants);
-}
+// The one entry of these three. Takes a lock: meant to be kept by the caller.
+KernelEntry& kernel_entry(const std::string& header, const std::string& name, const std::vector<std::string>& options);
 
 // Called after each build, outside all locks, with the kernel's name and the seconds it took. One observer at a time.
 using BuildObserver = void (*)(const std::string& kernel, double seconds);

@@ -34,7 +34,7 @@ void set_argument(sycl::handler& handler, int index, const KernelArgument& argum
 }  // namespace
 
 void launch_kernel(runtime::KernelEntry& entry, c10::Device device, const LaunchRange& range,
-                   std::initializer_list<KernelArgument> arguments, Wait wait) {
+                   c10::ArrayRef<KernelArgument> arguments, Wait wait) {
   if (range.global[0] == 0 || range.global[1] == 0) return;
   const c10::xpu::XPUStream stream = c10::xpu::getCurrentXPUStream(device.index());
   const sycl::kernel& kernel = runtime::find_kernel(entry, stream.queue(), stream.device_index());

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <c10/core/Device.h>
+#include <c10/util/ArrayRef.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 
 #include "runtime/kernel_library.h"
 
@@ -27,12 +27,11 @@ struct KernelArgument {
   KernelArgument(std::int32_t value) : kind(Kind::int32), element_size(0), int32(value) {}
   KernelArgument(std::uint64_t value) : kind(Kind::uint64), element_size(0), uint64(value) {}
 
-  // A local array of `count` elements of T for each work-group.
-  template <typename T>
-  static KernelArgument local_array(std::uint64_t count) {
+  // A local array of `count` elements of `size` bytes for each work-group.
+  static KernelArgument local_array(std::uint64_t count, std::size_t size) {
     KernelArgument argument(count);
     argument.kind = Kind::local_array;
-    argument.element_size = sizeof(T);
+    argument.element_size = static_cast<std::uint8_t>(size);
     return argument;
   }
 };
@@ -54,6 +53,6 @@ enum class Wait : bool { no, yes };
 
 // Submits the kernel to the current XPU stream of `device`; nothing when the range is empty.
 void launch_kernel(runtime::KernelEntry& entry, c10::Device device, const LaunchRange& range,
-                   std::initializer_list<KernelArgument> arguments, Wait wait = Wait::no);
+                   c10::ArrayRef<KernelArgument> arguments, Wait wait = Wait::no);
 
 }  // namespace quillon

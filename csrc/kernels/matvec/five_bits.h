@@ -1,36 +1,75 @@
-// The body of the q5_0 and q5_1 kernels. A work-group owns one output row; each 32 of its work-items take one
-// block a round, and each work-item one byte of it, which is two elements.
+// The skeleton of the q5_0 and q5_1 kernels. A work-group owns one output row; each 32 of its lanes take one block a
+// round, and each lane one byte of it, which is two elements.
 //
-//   one block, 44 bytes, high nibble on the left       round 0, WG_SIZE 64
-//      0 | d  half |                                     work-items  0 to 31 | block 0 |
-//      2 | m  half |                                     work-items 32 to 63 | block 1 |
-//      4 | qh, 64-bit word: bit N is bit 4 of eN |     round 1
-//     12 | e32  e0 | e33  e1 | ... | e63  e31 |          work-items  0 to 31 | block 2 | ...
-//            work-item 0     1     ...     31
+//   round 0, WG_SIZE 64                          round 1
+//     lanes  0 to 31 | block 0 |                   lanes  0 to 31 | block 2 | ...
+//     lanes 32 to 63 | block 1 |                   lanes 32 to 63 | block 3 |
 //
-// Where the row's count of blocks is odd, work-items 32 to 63 have no block in the last round: they sit it
-// out, so that nothing behind the activations or the weight is read, and the result is right for every
-// multiple of 64.
+// A block that does not lie whole in the row, behind the last of an odd number for instance, is left out, so that nothing
+// behind the activations or the weight is read, and the result is right for every multiple of 64.
+//
+// The form of vectors walks over 16 rows; local memory has one element for each row of the last work-item.
 #pragma once
 
 #include "formats/integer_blocks.h"
-#include "kernels/matvec/arithmetic.h"
-#include "kernels/matvec/skeleton.h"
+#include "kernels/kernel.h"
+#include "kernels/lanes.h"
+#ifdef QUILLON_VECTOR_LANES
+#include "kernels/matvec/vectors.h"
+#else
+#include "kernels/matvec/items.h"
+#endif
 
 namespace quillon {
 
-// `decoder(block)` reads a block's scales and gives a function from a code, 0 to 31, to the value as a
-// lane<T>.
-template <typename T, int SG_SIZE, int WG_SIZE, typename Decoder>
+#ifdef QUILLON_VECTOR_LANES
+
+template <typename T, int SG_SIZE, int WG_SIZE, typename Reader>
 inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, const T* input,
-                               const sycl::local_accessor<T, 1>& local, T* output, Decoder decoder) {
+                               const sycl::local_accessor<T, 1>& local, T* output) {
+  constexpr int BLOCK = 64;
+  constexpr int VECTORS = WG_SIZE / LANES;
+  constexpr int VECTORS_OF_BLOCK = BLOCK / 2 / LANES;
+  const auto blocks = static_cast<int32_t>(state_size / BLOCK);
+  const words bit_of_lane = {0x1,   0x2,   0x4,   0x8,   0x10,   0x20,   0x40,   0x80,
+                             0x100, 0x200, 0x400, 0x800, 0x1000, 0x2000, 0x4000, 0x8000};
+  for_each_row_of_item(local, [&](uint64_t row) {
+    const block_q5_1* row_blocks = weight + row * blocks;
+    values<T> acc[VECTORS] = {};
+    for (int32_t b = 0; b < blocks; ++b) {
+      const block_q5_1& block = row_blocks[b];
+      const auto value = Reader::template decoder<T>(block);
+      const words low_half = words(load_u32(block.qh));
+      const words high_half = words(load_u32(block.qh + 4));
+      unrolled<VECTORS_OF_BLOCK>([&](auto g) {
+        const words byte = __builtin_convertvector(load_vector<uint8_t, LANES>(block.qs + LANES * g), words);
+        const words bit = bit_of_lane << (LANES * g);
+        const words low = byte & 15u;
+        const words high = byte >> 4;
+        const values<T> w0 = value((low_half & bit) != 0u ? low | 16u : low);
+        const values<T> w1 = value((high_half & bit) != 0u ? high | 16u : high);
+        const T* x = input + BLOCK * b + LANES * g;
+        values<T>& sum = acc[(VECTORS_OF_BLOCK * b + g) % VECTORS];
+        sum = sum + (w0 * load_values(x) + w1 * load_values(x + BLOCK / 2));
+      });
+    }
+    output[row] = sum_of_lanes<T, VECTORS>(acc);
+  });
+}
+
+#else
+
+template <typename T, int SG_SIZE, int WG_SIZE, typename Reader>
+inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, const T* input,
+                               const sycl::local_accessor<T, 1>& local, T* output) {
   constexpr int BLOCK = 64;
   constexpr int BLOCKS_PER_ROUND = WG_SIZE / 32;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const int item = static_cast<int>(place.get_local_id(0));
   const uint64_t row = place.get_group(0);
-  // The local id modulo 32 and divided by 32. Where a round has two blocks, each belongs to one sub-group,
-  // and saying so lets a CPU device see which addresses are common and which are neighbours.
-  int iqs = static_cast<int>(place.get_local_id(0));
+  // The local id modulo 32 and divided by 32. Where a round has two blocks, each belongs to one sub-group, and saying so
+  // lets a compiler see which addresses are common and which are neighbours.
+  int iqs = item;
   int block_of_round = 0;
   if constexpr (BLOCKS_PER_ROUND > 1) {
     static_assert(SG_SIZE == 32);
@@ -38,23 +77,38 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
     iqs = static_cast<int>(sub_group.get_local_linear_id());
     block_of_round = static_cast<int>(sub_group.get_group_linear_id());
   }
-  const block_q5_1* row_blocks = weight + row * (state_size / BLOCK);
-
-  lane<T> acc[1] = {integer_lane<T>(0)};
-  for_each_round<BLOCK, BLOCKS_PER_ROUND>(state_size, block_of_round, [&](int32_t b) {
-    const block_q5_1& block = row_blocks[b + block_of_round];
-    const T* x = input + (b + block_of_round) * BLOCK;
-    const auto value = decoder(block);
+  values<T> acc[1] = {exact_values<T>(0)};
+  const auto add_block = [&](const block_q5_1& block, const T* x) {
+    const auto value = Reader::template decoder<T>(block);
     const uint64_t qh = load_u64(block.qh);
-    const int byte = block.qs[iqs];
+    const uint32_t byte = block.qs[iqs];
     // Bits iqs and 32 + iqs, from 32-bit halves of the word.
-    const int fifth0 = static_cast<int>(((static_cast<uint32_t>(qh) >> iqs) & 1) << 4);
-    const int fifth1 = static_cast<int>(((static_cast<uint32_t>(qh >> 32) >> iqs) & 1) << 4);
-    const lane<T> w0 = value((byte & 15) | fifth0);
-    const lane<T> w1 = value((byte >> 4) | fifth1);
-    acc[0] = acc[0] + (w0 * to_lane(x[iqs]) + w1 * to_lane(x[iqs + 32]));
-  });
-  reduce_and_write<T, WG_SIZE, 1>(place, acc, local, row, row + 1, output);
+    const uint32_t fifth0 = ((static_cast<uint32_t>(qh) >> iqs) & 1) << 4;
+    const uint32_t fifth1 = ((static_cast<uint32_t>(qh >> 32) >> iqs) & 1) << 4;
+    const values<T> w0 = value((byte & 15) | fifth0);
+    const values<T> w1 = value((byte >> 4) | fifth1);
+    acc[0] = acc[0] + (w0 * element_values<T>(x[iqs]) + w1 * element_values<T>(x[iqs + 32]));
+  };
+  const auto whole_blocks = static_cast<int32_t>(state_size / BLOCK);
+  if (state_size % BLOCK == 0) {
+    const block_q5_1* row_blocks = weight + row * whole_blocks;
+    const int32_t full = whole_blocks / BLOCKS_PER_ROUND * BLOCKS_PER_ROUND;
+    for (int32_t b = 0; b < full; b += BLOCKS_PER_ROUND)
+      add_block(row_blocks[b + block_of_round], input + (b + block_of_round) * BLOCK);
+    if (full + block_of_round < whole_blocks)
+      add_block(row_blocks[full + block_of_round], input + (full + block_of_round) * BLOCK);
+  } else {
+    // A row's start is rounded down to a block for each pair of elements by itself.
+    const block_q5_1* first = weight + (row * state_size + 2 * item) / BLOCK;
+    const auto rounds = static_cast<int32_t>((state_size / WG_SIZE + 1) / 2);
+    for (int32_t round = 0; round < rounds; ++round) {
+      const int32_t b = BLOCKS_PER_ROUND * round + block_of_round;
+      if (b < whole_blocks) add_block(first[BLOCKS_PER_ROUND * round], input + b * BLOCK);
+    }
+  }
+  reduce_and_write<T, WG_SIZE, 1>(place, item, acc, local, row, row + 1, output);
 }
+
+#endif
 
 }  // namespace quillon

@@ -1,26 +1,137 @@
-// What the kernels share that multiply packed weights by int8 activations, the q8_1 blocks of the activation
-// row: output[n] = sum over k of x[k] * W[n][k], with integer products inside a slice of a super-block.
+// The frame of the kernels against q8_1 activations: slices of a row, and how their sums meet.
 //
-// A work-item takes slices; eight (q2_k: sixteen) work-items share a super-block, and the 32 work-items of a
-// row take four (two) neighbouring super-blocks at a time:
+// A lane takes slices; eight (q2_k: sixteen) lanes share a super-block, and the 32 lanes of a row take four (two)
+// neighbouring super-blocks at a time:
 //
 //   q8_1 blocks, 36 bytes      | 0 | 1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | ... | 31 | 32 ...
-//   slices of 32 elements     wi 0   1   2   3   4   5   6   7   8   9   ...   31    0 ...
+//   slices of 32 elements   lane 0   1   2   3   4   5   6   7   8   9   ...   31    0 ...
 //   super-blocks of the row    |             0                 |     1 | ...       |  4 ...
 //
-// A slice's sum is an integer, scaled once to float; a work-item adds up its slices in float.
+// A slice's sum is an integer, scaled once to float; a lane adds up its slices in float.
+//
+// The form of vectors takes the slices of sixteen lanes at once, and meets them with 16 rows before it goes on to the next
+// sixteen: what it makes of the activations serves all these rows.
 #pragma once
 
 #include "formats/q8_1.h"
-#include "kernels/matvec/skeleton.h"
+#include "kernels/kernel.h"
+#include "kernels/lanes.h"
+#ifdef QUILLON_VECTOR_LANES
+#include "kernels/matvec/vectors.h"
+#else
+#include <sycl/group_barrier.hpp>
+#endif
 
 namespace quillon {
 
-// Work-items of one row.
+// Lanes of one row.
 inline constexpr int q8_1_lanes = 32;
 
-// Loads here are of 32 or 64 bits throughout: a CPU device gathers those, while it takes a vector of narrower
-// ones apart.
+// A byte of each word, as a signed number.
+inline lanes<int32_t> signed_byte_of(words word, int index) {
+  return bit_cast<lanes<int32_t>>(word << (24 - 8 * index)) >> 24;
+}
+
+// The sum of four products of unsigned with signed bytes.
+inline lanes<int32_t> dot_bytes(words codes, words quants) {
+  lanes<int32_t> sum = bit_cast<lanes<int32_t>>(codes & 255u) * signed_byte_of(quants, 0);
+  unrolled<3>([&](auto b) {
+    sum += bit_cast<lanes<int32_t>>((codes >> (8 * (b + 1))) & 255u) * signed_byte_of(quants, b + 1);
+  });
+  return sum;
+}
+
+// Entry STRIDE * index of a table of words in memory.
+template <int STRIDE = 1>
+inline words gather(const uint32_t* table, words index) {
+#ifdef QUILLON_VECTOR_LANES
+  words result;
+#pragma unroll
+  for (int i = 0; i < LANES; ++i) result[i] = table[STRIDE * index[i]];
+  return result;
+#else
+  return table[STRIDE * index];
+#endif
+}
+
+// An integer of fewer than 24 bits.
+inline lanes<float> to_float(lanes<int32_t> from) {
+  return exact_values<float>(from);
+}
+
+#ifdef QUILLON_VECTOR_LANES
+
+// Two vectors of eight, one behind the other.
+template <typename E>
+inline lanes<E> joined(vector<E, 8> first, vector<E, 8> second) {
+  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+}
+
+// A number for the first eight lanes, and one for the others.
+template <typename E>
+inline lanes<E> in_octets(E first, E second) {
+  return joined<E>(vector<E, 8>(first), vector<E, 8>(second));
+}
+
+// Eight neighbouring words from each of two places.
+inline words words_of_two(const uint8_t* first, const uint8_t* second) {
+  return joined<uint32_t>(load_vector<uint32_t, 8>(first), load_vector<uint32_t, 8>(second));
+}
+
+// The q8_1 blocks of sixteen lanes: eight neighbouring ones from each of two places.
+struct q8_1_blocks {
+  words quants[8];  // word i of each block
+  lanes<float> d;
+  lanes<float> s;
+
+  q8_1_blocks(const block_q8_1* first, const block_q8_1* second) {
+    uint32_t words_of[9][LANES];
+    for (int lane = 0; lane < LANES; ++lane) {
+      const block_q8_1* block = lane < 8 ? first + lane : second + (lane - 8);
+      for (int i = 0; i < 9; ++i)
+        words_of[i][lane] = load<uint32_t, 4>(reinterpret_cast<const uint8_t*>(block) + 4 * i);
+    }
+    const words heads = load_vector<uint32_t, LANES>(words_of[0]);
+    d = as_floats<half>(halves_of_bits<half>(heads & 0xFFFFu));
+    s = as_floats<half>(halves_of_bits<half>(heads >> 16));
+    for (int i = 0; i < 8; ++i) quants[i] = load_vector<uint32_t, LANES>(words_of[i + 1]);
+  }
+  words quant_word(int i) const { return quants[i]; }
+};
+
+// Goes over the rows of a work-item: `slices(step)` makes of the activations what all rows need of sixteen lanes'
+// slices, and `dot(row, x)` is a row's share. `STEP` super-blocks are sixteen slices; where the last step has fewer, the
+// upper lanes count for nothing. `write(row, acc)` gets the lanes' sums.
+template <int STEP, typename Slices, typename Dot, typename Write>
+inline void for_each_row_of_slices(uint64_t output_size, int32_t blocks_per_row, Slices slices, Dot dot, Write write) {
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
+  const uint64_t first = place.get_group_linear_id() * ROWS_OF_ITEM;
+  const int rows = first + ROWS_OF_ITEM < output_size ? ROWS_OF_ITEM : static_cast<int>(output_size - first);
+  constexpr int VECTORS = q8_1_lanes / LANES;
+  lanes<float> acc[ROWS_OF_ITEM][VECTORS] = {};
+  for (int32_t block = 0; block < blocks_per_row; block += STEP) {
+    const int32_t second = block + STEP - 1 < blocks_per_row ? block + STEP - 1 : block;
+    const auto x = slices(block, second);
+    const int v = block / STEP % VECTORS;
+#pragma clang loop unroll(disable)
+    for (int r = 0; r < rows; ++r) {
+      const lanes<float> changed = add(acc[r][v], dot((first + r) * blocks_per_row, block, second, x));
+      acc[r][v] = second - block == STEP - 1 ? changed : in_first_lanes<float>(LANES / 2, changed, acc[r][v]);
+    }
+  }
+  for (int r = 0; r < rows; ++r) write(first + r, acc[r]);
+}
+
+// The tree over a row's lanes, in T.
+template <typename T>
+inline T tree_of_sums(const lanes<float> (&sums)[2]) {
+  values<T> acc[2] = {rounded_values<T>(sums[0]), rounded_values<T>(sums[1])};
+  return sum_of_lanes<T, 2>(acc);
+}
+
+#else
+
+// Loads here are of 32 or 64 bits throughout: a device takes a vector of narrower ones apart.
 
 // Two neighbouring halves, loaded as a word.
 struct two_halves {
@@ -32,35 +143,31 @@ struct two_halves {
         second(convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))) {}
 };
 
-// Scale and sum of a block, and eight quants from 8 * index onward.
-inline two_halves head_of(const block_q8_1& block) {
-  return two_halves(load<uint32_t, 4>(&block));
-}
-inline uint64_t eight_quants_of(const block_q8_1& block, int index) {
-  return load<uint64_t, 4>(block.qs + 8 * index);
-}
+// The q8_1 block of a work-item's slice.
+struct q8_1_blocks {
+  const block_q8_1& block;
+  float d;
+  float s;
 
-// The signed byte `index` of a word.
-constexpr int signed_byte_of(uint32_t word, int index) {
-  return static_cast<int32_t>(word << (24 - 8 * index)) >> 24;
-}
+  explicit q8_1_blocks(const block_q8_1& from) : block(from) {
+    const two_halves head(load<uint32_t, 4>(&from));
+    d = head.first;
+    s = head.second;
+  }
+  uint32_t quant_word(int i) const { return load<uint32_t, 4>(block.qs + 4 * i); }
+};
 
-// The sum of four products of unsigned with signed bytes.
-inline int dot_bytes(uint32_t codes, uint32_t quants) {
-  int sum = 0;
-  unrolled<4>([&](auto b) { sum += static_cast<int>((codes >> (8 * b)) & 255) * signed_byte_of(quants, b); });
-  return sum;
-}
-
-// Adds up `VEC_DOT(row, q8_1 blocks, super-block, slice)` over the slices of one work-item. SLICES is
-// the number of slices of a super-block.
+// Adds up `VEC_DOT(row, q8_1 blocks, super-block, slice)` over the slices of one work-item. SLICES is the number of slices
+// of a super-block.
 template <int SLICES, auto VEC_DOT, typename Block>
 inline float sum_of_slices(const Block* row, const block_q8_1* activations, int32_t blocks_per_row, int lane) {
   constexpr int STEP = q8_1_lanes / SLICES;
   const int first = lane / SLICES;
   const int slice = lane % SLICES;
   float sum = 0.0f;
-  const auto add_block = [&](int32_t block) { sum = add(sum, VEC_DOT(row, activations, block + first, slice)); };
+  const auto add_block = [&](int32_t block) {
+    sum = add(sum, VEC_DOT(row[block + first], activations + 8 * (block + first), slice));
+  };
   // All work-items have a block in each of these rounds: a uniform count, which a CPU device runs unmasked.
   const int32_t full = blocks_per_row / STEP * STEP;
   for (int32_t block = 0; block < full; block += STEP) add_block(block);
@@ -68,9 +175,9 @@ inline float sum_of_slices(const Block* row, const block_q8_1* activations, int3
   return sum;
 }
 
-// Adds up the work-items' sums of a row: a tree in T, from a stride of 16 down to 1, in the row's 32 elements
-// of local memory, then the write by the first work-item. `active` is false for the work-items of a row that
-// does not exist: they have nothing to write, and meet the others at the barriers.
+// Adds up the work-items' sums of a row: a tree in T, from a stride of 16 down to 1, in the row's 32 elements of local
+// memory, then the write by the first work-item. `active` is false for the work-items of a row that does not exist: they
+// have nothing to write, and meet the others at the barriers.
 template <typename T>
 inline void reduce_and_write_row(const sycl::nd_item<2>& place, float sum, T* local, int lane, bool active, T* output) {
   local[lane] = convert<T>(sum);
@@ -81,5 +188,7 @@ inline void reduce_and_write_row(const sycl::nd_item<2>& place, float sum, T* lo
   }
   if (lane == 0 && active) *output = local[0];
 }
+
+#endif
 
 }  // namespace quillon

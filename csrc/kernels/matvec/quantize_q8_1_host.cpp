@@ -5,6 +5,7 @@
 
 #include "dispatch/scalar_type_dispatch.h"
 #include "formats/registry.h"
+#include "runtime/element_type.h"
 #include "runtime/launch_kernel.h"
 
 namespace quillon {
@@ -23,7 +24,8 @@ at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std
     TORCH_CHECK(state_size % WG_SIZE == 0, "quantize_input_q8_1: state_size must be a multiple of ", WG_SIZE,
                 ", the size of a super-block, got ", state_size);
     static runtime::KernelEntry& entry =
-        runtime::kernel_entry<T>("kernels/matvec/quantize_q8_1.h", "quantize_xpu_kernel_q8_1");
+        runtime::kernel_entry("kernels/matvec/quantize_q8_1.h",
+                              std::string("quantize_xpu_kernel_q8_1<") + facts_of(element_type_of<T>()).name + ">", {});
     launch_kernel(entry, input.device(), {state_size, WG_SIZE}, {input.data_ptr<T>(), result.data_ptr<std::uint8_t>()});
   });
   return result;

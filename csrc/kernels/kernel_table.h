@@ -1,0 +1,159 @@
+// Every kernel, one row each: what it is, how it is instantiated, how it is called. Host entry, launch, launcher tables,
+// the instantiations that the offline GPU compile checks, the geometry that tests and benchmarks use and the row rules
+// that Python shows all follow from these rows.
+//
+// Free of torch and SYCL.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "formats/registry.h"
+
+namespace quillon {
+
+// A launcher table fixes the geometry of its kernels; a device class has one of the tables.
+struct launcher_geometry {
+  const char* name;  // of the table, behind "qlinear_launchers_"
+  int sub_group;
+  int work_group;
+  bool many_rows;  // whether the q4_0 kernels take their larger number of rows
+};
+enum launcher_table_index { table_elm, table_legacy, table_default };
+inline constexpr std::array<launcher_geometry, 3> launcher_geometries = {{
+    {"elm", 32, 64, false},
+    {"legacy", 16, 32, true},
+    {"default", 16, 32, false},
+}};
+
+// The template arguments of a kernel behind its element type.
+enum class template_arguments {
+  none,             // one instantiation for all tables
+  work_group,       // SG_SIZE, WG_SIZE
+  work_group_rows,  // SG_SIZE, WG_SIZE, ROW_TILE
+};
+
+// How the lanes of a work-group are told to the device.
+enum class lane_range {
+  rows,      // one dimension: a work-group for each tile of rows
+  slices,    // two dimensions, of which the second holds the 32 lanes of a row, the first the rows of a tile
+  elements,  // one dimension, a work-item for each element of the activations
+};
+
+// One argument of a kernel. Parts are the regions of a weight in storage order, part 0 being its start.
+enum class kernel_argument {
+  end,
+  state_size,   // uint64: K
+  output_size,  // uint64: N
+  block_count,  // int32: blocks of a row
+  input,        // pointer: activations as they are, or their q8_1 blocks
+  output,       // pointer
+  part0,        // pointers to the parts of the weight
+  part1,
+  part2,
+  part3,
+  offset1,  // uint64: byte offset of a part
+  offset2,
+  offset3,
+  short_offset1,  // int32
+  local,          // local memory: the lanes' accumulators
+};
+
+// The element type of local memory.
+enum class local_elements { none, of_t, of_float };
+
+// What a kernel in the form of vectors keeps in local memory in place of accumulators (kernels/lanes.h).
+enum class arranged {
+  none,             // the kernel has no form of vectors
+  chunks,           // activations in the order of the lanes' chunks
+  chunks_and_sums,  // and the sum of each chunk
+  row_count,        // an element for each row of the last work-item; a work-item has sixteen rows
+  nothing,          // a work-item has sixteen rows
+};
+
+struct kernel_row {
+  int qtype;
+  const char* name;
+  const char* header;  // relative to csrc/
+  template_arguments constants;
+  lane_range range;
+  int sub_group;    // required sub-group size where it is no template argument; 0: none
+  int rows;         // output rows of a work-group
+  int many_rows;    // the same in a table with many rows
+  int lanes;        // work-items on the rows of a work-group where that is no template argument
+  int elements;     // of K that a lane takes in a round
+  int row_unit;     // state_size must be a multiple; 0: nothing tests it
+  bool drops_tail;  // chunks behind the last full round are left out of the sum
+  local_elements local;
+  arranged vectors;
+  bool waits;  // the host entry returns when the kernel has finished
+  std::array<kernel_argument, 12> arguments;
+};
+
+// clang-format off
+inline constexpr auto kernel_table = [] {
+  using k = kernel_argument;
+  constexpr auto group = template_arguments::work_group, group_rows = template_arguments::work_group_rows, none = template_arguments::none;
+  constexpr auto rows = lane_range::rows, slices = lane_range::slices, elements = lane_range::elements;
+  constexpr auto of_t = local_elements::of_t, of_float = local_elements::of_float, no_local = local_elements::none;
+  constexpr auto chunks = arranged::chunks, chunks_and_sums = arranged::chunks_and_sums, row_count = arranged::row_count, nothing = arranged::nothing, no_vectors = arranged::none;
+  // Argument orders that several kernels share.
+  constexpr std::array<k, 12> q4_0_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
+  constexpr std::array<k, 12> scaled_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output, k::output_size};
+  constexpr std::array<k, 12> q5_order = {k::state_size, k::part0, k::input, k::local, k::output};
+  constexpr std::array<k, 12> q8_1_order = {k::output_size, k::block_count, k::part0, k::input, k::local, k::output};
+  return std::array{
+  //          format           name, header                                                              constants   range   sub- rows,   lanes elem. unit drops  local     vectors          waits  arguments
+  //                                                                                                                         group  many              tail
+  kernel_row{qtype_q4_0,     "qlinear_xpu_kernel_q4_0_2x16",     "kernels/matvec/q4_0_2x16.h",     group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
+  kernel_row{qtype_q4_0_woq, "qlinear_xpu_kernel_q4_0_woq_2x16", "kernels/matvec/q4_0_woq_2x16.h", group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
+  kernel_row{qtype_q4_1,     "qlinear_xpu_kernel_q4_1_2x16",     "kernels/matvec/q4_1_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks_and_sums, false, scaled_order},
+  kernel_row{qtype_q5_0,     "qlinear_xpu_kernel_q5_0",          "kernels/matvec/q5_0.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
+  kernel_row{qtype_q5_1,     "qlinear_xpu_kernel_q5_1",          "kernels/matvec/q5_1.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
+  kernel_row{qtype_q8_0,     "qlinear_xpu_kernel_q8_0_2x8",      "kernels/matvec/q8_0_2x8.h",      group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_nf4,      "qlinear_xpu_kernel_nf4_2x16",      "kernels/matvec/nf4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_nf3,      "qlinear_xpu_kernel_nf3_2x16",      "kernels/matvec/nf3_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp8_e4m3, "qlinear_xpu_kernel_fp8_e4m3_2x8",  "kernels/matvec/fp8_e4m3_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp4,      "qlinear_xpu_kernel_fp4_2x16",      "kernels/matvec/fp4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp8_e5m2, "qlinear_xpu_kernel_fp8_e5m2_2x8",  "kernels/matvec/fp8_e5m2_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, {k::state_size, k::part0, k::input, k::local, k::output, k::output_size}},
+  kernel_row{qtype_iq2_xxs,  "qlinear_xpu_kernel_iq2_xxs_q8_1",  "kernels/matvec/iq2_xxs_q8_1.h",  none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     nothing,         true,  q8_1_order},
+  kernel_row{qtype_q2_k,     "qlinear_xpu_kernel_q2_k_q8_1",     "kernels/matvec/q2_k_q8_1.h",     none,       slices,   0, 1, 1, 32, 16,  0, false, of_t,     nothing,         true,  q8_1_order},
+  kernel_row{qtype_iq1_s,    "qlinear_xpu_kernel_iq1_s_q8_1",    "kernels/matvec/iq1_s_q8_1.h",    none,       slices,  32, 1, 1, 32, 32,  0, false, no_local, nothing,         true,  {k::output_size, k::block_count, k::part0, k::input, k::output}},
+  kernel_row{qtype_q6_k,     "qlinear_xpu_kernel_q6_k_2x16",     "kernels/matvec/q6_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks,          false, {k::state_size, k::part0, k::part1, k::input, k::part3, k::part2, k::local, k::output, k::output_size}},
+  kernel_row{qtype_q4_k,     "qlinear_xpu_kernel_q4_k_2x16",     "kernels/matvec/q4_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks_and_sums, false, {k::state_size, k::part0, k::input, k::part1, k::part2, k::local, k::output, k::output_size}},
+  kernel_row{qtype_q5_k,     "qlinear_xpu_kernel_q5_k",          "kernels/matvec/q5_k.h",          none,       rows,     8, 2, 2, 32, 16,  0, false, of_float, row_count,       false, {k::state_size, k::part0, k::input, k::local, k::output}},
+  kernel_row{qtype_fp6,      "qlinear_xpu_kernel_fp6_2x16",      "kernels/matvec/fp6_2x16.h",      group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part1, k::part0, k::input, k::part2, k::block_count, k::local, k::output_size, k::output}},
+  kernel_row{qtype_fp6_k,    "qlinear_xpu_kernel_fp6_k_2x16",    "kernels/matvec/fp6_k_2x16.h",    group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part0, k::offset1, k::offset2, k::offset3, k::input, k::local, k::output_size, k::output}},
+  kernel_row{qtype_q8_1,     "quantize_xpu_kernel_q8_1",         "kernels/matvec/quantize_q8_1.h", none,       elements,32, 1, 1,256,  1,  0, false, no_local, no_vectors,        false, {k::input, k::output}},
+  };
+}();
+// clang-format on
+
+// An instantiation's numbers in a launcher table.
+struct kernel_geometry {
+  int sub_group;
+  int work_group;  // lanes
+  int rows;
+};
+constexpr kernel_geometry geometry_of(const kernel_row& row, const launcher_geometry& table) {
+  if (row.constants == template_arguments::none) return {row.sub_group, row.lanes, row.rows};
+  return {table.sub_group, table.work_group, table.many_rows ? row.many_rows : row.rows};
+}
+
+// Whether the activations are q8_1 blocks.
+constexpr bool takes_q8_1(const kernel_row& row) {
+  return row.range == lane_range::slices;
+}
+
+// Rows of a work-item in the form of vectors, for the kernels that say so in `vectors`.
+inline constexpr int rows_of_vector_item = 16;
+
+// The row of a format's matrix-vector kernel, or of the quantizer for the code of q8_1.
+constexpr int kernel_index(int qtype) {
+  for (std::size_t i = 0; i < kernel_table.size(); ++i)
+    if (kernel_table[i].qtype == qtype) return static_cast<int>(i);
+  return -1;
+}
+
+}  // namespace quillon

@@ -1,0 +1,250 @@
+// The vocabulary in which kernels are written: numbers of one lane or of several.
+//
+// A lane is one work-item's share of a work-group. The same kernel text is built in two backings:
+//
+//   work-items   a lane is a work-item, and words and values are plain numbers: LANES is 1. On a GPU.
+//   vectors      a work-item carries all lanes of a work-group, sixteen to a clang vector: LANES is 16, and an
+//                operation on vectors is the scalar one lane by lane. On the host device, whose compiler would
+//                otherwise gather the memory of neighbouring work-items lane by lane.
+//
+// In both, a lane goes through the same operations of the same type in the same order, and so gets the same bits.
+//
+//   lanes<E>     an E in each lane          words        32-bit words of packed codes
+//   values<T>    a T in each lane, in the form that is fastest to compute with:
+//
+//                  T          work-items                            vectors
+//                  float      float                                 float x 16
+//                  double     double                                double x 16
+//                  half       half                                  in_float<half>
+//                  bfloat16   in_float<bfloat16>                    in_float<bfloat16>
+//
+//                in_float<T> holds T's value in a float and rounds after each operation: the 16-bit form would be
+//                widened before each of them and narrowed after it. No bit differs: a product or a sum of two such
+//                values that is rounded to float first is still rounded correctly to T, since a float has more than
+//                twice T's bits and two.
+#pragma once
+
+#include <type_traits>
+#include <utility>
+
+#include "formats/packed_bits.h"
+#include "runtime/scalar_types.h"
+
+namespace quillon {
+
+#ifdef QUILLON_VECTOR_LANES
+inline constexpr int LANES = 16;
+template <typename E, int COUNT>
+using vector = E __attribute__((ext_vector_type(COUNT)));
+template <typename E>
+using lanes = vector<E, LANES>;
+#else
+inline constexpr int LANES = 1;
+template <typename E>
+using lanes = E;
+#endif
+using words = lanes<uint32_t>;
+
+// ---- constant indices -------------------------------------------------------------------------------------
+//
+// Pack expansions in place of loops over private arrays. The device compiler decides which arrays become registers
+// before it unrolls loops, and closures that refer to closures hide them from it as well; an array that stays in memory
+// costs a CPU device several times the kernel.
+
+template <int... I>
+using constants = std::integer_sequence<int, I...>;
+template <int COUNT>
+using first_constants = std::make_integer_sequence<int, COUNT>;
+
+// Calls `body(i)` for i = 0 to COUNT - 1, each a constant of the type system: for bodies whose closure refers to
+// values and not to other closures.
+template <int... I, typename Body>
+inline void unrolled(constants<I...>, Body&& body) {
+  (body(std::integral_constant<int, I>{}), ...);
+}
+template <int COUNT, typename Body>
+inline void unrolled(Body&& body) {
+  unrolled(first_constants<COUNT>{}, body);
+}
+
+// ---- lanes ------------------------------------------------------------------------------------------------
+
+#ifdef QUILLON_VECTOR_LANES
+
+template <typename E, int COUNT>
+inline vector<E, COUNT> load_vector(const void* address) {
+  using unaligned = E __attribute__((ext_vector_type(COUNT), aligned(1)));
+  return *static_cast<const unaligned*>(address);
+}
+
+// Each element of `from` in LANES / COUNT neighbouring lanes.
+template <typename E, int COUNT, int... I>
+inline lanes<E> spread(vector<E, COUNT> from, constants<I...>) {
+  return __builtin_shufflevector(from, from, (I * COUNT / LANES)...);
+}
+template <int COUNT, typename E>
+inline lanes<E> spread(vector<E, COUNT> from) {
+  return spread<E, COUNT>(from, first_constants<LANES>{});
+}
+
+// Lanes 0 to 15 of every STRIDE-th element from FIRST on of two vectors in a row.
+template <int FIRST, int STRIDE, typename E, int... I>
+inline lanes<E> pick(lanes<E> a, lanes<E> b, constants<I...>) {
+  return __builtin_shufflevector(a, b, (FIRST + STRIDE * I)...);
+}
+template <int FIRST, int STRIDE, typename E>
+inline lanes<E> pick(vector<E, LANES> a, vector<E, LANES> b) {
+  return pick<FIRST, STRIDE, E>(a, b, first_constants<LANES>{});
+}
+
+#endif
+
+// ---- 16-bit types in float --------------------------------------------------------------------------------
+
+// To nearest, ties to even, without a test for NaN: a NaN that comes of an operation on two values of T, be it an
+// operand's or the processor's own, has clear low bits, to which the addition does nothing. Storing one makes it 0x7FC0.
+inline lanes<float> round_to(bfloat16, lanes<float> from) {
+  const words bits = bit_cast<words>(from);
+  return bit_cast<lanes<float>>((bits + 0x7FFFu + ((bits >> 16) & 1u)) & 0xFFFF0000u);
+}
+#ifdef QUILLON_VECTOR_LANES
+inline lanes<float> round_to(half, lanes<float> from) {
+  return __builtin_convertvector(__builtin_convertvector(from, lanes<_Float16>), lanes<float>);
+}
+#endif
+
+template <typename T>
+struct in_float {
+  lanes<float> value;
+
+  // `from` must already be values of T, such as integers of eight bits.
+  static in_float exact(lanes<float> from) { return {from}; }
+
+  friend in_float operator+(in_float a, in_float b) { return {round_to(T{}, a.value + b.value)}; }
+  friend in_float operator-(in_float a, in_float b) { return {round_to(T{}, a.value - b.value)}; }
+  friend in_float operator*(in_float a, in_float b) { return {round_to(T{}, a.value * b.value)}; }
+};
+
+template <typename T>
+struct values_of {
+  using type = lanes<T>;
+};
+template <>
+struct values_of<bfloat16> {
+  using type = in_float<bfloat16>;
+};
+#ifdef QUILLON_VECTOR_LANES
+template <>
+struct values_of<half> {
+  using type = in_float<half>;
+};
+#endif
+template <typename T>
+using values = typename values_of<T>::type;
+
+template <typename T>
+inline constexpr bool is_in_float = std::is_same_v<values<T>, in_float<T>>;
+
+// ---- conversion -------------------------------------------------------------------------------------------
+
+// Floats, or integers of eight bits and a sign, that every T holds exactly.
+template <typename T, typename From>
+inline values<T> exact_values(From from) {
+#ifdef QUILLON_VECTOR_LANES
+  if constexpr (is_in_float<T>)
+    return {__builtin_convertvector(from, lanes<float>)};
+  else
+    return __builtin_convertvector(from, lanes<T>);
+#else
+  if constexpr (is_in_float<T>)
+    return {convert<float>(from)};
+  else
+    return convert<T>(from);
+#endif
+}
+
+// Codes of fewer than 23 bits, less `bias`; exact in every T.
+template <typename T>
+inline values<T> biased_codes(words codes, int bias) {
+#ifdef QUILLON_VECTOR_LANES
+  // A code in the low bits of 2^23 is the float 2^23 + code: one operation less than a conversion.
+  return exact_values<T>(bit_cast<lanes<float>>(codes | 0x4B000000u) - static_cast<float>(0x800000 + bias));
+#else
+  return exact_values<T>(static_cast<int>(codes) - bias);
+#endif
+}
+
+// A shift to the right that takes the sign along.
+inline words shifted_right_signed(words word, int by) {
+  return bit_cast<words>(bit_cast<lanes<int32_t>>(word) >> by);
+}
+
+// Codes of sixteen bits as the bits of halves that every T holds exactly.
+template <typename T>
+inline values<T> halves_of_bits(words bits) {
+#ifdef QUILLON_VECTOR_LANES
+  const auto half_bits = __builtin_convertvector(bits, lanes<uint16_t>);
+  return exact_values<T>(__builtin_convertvector(bit_cast<lanes<_Float16>>(half_bits), lanes<float>));
+#else
+  return exact_values<T>(half_from_bits(static_cast<uint16_t>(bits)));
+#endif
+}
+
+// Floats, rounded to T; of bfloat16, a NaN becomes 0x7FC0.
+template <typename T>
+inline values<T> rounded_values(lanes<float> from) {
+  if constexpr (std::is_same_v<T, bfloat16>)
+    return {from != from ? bit_cast<lanes<float>>(words(0x7FC00000u)) : round_to(T{}, from)};
+  else if constexpr (is_in_float<T>)
+    return {round_to(T{}, from)};
+  else
+    return exact_values<T>(from);
+}
+
+// Stored halves, rounded to T.
+template <typename T>
+inline values<T> rounded_halves(values<half> from) {
+  if constexpr (std::is_same_v<T, half>)
+    return from;
+  else
+#ifdef QUILLON_VECTOR_LANES
+    return rounded_values<T>(from.value);
+#else
+    return rounded_values<T>(convert<float>(from));
+#endif
+}
+
+// The values as floats.
+template <typename T>
+inline lanes<float> as_floats(values<T> from) {
+  if constexpr (is_in_float<T>)
+    return from.value;
+  else
+#ifdef QUILLON_VECTOR_LANES
+    return __builtin_convertvector(from, lanes<float>);
+#else
+    return convert<float>(from);
+#endif
+}
+
+#ifndef QUILLON_VECTOR_LANES
+// The value as it stands in memory.
+template <typename T, typename Value>
+inline T element_of(Value value) {
+  if constexpr (std::is_same_v<Value, in_float<T>>)
+    return convert<T>(value.value);
+  else
+    return value;
+}
+#endif
+
+// An element of T as it stands in memory, in every lane.
+template <typename T>
+inline values<T> element_values(T element) {
+  if constexpr (is_in_float<T>)
+    return {lanes<float>(convert<float>(element))};
+  else
+    return element;
+}
+
+}  // namespace quillon

@@ -1,0 +1,189 @@
+// The skeleton of chunks.h for GPUs: a lane is a work-item. A work-item walks over the rounds of its work-group's rows
+// with one accumulator for each row; the work-items' accumulators meet in local memory, and work-item 0 writes.
+//
+// The activations of a chunk are loaded once and serve all rows of the tile.
+#pragma once
+
+#include "formats/registry.h"
+#include "kernels/kernel.h"
+#include "kernels/lanes.h"
+#include "kernels/matvec/items.h"
+#include "readers/orders.h"
+
+namespace quillon {
+
+// A chunk's codes of four or eight bits, shifted out of 32-bit halves of its word: a 64-bit shift is two or more
+// operations. `zero` is 0 and must not look like it: the compiler would make shifts of the high half shifts of the whole
+// word again.
+struct chunk_codes {
+  uint32_t half_words[2];
+
+  chunk_codes(uint64_t word, uint32_t zero)
+      : half_words{static_cast<uint32_t>(word), static_cast<uint32_t>(word >> 32) + zero} {}
+  uint32_t nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15; }
+  int signed_byte(int i) const { return static_cast<int8_t>(byte(i)); }
+  uint32_t byte_on_top(int i) const { return half_words[i / 4] << (24 - 8 * (i % 4)); }
+  uint32_t byte(int i) const { return (half_words[i / 4] >> (8 * (i % 4))) & 0xFF; }
+};
+
+// Where the chunk of one work-item lies in one row, for rows that start on a block: at `block`, the same for the whole
+// work-group, plus the work-item. Neighbouring work-items then read neighbouring words.
+template <int CHUNK, int BLOCK>
+struct chunk_place {
+  static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
+  int64_t block;
+  int item;
+  uint32_t zero;  // see chunk_codes
+
+  void advance(int32_t blocks) { block += blocks; }
+
+  // The entry of a region that holds one for each CHUNKS neighbouring chunks of a block.
+  template <typename Entry, int CHUNKS>
+  Entry entry_of_chunks(const void* region) const {
+    return (static_cast<const Entry*>(region) + block * (CHUNKS_PER_BLOCK / CHUNKS))[item / CHUNKS];
+  }
+  // The block's entry of a region that holds one for each block.
+  template <typename Entry>
+  Entry entry_of_block(const void* region) const {
+    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
+  }
+  // The chunk's entry of a region that holds one for each chunk; found by its unit, or by its block.
+  template <typename Entry>
+  Entry entry_by_unit(const void* region) const {
+    return entry_of_chunks<Entry, 1>(region);
+  }
+  template <typename Entry>
+  Entry entry_by_block(const void* region) const {
+    return entry_of_chunks<Entry, 1>(region);
+  }
+  // The codes in the chunk's word of eight bytes.
+  chunk_codes codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), zero}; }
+  chunk_codes plain_codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), 0}; }
+  chunk_codes codes_of_chunk_by_block(const void* region) const { return {entry_by_block<uint64_t>(region), 0}; }
+  int64_t block_of_item() const { return block + item / CHUNKS_PER_BLOCK; }
+  int chunk_of_block() const { return item % CHUNKS_PER_BLOCK; }
+};
+
+// The same for rows that need not start on a block. `unit` is the work-item's own: parts of a block of UNIT elements,
+// counted from the start of the weight, where a row's start is rounded down to a whole one. Which part of its unit and
+// of its block a work-item reads follows from its number alone.
+template <int CHUNK, int BLOCK, int UNIT>
+struct loose_chunk_place {
+  static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
+  static constexpr int CHUNKS_PER_UNIT = UNIT / CHUNK;
+  int64_t unit;
+  int item;
+  uint32_t zero;
+
+  void advance(int32_t units) { unit += units; }
+  int64_t block_of_item() const { return unit / (BLOCK / UNIT); }
+  int chunk_of_block() const { return item % CHUNKS_PER_BLOCK; }
+
+  template <typename Entry, int CHUNKS>
+  Entry entry_of_chunks(const void* region) const {
+    return static_cast<const Entry*>(region)[block_of_item() * (CHUNKS_PER_BLOCK / CHUNKS) + chunk_of_block() / CHUNKS];
+  }
+  template <typename Entry>
+  Entry entry_of_block(const void* region) const {
+    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
+  }
+  template <typename Entry>
+  Entry entry_by_unit(const void* region) const {
+    return static_cast<const Entry*>(region)[unit * CHUNKS_PER_UNIT + item % CHUNKS_PER_UNIT];
+  }
+  template <typename Entry>
+  Entry entry_by_block(const void* region) const {
+    return entry_of_chunks<Entry, 1>(region);
+  }
+  chunk_codes codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), zero}; }
+  chunk_codes plain_codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), 0}; }
+  chunk_codes codes_of_chunk_by_block(const void* region) const { return {entry_by_block<uint64_t>(region), 0}; }
+};
+
+// The activations of a work-item's chunk, in the order in which the sum of a row takes them, and their plain sum in the
+// same order where the reader wants it.
+template <typename T, int CHUNK, bool WITH_SUM>
+struct activations {
+  values<T> at[CHUNK];
+  values<T> of_all;
+
+  template <typename Place>
+  values<T> v(Place i) const {
+    return at[i];
+  }
+  values<T> sum() const { return of_all; }
+};
+
+template <typename T, int CHUNK, bool WITH_SUM, typename Order, int... I>
+inline activations<T, CHUNK, WITH_SUM> load_activations(const T* base, int item, constants<I...>) {
+  constexpr int RUN = CHUNK / Order::RUNS;
+  T elements[Order::RUNS][RUN];
+  unrolled<Order::RUNS>([&](auto run) { load_elements(base, Order::start(item, run), elements[run]); });
+  activations<T, CHUNK, WITH_SUM> x{{element_values<T>(elements[Order::run_of(I)][Order::place_of(I)])...}, {}};
+  if constexpr (WITH_SUM) {
+    x.of_all = x.at[0];
+    ((I > 0 ? void(x.of_all = x.of_all + x.at[I]) : void()), ...);
+  }
+  return x;
+}
+
+// One round of a work-item: the chunk's activations meet the weight's chunk in each row of the tile. All of it becomes
+// one function, however large: arrays that went from one to another would stay in memory.
+template <typename Sum, typename Chunk, typename Place, typename AddRow>
+__attribute__((always_inline)) inline void add_row_inline(Sum& acc, const Chunk& x, const Place& at,
+                                                          const AddRow& add_row) {
+  [[clang::always_inline]] add_row(acc, x, at);
+}
+template <int ROW_TILE, typename Sum, typename Chunk, typename Place, typename AddRow, int... ROW>
+__attribute__((always_inline)) inline void add_rows(Sum (&acc)[ROW_TILE], const Chunk& x, Place at,
+                                                    const row_steps<ROW_TILE>& to_next_row, const AddRow& add_row,
+                                                    constants<ROW...>) {
+  ((add_row_inline(acc[ROW], x, at, add_row), at.advance(to_next_row.step[ROW])), ...);
+}
+
+// Calls `body(c)` for the first chunk c of each round in which every work-item has a chunk, which is c + item, and, if
+// the remaining chunks are summed, for the round behind them in which only the first work-items have one. Full rounds
+// have a uniform count: a CPU device runs them unmasked.
+template <int CHUNK, int WG_SIZE, tail_round TAIL, typename Body>
+inline void for_each_round(uint64_t state_size, int item, Body body) {
+  const auto chunks = static_cast<int32_t>(state_size / CHUNK);
+  const int32_t full = chunks / WG_SIZE * WG_SIZE;
+  for (int32_t c = 0; c < full; c += WG_SIZE) body(c);
+  if (TAIL == tail_round::summed && full + item < chunks) body(full);
+}
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
+inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
+                            uint64_t output_size, T* output, AddRow add_row) {
+  constexpr int CHUNK = Reader::CHUNK;
+  constexpr int BLOCK = Reader::BLOCK;
+  constexpr int UNIT = Reader::UNIT;
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const int item = static_cast<int>(place.get_local_id(0));
+  const uint64_t row0 = place.get_group(0) * ROW_TILE;
+  const auto zero = static_cast<uint32_t>(state_size >> 32);  // weights have fewer than 2^31 elements
+
+  values<T> acc[ROW_TILE] = {};
+  const auto add_round = [&](int32_t c, const auto& at, int32_t row_length) __attribute__((always_inline)) {
+    const row_steps<ROW_TILE> to_next_row(row0, output_size, row_length);
+    const auto x =
+        load_activations<T, CHUNK, WITH_SUM, typename Reader::order>(input + CHUNK * c, item, first_constants<CHUNK>{});
+    add_rows(acc, x, at, to_next_row, add_row, first_constants<ROW_TILE>{});
+  };
+  if (state_size % BLOCK == 0) {
+    const int64_t first = row0 * state_size / BLOCK;
+    for_each_round<CHUNK, WG_SIZE, TAIL>(state_size, item, [&](int32_t c) __attribute__((always_inline)) {
+      add_round(c, chunk_place<CHUNK, BLOCK>{first + c * CHUNK / BLOCK, item, zero},
+                static_cast<int32_t>(state_size / BLOCK));
+    });
+  } else {
+    const int64_t first = (row0 * state_size + CHUNK * item) / UNIT;
+    for_each_round<CHUNK, WG_SIZE, TAIL>(state_size, item, [&](int32_t c) __attribute__((always_inline)) {
+      add_round(c, loose_chunk_place<CHUNK, BLOCK, UNIT>{first + c * CHUNK / UNIT, item, zero},
+                static_cast<int32_t>(state_size / UNIT));
+    });
+  }
+  reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);
+}
+
+}  // namespace quillon

@@ -1,0 +1,194 @@
+// The skeleton of chunks.h for the host device: one work-item has all the lanes of a work-group, in WG_SIZE / 16
+// vectors, and walks over a run of rows, two at a time.
+//
+//   row, row + 1   | vector 0: chunks 0 to 15 | vector 1: chunks 16 to 31 | vector 0 | vector 1 | ... | part of one |
+//
+// Before the first row it brings the activations into the order in which the lanes read them, in local memory:
+//
+//   | chunks 0 to 15: place 0 of each lane, place 1 of each lane, ... (, the sums) | chunks 16 to 31: ... | ...
+//
+// so that every load in the loop over rows is a vector of neighbours. state_size is a multiple of the reader's BLOCK
+// here: rows start on a block, and chunks can be counted over the whole weight.
+#pragma once
+
+#include "kernels/kernel.h"
+#include "kernels/lanes.h"
+#include "kernels/matvec/vectors.h"
+#include "readers/orders.h"
+
+namespace quillon {
+
+// A chunk's codes of four or eight bits.
+struct chunk_codes {
+  words half_words[2];
+
+  words nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15u; }
+  lanes<int32_t> signed_byte(int i) const { return bit_cast<lanes<int32_t>>(byte_on_top(i)) >> 24; }
+  words byte_on_top(int i) const { return half_words[i / 4] << (24 - 8 * (i % 4)); }
+  words byte(int i) const { return (half_words[i / 4] >> (8 * (i % 4))) & 0xFFu; }
+};
+
+// Where the chunks of sixteen lanes lie. Lanes from `present` on have none in the weight; INSIDE promises that there
+// are no such lanes.
+template <int CHUNK, int BLOCK, bool INSIDE>
+struct chunk_place {
+  static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
+  int64_t chunk;  // that of lane 0, counted over the weight
+  int present;
+
+  // COUNT neighbouring elements of E, of which those of absent lanes are not read; PER_LANE of them are a lane's,
+  // LANES_EACH lanes share one.
+  template <typename E, int COUNT, int PER_LANE = 1, int LANES_EACH = 1, int SKIPPED = 0>
+  vector<E, COUNT> load(const E* from) const {
+    if constexpr (INSIDE) return load_vector<E, COUNT>(from);
+    E elements[COUNT] = {};
+    const int last = (present * PER_LANE + LANES_EACH - 1) / LANES_EACH - SKIPPED;
+#pragma clang loop unroll(disable) vectorize(disable)
+    for (int i = 0; i < COUNT && i < last; ++i) elements[i] = quillon::load<E, 1>(from + i);
+    return load_vector<E, COUNT>(elements);
+  }
+
+  // The codes in the chunk's word of eight bytes.
+  chunk_codes codes_of_chunk(const void* region) const {
+    const auto* from = static_cast<const uint32_t*>(region) + 2 * chunk;
+    const auto first = load<uint32_t, LANES, 2>(from);
+    const auto second = load<uint32_t, LANES, 2, 1, LANES>(from + LANES);
+    return {{pick<0, 2, uint32_t>(first, second), pick<1, 2, uint32_t>(first, second)}};
+  }
+  chunk_codes plain_codes_of_chunk(const void* region) const { return codes_of_chunk(region); }
+  chunk_codes codes_of_chunk_by_block(const void* region) const { return codes_of_chunk(region); }
+
+  // The words of all lanes' blocks of a region with WORDS words for each block, one after the other in two vectors.
+  struct two_vectors {
+    words first;
+    words second;
+  };
+  template <int WORDS>
+  two_vectors words_of_blocks(const void* region) const {
+    constexpr int REST = LANES / CHUNKS_PER_BLOCK * WORDS - LANES;
+    static_assert(REST == LANES / 2);
+    const auto* from = static_cast<const uint32_t*>(region) + chunk / CHUNKS_PER_BLOCK * WORDS;
+    const auto rest = load<uint32_t, REST, WORDS, CHUNKS_PER_BLOCK, LANES>(from + LANES);
+    return {load<uint32_t, LANES, WORDS, CHUNKS_PER_BLOCK>(from),
+            __builtin_shufflevector(rest, rest, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7)};
+  }
+  // The entry of a region that holds one for each CHUNKS neighbouring chunks: a half, a float, or an integer in 32 bits.
+  template <typename Entry, int CHUNKS>
+  auto entry_of_chunks(const void* region) const {
+    constexpr int COUNT = LANES / CHUNKS;
+    const int64_t first = chunk / CHUNKS;
+    if constexpr (std::is_same_v<Entry, half>) {
+      const auto entries = load<_Float16, COUNT, 1, CHUNKS>(static_cast<const _Float16*>(region) + first);
+      return in_float<half>{spread<COUNT, float>(__builtin_convertvector(entries, vector<float, COUNT>))};
+    } else if constexpr (std::is_same_v<Entry, float>) {
+      return spread<COUNT, float>(load<float, COUNT, 1, CHUNKS>(static_cast<const float*>(region) + first));
+    } else {
+      using number = std::conditional_t<std::is_signed_v<Entry>, int32_t, uint32_t>;
+      const auto entries = load<Entry, COUNT, 1, CHUNKS>(static_cast<const Entry*>(region) + first);
+      return spread<COUNT, number>(__builtin_convertvector(entries, vector<number, COUNT>));
+    }
+  }
+  template <typename Entry>
+  auto entry_of_block(const void* region) const {
+    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
+  }
+  template <typename Entry>
+  auto entry_by_unit(const void* region) const {
+    return entry_of_chunks<Entry, 1>(region);
+  }
+  template <typename Entry>
+  auto entry_by_block(const void* region) const {
+    return entry_of_chunks<Entry, 1>(region);
+  }
+};
+
+// The activations of sixteen lanes' chunks.
+template <typename T, int CHUNK>
+struct activations {
+  const stored_lane<T>* stored;
+
+  values<T> v(int i) const {
+    const auto loaded = load_vector<stored_lane<T>, LANES>(stored + LANES * i);
+    if constexpr (is_in_float<T>)
+      return {loaded};
+    else
+      return loaded;
+  }
+  values<T> sum() const { return v(CHUNK); }
+  static values<T> minus_zero() { return exact_values<T>(lanes<float>(-0.0f)); }
+};
+
+// Brings the activations of a row into the order of the lanes.
+template <typename T, typename Reader, bool WITH_SUM>
+inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* to) {
+  using order = typename Reader::order;
+  constexpr int CHUNK = Reader::CHUNK;
+  constexpr int STORED = CHUNK + WITH_SUM;
+  for (int32_t first = 0; first < chunks; first += LANES) {
+    stored_lane<T>* at = to + static_cast<int64_t>(first) * STORED;
+    const int present = chunks - first < LANES ? chunks - first : LANES;
+    for (int i = 0; i < CHUNK; ++i) {
+      for (int lane = 0; lane < LANES; ++lane)
+        at[LANES * i + lane] =
+            lane < present
+                ? convert<stored_lane<T>>(input[order::start(first + lane, order::run_of(i)) + order::place_of(i)])
+                : stored_lane<T>{0};
+    }
+    if constexpr (WITH_SUM) {
+      const activations<T, CHUNK> x{at};
+      values<T> sum = x.v(0);
+#pragma clang loop unroll(disable)
+      for (int i = 1; i < CHUNK; ++i) sum = sum + x.v(i);
+      *reinterpret_cast<values<T>*>(at + LANES * CHUNK) = sum;
+    }
+  }
+}
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
+inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
+                            uint64_t output_size, T* output, AddRow add_row) {
+  constexpr int CHUNK = Reader::CHUNK;
+  constexpr int STORED = CHUNK + WITH_SUM;
+  constexpr int VECTORS = WG_SIZE / LANES;
+  constexpr int ROWS = 1;
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const uint64_t groups = place.get_group_range(0);
+  const uint64_t last = output_size * (place.get_group(0) + 1) / groups;
+  const auto chunks_of_row = static_cast<int32_t>(state_size / CHUNK);
+  const int32_t chunks = TAIL == tail_round::summed ? chunks_of_row : chunks_of_row / WG_SIZE * WG_SIZE;
+  const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks_of_row;
+  auto* stored = reinterpret_cast<stored_lane<T>*>(&local[0]);
+  arrange_activations<T, Reader, WITH_SUM>(input, chunks, stored);
+
+  for (uint64_t row = output_size * place.get_group(0) / groups; row < last; row += ROWS) {
+    const int64_t to_next_row = row + 1 < last ? chunks_of_row : 0;
+    int64_t at = static_cast<int64_t>(row) * chunks_of_row;
+    values<T> acc[ROWS][VECTORS] = {};
+    int32_t c = 0;
+    for (; c + LANES <= chunks; c += LANES) {
+      const activations<T, CHUNK> x{stored + static_cast<int64_t>(c) * STORED};
+      const int i = c / LANES % VECTORS;
+      unrolled<ROWS>([&](auto t) {
+        add_row(acc[t][i], x, chunk_place<CHUNK, Reader::BLOCK, true>{at + c + t * to_next_row, LANES});
+      });
+    }
+    if (c < chunks) {
+      const activations<T, CHUNK> x{stored + static_cast<int64_t>(c) * STORED};
+      const int i = c / LANES % VECTORS;
+      unrolled<ROWS>([&](auto t) {
+        const int64_t chunk = at + c + t * to_next_row;
+        values<T> sum = acc[t][i];
+        if (chunk + LANES <= chunks_of_weight)
+          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, true>{chunk, LANES});
+        else
+          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, false>{chunk, static_cast<int>(chunks_of_weight - chunk)});
+        acc[t][i] = in_first_lanes<T>(chunks - c, sum, acc[t][i]);
+      });
+    }
+    unrolled<ROWS>([&](auto t) {
+      if (t == 0 || to_next_row != 0) output[row + t] = sum_of_lanes<T, VECTORS>(acc[t]);
+    });
+  }
+}
+
+}  // namespace quillon

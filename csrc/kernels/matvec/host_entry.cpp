@@ -1,0 +1,203 @@
+#include "kernels/matvec/host_entry.h"
+
+#include <c10/util/Exception.h>
+#include <c10/util/SmallVector.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <string_view>
+
+#include "runtime/device_build.h"
+#include "runtime/device_facts.h"
+#include "runtime/kernel_library.h"
+#include "runtime/launch_kernel.h"
+
+namespace quillon {
+namespace {
+
+// How many lanes one vector of the vector backing has (kernels/lanes.h).
+constexpr std::uint64_t kVectorLanes = 16;
+// Weight bytes that are worth a work-item of the vector backing, which first arranges the activations for itself.
+constexpr std::uint64_t kBytesPerItem = 256 << 10;
+
+enum class Backing : int { items, vectors };
+
+// Where the parts of a weight start, as the matrix-vector kernels find them.
+region_offsets matvec_parts(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
+  const std::int64_t blocks = matvec_super_blocks(state_size, output_size);
+  switch (qtype) {
+    case qtype_q4_0:
+    case qtype_q4_1:
+    case qtype_nf4:
+    case qtype_fp4:
+    case qtype_q4_0_woq:
+      return {{0, matvec_nibble_scale_offset(state_size, output_size), 0, 0}};
+    case qtype_q8_0:
+    case qtype_fp8_e4m3:
+      return {{0, matvec_q8_0_scale_offset(state_size, output_size), 0, 0}};
+    case qtype_nf3:
+      return nf3_region_offsets(state_size, output_size);
+    case qtype_fp6:
+      return fp6_region_offsets(state_size, output_size);
+    case qtype_q4_k:
+      return {{0, blocks * 128, blocks * 144, 0}};
+    case qtype_q6_k:
+      return {{0, blocks * 64, blocks * 192, blocks * 208}};
+    case qtype_fp6_k:
+      return {{0, blocks * 128, blocks * 192, blocks * 208}};
+    default:
+      return {{0, 0, 0, 0}};
+  }
+}
+
+std::string instantiation(const MatvecKernel& kernel, ElementType type) {
+  const kernel_row& row = kernel_table[kernel.row];
+  std::string name = std::string(row.name) + "<" + facts_of(type).name;
+  if (row.constants != template_arguments::none)
+    name += "," + std::to_string(kernel.geometry.sub_group) + "," + std::to_string(kernel.geometry.work_group);
+  if (row.constants == template_arguments::work_group_rows) name += "," + std::to_string(kernel.geometry.rows);
+  return name + ">";
+}
+
+// The library's entry of an instantiation, looked up once.
+runtime::KernelEntry& entry_of(const MatvecKernel& kernel, ElementType type, Backing backing, int sub_group) {
+  constexpr int WORK_GROUPS = 2, ROWS = 2, SUB_GROUPS = 2;
+  static std::atomic<runtime::KernelEntry*> known[kernel_table.size()][WORK_GROUPS][ROWS][SUB_GROUPS][kElementTypes][2];
+  const kernel_row& row = kernel_table[kernel.row];
+  auto& slot = known[kernel.row][kernel.geometry.work_group == 64][kernel.geometry.rows != row.rows][sub_group != 0]
+                    [static_cast<int>(type)][static_cast<int>(backing)];
+  runtime::KernelEntry* entry = slot.load(std::memory_order_acquire);
+  if (entry == nullptr) {
+    std::vector<std::string> options;
+    if (backing == Backing::vectors) options.emplace_back(runtime::kVectorBacking);
+    if (sub_group != 0) options.push_back(runtime::sub_group_option(sub_group));
+    entry = &runtime::kernel_entry(row.header, instantiation(kernel, type), options);
+    slot.store(entry, std::memory_order_release);
+  }
+  return *entry;
+}
+
+bool arranges_chunks(const kernel_row& row) {
+  return row.vectors == arranged::chunks || row.vectors == arranged::chunks_and_sums;
+}
+
+// Bytes of local memory in which a work-item of the vector backing keeps its arranged activations.
+std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint64_t state_size) {
+  if (!arranges_chunks(row)) return 0;
+  const std::uint64_t chunks = state_size / row.elements;
+  const std::uint64_t whole = (chunks + kVectorLanes - 1) / kVectorLanes * kVectorLanes;
+  return whole * (row.elements + (row.vectors == arranged::chunks_and_sums)) * facts_of(type).lane_size;
+}
+
+// The host device runs the vector backing, unless rows do not start on a block, the activations are more than local
+// memory holds, or a developer compares the two.
+Backing choose_backing(const kernel_row& row, ElementType type, std::uint64_t state_size,
+                       const runtime::DeviceFacts& facts) {
+  if (!facts.is_cpu || row.vectors == arranged::none) return Backing::items;
+  if (state_size % elements_per_block(row.qtype) != 0) return Backing::items;
+  if (arranged_bytes(row, type, state_size) > facts.local_memory) return Backing::items;
+  const char* asked = std::getenv("QUILLON_HOST_BACKING");
+  return asked != nullptr && std::string_view(asked) == "items" ? Backing::items : Backing::vectors;
+}
+
+// A range and the elements of local memory that a work-group of it has.
+struct Geometry {
+  LaunchRange range;
+  std::uint64_t local_elements;
+};
+
+Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t output_size) {
+  const kernel_row& row = kernel_table[kernel.row];
+  const std::size_t lanes = kernel.geometry.work_group;
+  const std::size_t rows = kernel.geometry.rows;
+  const std::size_t groups = (output_size + rows - 1) / rows;
+  // The lanes of a row are the last dimension, which is the one that sub-groups follow.
+  if (row.range == lane_range::slices) return {{{rows, groups * lanes}, {rows, lanes}}, rows * lanes};
+  // One element more tells a kernel that is not told the output size that its last tile is short.
+  const bool short_tile = row.vectors == arranged::row_count && output_size % rows != 0;
+  return {{groups * lanes, lanes}, rows * lanes + short_tile};
+}
+
+Geometry vectors_geometry(const kernel_row& row, std::uint64_t state_size, std::uint64_t output_size,
+                          std::uint64_t local_size, std::uint64_t arranged, const runtime::DeviceFacts& facts) {
+  if (arranges_chunks(row)) {
+    // Enough work-items for all processors to share the work evenly to the end, and as few as that takes.
+    const std::uint64_t bytes = state_size * output_size / elements_per_block(row.qtype) * bytes_per_block(row.qtype);
+    const auto units = static_cast<std::uint64_t>(facts.compute_units);
+    const std::uint64_t shares = std::max(units, bytes / kBytesPerItem / units * units);
+    return {{std::min(shares, output_size), 1}, (arranged + local_size - 1) / local_size};
+  }
+  const std::uint64_t items = (output_size + rows_of_vector_item - 1) / rows_of_vector_item;
+  const std::uint64_t last_rows = output_size - (items - 1) * rows_of_vector_item;
+  if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, last_rows};
+  return {{items, 1}, last_rows};
+}
+
+}  // namespace
+
+void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,
+                   void* output, std::uint64_t /*batch*/, std::uint64_t state_size, std::uint64_t output_size,
+                   c10::Device device) {
+  const kernel_row& row = kernel_table[kernel.row];
+  if (row.row_unit != 0 && state_size % row.row_unit != 0)
+    c10::detail::torchCheckFail(row.name, __FILE__, __LINE__,
+                                c10::str("%d must be a multiple of %d", state_size, row.row_unit));
+  if (output_size == 0) return;
+  const runtime::DeviceFacts& facts = runtime::device_facts(device.index());
+  const Backing backing = choose_backing(row, type, state_size, facts);
+  const region_offsets parts = matvec_parts(row.qtype, state_size, output_size);
+  const std::size_t local_size = row.local == local_elements::of_float ? sizeof(float) : facts_of(type).size;
+  const Geometry geometry = backing == Backing::vectors ? vectors_geometry(row, state_size, output_size, local_size,
+                                                                           arranged_bytes(row, type, state_size), facts)
+                                                        : items_geometry(kernel, output_size);
+
+  c10::SmallVector<KernelArgument, 12> arguments;
+  for (const kernel_argument argument : row.arguments) {
+    switch (argument) {
+      case kernel_argument::end:
+        break;
+      case kernel_argument::state_size:
+        arguments.emplace_back(state_size);
+        break;
+      case kernel_argument::output_size:
+        arguments.emplace_back(output_size);
+        break;
+      case kernel_argument::block_count:
+        arguments.emplace_back(static_cast<std::int32_t>(state_size / elements_per_block(row.qtype)));
+        break;
+      case kernel_argument::input:
+        arguments.emplace_back(input);
+        break;
+      case kernel_argument::output:
+        arguments.emplace_back(static_cast<const void*>(output));
+        break;
+      case kernel_argument::part0:
+      case kernel_argument::part1:
+      case kernel_argument::part2:
+      case kernel_argument::part3:
+        arguments.emplace_back(static_cast<const void*>(
+            weight + parts.start[static_cast<int>(argument) - static_cast<int>(kernel_argument::part0)]));
+        break;
+      case kernel_argument::offset1:
+      case kernel_argument::offset2:
+      case kernel_argument::offset3:
+        arguments.emplace_back(static_cast<std::uint64_t>(
+            parts.start[1 + static_cast<int>(argument) - static_cast<int>(kernel_argument::offset1)]));
+        break;
+      case kernel_argument::short_offset1:
+        arguments.emplace_back(static_cast<std::int32_t>(parts.start[1]));
+        break;
+      case kernel_argument::local:
+        arguments.push_back(KernelArgument::local_array(geometry.local_elements, local_size));
+        break;
+    }
+  }
+  // A kernel that asks for sub-groups of 8 gets 16 where a device has none; nothing in its arithmetic refers to the size.
+  const bool choose_sub_group = row.constants == template_arguments::none && row.sub_group == 8;
+  const int sub_group = choose_sub_group && backing == Backing::items ? (facts.has_sub_groups_of_8 ? 8 : 16) : 0;
+  launch_kernel(entry_of(kernel, type, backing, sub_group), device, geometry.range, arguments,
+                row.waits ? Wait::yes : Wait::no);
+}
+
+}  // namespace quillon

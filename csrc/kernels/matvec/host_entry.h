@@ -1,0 +1,30 @@
+// Host entries of the matrix-vector kernels: output[n] = sum over k of input[k] * W[n][k] for one activation row.
+//
+// All are one function over the rows of kernel_table.h. It checks the row length, forms the range and the arguments in
+// the kernel's own order, and submits; it waits for the kernel only where the row says so.
+#pragma once
+
+#include <c10/core/Device.h>
+
+#include <cstdint>
+
+#include "kernels/kernel_table.h"
+#include "runtime/element_type.h"
+
+namespace quillon {
+
+// An instantiation of a kernel, for all four element types.
+struct MatvecKernel {
+  int row;  // of kernel_table
+  kernel_geometry geometry;
+};
+
+// input   state_size elements of T, or their q8_1 blocks      weight  packed bytes of output_size rows
+// output  output_size elements of T                           batch   always 1, part of the common signature
+//
+// A row length that is no multiple of the kernel's row unit is a RuntimeError whose check site is the kernel's name.
+void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,
+                   void* output, std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size,
+                   c10::Device device);
+
+}  // namespace quillon

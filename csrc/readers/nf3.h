@@ -1,0 +1,104 @@
+// How kernels read nf3.
+//
+// A chunk is sixteen neighbouring elements, a quarter of a block: 16 bits of its first field and 32 of its second.
+//
+//   quants   byte 0 ... 7   | qh, 64-bit word: bit N is the top bit of eN |   quarter c: bytes 2c, 2c + 1
+//            byte 8 ... 23  | e0 e1 e2 e3 | e4 e5 e6 e7 | ... e63 |           quarter c: bytes 8 + 4c and on
+//                             two low bits of four codes in a byte, the first in the high bits
+//   scales   | d half |                       W = d * dequantNF3[e]; d is applied to the sum of a chunk
+#pragma once
+
+#include "formats/code_books.h"
+#include "readers/orders.h"
+#include "readers/sums.h"
+
+namespace quillon {
+
+#ifndef QUILLON_VECTOR_LANES
+
+// The bits of dequantNF3 rounded to T, of T where that is half and else of float, which holds it.
+template <typename T, int CODE>
+constexpr auto nf3_bits() {
+  constexpr float VALUE = dequantNF3[CODE];
+  if constexpr (std::is_same_v<T, half>)
+    return float_to_half_bits(VALUE);
+  else if constexpr (std::is_same_v<T, bfloat16>)
+    return uint32_t{float_to_bfloat16_bits(VALUE)} << 16;
+  else
+    return bit_cast<uint32_t>(VALUE);
+}
+
+// dequantNF3 of a code of three bits. Eight values are chosen from faster than looked up in memory, provided that they
+// are integer constants: the compiler would choose between addresses in a table.
+template <typename T>
+inline values<T> nf3_value(bool bit2, bool bit1, bool bit0) {
+  const auto v01 = bit0 ? nf3_bits<T, 1>() : nf3_bits<T, 0>();
+  const auto v23 = bit0 ? nf3_bits<T, 3>() : nf3_bits<T, 2>();
+  const auto v45 = bit0 ? nf3_bits<T, 5>() : nf3_bits<T, 4>();
+  const auto v67 = bit0 ? nf3_bits<T, 7>() : nf3_bits<T, 6>();
+  const auto low = bit1 ? v23 : v01;
+  const auto high = bit1 ? v67 : v45;
+  if constexpr (std::is_same_v<T, half>)
+    return half_from_bits(static_cast<uint16_t>(bit2 ? high : low));
+  else
+    return exact_values<T>(bit_cast<float>(bit2 ? high : low));
+}
+
+#endif
+
+struct nf3_reader {
+  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+  using order = neighbours<CHUNK>;
+  const uint8_t* quants;
+  const uint8_t* scales;
+
+#ifdef QUILLON_VECTOR_LANES
+  // Four blocks of six words for sixteen lanes: the words 2 to 5 of a block are its lanes' fields of two bits, and 0 and
+  // 1 have a half word of top bits for each.
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const auto [first, second] = at.template words_of_blocks<6>(quants);
+    const words low = __builtin_shufflevector(first, second, 2, 3, 4, 5, 8, 9, 10, 11, 14, 15, 16, 17, 20, 21, 22, 23);
+    const words top = __builtin_shufflevector(first, second, 0, 0, 1, 1, 6, 6, 7, 7, 12, 12, 13, 13, 18, 18, 19, 19);
+    const words odd = {0, 16, 0, 16, 0, 16, 0, 16, 0, 16, 0, 16, 0, 16, 0, 16};
+    return sum_of_codes<T>(x, top >> odd, low);
+  }
+
+ private:
+  template <typename T, typename Chunk>
+  static auto sum_of_codes(const Chunk& x, words top, words low) {
+    // Codes of four elements, with the first on top, become codes from the low end: bytes are kept, fields swapped.
+    const words pairs = ((low >> 4) & 0x0F0F0F0Fu) | ((low << 4) & 0xF0F0F0F0u);
+    words rest = ((pairs >> 2) & 0x33333333u) | ((pairs << 2) & 0xCCCCCCCCu);
+    words rest_of_top = top << 2;
+    const lanes<float> table = rounded_table<T>(dequantNF3);
+    auto s = x.minus_zero();
+#pragma clang loop unroll(disable)
+    for (int i = 0; i < CHUNK; ++i) {
+      s = s + x.v(i) * exact_values<T>(look_up(table, (rest & 3u) | (rest_of_top & 4u)));
+      rest >>= 2;
+      rest_of_top >>= 1;
+    }
+    return s;
+  }
+
+ public:
+#else
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const uint8_t* block = quants + at.block_of_item() * sizeof(block_nf3_qs);
+    const uint32_t top = load<uint16_t>(block + 2 * at.chunk_of_block());
+    const uint32_t low = load<uint32_t, 4>(block + 8 + 4 * at.chunk_of_block());
+    return sum_products<CHUNK>(x, [=](auto i) {
+      constexpr int LOW_BIT = 8 * (i / 4) + 6 - 2 * (i % 4);
+      return nf3_value<T>((top >> i) & 1, (low >> (LOW_BIT + 1)) & 1, (low >> LOW_BIT) & 1);
+    });
+  }
+#endif
+  template <typename T, typename Place>
+  values<T> scale(const Place& at) const {
+    return rounded_halves<T>(at.template entry_of_block<half>(scales));
+  }
+};
+
+}  // namespace quillon

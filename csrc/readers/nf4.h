@@ -1,0 +1,81 @@
+// How kernels read nf4.
+//
+// One block, bytes drawn with their high nibble on the left; the high one stands for the first element:
+//
+//   quants   byte 0      byte 1            byte 31
+//           | e0  e32 | e1  e33 |  ...  | e31  e63 |      a chunk is eight neighbouring bytes, sixteen elements
+//   scales  | d half |                                    W = d * dequantNF4[e]; d is applied to the sum of a chunk
+#pragma once
+
+#include "formats/code_books.h"
+#include "readers/orders.h"
+#include "readers/sums.h"
+
+namespace quillon {
+
+#ifndef QUILLON_VECTOR_LANES
+
+// The two values of a quant byte, in the words of a table of all bytes in constant memory: one load gives both. Values
+// are rounded to bfloat16 in the table for it, and by the kernel for half.
+template <typename T>
+struct nf4_pair {
+  uint64_t bits;  // 32 of each value, the first in the low ones
+
+  values<T> first() const { return rounded_values<T>(bit_cast<float>(static_cast<uint32_t>(bits))); }
+  values<T> second() const { return rounded_values<T>(bit_cast<float>(static_cast<uint32_t>(bits >> 32))); }
+};
+template <>
+struct nf4_pair<bfloat16> {
+  uint32_t bits;  // 16 of each value
+
+  values<bfloat16> first() const { return {bit_cast<float>(bits << 16)}; }
+  values<bfloat16> second() const { return {bit_cast<float>(bits & 0xFFFF0000u)}; }
+};
+
+template <typename T>
+struct nf4_pair_table {
+  nf4_pair<T> of_byte[256];
+
+  constexpr nf4_pair_table() : of_byte{} {
+    for (uint32_t byte = 0; byte < 256; ++byte) {
+      const float first = dequantNF4[byte >> 4];
+      const float second = dequantNF4[byte & 15];
+      if constexpr (std::is_same_v<T, bfloat16>)
+        of_byte[byte].bits = float_to_bfloat16_bits(first) | uint32_t{float_to_bfloat16_bits(second)} << 16;
+      else
+        of_byte[byte].bits = bit_cast<uint32_t>(first) | uint64_t{bit_cast<uint32_t>(second)} << 32;
+    }
+  }
+};
+template <typename T>
+inline constexpr nf4_pair_table<T> nf4_pairs;
+
+#endif
+
+struct nf4_reader {
+  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+  using order = split<32>;
+  const uint8_t* quants;
+  const uint8_t* scales;
+
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const auto codes = at.codes_of_chunk(quants);
+#ifdef QUILLON_VECTOR_LANES
+    const auto high_first = [](words w) { return ((w >> 4) & 0x0F0F0F0Fu) | ((w << 4) & 0xF0F0F0F0u); };
+    return sum_looked_up<T>(x, {high_first(codes.half_words[0]), high_first(codes.half_words[1])},
+                            rounded_table<T>(dequantNF4));
+#else
+    return sum_products<CHUNK>(x, [=](auto i) {
+      const nf4_pair<T> pair = nf4_pairs<T>.of_byte[codes.byte(i / 2)];
+      return i % 2 == 0 ? pair.first() : pair.second();
+    });
+#endif
+  }
+  template <typename T, typename Place>
+  values<T> scale(const Place& at) const {
+    return rounded_halves<T>(at.template entry_of_block<half>(scales));
+  }
+};
+
+}  // namespace quillon

@@ -1,0 +1,34 @@
+// How kernels read q4_1.
+//
+// One block, bytes drawn with their high nibble on the left:
+//
+//   quants   byte 0      byte 1            byte 31
+//           | e32  e0 | e33  e1 |  ...  | e63  e31 |      a chunk is eight neighbouring bytes, sixteen elements
+//   pairs   | d half | m half |                           W = d * e + m; m meets the sum of a chunk's activations
+#pragma once
+
+#include "readers/orders.h"
+#include "readers/sums.h"
+
+namespace quillon {
+
+struct q4_1_reader {
+  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+  using order = split<32>;
+  const uint8_t* quants;
+  const uint8_t* pairs;
+
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const auto codes = at.codes_of_chunk(quants);
+    return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
+  }
+  template <typename T, typename Place>
+  scale_and_minimum<T> scale(const Place& at) const {
+    const words pair = at.template entry_of_block<uint32_t>(pairs);
+    return {rounded_halves<T>(halves_of_bits<half>(pair & 0xFFFFu)),
+            rounded_halves<T>(halves_of_bits<half>(pair >> 16))};
+  }
+};
+
+}  // namespace quillon

@@ -1,0 +1,55 @@
+// How kernels read q4_k.
+//
+// A chunk is sixteen elements, half a sub-block of 32: eight quant bytes, whose low and high nibbles stand for elements
+// that lie 16 apart.
+//
+//   super-block of 256   byte  0 ..... 7 | 8 .... 15 | 16 ... 23 | 24 ... 31 | ... | 120 .. 127
+//   low nibbles          elem  0 ..... 7 | 8 .... 15 | 32 ... 39 | 40 ... 47 | ... | 232 .. 239
+//   high nibbles         elem 16 .... 23 | 24 ... 31 | 48 ... 55 | 56 ... 63 | ... | 248 .. 255
+//                              chunk 0   |  chunk 1  |  chunk 2  |  chunk 3  | ... |  chunk 15
+//   scales                  | s0     m0              | s1     m1             | ...  a byte each for two chunks
+//   pairs                   | d  dmin                                        | ...  a half each for all
+//
+// W = (d * s) * e - (dmin * m); d * s meets the sum of a chunk's products, dmin * m that of its activations.
+#pragma once
+
+#include "formats/super_blocks.h"
+#include "readers/orders.h"
+#include "readers/sums.h"
+
+namespace quillon {
+
+struct q4_k_reader {
+  static constexpr int CHUNK = 16, BLOCK = 256, UNIT = 32;
+  using order = split<16>;
+  const uint8_t* quants;
+  const uint8_t* scales;
+  const uint8_t* pairs;
+
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    // A GPU with 32 lanes of double has no register left for the zero of the codes.
+    const auto codes = sizeof(T) == 8 ? at.plain_codes_of_chunk(quants) : at.codes_of_chunk(quants);
+    return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
+  }
+  template <typename T, typename Place>
+  scale_and_minimum<T> scale(const Place& at) const {
+    const words bytes = at.template entry_of_chunks<uint16_t, 2>(scales);
+    const words pair = at.template entry_of_block<uint32_t>(pairs);
+    return {two_level<T>(pair & 0xFFFFu, bytes & 255u), two_level<T>(pair >> 16, bytes >> 8)};
+  }
+
+ private:
+  // A half, given by its bits, times a byte, in T. The product is exact in float, which takes half the registers of a
+  // double.
+  template <typename T>
+  static values<T> two_level(words half_bits, words byte) {
+    const values<half> d = halves_of_bits<half>(half_bits);
+    if constexpr (std::is_same_v<T, double>)
+      return exact_values<T>(as_floats<half>(d) * biased_codes<float>(byte, 0));
+    else
+      return rounded_halves<T>(d) * biased_codes<T>(byte, 0);
+  }
+};
+
+}  // namespace quillon

@@ -1,0 +1,26 @@
+// How kernels read q5_1. One block, 44 bytes, high nibble on the left; a lane takes one byte, which is two elements:
+//
+//    0 | d  half |
+//    2 | m  half |
+//    4 | qh, 64-bit word: bit N is bit 4 of eN |
+//   12 | e32  e0 | e33  e1 | ... | e63  e31 |
+//
+// W = d * e + m, each step in T.
+#pragma once
+
+#include "formats/integer_blocks.h"
+#include "kernels/lanes.h"
+
+namespace quillon {
+
+struct q5_1_reader {
+  // A function from codes of 0 to 31 to their values.
+  template <typename T>
+  static auto decoder(const block_q5_1& block) {
+    const values<T> d = rounded_values<T>(lanes<float>(convert<float>(load_half(block.d))));
+    const values<T> m = rounded_values<T>(lanes<float>(convert<float>(load_half(block.m))));
+    return [d, m](words code) { return d * biased_codes<T>(code, 0) + m; };
+  }
+};
+
+}  // namespace quillon

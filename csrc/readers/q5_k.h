@@ -1,0 +1,79 @@
+// How kernels read q5_k.
+//
+// A super-block has four pairs of sub-blocks of 32, 0 to 3. Sixteen lanes cut it into shares:
+//
+//   one record   0 | d, dmin | 4 | scales | 16 | qh, 32 bytes | 48 | qs, 32 bytes for each pair |
+//
+//   qs of a pair   byte   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31
+//   low nibbles    elem   0  1 | 2  3 | 4  5 | ... | 14 15 | 16 17 | 18 19 | ... | 30 31   one sub-block
+//   high nibbles   elem  32 33 | ...                                             | 62 63   the next
+//   share, pairs 0 and 2     0 |    1 |    2 | ... |     7 |     0 |     1 | ... |     7
+//   share, pairs 1 and 3     8 |    9 |   10 | ... |    15 |     8 |     9 | ... |    15
+//
+// So a share is two neighbouring elements in both halves of both sub-blocks of two pairs: sixteen elements in eight twos,
+// with the scales and minima of four sub-blocks. W = (d * s) * e - dmin * m.
+#pragma once
+
+#include "formats/super_blocks.h"
+#include "kernels/lanes.h"
+
+namespace quillon {
+
+// What a lane needs of the activations of one super-block. Sub-blocks 0 to 3 here are the lane's own: 0 and 1 of its
+// first pair, 2 and 3 of its second.
+template <typename T>
+struct q5_k_activations {
+  values<T> y[4][2][2];  // sub-block, half of the sub-block, one of two neighbours
+  values<T> sum[4][2];   // over the halves
+
+  void add_up() {
+    unrolled<4>([&](auto k) { unrolled<2>([&](auto j) { sum[k][j] = y[k][0][j] + y[k][1][j]; }); });
+  }
+};
+
+// The packed fields of a lane's share, two elements or two sub-blocks in the bytes of 16 bits.
+struct q5_k_share {
+  lanes<float> d;
+  lanes<float> dmin;
+  words packed_scales[3];  // of the lane's first pair: the halves at bytes 0, 4 and 8 of `scales`, plus 2 for pair 1
+  words high[2];           // the fifth bits of both halves, those of the lane's first sub-block lowest
+  words low[2][2];         // pair, half
+};
+
+// The share of one lane in the sum of one super-block of a row. Pairs of products are formed in T, and summed in float.
+template <typename T>
+inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) {
+  const words a0 = w.packed_scales[0], a2 = w.packed_scales[1], a4 = w.packed_scales[2];
+  const words scales[2] = {a0 & 0x3F3Fu, (a4 & 0x0F0Fu) | ((a0 >> 2) & 0x3030u)};
+  const words minima[2] = {a2 & 0x3F3Fu, ((a4 >> 4) & 0x0F0Fu) | ((a2 >> 2) & 0x3030u)};
+
+  // The codes of two neighbours, in the bytes of 16 bits: nibbles, and the fifth bits brought to bits 4 and 12.
+  words codes[4][2];
+  unrolled<4>([&](auto k) {
+    unrolled<2>([&](auto h) {
+      codes[k][h] =
+          ((w.low[k / 2][h] >> (4 * (k % 2))) & 0x0F0Fu) | ((w.high[h] << 4 >> (4 * (k / 2) + k % 2)) & 0x1010u);
+    });
+  });
+  lanes<float> sums[4];
+  lanes<float> minimum;
+  unrolled<2>([&](auto j) {
+    values<T> line;
+    unrolled<4>([&](auto k) {
+      const auto code = [&](int h) { return biased_codes<T>((codes[k][h] >> (8 * j)) & 31u, 0); };
+      const lanes<float> pair = as_floats<T>(x.y[k][0][j] * code(0) + x.y[k][1][j] * code(1));
+      sums[k] = j == 0 ? 0.0f + pair : sums[k] + pair;
+      const values<T> m = biased_codes<T>((minima[k / 2] >> (8 * (k % 2))) & 63u, 0);
+      line = k == 0 ? x.sum[k][j] * m : line + x.sum[k][j] * m;
+    });
+    minimum = j == 0 ? 0.0f + as_floats<T>(line) : minimum + as_floats<T>(line);
+  });
+  lanes<float> scaled;
+  unrolled<4>([&](auto k) {
+    const lanes<float> scale = biased_codes<float>((scales[k / 2] >> (8 * (k % 2))) & 63u, 0);
+    scaled = k == 0 ? sums[k] * scale : scaled + sums[k] * scale;
+  });
+  return scaled * w.d - minimum * w.dmin;
+}
+
+}  // namespace quillon

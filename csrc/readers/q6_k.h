@@ -1,0 +1,52 @@
+// How kernels read q6_k.
+//
+// A chunk is one sub-block of sixteen neighbouring elements (six_bits.h, bytes in the order of the elements):
+//
+//   super-block of 256   elem  0 ... 15 | 16 ... 31 | ... | 240 .. 255
+//   high plane           word  0        | 1         | ... | 15              two bits of each element
+//   low plane            word  0, 1     | 2, 3      | ... | 30, 31          four bits of each element
+//   scales               byte  0        | 1         | ... | 15              signed
+//   scale                half  d                                            one for all sixteen
+//
+// W = (d * scale) * (e - 32); the product in brackets is formed in float whatever T is, and is applied to the sum of a
+// chunk.
+#pragma once
+
+#include "readers/six_bits.h"
+
+namespace quillon {
+
+struct q6_k_reader {
+  static constexpr int CHUNK = 16, BLOCK = 256, UNIT = 16;
+  using order = neighbours<CHUNK>;
+  const uint8_t* high_plane;
+  const uint8_t* low_plane;
+  const uint8_t* super_scales;
+  const uint8_t* scales;
+
+  // Four sums of four products each, added up one by one.
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const auto low = at.codes_of_chunk_by_block(low_plane);
+    const six_bit_words chunk{at.template entry_by_block<uint32_t>(high_plane), {low.half_words[0], low.half_words[1]}};
+    decltype(x.v(std::integral_constant<int, 0>{}) * values<T>{}) sum;
+    unrolled<4>([&](auto step) {
+      const words codes = q6_k_step_codes(chunk.high_of(step), chunk.low_of(step));
+      decltype(sum) four;
+      unrolled<4>([&](auto e) {
+        const values<T> code = biased_codes<T>((codes >> (8 * e)) & 255u, 32);
+        four = e == 0 ? x.v(std::integral_constant<int, 4 * step + e>{}) * code
+                      : four + x.v(std::integral_constant<int, 4 * step + e>{}) * code;
+      });
+      sum = step == 0 ? four : sum + four;
+    });
+    return sum;
+  }
+  template <typename Place>
+  lanes<float> float_scale(const Place& at) const {
+    const lanes<float> d = as_floats<half>(at.template entry_of_block<half>(super_scales));
+    return d * exact_values<float>(lanes<int32_t>(at.template entry_by_block<int8_t>(scales)));
+  }
+};
+
+}  // namespace quillon

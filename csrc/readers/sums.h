@@ -1,0 +1,69 @@
+// How a reader sums the products of a chunk's activations with its values, from left to right. `x.v(i)` is the activation
+// at place i, for one row of activations or for several at once: whatever can be multiplied by a value and added up.
+#pragma once
+
+#include "kernels/lanes.h"
+
+namespace quillon {
+
+// `value(i)` is the value at place i and gets i as a constant.
+template <typename Chunk, typename Value, int... I>
+__attribute__((always_inline)) inline auto sum_products(const Chunk& x, Value value, constants<0, I...>) {
+  auto s = x.v(std::integral_constant<int, 0>{}) * value(std::integral_constant<int, 0>{});
+  ((s = s + x.v(std::integral_constant<int, I>{}) * value(std::integral_constant<int, I>{})), ...);
+  return s;
+}
+template <int CHUNK, typename Chunk, typename Value>
+__attribute__((always_inline)) inline auto sum_products(const Chunk& x, Value value) {
+  return sum_products(x, value, first_constants<CHUNK>{});
+}
+
+// What a chunk's sum of products is multiplied by, and what the sum of its activations is.
+template <typename T>
+struct scale_and_minimum {
+  values<T> scale;
+  values<T> minimum;
+};
+
+#ifdef QUILLON_VECTOR_LANES
+
+// A table of up to sixteen floats, rounded to T.
+template <typename T, int COUNT>
+inline lanes<float> rounded_table(const float (&entries)[COUNT]) {
+  lanes<float> table = {};
+#pragma unroll
+  for (int i = 0; i < COUNT; ++i) table[i] = entries[i];
+  if constexpr (is_in_float<T>)
+    return rounded_values<T>(table).value;
+  else
+    return table;
+}
+
+// The entries of such a table. The compiler makes one permutation of the loop.
+inline lanes<float> look_up(lanes<float> table, words index) {
+  lanes<float> result;
+#pragma unroll
+  for (int i = 0; i < LANES; ++i) result[i] = table[index[i]];
+  return result;
+}
+
+// The same for values that are looked up: nibble i of the words is the index of the value at place i. A loop that stays
+// one: the compiler takes half a minute over sixteen permutations in a row. The sum begins with -0, to which the first
+// product is added without a change.
+template <typename T, typename Chunk>
+inline auto sum_looked_up(const Chunk& x, const words (&nibbles)[2], lanes<float> table) {
+  auto s = x.minus_zero();
+  unrolled<2>([&](auto h) {
+    words rest = nibbles[h];
+#pragma clang loop unroll(disable)
+    for (int i = 0; i < 8; ++i) {
+      s = s + x.v(8 * h + i) * exact_values<T>(look_up(table, rest & 15u));
+      rest >>= 4;
+    }
+  });
+  return s;
+}
+
+#endif
+
+}  // namespace quillon
