@@ -57,7 +57,8 @@ enum class kernel_argument {
   offset2,
   offset3,
   short_offset1,  // int32
-  local,          // local memory: the lanes' accumulators
+  local,          // local memory: the lanes' accumulators, in the form of vectors what `vectors` says
+  vectors_local,  // local memory that the form of vectors alone has
 };
 
 // The element type of local memory.
@@ -68,8 +69,9 @@ enum class arranged {
   none,             // the kernel has no form of vectors
   chunks,           // activations in the order of the lanes' chunks
   chunks_and_sums,  // and the sum of each chunk
-  row_count,        // an element for each row of the last work-item; a work-item has sixteen rows
-  nothing,          // a work-item has sixteen rows
+  row_count,        // an element for each row of the last work-item; work-items have sixteen rows each
+  q8_1_blocks,      // 640 bytes for the slices of two super-blocks
+  q2_k_words,       // 768 bytes for those of one
 };
 
 struct kernel_row {
@@ -97,7 +99,7 @@ inline constexpr auto kernel_table = [] {
   constexpr auto group = template_arguments::work_group, group_rows = template_arguments::work_group_rows, none = template_arguments::none;
   constexpr auto rows = lane_range::rows, slices = lane_range::slices, elements = lane_range::elements;
   constexpr auto of_t = local_elements::of_t, of_float = local_elements::of_float, no_local = local_elements::none;
-  constexpr auto chunks = arranged::chunks, chunks_and_sums = arranged::chunks_and_sums, row_count = arranged::row_count, nothing = arranged::nothing, no_vectors = arranged::none;
+  constexpr auto chunks = arranged::chunks, chunks_and_sums = arranged::chunks_and_sums, row_count = arranged::row_count, q8_1_blocks = arranged::q8_1_blocks, q2_k_words = arranged::q2_k_words, no_vectors = arranged::none;
   // Argument orders that several kernels share.
   constexpr std::array<k, 12> q4_0_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
   constexpr std::array<k, 12> scaled_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output, k::output_size};
@@ -117,9 +119,9 @@ inline constexpr auto kernel_table = [] {
   kernel_row{qtype_fp8_e4m3, "qlinear_xpu_kernel_fp8_e4m3_2x8",  "kernels/matvec/fp8_e4m3_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
   kernel_row{qtype_fp4,      "qlinear_xpu_kernel_fp4_2x16",      "kernels/matvec/fp4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
   kernel_row{qtype_fp8_e5m2, "qlinear_xpu_kernel_fp8_e5m2_2x8",  "kernels/matvec/fp8_e5m2_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, {k::state_size, k::part0, k::input, k::local, k::output, k::output_size}},
-  kernel_row{qtype_iq2_xxs,  "qlinear_xpu_kernel_iq2_xxs_q8_1",  "kernels/matvec/iq2_xxs_q8_1.h",  none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     nothing,         true,  q8_1_order},
-  kernel_row{qtype_q2_k,     "qlinear_xpu_kernel_q2_k_q8_1",     "kernels/matvec/q2_k_q8_1.h",     none,       slices,   0, 1, 1, 32, 16,  0, false, of_t,     nothing,         true,  q8_1_order},
-  kernel_row{qtype_iq1_s,    "qlinear_xpu_kernel_iq1_s_q8_1",    "kernels/matvec/iq1_s_q8_1.h",    none,       slices,  32, 1, 1, 32, 32,  0, false, no_local, nothing,         true,  {k::output_size, k::block_count, k::part0, k::input, k::output}},
+  kernel_row{qtype_iq2_xxs,  "qlinear_xpu_kernel_iq2_xxs_q8_1",  "kernels/matvec/iq2_xxs_q8_1.h",  none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     q8_1_blocks,     true,  q8_1_order},
+  kernel_row{qtype_q2_k,     "qlinear_xpu_kernel_q2_k_q8_1",     "kernels/matvec/q2_k_q8_1.h",     none,       slices,   0, 1, 1, 32, 16,  0, false, of_t,     q2_k_words,      true,  q8_1_order},
+  kernel_row{qtype_iq1_s,    "qlinear_xpu_kernel_iq1_s_q8_1",    "kernels/matvec/iq1_s_q8_1.h",    none,       slices,  32, 1, 1, 32, 32,  0, false, of_float, q8_1_blocks,     true,  {k::output_size, k::block_count, k::part0, k::input, k::output, k::vectors_local}},
   kernel_row{qtype_q6_k,     "qlinear_xpu_kernel_q6_k_2x16",     "kernels/matvec/q6_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks,          false, {k::state_size, k::part0, k::part1, k::input, k::part3, k::part2, k::local, k::output, k::output_size}},
   kernel_row{qtype_q4_k,     "qlinear_xpu_kernel_q4_k_2x16",     "kernels/matvec/q4_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks_and_sums, false, {k::state_size, k::part0, k::input, k::part1, k::part2, k::local, k::output, k::output_size}},
   kernel_row{qtype_q5_k,     "qlinear_xpu_kernel_q5_k",          "kernels/matvec/q5_k.h",          none,       rows,     8, 2, 2, 32, 16,  0, false, of_float, row_count,       false, {k::state_size, k::part0, k::input, k::local, k::output}},

@@ -78,16 +78,24 @@ runtime::KernelEntry& entry_of(const MatvecKernel& kernel, ElementType type, Bac
   return *entry;
 }
 
-bool arranges_chunks(const kernel_row& row) {
-  return row.vectors == arranged::chunks || row.vectors == arranged::chunks_and_sums;
-}
-
 // Bytes of local memory in which a work-item of the vector backing keeps its arranged activations.
 std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint64_t state_size) {
-  if (!arranges_chunks(row)) return 0;
+  constexpr std::uint64_t ALIGNMENT = 64;
+  const std::uint64_t blocks = state_size / elements_per_block(row.qtype);
   const std::uint64_t chunks = state_size / row.elements;
   const std::uint64_t whole = (chunks + kVectorLanes - 1) / kVectorLanes * kVectorLanes;
-  return whole * (row.elements + (row.vectors == arranged::chunks_and_sums)) * facts_of(type).lane_size;
+  switch (row.vectors) {
+    case arranged::chunks:
+      return whole * row.elements * facts_of(type).lane_size;
+    case arranged::chunks_and_sums:
+      return whole * (row.elements + 1) * facts_of(type).lane_size;
+    case arranged::q8_1_blocks:
+      return (blocks + 1) / 2 * 640 + ALIGNMENT;
+    case arranged::q2_k_words:
+      return blocks * 768 + ALIGNMENT;
+    default:
+      return 0;
+  }
 }
 
 // The host device runs the vector backing, unless rows do not start on a block, the activations are more than local
@@ -121,17 +129,17 @@ Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t output_size) {
 
 Geometry vectors_geometry(const kernel_row& row, std::uint64_t state_size, std::uint64_t output_size,
                           std::uint64_t local_size, std::uint64_t arranged, const runtime::DeviceFacts& facts) {
-  if (arranges_chunks(row)) {
-    // Enough work-items for all processors to share the work evenly to the end, and as few as that takes.
-    const std::uint64_t bytes = state_size * output_size / elements_per_block(row.qtype) * bytes_per_block(row.qtype);
-    const auto units = static_cast<std::uint64_t>(facts.compute_units);
-    const std::uint64_t shares = std::max(units, bytes / kBytesPerItem / units * units);
-    return {{std::min(shares, output_size), 1}, (arranged + local_size - 1) / local_size};
+  if (row.vectors == arranged::row_count) {
+    const std::uint64_t items = (output_size + rows_of_vector_item - 1) / rows_of_vector_item;
+    return {{items, 1}, output_size - (items - 1) * rows_of_vector_item};
   }
-  const std::uint64_t items = (output_size + rows_of_vector_item - 1) / rows_of_vector_item;
-  const std::uint64_t last_rows = output_size - (items - 1) * rows_of_vector_item;
-  if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, last_rows};
-  return {{items, 1}, last_rows};
+  // Enough work-items for all processors to share the work evenly to the end, and as few as that takes.
+  const std::uint64_t bytes = state_size * output_size / elements_per_block(row.qtype) * bytes_per_block(row.qtype);
+  const auto units = static_cast<std::uint64_t>(facts.compute_units);
+  const std::uint64_t items = std::min(std::max(units, bytes / kBytesPerItem / units * units), output_size);
+  const std::uint64_t elements = (arranged + local_size - 1) / local_size;
+  if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, elements};
+  return {{items, 1}, elements};
 }
 
 }  // namespace
@@ -188,6 +196,9 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
       case kernel_argument::short_offset1:
         arguments.emplace_back(static_cast<std::int32_t>(parts.start[1]));
         break;
+      case kernel_argument::vectors_local:
+        if (backing == Backing::items) break;
+        [[fallthrough]];
       case kernel_argument::local:
         arguments.push_back(KernelArgument::local_array(geometry.local_elements, local_size));
         break;

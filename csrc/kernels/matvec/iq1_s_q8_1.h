@@ -28,7 +28,7 @@ inline lanes<float> slice_of_iq1_s(words low_indices, words h, lanes<float> d, c
   // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
 #pragma clang loop unroll(disable)
   for (int l = 0; l < 4; ++l) {
-    const words grid = gather(iq1s_grid, ((low_indices >> (8 * l)) & 255u) | (((h >> (3 * l)) & 7u) << 8));
+    const words grid = look_up(iq1s_grid, ((low_indices >> (8 * l)) & 255u) | (((h >> (3 * l)) & 7u) << 8));
     sum += dot_bytes(grid & 0x0F0F0F0Fu, x.quant_word(2 * l));
     sum += dot_bytes((grid >> 4) & 0x0F0F0F0Fu, x.quant_word(2 * l + 1));
   }
@@ -49,17 +49,21 @@ inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, uint3
 
 template <typename T>
 QUILLON_KERNEL(2)
-QUILLON_SUB_GROUP(32) void qlinear_xpu_kernel_iq1_s_q8_1(uint64_t output_size, int32_t blocks_per_row,
-                                                         const quillon::block_iq1_s* weight,
-                                                         const quillon::block_q8_1* activations, T* output) {
+QUILLON_SUB_GROUP(32) void qlinear_xpu_kernel_iq1_s_q8_1(
+    uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq1_s* weight,
+    const quillon::block_q8_1* activations, T* output
+#ifdef QUILLON_VECTOR_LANES
+    ,
+    sycl::local_accessor<float, 1> local  // the arranged activations
+#endif
+) {
   using namespace quillon;
 #ifdef QUILLON_VECTOR_LANES
-  for_each_row_of_slices<2>(
-      output_size, blocks_per_row,
-      [=](int32_t a, int32_t b) { return q8_1_blocks(activations + 8 * a, activations + 8 * b); },
-      [=](uint64_t row, int32_t a, int32_t b, const q8_1_blocks& x) {
-        const block_iq1_s& first = weight[row + a];
-        const block_iq1_s& second = weight[row + b];
+  for_each_row_of_slices<2, q8_1_blocks>(
+      output_size, blocks_per_row, activations, local,
+      [=](uint64_t first_block, uint64_t second_block, const q8_1_blocks& x) {
+        const block_iq1_s& first = weight[first_block];
+        const block_iq1_s& second = weight[second_block];
         const words h = __builtin_convertvector(
             joined<uint16_t>(load_vector<uint16_t, 8>(first.qh), load_vector<uint16_t, 8>(second.qh)), words);
         const lanes<float> d = in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)));

@@ -27,19 +27,17 @@ inline words with_parity(words seven_signs) {
 // The sum of one slice: its grid indices, its word of scale and signs, the record's scale, its 32 activations.
 template <typename Activations>
 inline lanes<float> slice_of_iq2_xxs(words indices, words aux, lanes<float> d, const Activations& x) {
-  const auto* rows = reinterpret_cast<const uint32_t*>(iq2xxs_grid);
   lanes<int32_t> sum = {};
   // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
 #pragma clang loop unroll(disable)
   for (int l = 0; l < 4; ++l) {
-    const words row = (indices >> (8 * l)) & 255u;
+    const two_words magnitudes = look_up(iq2xxs_grid, (indices >> (8 * l)) & 255u);
     const words signs = with_parity((aux >> (7 * l)) & 127u);
     unrolled<2>([&](auto h) {
-      const words magnitudes = gather<2>(rows + h, row);
       const words four = x.quant_word(2 * l + h);
       unrolled<4>([&](auto b) {
         const lanes<int32_t> product =
-            bit_cast<lanes<int32_t>>((magnitudes >> (8 * b)) & 255u) * signed_byte_of(four, b);
+            bit_cast<lanes<int32_t>>((magnitudes.half[h] >> (8 * b)) & 255u) * signed_byte_of(four, b);
         // All ones where the sign is negative: (p ^ -1) - -1 is -p.
         const lanes<int32_t> negative = bit_cast<lanes<int32_t>>(signs << (31 - 4 * h - b)) >> 31;
         sum += (product ^ negative) - negative;
@@ -69,12 +67,11 @@ QUILLON_SUB_GROUP(32) void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size,
                                                            sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
 #ifdef QUILLON_VECTOR_LANES
-  for_each_row_of_slices<2>(
-      output_size, blocks_per_row,
-      [=](int32_t a, int32_t b) { return q8_1_blocks(activations + 8 * a, activations + 8 * b); },
-      [=](uint64_t row, int32_t a, int32_t b, const q8_1_blocks& x) {
-        const block_iq2_xxs& first = weight[row + a];
-        const block_iq2_xxs& second = weight[row + b];
+  for_each_row_of_slices<2, q8_1_blocks>(
+      output_size, blocks_per_row, activations, local,
+      [=](uint64_t first_block, uint64_t second_block, const q8_1_blocks& x) {
+        const block_iq2_xxs& first = weight[first_block];
+        const block_iq2_xxs& second = weight[second_block];
         const words low = load_vector<uint32_t, LANES>(first.qs);
         const words high = load_vector<uint32_t, LANES>(second.qs);
         const lanes<float> d = in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)));

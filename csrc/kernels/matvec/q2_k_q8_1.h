@@ -45,7 +45,7 @@ struct q2_k_activations {
   lanes<int32_t> sums[4];
   lanes<float> scales[4];
 
-  explicit q2_k_activations(const block_q8_1* q) {
+  q2_k_activations(const block_q8_1* q, const block_q8_1*) {
     unrolled<4>([&](auto i) {
       quants[i] =
           words_of_two(reinterpret_cast<const uint8_t*>(q[i].qs), reinterpret_cast<const uint8_t*>(q[4 + i].qs));
@@ -57,6 +57,7 @@ struct q2_k_activations {
   lanes<int32_t> sum_of(int i) const { return sums[i]; }
   lanes<float> scale_of(int i) const { return scales[i]; }
 };
+static_assert(sizeof(q2_k_activations) == 768);  // what kernel_table.h counts with
 
 #else
 
@@ -91,10 +92,10 @@ void qlinear_xpu_kernel_q2_k_q8_1(uint64_t output_size, int32_t blocks_per_row, 
                                   const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
 #ifdef QUILLON_VECTOR_LANES
-  for_each_row_of_slices<1>(
-      output_size, blocks_per_row, [=](int32_t a, int32_t) { return q2_k_activations(activations + 8 * a); },
-      [=](uint64_t row, int32_t a, int32_t, const q2_k_activations& x) {
-        const block_q2_K& block = weight[row + a];
+  for_each_row_of_slices<1, q2_k_activations>(
+      output_size, blocks_per_row, activations, local,
+      [=](uint64_t first_block, uint64_t, const q2_k_activations& x) {
+        const block_q2_K& block = weight[first_block];
         // Bytes 8n + v / 4 and on, and the next odd or even ones in the bytes above.
         const auto bytes = load_vector<uint8_t, LANES>(block.scales);
         lanes<uint8_t> of_lane[4] = {

@@ -9,8 +9,7 @@
 //
 // A slice's sum is an integer, scaled once to float; a lane adds up its slices in float.
 //
-// The form of vectors takes the slices of sixteen lanes at once, and meets them with 16 rows before it goes on to the next
-// sixteen: what it makes of the activations serves all these rows.
+// The form of vectors takes the slices of sixteen lanes at once.
 #pragma once
 
 #include "formats/q8_1.h"
@@ -41,18 +40,34 @@ inline lanes<int32_t> dot_bytes(words codes, words quants) {
   return sum;
 }
 
-// Entry STRIDE * index of a table of words in memory.
-template <int STRIDE = 1>
-inline words gather(const uint32_t* table, words index) {
+// The entries of a table in memory by their index; of double words the two halves.
+struct two_words {
+  words half[2];
+};
 #ifdef QUILLON_VECTOR_LANES
-  words result;
+template <typename Entry>
+inline lanes<Entry> entries_of(const Entry* table, words index) {
+  lanes<Entry> entries;
 #pragma unroll
-  for (int i = 0; i < LANES; ++i) result[i] = table[STRIDE * index[i]];
-  return result;
-#else
-  return table[STRIDE * index];
-#endif
+  for (int i = 0; i < LANES; ++i) entries[i] = table[index[i]];
+  return entries;
 }
+inline words look_up(const uint32_t* table, words index) {
+  return entries_of(table, index);
+}
+inline two_words look_up(const uint64_t* table, words index) {
+  const lanes<uint64_t> entries = entries_of(table, index);
+  return {{__builtin_convertvector(entries, words), __builtin_convertvector(entries >> 32, words)}};
+}
+#else
+inline uint32_t look_up(const uint32_t* table, uint32_t index) {
+  return table[index];
+}
+inline two_words look_up(const uint64_t* table, uint32_t index) {
+  const uint64_t entry = table[index];
+  return {{static_cast<uint32_t>(entry), static_cast<uint32_t>(entry >> 32)}};
+}
+#endif
 
 // An integer of fewer than 24 bits.
 inline lanes<float> to_float(lanes<int32_t> from) {
@@ -98,28 +113,39 @@ struct q8_1_blocks {
   }
   words quant_word(int i) const { return quants[i]; }
 };
+static_assert(sizeof(q8_1_blocks) == 640);  // what kernel_table.h counts with
 
-// Goes over the rows of a work-item: `slices(step)` makes of the activations what all rows need of sixteen lanes'
-// slices, and `dot(row, x)` is a row's share. `STEP` super-blocks are sixteen slices; where the last step has fewer, the
-// upper lanes count for nothing. `write(row, acc)` gets the lanes' sums.
-template <int STEP, typename Slices, typename Dot, typename Write>
-inline void for_each_row_of_slices(uint64_t output_size, int32_t blocks_per_row, Slices slices, Dot dot, Write write) {
-  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
-  const uint64_t first = place.get_group_linear_id() * ROWS_OF_ITEM;
-  const int rows = first + ROWS_OF_ITEM < output_size ? ROWS_OF_ITEM : static_cast<int>(output_size - first);
+// Walks over the rows of a work-item. `Activations(first, second)` is what all rows need of the activations of sixteen
+// lanes' slices, of which the lower eight lie in super-block `first` and the upper in `second`, or all in one; it is made
+// once and kept in local memory. `dot(row, first, second, x)` is a row's share, the row given by its first super-block, and
+// `write(row, sums)` gets the lanes' sums. BLOCKS super-blocks are sixteen slices; where the last ones are fewer, the upper
+// lanes count for nothing.
+template <int BLOCKS, typename Activations, typename Local, typename Dot, typename Write>
+inline void for_each_row_of_slices(uint64_t output_size, int32_t blocks_per_row, const block_q8_1* activations,
+                                   const Local& local, Dot dot, Write write) {
   constexpr int VECTORS = q8_1_lanes / LANES;
-  lanes<float> acc[ROWS_OF_ITEM][VECTORS] = {};
-  for (int32_t block = 0; block < blocks_per_row; block += STEP) {
-    const int32_t second = block + STEP - 1 < blocks_per_row ? block + STEP - 1 : block;
-    const auto x = slices(block, second);
-    const int v = block / STEP % VECTORS;
-#pragma clang loop unroll(disable)
-    for (int r = 0; r < rows; ++r) {
-      const lanes<float> changed = add(acc[r][v], dot((first + r) * blocks_per_row, block, second, x));
-      acc[r][v] = second - block == STEP - 1 ? changed : in_first_lanes<float>(LANES / 2, changed, acc[r][v]);
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
+  const uint64_t groups = place.get_group_range(0) * place.get_group_range(1);
+  const uint64_t last = output_size * (place.get_group_linear_id() + 1) / groups;
+  constexpr uint64_t ALIGNMENT = alignof(Activations);
+  const auto start = reinterpret_cast<uint64_t>(&local[0]);
+  auto* arranged = reinterpret_cast<Activations*>((start + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
+  const auto second_of = [=](int32_t first) {
+    return first + BLOCKS - 1 < blocks_per_row ? first + BLOCKS - 1 : first;
+  };
+  for (int32_t block = 0; block < blocks_per_row; block += BLOCKS)
+    arranged[block / BLOCKS] = Activations(activations + 8 * block, activations + 8 * second_of(block));
+
+  for (uint64_t row = output_size * place.get_group_linear_id() / groups; row < last; ++row) {
+    const uint64_t blocks = row * blocks_per_row;
+    lanes<float> sums[VECTORS] = {};
+    for (int32_t block = 0; block < blocks_per_row; block += BLOCKS) {
+      lanes<float>& sum = sums[block / BLOCKS % VECTORS];
+      const lanes<float> changed = add(sum, dot(blocks + block, blocks + second_of(block), arranged[block / BLOCKS]));
+      sum = block + BLOCKS <= blocks_per_row ? changed : in_first_lanes<float>(LANES / 2, changed, sum);
     }
+    write(row, sums);
   }
-  for (int r = 0; r < rows; ++r) write(first + r, acc[r]);
 }
 
 // The tree over a row's lanes, in T.
