@@ -15,6 +15,7 @@
 #include <ATen/core/op_registration/adaption.h>
 #include <omp.h>
 
+#include "collectives.h"
 #include "fallback.h"
 #include "generator.h"
 #include "host_device.h"
@@ -78,7 +79,10 @@ class CpuCall {
       op_.redispatchBoxed(c10::DispatchKeySet(c10::DispatchKey::CPU), &stack_);
     }
     const size_t results = op_.schema().returns().size();
-    for (size_t i = stack_.size() - results; i < stack_.size(); ++i) stand_ins.to_xpu(stack_[i]);
+    for (size_t i = stack_.size() - results; i < stack_.size(); ++i) {
+      stand_ins.to_xpu(stack_[i]);
+      if (traits_.is_collective) return_work_to_device(stack_[i], device_);
+    }
     if (traits_.writes_arguments) stand_ins.restore_arguments();
   }
 

@@ -98,6 +98,7 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
 OperatorTraits make_traits(const c10::FunctionSchema& schema) {
   OperatorTraits traits{};
   traits.work_grows_faster_than_data = work_grows_faster_than_data(schema.name());
+  traits.is_collective = c10::starts_with(schema.name(), "c10d::");
   for (size_t i = 0; i < schema.arguments().size(); ++i) {
     const c10::Argument& argument = schema.arguments()[i];
     if (const auto kind = kind_of(argument)) {

@@ -20,6 +20,7 @@ struct ArgumentTraits {
 struct OperatorTraits {
   std::vector<ArgumentTraits> arguments;
   bool writes_arguments;
+  bool is_collective;  // returns a work object that goes on when the call has returned
   bool work_grows_faster_than_data;
 };
 

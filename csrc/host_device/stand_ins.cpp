@@ -61,9 +61,9 @@ bool may_hold_tensors(const IValue& list) {
   return kind == c10::TypeKind::TensorType || kind == c10::TypeKind::OptionalType || kind == c10::TypeKind::ListType;
 }
 
-/// Replaces the tensors in `value` by what `replace` makes of them.
-template <typename Replace>
-void replace_tensors(IValue& value, const Replace& replace) {
+}  // namespace
+
+void replace_tensors(IValue& value, c10::function_ref<at::Tensor(at::Tensor)> replace) {
   if (value.isTensor()) {
     if (value.toTensor().defined()) value = replace(std::move(value).toTensor());
   } else if (value.isList() && may_hold_tensors(value)) {
@@ -79,7 +79,12 @@ void replace_tensors(IValue& value, const Replace& replace) {
   }
 }
 
-}  // namespace
+at::Tensor shown_tensor(at::Tensor cpu) {
+  if (!cpu.defined() || !cpu.device().is_cpu() || cpu.layout() != at::kStrided) return cpu;
+  c10::StorageImpl* shown = shown_by(*cpu.unsafeGetTensorImpl()->unsafe_storage().unsafeGetStorageImpl());
+  if (!shown) return cpu;
+  return make_like(cpu, c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(shown)), DispatchKey::XPU);
+}
 
 void PointerIndex::add(const void* key) {
   keys_.push_back(key);
@@ -190,7 +195,7 @@ void StandIns::take_data(c10::StorageImpl& cpu, c10::StorageImpl& xpu) const {
 }
 
 void StandIns::to_cpu(IValue& value) {
-  replace_tensors(value, [this](const at::Tensor& tensor) { return to_cpu(tensor); });
+  replace_tensors(value, [this](at::Tensor tensor) { return to_cpu(tensor); });
 }
 void StandIns::to_xpu(IValue& value) {
   replace_tensors(value, [this](at::Tensor tensor) { return to_xpu(std::move(tensor)); });

@@ -4,12 +4,19 @@
 
 #include <ATen/core/Tensor.h>
 #include <ATen/core/ivalue.h>
+#include <c10/util/FunctionRef.h>
 #include <c10/util/SmallVector.h>
 #include <c10/util/flat_hash_map.h>
 
 #include <string>
 
 namespace quillon::host_device {
+
+/// Replaces each tensor in `value`, in lists and lists of lists too, by what `replace` makes of it.
+void replace_tensors(c10::IValue& value, c10::function_ref<at::Tensor(at::Tensor)> replace);
+
+/// The XPU tensor over the same bytes, if `cpu` is a stand-in or a view of one; else `cpu`.
+at::Tensor shown_tensor(at::Tensor cpu);
 
 /// Maps keys to positions in a vector: by search while there are few, as is usual, by hashing when there are
 /// many.

@@ -79,6 +79,7 @@ def start() -> None:
         )
     native.install()
     _connect_torch(native)
+    _connect_distributed()
     atexit.register(native.shut_down)
     _native = native
 
@@ -168,6 +169,28 @@ def _attention_of_any_device(query: torch.Tensor, *args: Any, **kwargs: Any) -> 
     operator: Any = torch.ops.aten.scaled_dot_product_attention.default
     result: torch.Tensor = operator._op_dk(key, query, *args, **kwargs)
     return result
+
+
+def _connect_distributed() -> None:
+    """Make Gloo, which the CPU has, the way between processes for tensors of the host device."""
+    if not torch.distributed.is_available():
+        return
+    from torch.distributed import distributed_c10d
+
+    names: Any = distributed_c10d.Backend
+    if "xpu" not in names.backend_capability[names.GLOO]:
+        names.backend_capability[names.GLOO].append("xpu")
+    if not torch.distributed.is_xccl_available():
+        names.default_device_backend_map["xpu"] = names.GLOO
+    stock_init = distributed_c10d.BackendConfig.__init__
+
+    def init(self: Any, backend: Any) -> None:
+        stock_init(self, backend)
+        # Collectives of XPU tensors run on the CPU, and there they look for the CPU's backend.
+        if self.device_backend_map.get("xpu") == names.GLOO:
+            self.device_backend_map.setdefault("cpu", names.GLOO)
+
+    distributed_c10d.BackendConfig.__init__ = init  # type: ignore[method-assign]
 
 
 def _connect_torch(native: ModuleType) -> None:
