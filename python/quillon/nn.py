@@ -5,9 +5,11 @@ from __future__ import annotations
 import fnmatch
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
+from typing import Any
 
 import torch
 from torch import Tensor, nn
+from torch.autograd import forward_ad
 
 import vesper_linear
 from quillon.formats import Format, row_multiple, weight_bytes, weight_format
@@ -39,16 +41,92 @@ def _shape_problem(format: Format, in_features: int, device_class: str) -> str |
     return f"in_features must be a multiple of {multiple} for {format.name}{where}, got {in_features}"
 
 
+def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
+    """``input`` (..., in_features) times the packed weight: (..., out_features)."""
+    columns = input.shape[-1]
+    rows = input.reshape(-1, columns).contiguous()
+    # Launches queue up behind one another, and the one cat at the end waits for all of them.
+    outputs = [
+        vesper_linear.forward_new(rows[index : index + 1], packed, format.code, columns)
+        for index in range(rows.shape[0])
+    ]
+    if len(outputs) == 1:
+        output = outputs[0]
+    else:
+        output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
+    return output.reshape(*input.shape[:-1], out_features)
+
+
+class _PackedProduct(torch.autograd.Function):
+    """:func:`_multiply` with derivatives: it is linear in the input, and the packed weight has none."""
+
+    @staticmethod
+    def forward(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
+        return _multiply(input, packed, format, out_features)
+
+    @staticmethod
+    def setup_context(ctx: Any, inputs: tuple[Tensor, Tensor, Format, int], output: Tensor) -> None:
+        input, packed, ctx.format, ctx.out_features = inputs
+        ctx.in_features = input.shape[-1]
+        ctx.save_for_backward(packed)
+        ctx.save_for_forward(packed)
+
+    @staticmethod
+    def backward(ctx: Any, gradient: Tensor) -> tuple[Tensor | None, ...]:
+        if not ctx.needs_input_grad[0]:
+            return None, None, None, None
+        (packed,) = ctx.saved_tensors
+        weight = dequantize_reference(packed, ctx.format.name, ctx.out_features, ctx.in_features, gradient.dtype)
+        return gradient @ weight.to(gradient.device), None, None, None
+
+    @staticmethod
+    def jvp(ctx: Any, tangent: Tensor, *_: Any) -> Tensor:
+        (packed,) = ctx.saved_tensors
+        return _product(tangent, packed, ctx.format, ctx.out_features)
+
+    @staticmethod
+    def vmap(
+        info: Any, in_dims: tuple[int | None, ...], input: Tensor, packed: Tensor, format: Format, out_features: int
+    ) -> tuple[Tensor, int]:
+        if in_dims[0] is None or in_dims[1] is not None:
+            raise NotImplementedError("vmap over the packed weight of a LowBitLinear; map over its input")
+        return _product(input.movedim(in_dims[0], 0), packed, format, out_features), 0
+
+
+_product: Callable[[Tensor, Tensor, Format, int], Tensor] = _PackedProduct.apply
+
+
+def _needs_derivatives(input: Tensor) -> bool:
+    """Whether autograd, forward-mode differentiation or a transform of ``torch.func`` looks at a call."""
+    return (
+        (input.requires_grad and torch.is_grad_enabled())
+        or forward_ad._current_level >= 0
+        or torch._C._functorch.peek_interpreter_stack() is not None
+    )
+
+
+def _as_autocast(input: Tensor) -> Tensor:
+    """The input in the element type in which autocast has dense layers compute: all but float64 is cast."""
+    if torch.is_autocast_enabled("xpu") and input.is_floating_point() and input.dtype != torch.float64:
+        return input.to(torch.get_autocast_dtype("xpu"))
+    return input
+
+
 class LowBitLinear(nn.Module):
     """``y = x W^T + b`` with ``W`` kept in one of the storage formats and read packed by the device's kernels.
 
     Made by :meth:`from_linear`, or empty from shapes to be filled by ``load_state_dict``.
 
     Buffers: ``packed``, uint8, one dimension, the bytes of the weight; ``bias``, of the activations' element type, or
-    None. Both move with ``.to(device)``; ``.half()`` and the like leave the bytes alone. There is no gradient.
+    None. Both move with ``.to(device)``; ``.half()`` and the like leave the bytes alone.
 
     The input is (..., in_features) of float32, float64, float16 or bfloat16 on an XPU; the output has its element
-    type and is (..., out_features). In this release rows go through one by one.
+    type and is (..., out_features). In this release rows go through one by one. Autocast is followed as by a dense
+    layer.
+
+    The weight is not trained. The input's gradient is the output's times :meth:`dequantize`, so what lies before the
+    layer, and adapters beside it, train as in a dense model. Where a format rounds the activations (iq2_xxs, q2_k,
+    iq1_s) the gradient is that of the product without this rounding.
     """
 
     packed: Tensor
@@ -93,20 +171,12 @@ class LowBitLinear(nn.Module):
             )
         if input.device not in self._checked_devices:
             self._check_device(input.device)
-        rows = input.reshape(-1, self.in_features).contiguous()
-        code, columns = self.format.code, self.in_features
-        # Launches queue up behind one another, and the one cat at the end waits for all of them.
-        outputs = [
-            vesper_linear.forward_new(rows[index : index + 1], self.packed, code, columns)
-            for index in range(rows.shape[0])
-        ]
-        if len(outputs) == 1:
-            output = outputs[0]
-        else:
-            output = torch.cat(outputs) if outputs else rows.new_empty((0, self.out_features))
+        input = _as_autocast(input)
+        product = _product if _needs_derivatives(input) else _multiply
+        output = product(input, self.packed, self.format, self.out_features)
         if self.bias is not None:
-            output += self.bias
-        return output.reshape(*input.shape[:-1], self.out_features)
+            output = (output + self.bias).to(output.dtype)
+        return output
 
     def dequantize(self, dtype: torch.dtype = torch.float32) -> Tensor:
         """Return the weight that the layer stands for, (out_features, in_features), on the CPU."""
