@@ -12,6 +12,7 @@ import torch
 import quillon
 import vesper_linear
 from quillon import host_device
+from quillon.nn import DEVICE_CLASSES, chosen_device_class
 
 
 def _version(package: str) -> str:
@@ -57,19 +58,22 @@ def _format(text: str) -> str:
     return quillon.formats.format_name(int(text) if text.isdigit() else text)
 
 
-def formats(names: list[str]) -> list[tuple[str, str]]:
+def formats(names: list[str], device_class: str | None) -> list[tuple[str, str]]:
     """Return a line on each named format, or on all, as (name, facts)."""
     lines = []
     for name in names or quillon.formats.WEIGHT_FORMATS:
-        found = quillon.formats.get_format(_format(name))
-        facts = f"code {found.code:2}  {found.bits_per_weight:7.4f} bits per weight  rows a multiple of "
-        lines.append((found.name, facts + str(quillon.nn.kernel_row_multiple(found.name))))
+        found = quillon.formats.weight_format(_format(name))
+        multiple = quillon.nn.kernel_row_multiple(found.name, chosen_device_class(device_class, [found]))
+        facts = f"code {found.code:2}  {found.bits_per_weight:7.4f} bits per weight  rows a multiple of {multiple}"
+        lines.append((found.name, facts))
     return lines
 
 
-def quantize_file(source: str, format: str, target: str, fallback: str | None) -> str:
+def quantize_file(source: str, format: str, target: str, fallback: str | None, device_class: str | None) -> str:
     """Pack the matrices of a GGUF file and save them with torch.save; return a sentence about the result."""
-    tensors = quillon.from_gguf(source, _format(format), fallback=_format(fallback) if fallback else None)
+    tensors = quillon.from_gguf(
+        source, _format(format), fallback=_format(fallback) if fallback else None, device_class=device_class
+    )
     torch.save({name: vars(tensor) for name, tensor in tensors.items()}, target)
     packed = sum(tensor.format is not None for tensor in tensors.values())
     size = sum(tensor.data.nbytes for tensor in tensors.values())
@@ -88,12 +92,14 @@ def main(arguments: list[str] | None = None) -> int:
     packing.add_argument("format", help="a weight format")
     packing.add_argument("target", help="file to write, for torch.load")
     packing.add_argument("--fallback", help="format for matrices whose rows do not fit")
+    for command in (listing, packing):
+        command.add_argument("--device-class", choices=DEVICE_CLASSES, help="default: that of the current XPU")
     options = parser.parse_args(arguments)
     try:
         if options.command == "quantize":
-            print(quantize_file(options.source, options.format, options.target, options.fallback))
+            print(quantize_file(options.source, options.format, options.target, options.fallback, options.device_class))
             return 0
-        lines = info() if options.command == "info" else formats(options.names)
+        lines = info() if options.command == "info" else formats(options.names, options.device_class)
     except (ValueError, OSError) as problem:
         print(f"python -m quillon {options.command}: {problem}", file=sys.stderr)
         return 2

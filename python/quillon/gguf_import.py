@@ -11,7 +11,8 @@ from typing import Any
 import torch
 from torch import Tensor
 
-from quillon.formats import row_multiple, weight_format
+from quillon.formats import weight_format
+from quillon.nn import chosen_device_class, kernel_row_multiple
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
 from quillon.reference import dequantize_reference
@@ -59,17 +60,20 @@ def from_gguf(
     tensors: str | Iterable[str] = "*",
     dense: str | Iterable[str] = (),
     fallback: str | int | None = None,
+    device_class: str | None = None,
     progress: bool | None = None,
 ) -> dict[str, ImportedTensor]:
     """Read tensors of a GGUF file, decode them and pack the matrices into ``format``.
 
-    path      the file
-    format    name or code of the storage format for the matrices
-    tensors   shell-style pattern or patterns of the tensor names to read, for example ``"blk.*.weight"``
-    dense     pattern or patterns of names to keep dense, for example ``"token_embd.*"``
-    fallback  format for matrices whose row length is not a multiple of what ``format`` needs (64 or 256);
-              without one such a matrix is an error
-    progress  as for :func:`quillon.quantize`
+    path          the file
+    format        name or code of the storage format for the matrices
+    tensors       shell-style pattern or patterns of the tensor names to read, for example ``"blk.*.weight"``
+    dense         pattern or patterns of names to keep dense, for example ``"token_embd.*"``
+    fallback      format for matrices whose row length is not a multiple of what the kernels of ``format`` need
+                  (:func:`quillon.nn.kernel_row_multiple`); without one such a matrix is an error
+    device_class  the class of the device that the weights will be used on, as ``vesper_linear.get_xpu_device_name``
+                  gives; by default that of the current XPU
+    progress      as for :func:`quillon.quantize`
 
     Returns name -> :class:`ImportedTensor`, in the file's order. Tensors that do not have two dimensions are
     always dense. Names, and the order of a matrix's rows, are the file's own: some architectures keep the
@@ -78,8 +82,10 @@ def from_gguf(
     gguf package, and ``ValueError`` for a pattern that matches nothing and for a matrix that does not fit.
     """
     wanted, kept_dense = _patterns(tensors), _patterns(dense)
-    target = weight_format(format).name
-    second = None if fallback is None else weight_format(fallback).name
+    formats = [weight_format(name) for name in (format, fallback) if name is not None]
+    target = formats[0].name
+    device_class = chosen_device_class(device_class, formats)
+    multiples = {candidate.name: kernel_row_multiple(candidate.name, device_class) for candidate in formats}
     reader, decode = _reader(path)
     names = [tensor.name for tensor in reader.tensors]
     for pattern in (*wanted, *kept_dense):
@@ -89,12 +95,12 @@ def from_gguf(
     def choose(name: str, shape: tuple[int, ...]) -> str | None:
         if len(shape) != 2 or any(fnmatchcase(name, pattern) for pattern in kept_dense):
             return None
-        for candidate in (target, second):
-            if candidate is not None and shape[1] % row_multiple(candidate) == 0:
+        for candidate, multiple in multiples.items():
+            if shape[1] % multiple == 0:
                 return candidate
         raise ValueError(
-            f"{name} has {shape[1]} columns, which is no multiple of the {row_multiple(target)} that "
-            f"{target} needs; name a fallback format that fits or keep the tensor dense"
+            f"{name} has {shape[1]} columns, which is no multiple of the {multiples[target]} that the kernel of "
+            f"{target} needs on device class {device_class}; name a fallback format that fits or keep the tensor dense"
         )
 
     # The file gives the fastest dimension first. All choices are made before the long work starts.

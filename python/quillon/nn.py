@@ -33,6 +33,26 @@ def kernel_row_multiple(format: str | int, device_class: str = "unknown") -> int
     return row_multiple(name) if rounds is None else rounds.get(device_class, rounds[""])
 
 
+DEVICE_CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown")
+"""What ``vesper_linear.get_xpu_device_name`` can give, in order of code."""
+
+
+def chosen_device_class(device_class: str | None, formats: Iterable[Format]) -> str:
+    """The class whose row rule counts: the given one, by default that of the current XPU.
+
+    Without an XPU it is the class that asks the most of the given formats' rows, so that what is packed runs anywhere.
+    Raises ``ValueError`` for a name that no class has.
+    """
+    if device_class is None and torch.xpu.is_available():
+        return vesper_linear.get_xpu_device_name(torch.device("xpu"))
+    if device_class is None:
+        chosen = list(formats)
+        return max(DEVICE_CLASSES, key=lambda name: sum(kernel_row_multiple(one.name, name) for one in chosen))
+    if device_class not in DEVICE_CLASSES:
+        raise ValueError(f"unknown device class {device_class!r}; allowed: {', '.join(DEVICE_CLASSES)}")
+    return device_class
+
+
 def _shape_problem(format: Format, in_features: int, device_class: str) -> str | None:
     multiple = kernel_row_multiple(format.name, device_class)
     if in_features % multiple == 0:
@@ -220,7 +240,7 @@ def quantize_model(
     skip: Iterable[str] = (),
     *,
     fallback: str | int | None = None,
-    device_class: str = "unknown",
+    device_class: str | None = None,
     progress: Callable[[int, int, str], None] | None = None,
 ) -> QuantizationReport:
     """Replace every ``nn.Linear`` inside ``model`` by a :class:`LowBitLinear`, in place.
@@ -228,13 +248,15 @@ def quantize_model(
     skip          names of layers that stay dense, as in ``model.named_modules()``; shell patterns are allowed
                   (``"lm_head"``, ``"*.mlp.*"``)
     fallback      format of the layers whose row length ``format`` does not cover; None keeps them dense
-    device_class  the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name`` gives
+    device_class  the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name`` gives;
+                  by default that of the current XPU
     progress      called as ``progress(done, total, name)`` before each layer
 
     Layers of any subclass of ``nn.Linear`` are left alone, since what they do beside the product is not known.
     """
     chosen = weight_format(format)
     second = None if fallback is None else weight_format(fallback)
+    device_class = chosen_device_class(device_class, [chosen] if second is None else [chosen, second])
     patterns = tuple(skip)
     layers = [(name, module) for name, module in model.named_modules() if type(module) is nn.Linear]
     report = QuantizationReport()

@@ -24,9 +24,10 @@ def values() -> dict[str, np.ndarray]:
     return {
         "wide.weight": random.standard_normal((6, 512), dtype=np.float32),
         "narrow.weight": random.standard_normal((10, 192), dtype=np.float32),
-        "half.weight": random.standard_normal((4, 256), dtype=np.float32).astype(np.float16),
+        "half.weight": random.standard_normal((4, 1024), dtype=np.float32).astype(np.float16),
         "norm.weight": random.standard_normal(512, dtype=np.float32),
         "experts.weight": random.standard_normal((2, 3, 64), dtype=np.float32),
+        "quarter.weight": random.standard_normal((3, 256), dtype=np.float32),
         "odd.weight": random.standard_normal((5, 30), dtype=np.float32),
     }
 
@@ -80,6 +81,7 @@ def test_fallback_for_rows_that_do_not_fit(path: Path) -> None:
         "wide.weight": "q4_k",
         "narrow.weight": "q5_0",
         "half.weight": "q4_k",
+        "quarter.weight": "q5_0",
         "norm.weight": None,
         "experts.weight": None,
         "odd.weight": None,
@@ -87,8 +89,10 @@ def test_fallback_for_rows_that_do_not_fit(path: Path) -> None:
 
 
 def test_errors(path: Path, tmp_path: Path) -> None:
-    with pytest.raises(ValueError, match=r"narrow.weight has 192 columns, which is no multiple of the 256 that q4_k"):
-        from_gguf(path, "q4_k", tensors="narrow.*")
+    with pytest.raises(
+        ValueError, match=r"narrow.weight has 192 columns, which is no multiple of the 256 that .* q5_k"
+    ):
+        from_gguf(path, "q5_k", tensors="narrow.*")
     with pytest.raises(ValueError, match=r"odd.weight has 30 columns, .* name a fallback format"):
         from_gguf(path, "q4_k", fallback="q4_0")
     with pytest.raises(ValueError, match=r"no tensor of .* matches 'blk\.\*'; it has wide.weight, "):
@@ -101,6 +105,31 @@ def test_errors(path: Path, tmp_path: Path) -> None:
         from_gguf(path, "q4_0", fallback="q9")
     with pytest.raises(FileNotFoundError):
         from_gguf(tmp_path / "none.gguf", "q4_0")
+
+
+@pytest.mark.parametrize("name", ["q4_k", "q6_k"])
+def test_rows_that_a_kernel_would_cut_short(name: str, path: Path) -> None:
+    """The storage holds 256 columns; the kernels sum whole rounds of 512, or 1024 on elm, alone."""
+    with pytest.raises(
+        ValueError, match=rf"quarter.weight has 256 .* the 512 that the kernel of {name} needs on .* oak"
+    ):
+        from_gguf(path, name, tensors="quarter.*")
+    from_gguf(path, name, tensors="wide.*", device_class="legacy")
+    with pytest.raises(ValueError, match=r"wide.weight has 512 columns, .* the 1024 that .* on device class elm"):
+        from_gguf(path, name, tensors="wide.*", device_class="elm")
+    assert from_gguf(path, name, tensors="wide.*", device_class="elm", fallback="q5_k")["wide.weight"].format == "q5_k"
+    assert from_gguf(path, name, tensors="half.*", device_class="elm")["half.weight"].format == name
+
+
+def test_device_class_at_hand(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    with torch.xpu.device(1), pytest.raises(ValueError, match=r"the 1024 that .* on device class elm"):
+        from_gguf(path, "q4_k", tensors="wide.*")
+    with pytest.raises(ValueError, match="unknown device class 'Elm'; allowed: oak, elm, ash, "):
+        from_gguf(path, "q4_k", tensors="wide.*", device_class="Elm")
+    # Nothing at hand: what is packed has to run anywhere.
+    monkeypatch.setattr(torch.xpu, "is_available", lambda: False)
+    with pytest.raises(ValueError, match="the 1024 that"):
+        from_gguf(path, "q4_k", tensors="wide.*")
 
 
 def test_without_the_gguf_package(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:

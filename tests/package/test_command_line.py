@@ -36,6 +36,13 @@ def test_formats_by_name_and_code(capsys: pytest.CaptureFixture[str]) -> None:
     assert lines[1].endswith("multiple of 512")
 
 
+def test_formats_by_device_class(capsys: pytest.CaptureFixture[str]) -> None:
+    assert command_line.main(["formats", "q4_k", "q4_0", "--device-class", "elm"]) == 0
+    lines = capsys.readouterr().out.splitlines()
+    assert lines[0].endswith("multiple of 1024")
+    assert lines[1].endswith("multiple of 64")
+
+
 def test_errors_go_to_stderr_with_exit_code_2(capsys: pytest.CaptureFixture[str]) -> None:
     assert command_line.main(["formats", "nope"]) == 2
     assert "unknown format 'nope'" in capsys.readouterr().err

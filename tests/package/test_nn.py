@@ -10,7 +10,8 @@ import torch
 from torch import nn
 
 import quillon
-from quillon.nn import LowBitLinear, kernel_row_multiple, quantize_model
+import vesper_linear
+from quillon.nn import DEVICE_CLASSES, LowBitLinear, kernel_row_multiple, quantize_model
 
 DEVICE = "xpu:7"  # class unknown: the default launchers
 
@@ -129,6 +130,20 @@ def test_quantize_model_fallback() -> None:
     report = quantize_model(model, "q6_k", device_class="elm")
     assert not report.replaced
     assert report.kept["3"] == "in_features must be a multiple of 1024 for q6_k on device class elm, got 512"
+
+
+def test_quantize_model_takes_the_rule_of_the_current_device() -> None:
+    with torch.xpu.device(1):
+        assert quantize_model(small_model(), "q6_k", fallback="q8_0").replaced["3"] == "q8_0"
+    with torch.xpu.device(7):
+        assert quantize_model(small_model(), "q6_k", fallback="q8_0").replaced["3"] == "q6_k"
+    with pytest.raises(ValueError, match="unknown device class 'ELM'"):
+        quantize_model(small_model(), "q6_k", device_class="ELM")
+
+
+def test_names_of_the_device_classes() -> None:
+    names = [vesper_linear.get_xpu_device_name(torch.device("xpu", index)) for index in range(8)]
+    assert list(DEVICE_CLASSES) == names
 
 
 def test_quantized_model_runs() -> None:
