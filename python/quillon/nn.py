@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import fnmatch
+import sys
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 from typing import Any
@@ -12,11 +13,11 @@ from torch import Tensor, nn
 from torch.autograd import forward_ad
 
 import vesper_linear
-from quillon.formats import Format, row_multiple, weight_bytes, weight_format
+from quillon.formats import MAX_ELEMENTS, Format, row_multiple, weight_bytes, weight_format
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
 
-__all__ = ["LowBitLinear", "QuantizationReport", "kernel_row_multiple", "quantize_model"]
+__all__ = ["LowBitExperts", "LowBitLinear", "QuantizationReport", "kernel_row_multiple", "quantize_model"]
 
 # The matrix-vector kernels of these formats sum whole rounds of a work-group alone: a row that is no multiple of a
 # round would lose its tail without a word. On class elm a work-group, and with it a round, is twice as large.
@@ -125,6 +126,24 @@ def _needs_derivatives(input: Tensor) -> bool:
     )
 
 
+def _apply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
+    """:func:`_multiply` as a layer has it: under autocast in its element type, and with derivatives where asked for."""
+    input = _as_autocast(input)
+    product = _product if _needs_derivatives(input) else _multiply
+    return product(input, packed, format, out_features)
+
+
+def _check_device(format: Format, row_lengths: Iterable[int], device: torch.device) -> None:
+    """Raise ``ValueError`` unless the kernels of ``format`` on ``device`` cover rows of these lengths."""
+    if device.type != "xpu":
+        raise ValueError(f"input must be on an XPU, where the packed kernels run, got device {device}")
+    device_class = vesper_linear.get_xpu_device_name(device)
+    for length in row_lengths:
+        problem = _shape_problem(format, length, device_class)
+        if problem:
+            raise ValueError(problem)
+
+
 def _as_autocast(input: Tensor) -> Tensor:
     """The input in the element type in which autocast has dense layers compute: all but float64 is cast."""
     if torch.is_autocast_enabled("xpu") and input.is_floating_point() and input.dtype != torch.float64:
@@ -175,25 +194,34 @@ class LowBitLinear(nn.Module):
 
         ``importance``: (in_features,), how much each column counts in the quantizer's squared error.
         """
-        layer = cls(linear.in_features, linear.out_features, format, bias=linear.bias is not None)
-        device = linear.weight.device
-        packed = quantize(linear.weight.detach().cpu(), layer.format.name, importance=importance)
-        layer.packed = packed.to(device)
-        if linear.bias is not None:
-            layer.bias = linear.bias.detach().clone()
+        layer = cls.from_weight(linear.weight, linear.bias, format, importance=importance)
         return layer.train(linear.training)
+
+    @classmethod
+    def from_weight(
+        cls, weight: Tensor, bias: Tensor | None, format: str | int, *, importance: Tensor | None = None
+    ) -> LowBitLinear:
+        """Pack a weight, (out_features, in_features). The result lies on its device.
+
+        ``importance``: as for :meth:`from_linear`.
+        """
+        out_features, in_features = weight.shape
+        layer = cls(in_features, out_features, format, bias=bias is not None)
+        layer.packed = quantize(weight.detach(), layer.format.name, importance=importance).to(weight.device)
+        if bias is not None:
+            layer.bias = bias.detach().clone()
+        return layer
 
     def forward(self, input: Tensor) -> Tensor:
         """Apply the layer to ``input``, (..., in_features); gives (..., out_features)."""
-        if input.shape[-1] != self.in_features:
+        if input.dim() == 0 or input.shape[-1] != self.in_features:
             raise ValueError(
                 f"input must have {self.in_features} columns (in_features), got shape {tuple(input.shape)}"
             )
         if input.device not in self._checked_devices:
-            self._check_device(input.device)
-        input = _as_autocast(input)
-        product = _product if _needs_derivatives(input) else _multiply
-        output = product(input, self.packed, self.format, self.out_features)
+            _check_device(self.format, (self.in_features,), input.device)
+            self._checked_devices.add(input.device)
+        output = _apply(input, self.packed, self.format, self.out_features)
         if self.bias is not None:
             output = (output + self.bias).to(output.dtype)
         return output
@@ -211,13 +239,124 @@ class LowBitLinear(nn.Module):
             f"bias={self.bias is not None}"
         )
 
-    def _check_device(self, device: torch.device) -> None:
-        if device.type != "xpu":
-            raise ValueError(f"input must be on an XPU, where the packed kernels run, got device {device}")
-        problem = _shape_problem(self.format, self.in_features, vesper_linear.get_xpu_device_name(device))
-        if problem:
-            raise ValueError(problem)
-        self._checked_devices.add(device)
+
+class LowBitExperts(nn.Module):
+    """The experts of a mixture-of-experts layer, their weights packed one by one.
+
+    Made by :meth:`from_experts` from a module that keeps its experts as two parameters of three dimensions. What else
+    that module had, biases and activation, stays in ``shell``.
+
+    Buffers: ``packed_up`` and ``packed_down``, uint8, (experts, bytes): the products before and after the activation.
+    """
+
+    packed_up: Tensor
+    packed_down: Tensor
+
+    def __init__(self, shell: nn.Module, packed_up: Tensor, packed_down: Tensor, layout: _ExpertLayout) -> None:
+        """Make the module from what :meth:`from_experts` has packed."""
+        super().__init__()
+        self.shell = shell
+        self.layout = layout
+        self.register_buffer("packed_up", packed_up)
+        self.register_buffer("packed_down", packed_down)
+        self._checked_devices: set[torch.device] = set()
+
+    @classmethod
+    def from_experts(cls, experts: nn.Module, format: str | int) -> LowBitExperts:
+        """Pack the experts of a module, which loses its two parameters to the result's ``shell``.
+
+        The module is one of those whose parameters :func:`torch.nn.functional.linear` takes expert by expert, or their
+        transposes, and which says so in ``is_transposed``, ``has_gate`` and ``has_bias``.
+        """
+        layout = _expert_layout(experts, weight_format(format))
+        if layout is None:
+            raise ValueError(f"{type(experts).__name__} is no module of experts that can be packed")
+
+        def pack(name: str) -> Tensor:
+            weights = getattr(experts, name).detach()
+            if layout.transposed:
+                weights = weights.transpose(1, 2)
+            return torch.stack([quantize(weight, layout.format.name) for weight in weights]).to(weights.device)
+
+        up, down = pack(layout.up), pack("down_proj")
+        delattr(experts, layout.up)
+        del experts.down_proj
+        return cls(experts, up, down, layout).train(experts.training)
+
+    def forward(self, hidden_states: Tensor, top_k_index: Tensor, top_k_weights: Tensor) -> Tensor:
+        """Sum of the experts that each token chose, times their weights.
+
+        hidden_states (tokens, columns); top_k_index (tokens, slots), numbers of experts, where the number of experts
+        itself stands for none; top_k_weights (tokens, slots). Returns (tokens, columns).
+        """
+        layout, device = self.layout, hidden_states.device
+        shell: Any = self.shell
+        if device not in self._checked_devices:
+            _check_device(layout.format, (layout.columns, layout.inner), device)
+            self._checked_devices.add(device)
+        ids = top_k_index.to(device="cpu", dtype=torch.int32).contiguous()
+        slots, tokens = vesper_linear.get_moe_indexes(ids, layout.experts + 1)
+        result = torch.zeros_like(hidden_states)
+        for expert in range(layout.experts):
+            if not tokens[expert]:
+                continue
+            token = torch.tensor(tokens[expert], device=device)
+            slot = torch.tensor(slots[expert], device=device)
+            up = _apply(hidden_states[token], self.packed_up[expert], layout.format, layout.up_rows)
+            if layout.biased:
+                up = up + getattr(shell, layout.up + "_bias")[expert].to(up.dtype)
+            inner = shell._apply_gate(up) if layout.gated else shell.act_fn(up)
+            output = _apply(inner, self.packed_down[expert], layout.format, layout.columns)
+            if layout.biased:
+                output = output + shell.down_proj_bias[expert].to(output.dtype)
+            output = output * top_k_weights[token, slot, None]
+            result.index_add_(0, token, output.to(result.dtype))
+        return result
+
+    def extra_repr(self) -> str:
+        """Return the shape and format for ``repr``."""
+        layout = self.layout
+        return f"experts={layout.experts}, columns={layout.columns}, inner={layout.inner}, format={layout.format.name}"
+
+
+@dataclass(frozen=True)
+class _ExpertLayout:
+    """How a module keeps its experts."""
+
+    format: Format
+    experts: int
+    columns: int
+    """Row length of the first product, which is also the length of the result's rows."""
+    inner: int
+    """Row length of the second product."""
+    up: str
+    """Name of the first product's parameter."""
+    up_rows: int
+    transposed: bool
+    gated: bool
+    biased: bool
+
+
+def _expert_layout(module: nn.Module, format: Format) -> _ExpertLayout | None:
+    """The layout of a module that says of itself how it keeps its experts, or None."""
+    says = [getattr(module, name, None) for name in ("is_transposed", "has_gate", "has_bias", "has_post_expert_norm")]
+    if not all(isinstance(one, bool) for one in says) or says[3]:
+        return None
+    transposed, gated, biased, _ = says
+    up = "gate_up_proj" if gated else "up_proj"
+    parameters = dict(module.named_parameters(recurse=False))
+    expected = {up, "down_proj"} | ({f"{up}_bias", "down_proj_bias"} if biased else set())
+    if set(parameters) != expected or not hasattr(module, "_apply_gate" if gated else "act_fn"):
+        return None
+    first, second = parameters[up], parameters["down_proj"]
+    if first.dim() != 3 or second.dim() != 3:
+        return None
+    experts, up_rows, columns = first.mT.shape if transposed else first.shape
+    down_shape = second.mT.shape if transposed else second.shape
+    inner = up_rows // 2 if gated else up_rows
+    if down_shape != (experts, columns, inner):
+        return None
+    return _ExpertLayout(format, experts, columns, inner, up, up_rows, bool(transposed), bool(gated), bool(biased))
 
 
 @dataclass
@@ -243,7 +382,7 @@ def quantize_model(
     device_class: str | None = None,
     progress: Callable[[int, int, str], None] | None = None,
 ) -> QuantizationReport:
-    """Replace every ``nn.Linear`` inside ``model`` by a :class:`LowBitLinear`, in place.
+    """Replace every dense layer inside ``model`` by one that keeps its weight packed, in place.
 
     skip          names of layers that stay dense, as in ``model.named_modules()``; shell patterns are allowed
                   (``"lm_head"``, ``"*.mlp.*"``)
@@ -252,31 +391,109 @@ def quantize_model(
                   by default that of the current XPU
     progress      called as ``progress(done, total, name)`` before each layer
 
-    Layers of any subclass of ``nn.Linear`` are left alone, since what they do beside the product is not known.
+    Packed are ``nn.Linear`` and the ``Conv1D`` of transformers (:class:`LowBitLinear`), and modules that keep the
+    experts of a mixture as parameters of three dimensions in the layout of transformers (:class:`LowBitExperts`).
+    Whatever else holds a matrix stays as it is and, embeddings apart, is named in the report's ``kept``: subclasses of
+    ``nn.Linear`` for example, since what they do beside the product is not known.
     """
-    chosen = weight_format(format)
-    second = None if fallback is None else weight_format(fallback)
-    device_class = chosen_device_class(device_class, [chosen] if second is None else [chosen, second])
+    formats = [weight_format(name) for name in (format, fallback) if name is not None]
+    device_class = chosen_device_class(device_class, formats)
     patterns = tuple(skip)
-    layers = [(name, module) for name, module in model.named_modules() if type(module) is nn.Linear]
+    # A module that has several places in the model is packed once and replaced in all of them.
+    places: dict[nn.Module, list[str]] = {}
+    for name, module in model.named_modules(remove_duplicate=False):
+        places.setdefault(module, []).append(name)
     report = QuantizationReport()
-    for done, (name, linear) in enumerate(layers):
+    candidates = []
+    for module, names in places.items():
+        shapes = _packed_shapes(module)
+        if shapes is not None:
+            candidates.append((module, names, shapes))
+        elif _holds_a_matrix(module):
+            report.kept |= dict.fromkeys(names, _why_not_packed(module))
+    if any(module is model for module, _, _ in candidates):
+        raise ValueError(
+            f"model is a {type(model).__name__} itself, which has no place to be replaced in; "
+            "give the module that holds it, or use LowBitLinear.from_linear"
+        )
+    for done, (module, names, shapes) in enumerate(candidates):
         if progress is not None:
-            progress(done, len(layers), name)
-        if any(fnmatch.fnmatchcase(name, pattern) for pattern in patterns):
-            report.kept[name] = "skipped by name"
+            progress(done, len(candidates), names[0])
+        if any(fnmatch.fnmatchcase(name, pattern) for name in names for pattern in patterns):
+            report.kept |= dict.fromkeys(names, "skipped by name")
             continue
-        problem = _shape_problem(chosen, linear.in_features, device_class)
-        used = chosen
-        if problem and second and not _shape_problem(second, linear.in_features, device_class):
-            used, problem = second, None
-        if problem:
-            report.kept[name] = problem
+        problems = [_problem_of_shapes(one, shapes, device_class) for one in formats]
+        if all(problems):
+            report.kept |= dict.fromkeys(names, str(problems[0]))
             continue
-        layer = LowBitLinear.from_linear(linear, used.name)
-        parent_name, _, child = name.rpartition(".")
-        setattr(model.get_submodule(parent_name), child, layer)
-        report.replaced[name] = used.name
-        report.dense_bytes += linear.weight.numel() * linear.weight.element_size()
-        report.packed_bytes += layer.packed.numel()
+        used = formats[problems.index(None)]
+        report.dense_bytes += sum(weight.numel() * weight.element_size() for weight in _weights(module))
+        try:
+            layer = _pack(module, used)
+        except (TypeError, ValueError) as problem:
+            raise type(problem)(f"{names[0]}: {problem}") from problem
+        report.packed_bytes += sum(
+            buffer.numel() for name, buffer in layer.named_buffers() if name.startswith("packed")
+        )
+        for name in names:
+            parent_name, _, child = name.rpartition(".")
+            setattr(model.get_submodule(parent_name), child, layer)
+            report.replaced[name] = used.name
     return report
+
+
+def _is_conv1d(module: nn.Module) -> bool:
+    """Whether a module is transformers' linear layer with a transposed weight."""
+    library = sys.modules.get("transformers.pytorch_utils")
+    return library is not None and type(module) is library.Conv1D
+
+
+def _weights(module: nn.Module) -> list[nn.Parameter]:
+    """The weights of a module that can be packed: biases have a dimension less."""
+    parameters = list(module.parameters(recurse=False))
+    return [one for one in parameters if one.dim() == max(other.dim() for other in parameters)]
+
+
+def _packed_shapes(module: Any) -> list[tuple[int, int]] | None:
+    """Rows and columns of the matrices that :func:`_pack` would make of a module, or None for what it cannot pack."""
+    if type(module) is nn.Linear:
+        return [(module.out_features, module.in_features)]
+    if _is_conv1d(module):
+        columns, rows = module.weight.shape
+        return [(rows, columns)]
+    layout = _expert_layout(module, weight_format("q4_0"))
+    return None if layout is None else [(layout.up_rows, layout.columns), (layout.columns, layout.inner)]
+
+
+def _problem_of_shapes(format: Format, shapes: Iterable[tuple[int, int]], device_class: str) -> str | None:
+    for rows, columns in shapes:
+        problem = _shape_problem(format, columns, device_class)
+        if problem is None and rows * columns > MAX_ELEMENTS:
+            problem = f"a weight has at most {MAX_ELEMENTS} elements, got {rows} by {columns}"
+        if problem is not None:
+            return problem
+    return None
+
+
+def _pack(module: Any, format: Format) -> nn.Module:
+    """The packed module in place of one that :func:`_packed_shapes` has shapes of."""
+    if type(module) is nn.Linear:
+        return LowBitLinear.from_linear(module, format.name)
+    if _is_conv1d(module):
+        return LowBitLinear.from_weight(module.weight.T, module.bias, format.name).train(module.training)
+    return LowBitExperts.from_experts(module, format.name)
+
+
+def _holds_a_matrix(module: nn.Module) -> bool:
+    if isinstance(module, nn.Embedding | nn.EmbeddingBag | LowBitLinear | LowBitExperts):
+        return False
+    return any(parameter.dim() > 1 for parameter in module.parameters(recurse=False))
+
+
+def _why_not_packed(module: nn.Module) -> str:
+    kind = type(module).__name__
+    if isinstance(module, nn.Linear):
+        return f"{kind} is a subclass of Linear, and what it does beside the product is not known"
+    shapes = {name: tuple(p.shape) for name, p in module.named_parameters(recurse=False) if p.dim() > 1}
+    described = ", ".join(f"{name} {shape}" for name, shape in shapes.items())
+    return f"{kind} is no layer that can be packed; it holds {described}"
