@@ -3,9 +3,16 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
+import errno
 import importlib.metadata
+import os
 import platform
+import re
 import sys
+from collections.abc import Iterator
+from pathlib import Path
+from typing import BinaryIO
 
 import torch
 
@@ -47,15 +54,18 @@ def info() -> list[tuple[str, str]]:
         ("formats", ", ".join(quillon.formats.WEIGHT_FORMATS)),
     ]
     for index in range(torch.xpu.device_count()):
-        device = torch.device("xpu", index)
-        name = vesper_linear.get_xpu_device_name(device)
-        lines.append((f"xpu:{index}", f"{torch.xpu.get_device_name(index)}, class {name}, {_architecture(index)}"))
+        try:
+            name = vesper_linear.get_xpu_device_name(torch.device("xpu", index))
+            facts = f"{torch.xpu.get_device_name(index)}, class {name}, {_architecture(index)}"
+        except RuntimeError as problem:
+            facts = f"not usable: {problem}"
+        lines.append((f"xpu:{index}", facts))
     return lines
 
 
 def _format(text: str) -> str:
     """A format's name, from a name or a code."""
-    return quillon.formats.format_name(int(text) if text.isdigit() else text)
+    return quillon.formats.format_name(int(text) if re.fullmatch("[0-9]{1,9}", text) else text)
 
 
 def formats(names: list[str], device_class: str | None) -> list[tuple[str, str]]:
@@ -69,12 +79,41 @@ def formats(names: list[str], device_class: str | None) -> list[tuple[str, str]]
     return lines
 
 
+@contextlib.contextmanager
+def _written_when_complete(target: Path) -> Iterator[BinaryIO]:
+    """Open a file that takes the place of ``target`` at the end; nothing is left of it after a failure.
+
+    It is opened at once, so that a target which cannot be written fails before the work, not after it.
+    """
+    if target.is_dir():
+        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), str(target))
+    if target.exists() and not os.access(target, os.W_OK):
+        raise PermissionError(errno.EACCES, os.strerror(errno.EACCES), str(target))
+    if target.exists() and not target.is_file():  # a pipe or a device
+        with open(target, "wb") as file:
+            yield file
+        return
+    part = target.with_name(target.name + ".part")
+    try:
+        with open(part, "wb") as file:
+            yield file
+        os.replace(part, target)
+    finally:
+        part.unlink(missing_ok=True)
+
+
 def quantize_file(source: str, format: str, target: str, fallback: str | None, device_class: str | None) -> str:
     """Pack the matrices of a GGUF file and save them with torch.save; return a sentence about the result."""
-    tensors = quillon.from_gguf(
-        source, _format(format), fallback=_format(fallback) if fallback else None, device_class=device_class
-    )
-    torch.save({name: vars(tensor) for name, tensor in tensors.items()}, target)
+    if os.path.exists(target) and os.path.exists(source) and os.path.samefile(source, target):
+        raise ValueError(f"the target is the source: {target}")
+    with _written_when_complete(Path(target)) as file:
+        tensors = quillon.from_gguf(
+            source, _format(format), fallback=_format(fallback) if fallback else None, device_class=device_class
+        )
+        try:
+            torch.save({name: vars(tensor) for name, tensor in tensors.items()}, file)
+        except RuntimeError as problem:  # torch's own word for a write that failed
+            raise OSError(f"writing {target} failed: {problem}") from problem
     packed = sum(tensor.format is not None for tensor in tensors.values())
     size = sum(tensor.data.nbytes for tensor in tensors.values())
     return f"{packed} matrices packed, {len(tensors) - packed} tensors dense, {size / 1e6:.1f} MB in {target}"
@@ -100,7 +139,7 @@ def main(arguments: list[str] | None = None) -> int:
             print(quantize_file(options.source, options.format, options.target, options.fallback, options.device_class))
             return 0
         lines = info() if options.command == "info" else formats(options.names, options.device_class)
-    except (ValueError, OSError) as problem:
+    except (ValueError, OSError, ImportError) as problem:
         print(f"python -m quillon {options.command}: {problem}", file=sys.stderr)
         return 2
     for what, value in lines:

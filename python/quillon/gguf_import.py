@@ -50,7 +50,19 @@ def _reader(path: str | PathLike[str]) -> tuple[Any, Any]:
         import gguf
     except ImportError as missing:
         raise ImportError("from_gguf needs the gguf package: pip install 'quillon[gguf]'") from missing
-    return gguf.GGUFReader(path), gguf.quants.dequantize
+    with open(path, "rb") as file:
+        magic = file.read(4)
+    if magic != b"GGUF":
+        raise ValueError(f"{path} is no GGUF file: it begins with {magic!r}")
+    try:
+        return gguf.GGUFReader(path), gguf.quants.dequantize
+    except OSError:
+        raise
+    except Exception as problem:  # whatever a parser runs into in bytes that are not there or not what they should be
+        raise ValueError(
+            f"{path} cannot be read as a GGUF file: it is cut short, damaged, or of a version that the gguf package "
+            "does not know"
+        ) from problem
 
 
 def from_gguf(
@@ -79,7 +91,8 @@ def from_gguf(
     always dense. Names, and the order of a matrix's rows, are the file's own: some architectures keep the
     rows of the query and key projections in another order there than in a checkpoint of another kind. What
     the file's own quantization lost stays lost. Raises ``FileNotFoundError``, ``ImportError`` without the
-    gguf package, and ``ValueError`` for a pattern that matches nothing and for a matrix that does not fit.
+    gguf package, and ``ValueError`` for a file that is damaged or no GGUF file, a pattern that matches nothing,
+    a matrix that does not fit, and a tensor that cannot be decoded or packed.
     """
     wanted, kept_dense = _patterns(tensors), _patterns(dense)
     formats = [weight_format(name) for name in (format, fallback) if name is not None]
@@ -113,8 +126,11 @@ def from_gguf(
     bar = Progress(f"repack as {target}", sum(int(tensor.n_elements) for tensor, _, _ in chosen), progress)
     result = {}
     for tensor, shape, name in chosen:
-        values = torch.tensor(decode(tensor.data, tensor.tensor_type), dtype=torch.float32).view(shape)
-        data = values if name is None else quantize(values, name, progress=False)
+        try:
+            values = torch.tensor(decode(tensor.data, tensor.tensor_type), dtype=torch.float32).view(shape)
+            data = values if name is None else quantize(values, name, progress=False)
+        except (ValueError, NotImplementedError) as problem:
+            raise ValueError(f"{tensor.name} of {path}, type {tensor.tensor_type.name}: {problem}") from problem
         result[tensor.name] = ImportedTensor(name, shape, data)
         bar.advance(int(tensor.n_elements))
     bar.close()

@@ -132,6 +132,46 @@ def test_device_class_at_hand(path: Path, monkeypatch: pytest.MonkeyPatch) -> No
         from_gguf(path, "q4_k", tensors="wide.*")
 
 
+def test_files_that_are_cut_short(path: Path, tmp_path: Path) -> None:
+    """Wherever the file ends, in the header or in the data, the message is about the file."""
+    whole, short = path.read_bytes(), tmp_path / "short.gguf"
+    end = len(whole) - 8  # the last tensor is padded to a multiple of 32 bytes
+    for length in (*range(4, 400, 7), 500, 600, 700, end // 2, end - 100, end - 1):
+        short.write_bytes(whole[:length])
+        with pytest.raises(
+            ValueError, match=r"^\S+short.gguf cannot be read as a GGUF file: it is cut short, damaged, or"
+        ):
+            from_gguf(short, "q4_0", tensors="wide.*")
+
+
+@pytest.mark.parametrize("content", [b"", b"GG", b"PK\x03\x04 a zip file"])
+def test_files_of_another_kind(content: bytes, tmp_path: Path) -> None:
+    other = tmp_path / "other.gguf"
+    other.write_bytes(content)
+    with pytest.raises(ValueError, match=r"other.gguf is no GGUF file: it begins with b'"):
+        from_gguf(other, "q4_0")
+    with pytest.raises(IsADirectoryError):
+        from_gguf(tmp_path, "q4_0")
+
+
+def test_tensors_that_cannot_be_packed_are_named(tmp_path: Path) -> None:
+    path = tmp_path / "infinite.gguf"
+    writer = gguf.GGUFWriter(path, "llama")
+    writer.add_tensor("blk.0.weight", np.full((2, 64), np.inf, dtype=np.float32))
+    kind = gguf.GGMLQuantizationType.Q8_K
+    writer.add_tensor("blk.1.weight", np.zeros((2, 292), dtype=np.uint8), raw_dtype=kind)
+    writer.write_header_to_file()
+    writer.write_kv_data_to_file()
+    writer.write_tensors_to_file()
+    writer.close()
+    with pytest.raises(ValueError, match=r"^blk.0.weight of .*infinite.gguf, type F32: weight must be finite"):
+        from_gguf(path, "q4_0", tensors="blk.0.*")
+    with pytest.raises(
+        ValueError, match=r"^blk.1.weight of .*infinite.gguf, type Q8_K: Dequantization for Q8_K is not"
+    ):
+        from_gguf(path, "q4_0", tensors="blk.1.*")
+
+
 def test_without_the_gguf_package(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     real = builtins.__import__
 
