@@ -171,8 +171,12 @@ class Benchmark:
             speed = weight_bytes(name, self.rows, self.cols) / own / 1e6
             read = milliseconds[f"read {name}"]
             others = [compared(milliseconds.get(other), own) for other in SHARED]
-            cells = [f"{own:.2f}", f"{speed:.1f}", f"{read:.2f}", f"{own / read:.1f}", *others]
+            cells = [shown(own), f"{speed:.1f}", shown(read), f"{own / read:.1f}", *others]
             yield [f"{self.rows}x{self.cols}", self.dtype, name, *cells]
+
+
+def shown(milliseconds: float) -> str:
+    return f"{milliseconds:.2f}" if milliseconds >= 1 else f"{milliseconds:.3f}"
 
 
 def compared(other: float | None, own: float) -> str:
@@ -180,7 +184,7 @@ def compared(other: float | None, own: float) -> str:
     if other is None:
         return "-"
     ratio = f"{other / own:.2f}"
-    return f"{other:.2f} ({f'**{ratio}**' if other < own else ratio})"
+    return f"{shown(other)} ({f'**{ratio}**' if other < own else ratio})"
 
 
 def parse_shape(text: str) -> tuple[int, int]:

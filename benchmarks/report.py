@@ -20,6 +20,7 @@ import subprocess
 import sys
 from collections.abc import Callable
 from importlib.metadata import PackageNotFoundError, version
+from itertools import groupby
 from pathlib import Path
 
 import gpu_code
@@ -105,13 +106,19 @@ def output_of(command: list[str]) -> str:
     ).stdout.strip("\n")
 
 
+def as_markdown(printed: str) -> str:
+    """What a command printed: tables as they stand, everything else as the terminal shows it."""
+    parts = []
+    for is_table, group in groupby(printed.splitlines(), lambda line: line.startswith("|")):
+        text = "\n".join(group).strip("\n")
+        parts.append(text if is_table else f"```\n{text}\n```")
+    return "\n\n".join(parts)
+
+
 def write_models(_arguments: argparse.Namespace) -> None:
     for file, command in ((SHORT, DEMO), (TABLES, DEMO_BY_FORMAT)):
-        printed = output_of(command).split("\n\n")
-        # A table stands as it is, everything else as the terminal shows it.
-        blocks = [block if block.startswith("| ") else f"```\n{block}\n```" for block in printed]
         shown = "    python " + " ".join(command)
-        write_section(file, "models", "\n\n".join([provenance(*host_facts()), shown, *blocks]))
+        write_section(file, "models", "\n\n".join([provenance(*host_facts()), shown, as_markdown(output_of(command))]))
 
 
 def write_gpu_code(arguments: argparse.Namespace) -> None:
@@ -122,7 +129,7 @@ def write_gpu_code(arguments: argparse.Namespace) -> None:
     costs, errors = gpu_code.measured_costs([k for k in kernels() if k.format in formats], ["float", "c10::Half"])
     for error in errors:
         print(error, file=sys.stderr)
-    line = provenance(f"compiler {compiler_version(compiler)}")
+    line = provenance("compiler " + "".join(filter(str.isprintable, compiler_version(compiler))).strip())
     in_float = {case: cost for case, cost in costs.items() if case.element_type == "float"}
     write_section(SHORT, "gpu_code", f"{line}\n\n{gpu_code.markdown(*gpu_code.by_class(in_float))}")
     write_section(TABLES, "gpu_code", f"{line}\n\n{gpu_code.markdown(gpu_code.HEADINGS, gpu_code.table(costs))}")
