@@ -8,11 +8,12 @@ from pathlib import Path
 
 import pytest
 
-from quillon.formats import FORMATS
+from quillon.formats import FORMATS, WEIGHT_FORMATS
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tools"))
 
+import format_files  # noqa: E402
 from sections import section, with_section, write_section  # noqa: E402
 
 PAGE = "by hand\n<!-- begin a: written by x -->\nold\n<!-- end a -->\nby hand too\n"
@@ -37,6 +38,15 @@ def test_a_section_must_be_there_once(page: str) -> None:
 @pytest.mark.parametrize("name", ["times", "models", "gpu_code"])
 def test_performance_pages_have_a_section_for_each_part(page: str, name: str) -> None:
     assert section((ROOT / "docs" / page).read_text(), name).strip()
+
+
+def test_where_a_format_is() -> None:
+    """The table of docs/architecture.md is what its command writes, and its links lead to files."""
+    written = section(format_files.PAGE.read_text(), format_files.SECTION)
+    assert written == format_files.table() + "\n", "run: python tools/format_files.py"
+    links = re.findall(r"\]\(\.\./([^)]+)\)", written)
+    assert len(links) == 3 * len(WEIGHT_FORMATS)
+    assert [link for link in links if not (ROOT / link).is_file()] == []
 
 
 def test_formats_at_a_glance() -> None:
