@@ -2,22 +2,20 @@
 
 #include <c10/util/Exception.h>
 
-#include <limits>
-
 #include "dispatch/device_class_query.h"
 #include "dispatch/format_check.h"
 #include "dispatch/launchers.h"
-#include "dispatch/road.h"
+#include "dispatch/path.h"
 #include "formats/registry.h"
 
 namespace quillon {
 namespace {
 
-const LauncherTable& launcher_table(Road road) {
-  switch (road) {
-    case Road::launchers_elm:
+const LauncherTable& launcher_table(Path path) {
+  switch (path) {
+    case Path::launchers_elm:
       return qlinear_launchers_elm;
-    case Road::launchers_legacy:
+    case Path::launchers_legacy:
       return qlinear_launchers_legacy;
     default:
       return qlinear_launchers_default;
@@ -28,12 +26,11 @@ const LauncherTable& launcher_table(Road road) {
 // inside a weight from 32-bit products.
 void check_extents(const at::Tensor& input, const at::Tensor& weight, std::uint64_t batch, std::uint64_t state_size,
                    std::uint64_t output_size) {
-  constexpr std::uint64_t kMaxElements = std::numeric_limits<std::int32_t>::max();
   TORCH_CHECK(input.numel() > 0 || batch == 0, "forward_new: input of shape ", input.sizes(), " has no elements");
   TORCH_CHECK(weight.numel() > 0 || output_size == 0, "forward_new: weight of shape ", weight.sizes(),
               " has no bytes; give the flat tensor that a quantizer returns");
-  TORCH_CHECK(output_size == 0 || output_size * state_size <= kMaxElements, "forward_new: a weight of ", output_size,
-              " rows of ", state_size, " elements is too large; a weight has at most ", kMaxElements, " elements");
+  TORCH_CHECK(output_size == 0 || output_size * state_size <= max_elements, "forward_new: a weight of ", output_size,
+              " rows of ", state_size, " elements is too large; a weight has at most ", max_elements, " elements");
 }
 
 }  // namespace
@@ -50,12 +47,12 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
 
   check_extents(input, weight, batch, state_size, output_size);
   const XpuDeviceClass device_class = get_device_class(input.device());
-  const Road road = choose_road(device_class, qtype, batch, output_size);
-  TORCH_CHECK_NOT_IMPLEMENTED(road != Road::matrix_engine, "forward_new: the matrix-engine path, which ",
+  const Path path = choose_path(device_class, qtype, batch, output_size);
+  TORCH_CHECK_NOT_IMPLEMENTED(path != Path::matrix_engine, "forward_new: the matrix-engine path, which ",
                               describe_format(qtype), " takes with a batch of ", batch, " on device class ",
                               device_class_name(device_class),
                               ", is not available in this release; give one row at a time");
-  const Launcher launcher = launcher_table(road)[qtype];
+  const Launcher launcher = launcher_table(path)[qtype];
   TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: no kernels for ", describe_format(qtype),
                               " in this release");
   return launcher(input, weight, batch, state_size, output_size, input_size);

@@ -1,4 +1,4 @@
-// All formats at once. Kernels include the one header of their family.
+// All formats at once. Kernels include the one header that has theirs.
 #pragma once
 
 #include "formats/code_books.h"

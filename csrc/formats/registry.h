@@ -7,7 +7,7 @@
 //   regions  | field A of all blocks | field B of all blocks | ...
 //
 // Element i of the flat numbering is row i / state_size, column i % state_size; blocks follow one another in
-// that numbering. What the bytes of a block mean is told in the header of the format's family.
+// that numbering. What the bytes of a block mean is told in the header with its decode rule.
 #pragma once
 
 #include <cstddef>

@@ -11,13 +11,13 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
-from quillon._chunks import for_each_chunk
+from quillon._pieces import for_each_piece
 from quillon.formats import check_shape, field_offsets
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4, iq1s_grid, iq2xxs_grid, ksigns_iq2xs
 
 __all__ = ["dequantize_reference"]
 
-# Fields of a chunk of blocks: name -> uint8 (blocks, bytes).
+# Fields of some blocks: name -> uint8 (blocks, bytes).
 Fields = dict[str, Tensor]
 
 
@@ -102,15 +102,15 @@ def _fp8_e5m2(f: Fields, dtype: torch.dtype) -> Tensor:
     return _as_half(f["qs"].int() << 8 | 0x80).to(dtype)
 
 
-def _six_bits(ql: Tensor, qh: Tensor, lane_of: tuple[int, int, int, int]) -> tuple[Tensor, Tensor]:
+def _six_bits(ql: Tensor, qh: Tensor, byte_of: tuple[int, int, int, int]) -> tuple[Tensor, Tensor]:
     """(4-bit, 2-bit) parts of each element, int32 (blocks, elements).
 
     16 elements own words 2 g and 2 g + 1 of ``ql`` and word g of ``qh``; element 4 i + p is in byte
-    ``lane_of[p]``.
+    ``byte_of[p]``.
     """
     blocks = len(ql)
-    low_words = ql.int().view(blocks, -1, 2, 4)[..., lane_of]
-    high_words = qh.int().view(blocks, -1, 1, 4)[..., lane_of]
+    low_words = ql.int().view(blocks, -1, 2, 4)[..., byte_of]
+    high_words = qh.int().view(blocks, -1, 1, 4)[..., byte_of]
     # Steps 0 and 1 read the first low word, steps 2 and 3 the second; the even step has the high nibble.
     low = torch.stack((low_words >> 4, low_words & 15), dim=3)
     high = torch.cat([high_words >> shift & 3 for shift in (6, 4, 2, 0)], dim=2)
@@ -229,7 +229,7 @@ _DECODERS: dict[str, Callable[[Fields, torch.dtype], Tensor]] = {
 }
 
 _DTYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
-_CHUNK_ELEMENTS = 1 << 16
+_PIECE_ELEMENTS = 1 << 16
 
 
 def dequantize_reference(
@@ -279,7 +279,7 @@ def dequantize_reference(
             values = values * _float(fields["d"]).to(dtype)
         out[first:last] = values
 
-    for_each_chunk(blocks, _CHUNK_ELEMENTS // fmt.elements, expand)
+    for_each_piece(blocks, _PIECE_ELEMENTS // fmt.elements, expand)
     if dtype == torch.bfloat16:
         # There is one NaN in bfloat16 here, whatever the vectorised conversion makes of it.
         out.view(torch.int16)[out.isnan()] = 0x7FC0

@@ -10,7 +10,7 @@ import torch
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES as CLASSES
 
-from .test_tables import BLOCKS, road_in_words
+from .test_tables import BLOCKS, path_in_words
 
 Forward = Callable[..., torch.Tensor]
 
@@ -200,7 +200,7 @@ def test_matrix_engine_calls(device: int) -> None:
                     text = ""
                 except NotImplementedError as error:
                     text = str(error)
-                expected = road_in_words(CLASSES[device], qtype, batch, output_size) == "matrix engine"
+                expected = path_in_words(CLASSES[device], qtype, batch, output_size) == "matrix engine"
                 assert ("matrix-engine path" in text) is expected, (qtype, batch, output_size)
                 if expected:
                     assert f"(qtype {qtype}) takes with a batch of {batch} on device class {CLASSES[device]}" in text

@@ -1,4 +1,4 @@
-"""Device classes and the road decision, against rules written apart from them."""
+"""Device classes and the decision between paths, against rules written apart from them."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ LISTED = [(identifier, name) for name, identifiers in ARCHITECTURES.items() for 
 BLOCKS = {entry.code: (entry.elements, entry.bytes) for entry in FORMATS.values()} | {22: (256, 74), 25: (256, 56)}
 
 
-def road_in_words(name: str, qtype: int, batch: int, output_size: int) -> str:
+def path_in_words(name: str, qtype: int, batch: int, output_size: int) -> str:
     """The decision as prose tells it: what the matrix engine needs, one condition after the other."""
     takes_engine = batch >= 2 and output_size & 15 == 0 and qtype in (2, 8, 15, 19) and name in ("oak", "elm")
     if takes_engine and name == "elm":
@@ -83,17 +83,17 @@ def test_every_decision(spine: SpineShim, device_class: int) -> None:
         for batch in range(71):
             for output_size in (0, 1, 8, 15, 16, 17, 24, 40, 4096, 4100, 4104, 2**33, 2**33 + 8):
                 case = (name, qtype, batch, output_size)
-                assert spine.road(device_class, qtype, batch, output_size) == road_in_words(*case), case
+                assert spine.path(device_class, qtype, batch, output_size) == path_in_words(*case), case
 
 
 @pytest.mark.parametrize("device_class", range(8), ids=CLASSES)
 def test_decision_of_batches_past_32_bits(spine: SpineShim, device_class: int) -> None:
     for batch in (2**32 + 2, 2**32 + 8, 2**63, 2**64 - 1):
-        assert spine.road(device_class, 2, batch, 4096) != "matrix engine"
+        assert spine.path(device_class, 2, batch, 4096) != "matrix engine"
 
 
 @pytest.mark.parametrize(
-    ("name", "qtype", "batch", "output_size", "road"),
+    ("name", "qtype", "batch", "output_size", "path"),
     [
         ("elm", 2, 1, 4096, "elm"),
         ("elm", 2, 2, 4096, "matrix engine"),
@@ -111,6 +111,6 @@ def test_decision_of_batches_past_32_bits(spine: SpineShim, device_class: int) -
     ],
 )
 def test_decisions_at_the_edges(
-    spine: SpineShim, name: str, qtype: int, batch: int, output_size: int, road: str
+    spine: SpineShim, name: str, qtype: int, batch: int, output_size: int, path: str
 ) -> None:
-    assert spine.road(CLASSES.index(name), qtype, batch, output_size) == road
+    assert spine.path(CLASSES.index(name), qtype, batch, output_size) == path

@@ -240,22 +240,22 @@ def codes_nf3(fields: Fields) -> Array:
     return low + 4 * _bits_of_bytes(fields["qh"])
 
 
-_LANES = np.array([1, 3, 0, 2])
+_FLOAT_ORDER = np.array([1, 3, 0, 2])
 
 
-def _six_bit_planes(fields: Fields, elements: int, lanes: Array) -> tuple[Array, Array]:
+def _six_bit_planes(fields: Fields, elements: int, order: Array) -> tuple[Array, Array]:
     """Two high bits and four low bits of each element: a group of 16 has one high word and two low words."""
     e = np.arange(elements)
-    group, step, lane = e // 16, e % 16 // 4, lanes[e % 4]
-    high_byte = fields["qh"][:, 4 * group + lane]
-    low_byte = fields["ql"][:, 8 * group + 4 * (step // 2) + lane]
+    group, step, byte = e // 16, e % 16 // 4, order[e % 4]
+    high_byte = fields["qh"][:, 4 * group + byte]
+    low_byte = fields["ql"][:, 8 * group + 4 * (step // 2) + byte]
     high = (high_byte >> (6 - 2 * step).astype(np.uint8)) & 3
     low = np.where(step % 2 == 0, low_byte >> 4, low_byte & 15)
     return high, low
 
 
 def _codes_fp6(fields: Fields, elements: int) -> Array:
-    high, low = _six_bit_planes(fields, elements, _LANES)
+    high, low = _six_bit_planes(fields, elements, _FLOAT_ORDER)
     return (high << 4) | low
 
 

@@ -73,7 +73,7 @@ def swap_bits_in_pairs(x: Array) -> Array:
     return ((x >> 1) & 0x55) | ((x << 1) & 0xAA)
 
 
-def lanes(order: tuple[int, int, int, int]) -> Change:
+def bytes_in_order(order: tuple[int, int, int, int]) -> Change:
     """The bytes of each 32-bit word in another order."""
 
     def change(x: Array) -> Array:
@@ -269,9 +269,9 @@ def _six_bit(reader: str) -> list[Fault]:
     ]
 
 
-# Lanes in which an fp6 reader would take memory order, and a q6_k reader the order of fp6.
-_MEMORY_FOR_FP6 = lanes((2, 0, 3, 1))
-_FP6_FOR_MEMORY = lanes((1, 3, 0, 2))
+# Bytes in which an fp6 reader would take memory order, and a q6_k reader the order of fp6.
+_MEMORY_FOR_FP6 = bytes_in_order((2, 0, 3, 1))
+_FP6_FOR_MEMORY = bytes_in_order((1, 3, 0, 2))
 
 FAULTS: list[Fault] = [
     *_common("decode_q4_0"),
@@ -354,7 +354,7 @@ FAULTS += [
     Fault(
         "decode_fp6",
         "plane",
-        "lanes in memory order",
+        "bytes in memory order",
         changed("decode_fp6", ql=_MEMORY_FOR_FP6, qh=_MEMORY_FOR_FP6),
     ),
     Fault("decode_fp6", "plane", "high plane first", reordered("decode_fp6", "qh", "ql", "d")),
@@ -465,7 +465,7 @@ FAULTS += [
     Fault("decode_q5_k", "rounding", "scales rounded", rounded_scale("decode_q5_k", "d", "dmin"), "bfloat16"),
     *_common("decode_q6_k"),
     *_six_bit("decode_q6_k"),
-    Fault("decode_q6_k", "plane", "lanes of fp6", changed("decode_q6_k", ql=_FP6_FOR_MEMORY, qh=_FP6_FOR_MEMORY)),
+    Fault("decode_q6_k", "plane", "order of fp6", changed("decode_q6_k", ql=_FP6_FOR_MEMORY, qh=_FP6_FOR_MEMORY)),
     Fault("decode_q6_k", "plane", "low plane first", reordered("decode_q6_k", "ql", "qh", "scales", "d")),
     Fault("decode_q6_k", "sub-block", "next sub-block", changed("decode_q6_k", scales=next_place())),
     Fault(
@@ -482,7 +482,7 @@ FAULTS += [
     Fault(
         "decode_fp6_k",
         "plane",
-        "lanes in memory order",
+        "bytes in memory order",
         changed("decode_fp6_k", ql=_MEMORY_FOR_FP6, qh=_MEMORY_FOR_FP6),
     ),
     Fault("decode_fp6_k", "plane", "high plane first", reordered("decode_fp6_k", "qh", "ql", "scales", "d")),
@@ -532,7 +532,7 @@ FAULTS += [
     ),
     Fault("decode_iq2_xxs", "sign", "eighth sign dropped", _iq2_without_parity),
     *_common("decode_iq1_s"),
-    Fault("decode_iq1_s", "order", "index bytes reversed", changed("decode_iq1_s", qs=lanes((3, 2, 1, 0)))),
+    Fault("decode_iq1_s", "order", "index bytes reversed", changed("decode_iq1_s", qs=bytes_in_order((3, 2, 1, 0)))),
     Fault(
         "decode_iq1_s",
         "order",

@@ -1,4 +1,4 @@
-"""The interface of the quantizers: checks, element types, chunks, extremes."""
+"""The interface of the quantizers: checks, element types, pieces, extremes."""
 
 from __future__ import annotations
 
@@ -188,10 +188,10 @@ def test_bytes_do_not_depend_on_the_chunks(name: str, monkeypatch: pytest.Monkey
     weight = randn(9, 512)
     columns = torch.linspace(0.1, 1, 512)
     whole = [quantize(weight, name), quantize(weight, name, importance=columns)]
-    monkeypatch.setattr(quantizers, "_CHUNK_ELEMENTS", 4 * 512)
+    monkeypatch.setattr(quantizers, "_PIECE_ELEMENTS", 4 * 512)
     parts = [quantize(weight, name), quantize(weight, name, importance=columns)]
     for a, b in zip(whole, parts, strict=True):
-        # The order of a sum may follow the length of a chunk, and a tie between two codes with it.
+        # The order of a sum may follow the length of a piece, and a tie between two codes with it.
         values = [dequantize_reference(data, name, 9, 512) for data in (a, b)]
         assert float((values[0] - values[1]).abs().gt(1e-6).float().mean()) < 2e-3
 
@@ -348,6 +348,6 @@ def test_progress_of_a_long_job(monkeypatch: pytest.MonkeyPatch) -> None:
     now = iter(range(0, 100, 3))
     monkeypatch.setattr(_progress.time, "monotonic", lambda: next(now))
     monkeypatch.setattr(sys, "stderr", Terminal())
-    monkeypatch.setattr(quantizers, "_CHUNK_ELEMENTS", 128)
+    monkeypatch.setattr(quantizers, "_PIECE_ELEMENTS", 128)
     quantize(randn(4, 64), "q4_0")
     assert " 50%" in sys.stderr.getvalue()  # type: ignore[attr-defined]

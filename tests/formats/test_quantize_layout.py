@@ -111,8 +111,8 @@ DECODE: dict[str, Case] = {
         {1: 1.125, 2: 61440.0, 3: -LEVEL_E5M2, 127: -1.125},
         lambda e: LEVEL_E5M2,
     ),
-    # Element 0 is in byte lane 1; element 22 = 16 + 4 + 2 is step 1 of group 1, lane 0; element 63 is step
-    # 3 of group 3, lane 2. A block's low plane has 32 bytes, its high plane 16.
+    # Element 0 is in byte 1 of the words; element 22 = 16 + 4 + 2 is step 1 of group 1, byte 0; element 63 is step
+    # 3 of group 3, byte 2. A block's low plane has 32 bytes, its high plane 16.
     "fp6": (
         {
             1: b"\x50",
@@ -190,7 +190,7 @@ DECODE: dict[str, Case] = {
         lambda e: 0.0,
     ),
     # Region order: high plane, low plane, scales, d. Element 0: bits 7 and 6 of byte 0 and the high nibble
-    # of low byte 0; element 7: step 1, lane 3; element 511: step 3 of group 15, lane 3.
+    # of low byte 0; element 7: step 1, byte 3; element 511: step 3 of group 15, byte 3.
     "q6_k": (
         {
             0: b"\x80",
@@ -213,7 +213,7 @@ DECODE: dict[str, Case] = {
         },
         lambda e: 0.0,
     ),
-    # Region order: low plane, high plane, scales, d; lanes as fp6. The other sub-blocks have scale 0.
+    # Region order: low plane, high plane, scales, d; bytes in the order of fp6. The other sub-blocks have scale 0.
     "fp6_k": (
         {
             1: b"\x50",
@@ -411,9 +411,9 @@ def test_written_fp6() -> None:
     codes = [31, *((29 * e) % 64 for e in range(1, 64))]
     low, high = bytearray(32), bytearray(16)
     for e, code in enumerate(codes):
-        group, step, lane = e // 16, e % 16 // 4, (1, 3, 0, 2)[e % 4]
-        low[8 * group + 4 * (step // 2) + lane] |= (code & 15) << (0 if step % 2 else 4)
-        high[4 * group + lane] |= (code >> 4) << (6 - 2 * step)
+        group, step, byte = e // 16, e % 16 // 4, (1, 3, 0, 2)[e % 4]
+        low[8 * group + 4 * (step // 2) + byte] |= (code & 15) << (0 if step % 2 else 4)
+        high[4 * group + byte] |= (code >> 4) << (6 - 2 * step)
     values = [128 * small_float(c, 3, 2) for c in codes]
     assert written(values, "fp6") == 2 * bytes(low) + 2 * bytes(high) + half(128.0, 256.0)
 

@@ -14,7 +14,7 @@ from .test_quantize_layout import DECODE, hand_made
 
 SOURCE = Path(reference.__file__).read_text(encoding="utf-8")
 
-# What stands in the decoder, and what a slip would put there: nibble and plane orders, lanes, signs,
+# What stands in the decoder, and what a slip would put there: nibble and plane orders, bytes of words, signs,
 # biases, dropped minima, bits and fixed bits, swapped scales.
 MUTATIONS = (
     ("torch.cat((qs & 15, qs >> 4), dim=1)", "torch.cat((qs >> 4, qs & 15), dim=1)"),

@@ -1,4 +1,4 @@
-"""The demo, on the real model, shortened: the whole road from a GGUF file to generated text."""
+"""The demo, on the real model, shortened: the whole way from a GGUF file to generated text."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Typed calls of the shim over version rule, device classes and roads."""
+"""Typed calls of the shim over version rule, device classes and paths."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ import ctypes
 
 from .build import load_shim
 
-ROADS = ("matrix engine", "legacy", "elm", "default")
+PATHS = ("matrix engine", "legacy", "elm", "default")
 
 
 class SpineShim:
@@ -24,8 +24,8 @@ class SpineShim:
         self._class_name = library.shim_class_name
         self._class_name.argtypes = [ctypes.c_int]
         self._class_name.restype = ctypes.c_char_p
-        self._road = library.shim_road
-        self._road.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64]
+        self._path = library.shim_path
+        self._path.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64]
         self.qtype_count: int = library.shim_qtype_count()
 
     def interpreter_matches(self, built_for: str, interpreter: str) -> bool:
@@ -43,5 +43,5 @@ class SpineShim:
     def class_name(self, code: int) -> str:
         return str(self._class_name(code).decode())
 
-    def road(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
-        return ROADS[self._road(device_class, qtype, batch, output_size)]
+    def path(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
+        return PATHS[self._path(device_class, qtype, batch, output_size)]

@@ -1,10 +1,10 @@
-// C entries over the headers that decide without a device: version rule, device classes, roads.
+// C entries over the headers that decide without a device: version rule, device classes, paths.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "dispatch/device_class.h"
-#include "dispatch/road.h"
+#include "dispatch/path.h"
 #include "formats/registry.h"
 #include "frontend/interpreter_version.h"
 
@@ -30,16 +30,16 @@ const char* shim_class_name(int device_class) {
 }
 
 // 0 matrix engine, 1 launchers of legacy, 2 of elm, 3 default.
-int shim_road(int device_class, int qtype, std::uint64_t batch, std::uint64_t output_size) {
-  const auto road = quillon::choose_road(static_cast<quillon::XpuDeviceClass>(device_class), qtype, batch, output_size);
-  switch (road) {
-    case quillon::Road::matrix_engine:
+int shim_path(int device_class, int qtype, std::uint64_t batch, std::uint64_t output_size) {
+  const auto path = quillon::choose_path(static_cast<quillon::XpuDeviceClass>(device_class), qtype, batch, output_size);
+  switch (path) {
+    case quillon::Path::matrix_engine:
       return 0;
-    case quillon::Road::launchers_legacy:
+    case quillon::Path::launchers_legacy:
       return 1;
-    case quillon::Road::launchers_elm:
+    case quillon::Path::launchers_elm:
       return 2;
-    case quillon::Road::launchers_default:
+    case quillon::Path::launchers_default:
       return 3;
   }
   return -1;

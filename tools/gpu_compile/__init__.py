@@ -1,6 +1,6 @@
 r"""Turns device text into GPU machine code on a machine that has no GPU.
 
-A kernel takes the road it takes on a user's machine, up to the driver's door: the SYCL runtime's own compiler
+A kernel goes the way it goes on a user's machine, up to the driver's door: the SYCL runtime's own compiler
 makes SPIR-V of it (``spirv.py``), and the offline GPU compiler ``ocloc``, which holds the drivers' compiler, makes
 machine code of that for a named architecture (``ocloc.py``). What the machine code uses (registers, spills, private
 memory) and what its inner loop costs is then known exactly (``machine_code.py``); how fast it runs is not.

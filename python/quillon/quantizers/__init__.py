@@ -1,8 +1,8 @@
 """Quantizers: a dense weight matrix to the flat bytes of a storage format.
 
-One module per family. A family's quantizer is a function ``(x, w) -> fields`` of an element-major chunk ``x``
+One module for each kind of format, with functions ``(x, w) -> fields`` of an element-major piece ``x``
 (elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each
-field's bytes as uint8 (blocks, bytes of the field). Here they are cut into chunks and laid out.
+field's bytes as uint8 (blocks, bytes of the field). Here they are cut into pieces and laid out.
 """
 
 from __future__ import annotations
@@ -12,7 +12,7 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
-from quillon._chunks import for_each_chunk
+from quillon._pieces import for_each_piece
 from quillon.formats import check_shape
 from quillon.quantizers import codebook, grid, integer, superblock
 from quillon.quantizers._layout import field_views
@@ -51,8 +51,8 @@ _REACH = {"fp6": 479.0, "fp6_k": 479.0, "fp8_e5m2": 61440.0, "q8_0": 1e15, "fp8_
 
 _DTYPES = (torch.float32, torch.float16, torch.bfloat16)
 
-# A chunk and the temporaries of a search stay in the second-level cache; larger ones run slower.
-_CHUNK_ELEMENTS = 1 << 16
+# A piece and the temporaries of a search stay in the second-level cache; larger ones run slower.
+_PIECE_ELEMENTS = 1 << 16
 
 
 def _check_importance(importance: Tensor, cols: int) -> Tensor:
@@ -103,7 +103,7 @@ def quantize(
     data = torch.empty(blocks * fmt.bytes, dtype=torch.uint8)
     views = field_views(data, fmt, blocks)
     reach = _REACH.get(fmt.name, _DEFAULT_REACH)
-    rows_per_chunk = max(1, _CHUNK_ELEMENTS // cols)
+    rows_per_piece = max(1, _PIECE_ELEMENTS // cols)
 
     def pack(first: int, last: int) -> None:
         part = weight[first:last].float()
@@ -121,6 +121,6 @@ def quantize(
             views[name][start : start + x.shape[1]] = field
 
     bar = Progress(f"quantize {fmt.name}", rows, progress)
-    for_each_chunk(rows, rows_per_chunk, pack, bar.advance)
+    for_each_piece(rows, rows_per_piece, pack, bar.advance)
     bar.close()
     return data

@@ -10,9 +10,9 @@ from collections.abc import Sequence
 import torch
 from torch import Tensor
 
-# Four neighbouring elements of the small floats lie in these byte lanes of a word.
-FLOAT_LANES = (1, 3, 0, 2)
-MEMORY_LANES = (0, 1, 2, 3)
+# Four neighbouring elements of the small floats lie in these bytes of a word.
+FLOAT_ORDER = (1, 3, 0, 2)
+MEMORY_ORDER = (0, 1, 2, 3)
 
 
 def nibbles(low: Tensor, high: Tensor) -> Tensor:
@@ -29,15 +29,15 @@ def bit_plane(bits: Tensor) -> Tensor:
     return packed.t()
 
 
-def six_bit_planes(codes: Tensor, lanes: Sequence[int]) -> tuple[Tensor, Tensor]:
+def six_bit_planes(codes: Tensor, order: Sequence[int]) -> tuple[Tensor, Tensor]:
     """The planes of 4 low and of 2 high bits of 6-bit codes: (low plane, high plane).
 
     Every 16 elements own two 32-bit words of the low plane and one of the high plane. Elements 4 i to 4 i +
-    3 are step i: element 4 i + p goes to byte lane ``lanes[p]``, its high bits to bits 7 - 2 i and 6 - 2 i
+    3 are step i: element 4 i + p goes to byte ``order[p]`` of the words, its high bits to bits 7 - 2 i and 6 - 2 i
     of the high word, its low bits to the high (i even) or low (i odd) nibble of low word i / 2.
     """
     blocks = codes.shape[-1]
-    position = [lanes.index(lane) for lane in range(4)]
+    position = [order.index(byte) for byte in range(4)]
     steps = codes.view(-1, 4, 4, blocks)[:, :, position]
     low = torch.stack(((steps[:, 0] & 15) << 4 | steps[:, 1] & 15, (steps[:, 2] & 15) << 4 | steps[:, 3] & 15), 1)
     tops = steps >> 4

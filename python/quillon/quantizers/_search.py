@@ -1,6 +1,6 @@
 """Searches for block scales that minimise the (weighted) squared error.
 
-All of them work on *element-major* chunks: ``x`` has shape (elements of a block, ...), so that a block's
+All of them work on *element-major* pieces: ``x`` has shape (elements of a block, ...), so that a block's
 scale is one column, sums over a block run along contiguous memory, and the first half of a block is a slice.
 For fixed codes with values ``v`` the best scale is ``sum(w x v) / sum(w v v)``. A candidate is judged by the
 error at that scale, formed from the residual itself: the closed form of the error cancels too much in float32

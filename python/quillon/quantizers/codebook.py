@@ -12,7 +12,7 @@ from functools import cache
 import torch
 from torch import Tensor
 
-from quillon.quantizers._pack import FLOAT_LANES, bit_plane, nibbles, six_bit_planes
+from quillon.quantizers._pack import FLOAT_ORDER, bit_plane, nibbles, six_bit_planes
 from quillon.quantizers._search import (
     CodeBook,
     float_bytes,
@@ -114,7 +114,7 @@ def fp4(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
 def fp6(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     """Value = d * level, in two bit planes."""
     codes, d = _quantize("fp6", x, w)
-    low, high = six_bit_planes(codes, FLOAT_LANES)
+    low, high = six_bit_planes(codes, FLOAT_ORDER)
     return {"ql": low, "qh": high, "d": half_bytes(d)}
 
 

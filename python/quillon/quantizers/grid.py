@@ -1,6 +1,6 @@
 """Grid formats: eight neighbouring weights are one point of a fixed table.
 
-Here a chunk is row-major, (blocks, 8 groups, 4 vectors, 8 positions): a group of 32 shares a scale, and a
+Here a piece is row-major, (blocks, 8 groups, 4 vectors, 8 positions): a group of 32 shares a scale, and a
 vector's distances to all grid points are one row of a matrix product.
 """
 

@@ -13,7 +13,7 @@ from collections.abc import Callable, Sequence
 import torch
 from torch import Tensor
 
-from quillon.quantizers._pack import FLOAT_LANES, MEMORY_LANES, nibbles, six_bit_planes
+from quillon.quantizers._pack import FLOAT_ORDER, MEMORY_ORDER, nibbles, six_bit_planes
 from quillon.quantizers._search import (
     HALF_MAX,
     Nearest,
@@ -114,7 +114,7 @@ def q6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     nearest = integers(-32, 31)
     effective, scales, d = _symmetric(x, w, nearest, _Q6_FACTORS, _float_product)
     codes = _whole(nearest(x * reciprocal(effective)).add_(32).to(torch.uint8))
-    low, high = six_bit_planes(codes, MEMORY_LANES)
+    low, high = six_bit_planes(codes, MEMORY_ORDER)
     return {"qh": high, "ql": low, "scales": _signed_bytes(scales), "d": half_bytes(d)}
 
 
@@ -124,7 +124,7 @@ def fp6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     w = None if w is None else _sub_blocks(w, 16)
     book = fp6_book()
     effective, scales, d = _symmetric(x, w, book.nearest, FP6_FACTORS, _half_product)
-    low, high = six_bit_planes(_whole(book.codes(x * reciprocal(effective))), FLOAT_LANES)
+    low, high = six_bit_planes(_whole(book.codes(x * reciprocal(effective))), FLOAT_ORDER)
     return {"ql": low, "qh": high, "scales": _signed_bytes(scales), "d": half_bytes(d)}
 
 

@@ -9,7 +9,7 @@
 
 namespace quillon {
 
-enum class Road : int { matrix_engine, launchers_legacy, launchers_elm, launchers_default };
+enum class Path : int { matrix_engine, launchers_legacy, launchers_elm, launchers_default };
 
 // One row: this class and format takes the matrix-engine path for batches in [first_batch, last_batch].
 struct MatrixEngineRange {
@@ -33,19 +33,19 @@ inline constexpr std::array<MatrixEngineRange, 8> kMatrixEngineRanges = {{
 // The matrix engine writes tiles of this many output columns.
 inline constexpr std::uint64_t kMatrixEngineColumns = 16;
 
-constexpr Road choose_road(XpuDeviceClass device_class, int qtype, std::uint64_t batch, std::uint64_t output_size) {
+constexpr Path choose_path(XpuDeviceClass device_class, int qtype, std::uint64_t batch, std::uint64_t output_size) {
   if (output_size % kMatrixEngineColumns == 0)
     for (const MatrixEngineRange& range : kMatrixEngineRanges)
       if (range.device_class == device_class && range.qtype == qtype && range.first_batch <= batch &&
           batch <= range.last_batch)
-        return Road::matrix_engine;
+        return Path::matrix_engine;
   switch (device_class) {
     case XpuDeviceClass::legacy:
-      return Road::launchers_legacy;
+      return Path::launchers_legacy;
     case XpuDeviceClass::elm:
-      return Road::launchers_elm;
+      return Path::launchers_elm;
     default:
-      return Road::launchers_default;
+      return Path::launchers_default;
   }
 }
 

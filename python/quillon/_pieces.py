@@ -1,4 +1,4 @@
-"""Work on ranges of rows or blocks, one thread per chunk."""
+"""Work on ranges of rows or blocks, one thread for each piece."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ def _serial_operators() -> Iterator[int]:
         torch.set_num_threads(threads)
 
 
-def for_each_chunk(
+def for_each_piece(
     count: int, step: int, work: Callable[[int, int], None], advance: Callable[[int], None] = lambda _: None
 ) -> None:
     """Call ``work(first, last)`` for the ranges that cut ``count`` into pieces of ``step``.
