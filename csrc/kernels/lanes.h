@@ -145,6 +145,29 @@ using values = typename values_of<T>::type;
 template <typename T>
 inline constexpr bool is_in_float = std::is_same_v<values<T>, in_float<T>>;
 
+// a * b + c, rounded once in float and double, and after each operation in the 16-bit types. Wherever a product is added
+// to something, kernels say so with this: left to a compiler, whether the two become one operation would depend on the
+// code around them, and the backings would differ.
+template <typename Value>
+inline constexpr bool is_fused = std::is_same_v<Value, lanes<float>> || std::is_same_v<Value, lanes<double>>;
+
+template <typename Value>
+inline Value multiply_add(Value a, Value b, Value c) {
+  if constexpr (is_fused<Value>)
+    return __builtin_elementwise_fma(a, b, c);
+  else
+    return a * b + c;
+}
+
+// a * b - c in the same way.
+template <typename Value>
+inline Value multiply_subtract(Value a, Value b, Value c) {
+  if constexpr (is_fused<Value>)
+    return __builtin_elementwise_fma(a, b, -c);
+  else
+    return a * b - c;
+}
+
 // ---- conversion -------------------------------------------------------------------------------------------
 
 // Floats, or integers of eight bits and a sign, that every T holds exactly.

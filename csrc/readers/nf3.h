@@ -75,7 +75,7 @@ struct nf3_reader {
     auto s = x.minus_zero();
 #pragma clang loop unroll(disable)
     for (int i = 0; i < CHUNK; ++i) {
-      s = s + x.v(i) * exact_values<T>(look_up(table, (rest & 3u) | (rest_of_top & 4u)));
+      s = multiply_add(x.v(i), exact_values<T>(look_up(table, (rest & 3u) | (rest_of_top & 4u))), s);
       rest >>= 2;
       rest_of_top >>= 1;
     }

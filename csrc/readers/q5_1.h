@@ -19,7 +19,7 @@ struct q5_1_reader {
   static auto decoder(const block_q5_1& block) {
     const values<T> d = rounded_values<T>(lanes<float>(convert<float>(load_half(block.d))));
     const values<T> m = rounded_values<T>(lanes<float>(convert<float>(load_half(block.m))));
-    return [d, m](words code) { return d * biased_codes<T>(code, 0) + m; };
+    return [d, m](words code) { return multiply_add(d, biased_codes<T>(code, 0), m); };
   }
 };
 

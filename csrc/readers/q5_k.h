@@ -61,19 +61,19 @@ inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) 
     values<T> line;
     unrolled<4>([&](auto k) {
       const auto code = [&](int h) { return biased_codes<T>((codes[k][h] >> (8 * j)) & 31u, 0); };
-      const lanes<float> pair = as_floats<T>(x.y[k][0][j] * code(0) + x.y[k][1][j] * code(1));
+      const lanes<float> pair = as_floats<T>(multiply_add(x.y[k][0][j], code(0), x.y[k][1][j] * code(1)));
       sums[k] = j == 0 ? 0.0f + pair : sums[k] + pair;
       const values<T> m = biased_codes<T>((minima[k / 2] >> (8 * (k % 2))) & 63u, 0);
-      line = k == 0 ? x.sum[k][j] * m : line + x.sum[k][j] * m;
+      line = k == 0 ? x.sum[k][j] * m : multiply_add(x.sum[k][j], m, line);
     });
     minimum = j == 0 ? 0.0f + as_floats<T>(line) : minimum + as_floats<T>(line);
   });
   lanes<float> scaled;
   unrolled<4>([&](auto k) {
     const lanes<float> scale = biased_codes<float>((scales[k / 2] >> (8 * (k % 2))) & 63u, 0);
-    scaled = k == 0 ? sums[k] * scale : scaled + sums[k] * scale;
+    scaled = k == 0 ? sums[k] * scale : multiply_add(sums[k], scale, scaled);
   });
-  return scaled * w.d - minimum * w.dmin;
+  return multiply_subtract(scaled, w.d, minimum * w.dmin);
 }
 
 }  // namespace quillon

@@ -35,8 +35,8 @@ struct q6_k_reader {
       decltype(sum) four;
       unrolled<4>([&](auto e) {
         const values<T> code = biased_codes<T>((codes >> (8 * e)) & 255u, 32);
-        four = e == 0 ? x.v(std::integral_constant<int, 4 * step + e>{}) * code
-                      : four + x.v(std::integral_constant<int, 4 * step + e>{}) * code;
+        const auto activation = x.v(std::integral_constant<int, 4 * step + e>{});
+        four = e == 0 ? activation * code : multiply_add(activation, code, four);
       });
       sum = step == 0 ? four : sum + four;
     });

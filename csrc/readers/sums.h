@@ -10,7 +10,7 @@ namespace quillon {
 template <typename Chunk, typename Value, int... I>
 __attribute__((always_inline)) inline auto sum_products(const Chunk& x, Value value, constants<0, I...>) {
   auto s = x.v(std::integral_constant<int, 0>{}) * value(std::integral_constant<int, 0>{});
-  ((s = s + x.v(std::integral_constant<int, I>{}) * value(std::integral_constant<int, I>{})), ...);
+  ((s = multiply_add(x.v(std::integral_constant<int, I>{}), value(std::integral_constant<int, I>{}), s)), ...);
   return s;
 }
 template <int CHUNK, typename Chunk, typename Value>
@@ -57,7 +57,7 @@ inline auto sum_looked_up(const Chunk& x, const words (&nibbles)[2], lanes<float
     words rest = nibbles[h];
 #pragma clang loop unroll(disable)
     for (int i = 0; i < 8; ++i) {
-      s = s + x.v(8 * h + i) * exact_values<T>(look_up(table, rest & 15u));
+      s = multiply_add(x.v(8 * h + i), exact_values<T>(look_up(table, rest & 15u)), s);
       rest >>= 4;
     }
   });

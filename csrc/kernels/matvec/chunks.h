@@ -49,7 +49,7 @@ inline void multiply_scaled_chunks(const Reader& reader, uint64_t state_size, co
                                    const sycl::local_accessor<T, 1>& local, uint64_t output_size, T* output) {
   multiply_chunks<T, WG_SIZE, ROW_TILE, Reader, tail_round::summed, false>(
       state_size, input, local, output_size, output, [=](values<T>& acc, const auto& x, const auto& at) {
-        acc = acc + reader.template sum<T>(x, at) * reader.template scale<T>(at);
+        acc = multiply_add(reader.template sum<T>(x, at), reader.template scale<T>(at), acc);
       });
 }
 

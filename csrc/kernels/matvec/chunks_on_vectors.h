@@ -1,7 +1,7 @@
 // The skeleton of chunks.h for the host device: one work-item has all the lanes of a work-group, in WG_SIZE / 16
-// vectors, and walks over a run of rows, two at a time.
+// vectors, and walks over a run of rows.
 //
-//   row, row + 1   | vector 0: chunks 0 to 15 | vector 1: chunks 16 to 31 | vector 0 | vector 1 | ... | part of one |
+//   row   | vector 0: chunks 0 to 15 | vector 1: chunks 16 to 31 | vector 0 | vector 1 | ... | part of one |
 //
 // Before the first row it brings the activations into the order in which the lanes read them, in local memory:
 //
@@ -126,13 +126,13 @@ inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* 
   constexpr int STORED = CHUNK + WITH_SUM;
   for (int32_t first = 0; first < chunks; first += LANES) {
     stored_lane<T>* at = to + static_cast<int64_t>(first) * STORED;
-    const int present = chunks - first < LANES ? chunks - first : LANES;
-    for (int i = 0; i < CHUNK; ++i) {
-      for (int lane = 0; lane < LANES; ++lane)
-        at[LANES * i + lane] =
-            lane < present
-                ? convert<stored_lane<T>>(input[order::start(first + lane, order::run_of(i)) + order::place_of(i)])
-                : stored_lane<T>{0};
+    for (int lane = 0; lane < LANES; ++lane) {
+      const bool present = first + lane < chunks;
+      const int chunk = present ? first + lane : 0;
+      unrolled<CHUNK>([&](auto i) {
+        const T element = input[order::start(chunk, order::run_of(i)) + order::place_of(i)];
+        at[LANES * i + lane] = present ? convert<stored_lane<T>>(element) : stored_lane<T>{0};
+      });
     }
     if constexpr (WITH_SUM) {
       const activations<T, CHUNK> x{at};
@@ -144,13 +144,19 @@ inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* 
   }
 }
 
+template <typename Value, int VECTORS>
+inline void take_turns(Value (&acc)[VECTORS]) {
+  const Value first = acc[0];
+  unrolled<VECTORS - 1>([&](auto i) { acc[i] = acc[i + 1]; });
+  acc[VECTORS - 1] = first;
+}
+
 template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
 inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
                             uint64_t output_size, T* output, AddRow add_row) {
   constexpr int CHUNK = Reader::CHUNK;
   constexpr int STORED = CHUNK + WITH_SUM;
   constexpr int VECTORS = WG_SIZE / LANES;
-  constexpr int ROWS = 1;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const uint64_t groups = place.get_group_range(0);
   const uint64_t last = output_size * (place.get_group(0) + 1) / groups;
@@ -160,34 +166,28 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   auto* stored = reinterpret_cast<stored_lane<T>*>(&local[0]);
   arrange_activations<T, Reader, WITH_SUM>(input, chunks, stored);
 
-  for (uint64_t row = output_size * place.get_group(0) / groups; row < last; row += ROWS) {
-    const int64_t to_next_row = row + 1 < last ? chunks_of_row : 0;
-    int64_t at = static_cast<int64_t>(row) * chunks_of_row;
-    values<T> acc[ROWS][VECTORS] = {};
+  for (uint64_t row = output_size * place.get_group(0) / groups; row < last; ++row) {
+    const int64_t at = static_cast<int64_t>(row) * chunks_of_row;
+    // The accumulator of the next vector is always the first one: registers take turns, while an index would make memory
+    // of them. The tree adds the same pairs wherever the turn ends.
+    values<T> acc[VECTORS] = {};
     int32_t c = 0;
     for (; c + LANES <= chunks; c += LANES) {
       const activations<T, CHUNK> x{stored + static_cast<int64_t>(c) * STORED};
-      const int i = c / LANES % VECTORS;
-      unrolled<ROWS>([&](auto t) {
-        add_row(acc[t][i], x, chunk_place<CHUNK, Reader::BLOCK, true>{at + c + t * to_next_row, LANES});
-      });
+      add_row(acc[0], x, chunk_place<CHUNK, Reader::BLOCK, true>{at + c, LANES});
+      take_turns(acc);
     }
     if (c < chunks) {
       const activations<T, CHUNK> x{stored + static_cast<int64_t>(c) * STORED};
-      const int i = c / LANES % VECTORS;
-      unrolled<ROWS>([&](auto t) {
-        const int64_t chunk = at + c + t * to_next_row;
-        values<T> sum = acc[t][i];
-        if (chunk + LANES <= chunks_of_weight)
-          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, true>{chunk, LANES});
-        else
-          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, false>{chunk, static_cast<int>(chunks_of_weight - chunk)});
-        acc[t][i] = in_first_lanes<T>(chunks - c, sum, acc[t][i]);
-      });
+      values<T> sum = acc[0];
+      if (at + c + LANES <= chunks_of_weight)
+        add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, true>{at + c, LANES});
+      else
+        add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, false>{at + c, static_cast<int>(chunks_of_weight - at - c)});
+      acc[0] = in_first_lanes<T>(chunks - c, sum, acc[0]);
+      take_turns(acc);
     }
-    unrolled<ROWS>([&](auto t) {
-      if (t == 0 || to_next_row != 0) output[row + t] = sum_of_lanes<T, VECTORS>(acc[t]);
-    });
+    output[row] = sum_of_lanes<T, VECTORS>(acc);
   }
 }
 

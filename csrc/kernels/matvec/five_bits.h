@@ -50,7 +50,7 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
         const values<T> w1 = value((high_half & bit) != 0u ? high | 16u : high);
         const T* x = input + BLOCK * b + LANES * g;
         values<T>& sum = acc[(VECTORS_OF_BLOCK * b + g) % VECTORS];
-        sum = sum + (w0 * load_values(x) + w1 * load_values(x + BLOCK / 2));
+        sum = sum + multiply_add(w0, load_values(x), w1 * load_values(x + BLOCK / 2));
       });
     }
     output[row] = sum_of_lanes<T, VECTORS>(acc);
@@ -87,7 +87,7 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
     const uint32_t fifth1 = ((static_cast<uint32_t>(qh >> 32) >> iqs) & 1) << 4;
     const values<T> w0 = value((byte & 15) | fifth0);
     const values<T> w1 = value((byte >> 4) | fifth1);
-    acc[0] = acc[0] + (w0 * element_values<T>(x[iqs]) + w1 * element_values<T>(x[iqs + 32]));
+    acc[0] = acc[0] + multiply_add(w0, element_values<T>(x[iqs]), w1 * element_values<T>(x[iqs + 32]));
   };
   const auto whole_blocks = static_cast<int32_t>(state_size / BLOCK);
   if (state_size % BLOCK == 0) {

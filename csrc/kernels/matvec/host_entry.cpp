@@ -19,7 +19,7 @@ namespace {
 // How many lanes one vector of the vector backing has (kernels/lanes.h).
 constexpr std::uint64_t kVectorLanes = 16;
 // Weight bytes that are worth a work-item of the vector backing, which first arranges the activations for itself.
-constexpr std::uint64_t kBytesPerItem = 256 << 10;
+constexpr std::uint64_t kBytesPerItem = 512 << 10;
 
 enum class Backing : int { items, vectors };
 

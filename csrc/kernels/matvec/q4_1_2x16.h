@@ -23,6 +23,6 @@ QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size
       state_size, input, local, output_size, output, [=](values<T>& acc, const auto& x, const auto& at) {
         const values<T> s = reader.template sum<T>(x, at);
         const scale_and_minimum<T> d = reader.template scale<T>(at);
-        acc = acc + (s * d.scale + x.sum() * d.minimum);
+        acc = acc + multiply_add(s, d.scale, x.sum() * d.minimum);
       });
 }
