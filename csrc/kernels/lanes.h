@@ -197,11 +197,6 @@ inline values<T> biased_codes(words codes, int bias) {
 #endif
 }
 
-// A shift to the right that takes the sign along.
-inline words shifted_right_signed(words word, int by) {
-  return bit_cast<words>(bit_cast<lanes<int32_t>>(word) >> by);
-}
-
 // Codes of sixteen bits as the bits of halves that every T holds exactly.
 template <typename T>
 inline values<T> halves_of_bits(words bits) {
@@ -211,6 +206,12 @@ inline values<T> halves_of_bits(words bits) {
 #else
   return exact_values<T>(half_from_bits(static_cast<uint16_t>(bits)));
 #endif
+}
+
+// One of two such halves in each word, the lower (0) or the upper one.
+template <typename T>
+inline values<T> half_of_word(words bits, int upper) {
+  return halves_of_bits<T>(upper ? bits >> 16 : bits);
 }
 
 // Floats, rounded to T; of bfloat16, a NaN becomes 0x7FC0.

@@ -18,13 +18,17 @@ struct fp8_e4m3_reader {
   const uint8_t* quants;
   const uint8_t* scales;
 
-  // fp8_e4m3_half_bits of the byte on top of a word: the sign comes down to bits 15 and 14, and 14 is cleared.
-  static words half_bits_of_top(words word) { return (shifted_right_signed(word, 17) & 0xBF80u) | 0x0040u; }
-
+  // Bytes 0 and 2 of a word, and bytes 1 and 3, become the bits of two halves at once.
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
     const auto codes = at.codes_of_chunk(quants);
-    return sum_products<CHUNK>(x, [=](auto i) { return halves_of_bits<T>(half_bits_of_top(codes.byte_on_top(i))); });
+    words halves[2][2];
+    unrolled<2>([&](auto w) {
+      const words bytes = codes.half_words[w];
+      halves[w][0] = ((bytes & 0x00800080u) << 8) | ((bytes & 0x007F007Fu) << 7) | 0x00400040u;
+      halves[w][1] = (bytes & 0x80008000u) | ((bytes & 0x7F007F00u) >> 1) | 0x00400040u;
+    });
+    return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T>(halves[i / 4][i % 2], i % 4 / 2); });
   }
   template <typename T, typename Place>
   values<T> scale(const Place& at) const {

@@ -21,14 +21,19 @@ struct six_bit_words {
   words low_of(int step) const { return low[step / 2] << (4 * (step % 2)); }
 };
 
-// The sum of the chunk's sixteen unscaled products of fp6 and fp6_k.
+// The sum of the chunk's sixteen unscaled products of fp6 and fp6_k. The codes of bytes 0 and 2, and those of 1 and 3, become
+// the bits of two halves at once, in the halves of a word.
 template <typename T, typename Chunk>
 inline auto sum_fp6(const Chunk& x, const six_bit_words& chunk) {
+  words halves[4][2];
+  unrolled<4>([&](auto step) {
+    const words codes = fp6_step_codes(chunk.high_of(step), chunk.low_of(step));
+    halves[step][0] = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
+    halves[step][1] = (codes & 0x9F009F00u) | 0x00800080u;
+  });
   return sum_products<16>(x, [=](auto i) {
-    constexpr int STEP = i / 4;
-    const words codes = fp6_step_codes(chunk.high_of(STEP), chunk.low_of(STEP));
-    const words code = codes >> (8 * fp6_lanes::byte_at(i % 4));
-    return halves_of_bits<T>(((code & 0x9Fu) << 8) | 0x0080u);
+    static_assert(fp6_lanes::byte_at(0) == 0 && fp6_lanes::byte_at(1) == 2 && fp6_lanes::byte_at(2) == 1);
+    return half_of_word<T>(halves[i / 4][i % 4 / 2], i % 2);
   });
 }
 
