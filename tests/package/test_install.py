@@ -79,6 +79,7 @@ def test_wheel_by_isolated_build(wheel: Path) -> None:
     assert {f"vesper_linear{suffix}", f"quillon/_host_device{suffix}", "quillon/lib/libc10_xpu.so"} <= names
     sources = {path.relative_to(ROOT / "python").as_posix() for path in (ROOT / "python").rglob("*.py*")}
     assert {name for name in sources if "__pycache__" not in name} <= names
+    assert {"quillon/_format_table.py", "quillon/_device_table.py", "quillon/_value_tables.py"} <= names
 
 
 USE = """
