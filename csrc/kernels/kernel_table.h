@@ -143,6 +143,13 @@ constexpr kernel_geometry geometry_of(const kernel_row& row, const launcher_geom
   return {table.sub_group, table.work_group, table.many_rows ? row.many_rows : row.rows};
 }
 
+// The sizes of which a kernel that asks for sub-groups of 8 by a build option (runtime/build_options.h) gets the first
+// that the device has; nothing in its arithmetic refers to the size.
+inline constexpr std::array<int, 2> sub_group_choices = {8, 16};
+constexpr bool chooses_sub_group(const kernel_row& row) {
+  return row.constants == template_arguments::none && row.sub_group == sub_group_choices[0];
+}
+
 // Whether the activations are q8_1 blocks.
 constexpr bool takes_q8_1(const kernel_row& row) {
   return row.range == lane_range::slices;

@@ -7,13 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace quillon::runtime {
+#include "runtime/build_options.h"
 
-// Build options of one kernel, behind those that all builds have.
-inline const char* const kVectorBacking = "-DQUILLON_VECTOR_LANES";  // see kernels/lanes.h
-inline std::string sub_group_option(int size) {
-  return "-DQUILLON_SUB_GROUP_SIZE=" + std::to_string(size);
-}
+namespace quillon::runtime {
 
 inline std::vector<std::string> device_build_options(const std::vector<std::string>& of_kernel = {}) {
   std::vector<std::string> options = {

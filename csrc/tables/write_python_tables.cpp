@@ -2,6 +2,7 @@
 //
 //   _format_table.py   formats/registry.h: codes, names, block sizes and fields
 //   _device_table.py   dispatch/device_class.h and runtime/device_limit.h: classes, architectures, number of devices
+//   _kernel_table.py   kernels/kernel_table.h and dispatch/road.h: kernels, their instantiations, who launches them
 //   _value_tables.py   grids, sign patterns and code books of csrc/formats/
 //
 // Run by the build as  write_python_tables FOLDER.
@@ -13,17 +14,25 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "dispatch/device_class.h"
+#include "dispatch/road.h"
 #include "formats/formats.h"
+#include "kernels/kernel_table.h"
+#include "runtime/build_options.h"
 #include "runtime/device_limit.h"
 
 namespace {
 
 using namespace quillon;
 
-std::string quoted(const char* text) {
-  return std::string("\"") + text + "\"";
+std::string quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
+
+const char* truth(bool value) {
+  return value ? "True" : "False";
 }
 
 std::string hexadecimal(std::uint64_t value) {
@@ -48,7 +57,7 @@ std::string format_table_text() {
          << quoted(entry.storage == storage_kind::records ? "records" : "regions") << ", (";
     for (const format_field& field : entry.fields)
       if (field.bytes > 0) text << "(" << quoted(field.name) << ", " << field.bytes << "),";
-    text << "), " << (is_weight_format(entry) ? "True" : "False") << "),\n";
+    text << "), " << truth(is_weight_format(entry)) << "),\n";
   }
   text << ")\n\nMAX_ELEMENTS = " << max_elements << "\n";
   return text.str();
@@ -62,6 +71,76 @@ std::string device_table_text() {
   for (const ListedArchitecture& listed : kListedArchitectures)
     text << "    " << hexadecimal(listed.identifier) << ": " << quoted(device_class_name(listed.device_class)) << ",\n";
   text << "}\n\nMAX_DEVICES = " << kMaxDevices << "\n";
+  return text.str();
+}
+
+// In the order of kernel_argument and of lane_range.
+constexpr const char* kArgumentNames[] = {"end",     "state_size", "output_size", "block_count",   "input",
+                                          "output",  "part0",      "part1",       "part2",         "part3",
+                                          "offset1", "offset2",    "offset3",     "short_offset1", "local"};
+static_assert(std::size(kArgumentNames) == static_cast<std::size_t>(kernel_argument::local) + 1);
+constexpr const char* kRangeNames[] = {"rows", "slices", "elements"};
+static_assert(std::size(kRangeNames) == static_cast<std::size_t>(lane_range::elements) + 1);
+
+// The launcher table of a device class. It depends on the class alone where the matrix engine is not taken, as for one
+// row.
+const char* launcher_table_of(XpuDeviceClass device_class) {
+  switch (choose_road(device_class, qtype_q4_0, 1, 1)) {
+    case Road::launchers_elm:
+      return launcher_geometries[table_elm].name;
+    case Road::launchers_legacy:
+      return launcher_geometries[table_legacy].name;
+    default:
+      return launcher_geometries[table_default].name;
+  }
+}
+
+// A kernel's template arguments behind the element type.
+std::vector<int> constants_of(const kernel_row& row, const kernel_geometry& geometry) {
+  switch (row.constants) {
+    case template_arguments::none:
+      return {};
+    case template_arguments::work_group:
+      return {geometry.sub_group, geometry.work_group};
+    case template_arguments::work_group_rows:
+      return {geometry.sub_group, geometry.work_group, geometry.rows};
+  }
+  return {};
+}
+
+std::string kernel_text(const kernel_row& row) {
+  std::ostringstream text;
+  text << "    {\n        \"format\": " << quoted(format_table[row.qtype].name)
+       << ",\n        \"name\": " << quoted(row.name) << ",\n        \"header\": " << quoted(row.header)
+       << ",\n        \"geometries\": {";
+  for (const launcher_geometry& table : launcher_geometries) {
+    const kernel_geometry geometry = geometry_of(row, table);
+    text << quoted(table.name) << ": ((";
+    for (const int constant : constants_of(row, geometry)) text << constant << ",";
+    text << "), " << (geometry.sub_group != 0 ? std::to_string(geometry.sub_group) : "None") << ", "
+         << geometry.work_group << ", " << geometry.rows << "), ";
+  }
+  text << "},\n        \"build_options\": {";
+  if (chooses_sub_group(row))
+    for (const int size : sub_group_choices) text << size << ": (" << quoted(runtime::sub_group_option(size)) << ",), ";
+  text << "},\n        \"range\": " << quoted(kRangeNames[static_cast<int>(row.range)])
+       << ",\n        \"elements\": " << row.elements << ",\n        \"row_unit\": " << row.row_unit
+       << ",\n        \"drops_tail\": " << truth(row.drops_tail) << ",\n        \"arguments\": (";
+  for (const kernel_argument argument : row.arguments)
+    if (argument != kernel_argument::end) text << quoted(kArgumentNames[static_cast<int>(argument)]) << ",";
+  text << "),\n        \"local_arrays\": " << (row.local == local_elements::none ? 0 : 1) << ",\n    },\n";
+  return text.str();
+}
+
+std::string kernel_table_text() {
+  std::ostringstream text;
+  text << "LAUNCHER_TABLES = {\n";
+  for (std::size_t code = 0; code < kDeviceClassNames.size(); ++code)
+    text << "    " << quoted(kDeviceClassNames[code]) << ": "
+         << quoted(launcher_table_of(static_cast<XpuDeviceClass>(code))) << ",\n";
+  text << "}\n\nKERNELS = (\n";
+  for (const kernel_row& row : kernel_table) text << kernel_text(row);
+  text << ")\n";
   return text.str();
 }
 
@@ -105,6 +184,7 @@ int main(int count, char** arguments) {
   const std::string folder = std::string(arguments[1]) + "/";
   const bool written = write(folder + "_format_table.py", format_table_text()) &&
                        write(folder + "_device_table.py", device_table_text()) &&
+                       write(folder + "_kernel_table.py", kernel_table_text()) &&
                        write(folder + "_value_tables.py", value_tables_text());
   return written ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -19,7 +19,8 @@ import torch
 import quillon
 import vesper_linear
 from quillon import host_device
-from quillon.nn import DEVICE_CLASSES, chosen_device_class
+from quillon._device_table import DEVICE_CLASSES
+from quillon.nn import chosen_device_class
 
 
 def _version(package: str) -> str:

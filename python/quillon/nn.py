@@ -13,29 +13,25 @@ from torch import Tensor, nn
 from torch.autograd import forward_ad
 
 import vesper_linear
-from quillon.formats import MAX_ELEMENTS, Format, row_multiple, weight_bytes, weight_format
+from quillon._device_table import DEVICE_CLASSES
+from quillon._kernels import KERNELS, LAUNCHER_TABLES
+from quillon.formats import MAX_ELEMENTS, Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
 
 __all__ = ["LowBitExperts", "LowBitLinear", "QuantizationReport", "kernel_row_multiple", "quantize_model"]
 
-# The matrix-vector kernels of these formats sum whole rounds of a work-group alone: a row that is no multiple of a
-# round would lose its tail without a word. On class elm a work-group, and with it a round, is twice as large.
-_WHOLE_ROUNDS = {"q4_k": {"elm": 1024, "": 512}, "q6_k": {"elm": 1024, "": 512}}
-
 
 def kernel_row_multiple(format: str | int, device_class: str = "unknown") -> int:
     """What a row length must be a multiple of for the batch-1 kernel of ``format`` on a device of ``device_class``.
 
-    ``device_class`` is what ``vesper_linear.get_xpu_device_name`` gives. The storage alone asks for 64 or 256.
+    ``device_class`` is what ``vesper_linear.get_xpu_device_name`` gives. The storage alone asks for 64 or 256; some
+    kernels sum whole rounds of a work-group alone, so that a row that is no multiple of a round would lose its tail
+    without a word.
     """
-    name = weight_format(format).name
-    rounds = _WHOLE_ROUNDS.get(name)
-    return row_multiple(name) if rounds is None else rounds.get(device_class, rounds[""])
-
-
-DEVICE_CLASSES = ("oak", "elm", "ash", "fir", "yew", "bay", "legacy", "unknown")
-"""What ``vesper_linear.get_xpu_device_name`` can give, in order of code."""
+    if device_class not in LAUNCHER_TABLES:
+        raise ValueError(f"unknown device class {device_class!r}; known: {', '.join(LAUNCHER_TABLES)}")
+    return KERNELS[weight_format(format).name].row_multiple(device_class)
 
 
 def chosen_device_class(device_class: str | None, formats: Iterable[Format]) -> str:
@@ -58,7 +54,7 @@ def _shape_problem(format: Format, in_features: int, device_class: str) -> str |
     multiple = kernel_row_multiple(format.name, device_class)
     if in_features % multiple == 0:
         return None
-    where = f" on device class {device_class}" if format.name in _WHOLE_ROUNDS else ""
+    where = f" on device class {device_class}" if KERNELS[format.name].drops_tail else ""
     return f"in_features must be a multiple of {multiple} for {format.name}{where}, got {in_features}"
 
 

@@ -9,6 +9,7 @@ from shim.spine import SpineShim
 from quillon._device_table import ARCHITECTURES as PYTHON_ARCHITECTURES
 from quillon._device_table import DEVICE_CLASSES as CLASSES
 from quillon._device_table import MAX_DEVICES
+from quillon._kernels import KERNELS, LAUNCHER_TABLES
 from quillon.formats import FORMATS
 
 ARCHITECTURES = {
@@ -48,6 +49,31 @@ def test_what_python_knows(spine: SpineShim) -> None:
     assert dict(LISTED) == PYTHON_ARCHITECTURES
     assert MAX_DEVICES == 64
     assert spine.qtype_count == 36
+
+
+def test_launcher_tables() -> None:
+    tables = {"elm": "elm", "legacy": "legacy"}
+    assert {name: tables.get(name, "default") for name in CLASSES} == LAUNCHER_TABLES
+
+
+def test_geometry_of_the_launcher_tables() -> None:
+    """Sub-group, work-group and rows, as numbers: kernels with 2 or 3 template constants, and 8 rows of q4_0."""
+    q4_0 = ("q4_0", "q4_0_woq")
+    for name, kernel in KERNELS.items():
+        for table, geometry in kernel.geometries.items():
+            sub_group, lanes = (32, 64) if table == "elm" else (16, 32)
+            rows = 8 if table == "legacy" and name in q4_0 else 1 if name in ("q5_0", "q5_1") else 2
+            expected = {
+                "iq2_xxs": ((), 32, 32, 2),
+                "q2_k": ((), None, 32, 1),
+                "iq1_s": ((), 32, 32, 1),
+                "q5_k": ((), 8, 32, 2),
+                "q8_1": ((), 32, 256, 1),
+            }.get(name)
+            if expected is None:
+                constants = (sub_group, lanes, rows) if name in (*q4_0, "fp6", "fp6_k") else (sub_group, lanes)
+                expected = (constants, sub_group, lanes, rows)
+            assert (geometry.constants, geometry.sub_group, geometry.lanes, geometry.rows) == expected, (name, table)
 
 
 @pytest.mark.parametrize(("identifier", "name"), LISTED, ids=[hex(identifier) for identifier, _ in LISTED])

@@ -8,6 +8,7 @@ from formats.decoders import FORMATS, Array, Fields, bfloat16_round, pack, split
 
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES as CLASSES  # in the order of the session's host devices
+from quillon._kernels import KERNELS as KERNELS_OF_PRODUCT
 
 from .reference import BLOCK, KERNELS, Rounded, Tracked, multiply
 
@@ -15,7 +16,7 @@ DTYPES = ("float32", "float64", "float16", "bfloat16")
 TORCH = {name: getattr(torch, name) for name in DTYPES}
 
 # Work-group sizes of the launcher tables, by device class.
-WG_SIZE = {name: 64 if name == "elm" else 32 for name in CLASSES}
+WG_SIZE = {name: KERNELS_OF_PRODUCT["q4_0"].geometry(name).lanes for name in CLASSES}
 
 # Bits of a significand, the hidden one included.
 PRECISION = {"float32": 24, "float64": 53, "float16": 11, "bfloat16": 8}

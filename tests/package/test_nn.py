@@ -11,7 +11,8 @@ from torch import nn
 
 import quillon
 import vesper_linear
-from quillon.nn import DEVICE_CLASSES, LowBitLinear, kernel_row_multiple, quantize_model
+from quillon._device_table import DEVICE_CLASSES
+from quillon.nn import LowBitLinear, kernel_row_multiple, quantize_model
 
 DEVICE = "xpu:7"  # class unknown: the default launchers
 

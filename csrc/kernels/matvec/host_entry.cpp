@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "runtime/device_build.h"
+#include "runtime/build_options.h"
 #include "runtime/device_facts.h"
 #include "runtime/kernel_library.h"
 #include "runtime/launch_kernel.h"
@@ -204,9 +204,8 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
         break;
     }
   }
-  // A kernel that asks for sub-groups of 8 gets 16 where a device has none; nothing in its arithmetic refers to the size.
-  const bool choose_sub_group = row.constants == template_arguments::none && row.sub_group == 8;
-  const int sub_group = choose_sub_group && backing == Backing::items ? (facts.has_sub_groups_of_8 ? 8 : 16) : 0;
+  const int sub_group =
+      chooses_sub_group(row) && backing == Backing::items ? sub_group_choices[facts.has_sub_groups_of_8 ? 0 : 1] : 0;
   launch_kernel(entry_of(kernel, type, backing, sub_group), device, geometry.range, arguments,
                 row.waits ? Wait::yes : Wait::no);
 }

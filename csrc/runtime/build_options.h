@@ -1,0 +1,13 @@
+// Build options of one kernel, behind those that all builds have (runtime/device_build.h). Free of torch and SYCL.
+#pragma once
+
+#include <string>
+
+namespace quillon::runtime {
+
+inline const char* const kVectorBacking = "-DQUILLON_VECTOR_LANES";  // see kernels/lanes.h
+inline std::string sub_group_option(int size) {
+  return "-DQUILLON_SUB_GROUP_SIZE=" + std::to_string(size);
+}
+
+}  // namespace quillon::runtime

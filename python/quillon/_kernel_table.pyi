@@ -1,0 +1,23 @@
+"""Kernels as the C++ table has them, and which launcher table serves a device class; written by the build."""
+
+from typing import Literal, TypedDict
+
+class KernelRow(TypedDict):
+    format: str
+    name: str
+    header: str
+    geometries: dict[str, tuple[tuple[int, ...], int | None, int, int]]
+    build_options: dict[int, tuple[str, ...]]
+    range: Literal["rows", "slices", "elements"]
+    elements: int
+    row_unit: int
+    drops_tail: bool
+    arguments: tuple[str, ...]
+    local_arrays: int
+
+LAUNCHER_TABLES: dict[str, str]
+"""The launcher table of each device class, at a batch of one row."""
+
+KERNELS: tuple[KernelRow, ...]
+"""One for each kernel. Geometries, by launcher table: template constants behind the element type, required sub-group
+size, lanes and rows of a work-group. Build options, where there are some: by the sub-group size that they ask for."""

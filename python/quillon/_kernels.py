@@ -1,0 +1,93 @@
+"""The kernels: how each is instantiated, launched and fed on a device of each class.
+
+All of it stands in the C++ table ``kernels/kernel_table.h``, of which the build writes ``_kernel_table.py``.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Mapping
+from dataclasses import dataclass
+from types import MappingProxyType
+from typing import Literal
+
+from quillon import _kernel_table
+from quillon.formats import get_format
+
+ELEMENT_TYPES = ("float", "double", "c10::Half", "c10::BFloat16")
+"""Of the activations, as kernels are instantiated for them."""
+
+LAUNCHER_TABLES: Mapping[str, str] = MappingProxyType(_kernel_table.LAUNCHER_TABLES)
+"""The launcher table of each device class."""
+
+
+@dataclass(frozen=True)
+class Geometry:
+    """A kernel in one launcher table."""
+
+    constants: tuple[int, ...]
+    """Template arguments behind the element type."""
+    sub_group: int | None
+    """The sub-group size that the kernel requires; None leaves it to the compiler."""
+    lanes: int
+    """Of a work-group, the ways by which the work on a row is split."""
+    rows: int
+    """Output rows of a work-group."""
+
+
+@dataclass(frozen=True, eq=False)
+class Kernel:
+    """A kernel template and its instantiations; each is one object, equal to itself alone."""
+
+    name: str
+    header: str
+    """Relative to csrc/."""
+    format: str
+    geometries: Mapping[str, Geometry]
+    """By launcher table."""
+    build_options: Mapping[int, tuple[str, ...]]
+    """By sub-group size, of a kernel that asks for it in this way: it takes the first size that the device has."""
+    range: Literal["rows", "slices", "elements"]
+    """What work-items are dealt: tiles of rows, the slices of one row, or elements of the activations."""
+    elements: int
+    """Elements of one row that a lane takes in a round."""
+    row_unit: int
+    """A row length that is no multiple of it is refused; 0: none is."""
+    drops_tail: bool
+    """Whether what remains behind the last full round is left out of the sum."""
+    arguments: tuple[str, ...]
+    local_arrays: int
+    """Local arrays among the arguments; kernels have no other local memory."""
+
+    def geometry(self, device_class: str) -> Geometry:
+        return self.geometries[LAUNCHER_TABLES[device_class]]
+
+    def row_multiple(self, device_class: str) -> int:
+        """What a row length must be a multiple of for no element to be left out."""
+        round_ = self.elements * self.geometry(device_class).lanes if self.drops_tail else 1
+        return math.lcm(get_format(self.format).elements, round_)
+
+    def expression(self, element_type: str, geometry: Geometry) -> str:
+        """An instantiation as the library names it: ``"name<float,16,32,2>"``."""
+        return f"{self.name}<{','.join([element_type, *map(str, geometry.constants)])}>"
+
+
+def _kernel(row: _kernel_table.KernelRow) -> Kernel:
+    geometries = {table: Geometry(*numbers) for table, numbers in row["geometries"].items()}
+    return Kernel(
+        name=row["name"],
+        header=row["header"],
+        format=row["format"],
+        geometries=MappingProxyType(geometries),
+        build_options=MappingProxyType(row["build_options"]),
+        range=row["range"],
+        elements=row["elements"],
+        row_unit=row["row_unit"],
+        drops_tail=row["drops_tail"],
+        arguments=row["arguments"],
+        local_arrays=row["local_arrays"],
+    )
+
+
+KERNELS: Mapping[str, Kernel] = MappingProxyType({row["format"]: _kernel(row) for row in _kernel_table.KERNELS})
+"""The kernel of each format: its matrix-vector product, or for activations their quantizer."""
