@@ -33,12 +33,13 @@ from pathlib import Path
 PROJECT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(PROJECT / "tools"))
 
-from gpu_compile.instantiations import ELEMENT_TYPES, Case, Compiled, Kernel, cases, compile_cases, kernels  # noqa: E402
+from gpu_compile.instantiations import Case, Compiled, cases, compile_cases  # noqa: E402
 from gpu_compile.jobs import GpuCompileError, run_jobs  # noqa: E402
 from gpu_compile.machine_code import Loop, innermost_loops  # noqa: E402
 from gpu_compile.ocloc import assembly, device_argument  # noqa: E402
 
 from quillon._device_table import ARCHITECTURES  # noqa: E402
+from quillon._kernels import ELEMENT_TYPES, KERNELS, Kernel  # noqa: E402
 
 HEADINGS = (
     "kernel",
@@ -93,7 +94,7 @@ def cost(case: Case, code: str, compiled: Compiled) -> Cost:
     return Cost(
         instructions=len(longest.instructions),
         messages=len(longest.messages),
-        packed_bytes=compiled.info.simd_size * case.kernel.packed_bytes(case.geometry),
+        packed_bytes=compiled.info.simd_size * case.build.packed_bytes,
         loops=len(loops),
         grf_count=compiled.info.grf_count,
         spill_size=compiled.info.spill_size,
@@ -158,7 +159,7 @@ def main() -> int:
     parser.add_argument("--kernel", default="", help="only kernels whose name holds this text")
     parser.add_argument("--type", action="append", choices=ELEMENT_TYPES, help="default: float and c10::Half")
     arguments = parser.parse_args()
-    chosen = [kernel for kernel in kernels() if arguments.kernel in kernel.name]
+    chosen = [kernel for kernel in KERNELS.values() if arguments.kernel in kernel.name]
     if not chosen:
         parser.error(f"no kernel's name holds {arguments.kernel!r}")
     costs, errors = measured_costs(chosen, arguments.type or ["float", "c10::Half"])

@@ -30,10 +30,10 @@ import torch
 PROJECT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(PROJECT / "tools"))
 
-from gpu_compile.instantiations import kernels  # noqa: E402
 from gpu_compile.ocloc import MISSING_OCLOC, compiler_version, find_ocloc  # noqa: E402
 from sections import write_section  # noqa: E402
 
+from quillon._kernels import KERNELS  # noqa: E402
 from quillon.formats import format_name  # noqa: E402
 
 SHORT = PROJECT / "docs" / "performance.md"
@@ -126,7 +126,7 @@ def write_gpu_code(arguments: argparse.Namespace) -> None:
     if compiler is None:
         raise SystemExit(MISSING_OCLOC)
     formats = [format_name(name) for name in arguments.formats.split(",")]
-    costs, errors = gpu_code.measured_costs([k for k in kernels() if k.format in formats], ["float", "c10::Half"])
+    costs, errors = gpu_code.measured_costs([KERNELS[name] for name in formats], ["float", "c10::Half"])
     for error in errors:
         print(error, file=sys.stderr)
     line = provenance("compiler " + "".join(filter(str.isprintable, compiler_version(compiler))).strip())

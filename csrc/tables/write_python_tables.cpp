@@ -2,7 +2,7 @@
 //
 //   _format_table.py   formats/registry.h: codes, names, block sizes and fields
 //   _device_table.py   dispatch/device_class.h and runtime/device_limit.h: classes, architectures, number of devices
-//   _kernel_table.py   kernels/kernel_table.h and dispatch/road.h: kernels, their instantiations, who launches them
+//   _kernel_table.py   kernels/kernel_table.h and dispatch/path.h: kernels, their instantiations, who launches them
 //   _value_tables.py   grids, sign patterns and code books of csrc/formats/
 //
 // Run by the build as  write_python_tables FOLDER.
@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "dispatch/device_class.h"
-#include "dispatch/road.h"
+#include "dispatch/path.h"
 #include "formats/formats.h"
 #include "kernels/kernel_table.h"
 #include "runtime/build_options.h"
@@ -85,10 +85,10 @@ static_assert(std::size(kRangeNames) == static_cast<std::size_t>(lane_range::ele
 // The launcher table of a device class. It depends on the class alone where the matrix engine is not taken, as for one
 // row.
 const char* launcher_table_of(XpuDeviceClass device_class) {
-  switch (choose_road(device_class, qtype_q4_0, 1, 1)) {
-    case Road::launchers_elm:
+  switch (choose_path(device_class, qtype_q4_0, 1, 1)) {
+    case Path::launchers_elm:
       return launcher_geometries[table_elm].name;
-    case Road::launchers_legacy:
+    case Path::launchers_legacy:
       return launcher_geometries[table_legacy].name;
     default:
       return launcher_geometries[table_default].name;

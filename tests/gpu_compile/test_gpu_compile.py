@@ -11,7 +11,14 @@ from pathlib import Path
 from typing import cast
 
 import pytest
-from gpu_compile.instantiations import CLASSES_WITHOUT_DOUBLE, Case, Compiled, cases, compile_cases
+from gpu_compile.instantiations import (
+    CLASSES_WITHOUT_DOUBLE,
+    CLASSES_WITHOUT_SUB_GROUPS_OF_8,
+    Case,
+    Compiled,
+    cases,
+    compile_cases,
+)
 from gpu_compile.jobs import GpuCompileError
 from gpu_compile.machine_code import KernelInfo
 from gpu_compile.ocloc import MISSING_OCLOC, compile_for_gpu, device_argument, extensions, find_ocloc
@@ -56,13 +63,23 @@ def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | G
     outcome = compiled[case]
     if isinstance(outcome, GpuCompileError):
         pytest.fail(str(outcome), pytrace=False)
-    assert faults(outcome.info, case.geometry.sub_group, case.kernel.local_arrays) == []
+    assert faults(outcome.info, case.build.sub_group, case.kernel.local_arrays) == []
 
 
 @pytest.mark.parametrize("architecture", ARCHITECTURES, ids=device_argument)
 def test_double_precision_is_asked_for_where_there_is_some(architecture: int) -> None:
     has_double = "cl_khr_fp64" in extensions(architecture)
     assert has_double == (ARCHITECTURES[architecture] not in CLASSES_WITHOUT_DOUBLE)
+
+
+@pytest.mark.parametrize("architecture", ARCHITECTURES, ids=device_argument)
+def test_sub_groups_of_8_are_asked_for_where_there_are_some(architecture: int) -> None:
+    (spirv,) = dump_spirv("bad_kernels.h", ["private_array_kernel<float,8>"], root=Path(__file__).parent).values()
+    if ARCHITECTURES[architecture] in CLASSES_WITHOUT_SUB_GROUPS_OF_8:
+        with pytest.raises(GpuCompileError, match="exit code"):
+            compile_for_gpu(spirv.module, architecture)
+    else:
+        assert compile_for_gpu(spirv.module, architecture).kernels[spirv.entry].simd_size == 8
 
 
 @pytest.mark.parametrize(

@@ -5,12 +5,14 @@ from __future__ import annotations
 from pathlib import Path
 
 import pytest
-from gpu_compile.instantiations import DEVICE_CLASSES, ELEMENT_TYPES, Kernel, kernels
+from gpu_compile.instantiations import build_for, cases, types_on
 from gpu_compile.jobs import GpuCompileError, run_jobs
 from gpu_compile.machine_code import KernelInfo, innermost_loops, parse_ze_info
 from gpu_compile.ocloc import device_argument, find_ocloc
 from gpu_compile.spirv import device_text, kernel_name
 
+from quillon._device_table import ARCHITECTURES
+from quillon._kernels import KERNELS, LAUNCHER_TABLES, Kernel
 from quillon.formats import WEIGHT_FORMATS
 
 ZE_INFO = """\
@@ -76,10 +78,6 @@ def test_device_argument(identifier: int, name: str) -> None:
     assert device_argument(identifier) == name
 
 
-def test_device_classes_are_those_of_listed_hardware() -> None:
-    assert sorted(DEVICE_CLASSES) == ["ash", "bay", "elm", "fir", "legacy", "oak", "yew"]
-
-
 def test_parse_ze_info() -> None:
     assert parse_ze_info(ZE_INFO) == [
         KernelInfo("first", 32, 128, slm_size=4096, has_dpas=True, local_arguments=1),
@@ -142,18 +140,40 @@ def test_run_jobs_keeps_order_and_errors() -> None:
     assert isinstance(second, GpuCompileError)
 
 
-@pytest.mark.parametrize("kernel", kernels(), ids=lambda kernel: kernel.name)
-def test_table_row_is_complete(kernel: Kernel) -> None:
-    assert set(kernel.geometries) == set(DEVICE_CLASSES)
-    assert set(kernel.element_types) <= set(ELEMENT_TYPES)
+@pytest.mark.parametrize("kernel", KERNELS.values(), ids=lambda kernel: kernel.name)
+def test_a_kernel_is_in_its_header(kernel: Kernel) -> None:
     assert kernel.name in "".join(device_text(kernel.header))
 
 
 def test_every_weight_format_has_a_kernel() -> None:
-    assert set(WEIGHT_FORMATS) <= {kernel.format for kernel in kernels()}
+    assert {*WEIGHT_FORMATS, "q8_1"} == set(KERNELS)
 
 
-def test_packed_bytes_of_q4_0() -> None:
-    (kernel,) = (kernel for kernel in kernels() if kernel.format == "q4_0")
-    assert kernel.packed_bytes(kernel.geometries["elm"]) == 2 * (8 + 0.5)
-    assert kernel.packed_bytes(kernel.geometries["legacy"]) == 8 * (8 + 0.5)
+def test_what_a_launcher_can_reach_is_compiled() -> None:
+    """Each kernel in the geometry of each launcher table, in each element type that some GPU of the table has."""
+    compiled = {(case.kernel.format, case.element_type, case.build.geometry) for case in cases()}
+    types = {
+        table: {t for name in ARCHITECTURES.values() if LAUNCHER_TABLES[name] == table for t in types_on(name)}
+        for table in LAUNCHER_TABLES.values()
+    }
+    assert len(types) == 3
+    reached = {
+        (kernel.format, element_type, geometry)
+        for kernel in KERNELS.values()
+        for table, geometry in kernel.geometries.items()
+        for element_type in types[table]
+    }
+    assert compiled == reached
+
+
+def test_sub_groups_of_q5_k() -> None:
+    kernel = KERNELS["q5_k"]
+    assert {build_for(kernel, name).options for name in ("elm", "fir", "yew")} == {("-DQUILLON_SUB_GROUP_SIZE=16",)}
+    assert {build_for(kernel, name).sub_group for name in ("oak", "ash", "bay", "legacy")} == {8}
+    assert build_for(KERNELS["q4_0"], "elm").options == ()
+
+
+def test_packed_bytes() -> None:
+    assert build_for(KERNELS["q4_0"], "elm").packed_bytes == 2 * (8 + 0.5)
+    assert build_for(KERNELS["q4_0"], "legacy").packed_bytes == 8 * (8 + 0.5)
+    assert build_for(KERNELS["iq2_xxs"], "oak").packed_bytes == 66 / 8  # a lane has one of the work-group's two rows

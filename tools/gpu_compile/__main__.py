@@ -29,6 +29,12 @@ def _parse_arguments() -> argparse.Namespace:
         type=lambda text: int(text, 0),
         help="64-bit identifier; may be repeated (default: all that the library lists)",
     )
+    parser.add_argument(
+        "--build-option",
+        action="append",
+        default=[],
+        help="of the kernel's build, such as -DQUILLON_SUB_GROUP_SIZE=16; written with =, may be repeated",
+    )
     parser.add_argument("--options", default="", help="options for the GPU's code generator")
     parser.add_argument("--assembly", type=Path, help="folder to write the assembly to")
     return parser.parse_args()
@@ -37,7 +43,7 @@ def _parse_arguments() -> argparse.Namespace:
 def main() -> int:
     arguments = _parse_arguments()
     try:
-        spirv = dump_spirv(arguments.header, arguments.kernel, arguments.root)
+        spirv = dump_spirv(arguments.header, arguments.kernel, arguments.root, arguments.build_option)
         for architecture in arguments.architecture or ARCHITECTURES:
             for name, kernel in spirv.items():
                 module = compile_for_gpu(kernel.module, architecture, arguments.options)

@@ -26,14 +26,17 @@ class SpirvKernel:
     entry: str
 
 
-def dump_spirv(header: str, names: Sequence[str], root: Path = SOURCES) -> dict[str, SpirvKernel]:
+def dump_spirv(
+    header: str, names: Sequence[str], root: Path = SOURCES, options: Sequence[str] = ()
+) -> dict[str, SpirvKernel]:
     """SPIR-V of the kernels ``names``: instantiations of templates in ``header``, relative to ``root``.
 
     One build makes them all, which costs little more than one of them does. Names are written as the library
-    writes them: ``"qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>"``.
+    writes them: ``"qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>"``. The build options come behind those that all
+    builds have.
     """
     tool = _spirv_dump_program()
-    key = digest("spirv", tool.name, _run_time_compiler(), *device_text(header, root), header, *names)
+    key = digest("spirv", tool.name, _run_time_compiler(), *device_text(header, root), header, *options, *names)
     kept = CACHE / "spirv" / key
     if not kept.exists():
         with scratch_folder() as scratch:
@@ -43,7 +46,7 @@ def dump_spirv(header: str, names: Sequence[str], root: Path = SOURCES) -> dict[
                 "SYCL_DUMP_IMAGES_PREFIX": str(Path(scratch) / "module"),
             }
             environment.setdefault("OCL_ICD_FILENAMES", str(_prefix() / "lib" / "libintelocl.so"))
-            run([tool, root, header, *names], SPIRV_LIMIT, env=environment)
+            run([tool, root, header, *options, *names], SPIRV_LIMIT, env=environment)
             move_atomically(Path(scratch), kept)
     entries = {entry: module for module in sorted(kept.glob("*.spv")) for entry in spirv_entry_points(module)}
     by_name = {kernel_name(entry): SpirvKernel(module, entry) for entry, module in entries.items()}
@@ -132,8 +135,8 @@ def _spirv_dump_program() -> Path:
     """``spirv_dump``, compiled once; its name holds a hash of what it is made of."""
     prefix = _prefix()
     source = Path(__file__).with_name("spirv_dump.cpp")
-    shared = SOURCES / "runtime" / "device_build.h"
-    program = CACHE / f"spirv_dump-{digest(source.read_bytes(), shared.read_bytes(), _run_time_compiler())}"
+    texts = device_text("runtime/device_build.h", SOURCES)
+    program = CACHE / f"spirv_dump-{digest(source.read_bytes(), *texts, _run_time_compiler())}"
     if not program.exists():
         with scratch_folder() as scratch:
             built = Path(scratch) / "spirv_dump"

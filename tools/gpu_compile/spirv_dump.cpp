@@ -1,12 +1,14 @@
-// spirv_dump ROOT HEADER NAME...
+// spirv_dump ROOT HEADER [OPTION...] NAME...
 //
 // Compiles the kernels NAME (instantiations of templates in HEADER, a path relative to ROOT) in one build of the SYCL
-// runtime's own compiler, from the text and with the options that the library gives it. Nothing is run. The runtime
+// runtime's own compiler, from the text and with the options that the library gives it, to which those of the kernel, which start
+// with a dash, are added. Nothing is run. The runtime
 // leaves the SPIR-V where SYCL_DUMP_IMAGES=1 and SYCL_DUMP_IMAGES_PREFIX, set by the caller, tell it to: one file
 // for each group of kernels that ask the same of a device.
 //
 // The compile stops before the CPU device's code generation, whose SPIR-V input is what a GPU's would be.
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -51,12 +53,14 @@ syclexp::include_files headers_below(const fs::path& root) {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::cerr << "usage: spirv_dump ROOT HEADER NAME...\n";
+    std::cerr << "usage: spirv_dump ROOT HEADER [OPTION...] NAME...\n";
     return 2;
   }
   const std::string root = argv[1];
   const std::string header = argv[2];
-  const std::vector<std::string> names(argv + 3, argv + argc);
+  char** const first_name = std::find_if(argv + 3, argv + argc, [](const char* word) { return word[0] != '-'; });
+  const std::vector<std::string> options(argv + 3, first_name);
+  const std::vector<std::string> names(first_name, argv + argc);
   std::string log;
   try {
     const sycl::device device{sycl::cpu_selector_v};
@@ -67,7 +71,7 @@ int main(int argc, char** argv) {
     syclexp::compile(
         source, {device},
         syclexp::properties{syclexp::registered_names{names},
-                            syclexp::build_options{quillon::runtime::device_build_options()}, syclexp::save_log{&log}});
+                            syclexp::build_options{quillon::runtime::device_build_options(options)}, syclexp::save_log{&log}});
   } catch (const std::exception& error) {
     std::cerr << error.what() << '\n' << log;
     return 1;
