@@ -6,6 +6,7 @@
 //   _value_tables.py   grids, sign patterns and code books of csrc/formats/
 //
 // Run by the build as  write_python_tables FOLDER.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -74,7 +75,7 @@ std::string device_table_text() {
   return text.str();
 }
 
-// In the order of kernel_argument and of lane_range.
+// In the order of kernel_argument, up to those that the backing of vectors alone has, and of lane_range.
 constexpr const char* kArgumentNames[] = {"end",     "state_size", "output_size", "block_count",   "input",
                                           "output",  "part0",      "part1",       "part2",         "part3",
                                           "offset1", "offset2",    "offset3",     "short_offset1", "local"};
@@ -127,8 +128,10 @@ std::string kernel_text(const kernel_row& row) {
        << ",\n        \"elements\": " << row.elements << ",\n        \"row_unit\": " << row.row_unit
        << ",\n        \"drops_tail\": " << truth(row.drops_tail) << ",\n        \"arguments\": (";
   for (const kernel_argument argument : row.arguments)
-    if (argument != kernel_argument::end) text << quoted(kArgumentNames[static_cast<int>(argument)]) << ",";
-  text << "),\n        \"local_arrays\": " << (row.local == local_elements::none ? 0 : 1) << ",\n    },\n";
+    if (argument != kernel_argument::end && argument != kernel_argument::vectors_local)
+      text << quoted(kArgumentNames[static_cast<int>(argument)]) << ",";
+  const auto local_arrays = std::count(row.arguments.begin(), row.arguments.end(), kernel_argument::local);
+  text << "),\n        \"local_arrays\": " << local_arrays << ",\n    },\n";
   return text.str();
 }
 
