@@ -20,9 +20,9 @@ PROJECT = Path(__file__).resolve().parents[1]
 if __name__ == "__main__":
     sys.path.insert(0, str(PROJECT / "tools"))
 
-from gpu_compile.instantiations import kernels  # noqa: E402
 from sections import write_section  # noqa: E402
 
+from quillon._kernels import KERNELS  # noqa: E402
 from quillon.formats import WEIGHT_FORMATS  # noqa: E402
 
 PAGE = PROJECT / "docs" / "architecture.md"
@@ -45,7 +45,7 @@ class FormatFiles:
 
 def format_files() -> list[FormatFiles]:
     """A row for each weight format, in order of code. What is known of formats and kernels is asked for here alone."""
-    headers = {kernel.format: f"csrc/{kernel.header}" for kernel in kernels()}
+    headers = {kernel.format: f"csrc/{kernel.header}" for kernel in KERNELS.values()}
     return [
         FormatFiles(
             format=name,

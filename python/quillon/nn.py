@@ -14,8 +14,9 @@ from torch.autograd import forward_ad
 
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
+from quillon._format_table import MAX_ELEMENTS
 from quillon._kernels import KERNELS, LAUNCHER_TABLES
-from quillon.formats import MAX_ELEMENTS, Format, weight_bytes, weight_format
+from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
 

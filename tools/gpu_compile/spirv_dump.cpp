@@ -68,10 +68,10 @@ int main(int argc, char** argv) {
     auto source = syclexp::create_kernel_bundle_from_source(context, syclexp::source_language::sycl,
                                                             quillon::runtime::device_build_text(header, names),
                                                             syclexp::properties{headers_below(root)});
-    syclexp::compile(
-        source, {device},
-        syclexp::properties{syclexp::registered_names{names},
-                            syclexp::build_options{quillon::runtime::device_build_options(options)}, syclexp::save_log{&log}});
+    syclexp::compile(source, {device},
+                     syclexp::properties{syclexp::registered_names{names},
+                                         syclexp::build_options{quillon::runtime::device_build_options(options)},
+                                         syclexp::save_log{&log}});
   } catch (const std::exception& error) {
     std::cerr << error.what() << '\n' << log;
     return 1;
