@@ -13,13 +13,12 @@
 //
 // The call is finished when it returns, so no stream ever needs to wait for it.
 #include <ATen/core/op_registration/adaption.h>
-#include <omp.h>
-
 #include "collectives.h"
 #include "fallback.h"
 #include "generator.h"
 #include "host_device.h"
 #include "operator_traits.h"
+#include "serial_scope.h"
 #include "stand_ins.h"
 
 namespace quillon::host_device {
@@ -29,27 +28,6 @@ using c10::Device;
 using c10::DeviceIndex;
 using c10::IValue;
 using torch::jit::Stack;
-
-// A small call runs on the calling thread alone. PyTorch's threads go on spinning for a while after a parallel
-// region, and the SYCL CPU device's threads need the same cores for the kernels in between: on two cores, a language
-// model's tokens came at 11 a second with the spinning and at 19 without.
-constexpr int64_t kSmallCallElements = int64_t{1} << 17;
-
-/// While it lives, the calling thread starts no parallel regions.
-class SerialScope {
- public:
-  explicit SerialScope(bool serial) : threads_(serial ? omp_get_max_threads() : 1) {
-    if (threads_ > 1) omp_set_num_threads(1);
-  }
-  ~SerialScope() {
-    if (threads_ > 1) omp_set_num_threads(threads_);
-  }
-  SerialScope(const SerialScope&) = delete;
-  SerialScope& operator=(const SerialScope&) = delete;
-
- private:
-  const int threads_;
-};
 
 template <typename Visit>
 void for_each_tensor(const IValue& value, Visit&& visit) {

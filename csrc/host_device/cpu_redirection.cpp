@@ -63,4 +63,8 @@ AllocateOnDevice::~AllocateOnDevice() {
   redirect_to = previous_;
 }
 
+c10::DeviceIndex allocating_device() noexcept {
+  return redirect_to;
+}
+
 }  // namespace quillon::host_device

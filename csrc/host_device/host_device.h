@@ -60,6 +60,9 @@ class C10_XPU_API AllocateOnDevice {
   c10::DeviceIndex previous_;
 };
 
+/// The device that this thread's CPU allocations come from, or -1.
+C10_XPU_API c10::DeviceIndex allocating_device() noexcept;
+
 /// Page-locked memory for PyTorch's pinned tensors: SYCL host memory.
 C10_XPU_API c10::Allocator* pinned_allocator();
 C10_XPU_API bool is_pinned_pointer(const void* pointer);

@@ -1,6 +1,5 @@
-// Operators that a GPU has for element types for which the CPU's kernel is missing. Code that asks for them on an
-// accelerator alone would fail on a host device: histograms of integers (mixtures of experts count their tokens so), and
-// some operators in half precision and bfloat16, which are computed in float32 and rounded.
+#include "missing_kernels.h"
+
 #include <ATen/ATen.h>
 #include <ATen/Dispatch.h>
 #include <torch/library.h>
@@ -128,6 +127,13 @@ void run_in_float(const c10::OperatorHandle& op, Stack* stack) {
 }
 
 }  // namespace
+
+std::vector<std::string> operators_beyond_the_cpu() {
+  std::vector<std::string> names{"aten::histc"};
+  for (const char* name : kWithoutHalfPrecision) names.push_back(std::string("aten::") + name);
+  return names;
+}
+
 }  // namespace quillon::host_device
 
 TORCH_LIBRARY_IMPL(aten, XPU, m) {

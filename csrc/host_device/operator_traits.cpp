@@ -35,14 +35,6 @@ constexpr std::string_view kWorkGrowsFasterThanData[] = {
     "linalg_ldl_factor_ex", "linalg_ldl_solve", "linalg_lstsq", "linalg_lu", "linalg_lu_factor_ex", "linalg_lu_solve",
     "linalg_matrix_exp", "linalg_pinv", "linalg_qr", "linalg_solve_triangular"};
 
-bool work_grows_faster_than_data(std::string_view name) {
-  if (!c10::starts_with(name, kBuiltinNamespace)) return false;
-  name.remove_prefix(kBuiltinNamespace.size());
-  if (name.back() == '_') name.remove_suffix(1);
-  return std::find(std::begin(kWorkGrowsFasterThanData), std::end(kWorkGrowsFasterThanData), name) !=
-         std::end(kWorkGrowsFasterThanData);
-}
-
 // Arguments that may lie on another device than the rest of the call. The operators say so in their own
 // checks.
 constexpr std::pair<const char*, const char*> kAnyDeviceArguments[] = {
@@ -94,6 +86,14 @@ std::optional<ArgumentKind> kind_of(const c10::Argument& argument) {
 }
 
 }  // namespace
+
+bool work_grows_faster_than_data(std::string_view name) {
+  if (!c10::starts_with(name, kBuiltinNamespace)) return false;
+  name.remove_prefix(kBuiltinNamespace.size());
+  if (name.back() == '_') name.remove_suffix(1);
+  return std::find(std::begin(kWorkGrowsFasterThanData), std::end(kWorkGrowsFasterThanData), name) !=
+         std::end(kWorkGrowsFasterThanData);
+}
 
 OperatorTraits make_traits(const c10::FunctionSchema& schema) {
   OperatorTraits traits{};

@@ -3,6 +3,7 @@
 
 #include <ATen/core/function_schema.h>
 
+#include <string_view>
 #include <vector>
 
 namespace quillon::host_device {
@@ -23,6 +24,9 @@ struct OperatorTraits {
   bool is_collective;  // returns a work object that goes on when the call has returned
   bool work_grows_faster_than_data;
 };
+
+/// Whether the number of an operator's elements says little about its work. By its name with the namespace.
+bool work_grows_faster_than_data(std::string_view name);
 
 OperatorTraits make_traits(const c10::FunctionSchema& schema);
 

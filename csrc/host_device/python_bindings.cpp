@@ -11,6 +11,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "compiled_graphs.h"
 #include "generator.h"
 #include "host_device.h"
 
@@ -217,4 +218,5 @@ PYBIND11_MODULE(_host_device, module) {
   define_devices(module);
   define_streams(module);
   define_memory(module);
+  define_compiled_graphs(module);
 }

@@ -25,13 +25,17 @@ c10::DataPtr shared_data(c10::StorageImpl& storage, Device device) {
   return {storage._mutable_data_ptr_no_checks().get(), &storage, &release_storage, device};
 }
 
-/// The XPU storage that a CPU storage shows the bytes of, or null.
-c10::StorageImpl* shown_by(const c10::StorageImpl& cpu) {
-  const c10::DataPtr& data = cpu.data_ptr();
+/// The storage of the other device type that a storage shows the bytes of, or null.
+c10::StorageImpl* shown_by(const c10::StorageImpl& shown) {
+  const c10::DataPtr& data = shown.data_ptr();
   if (data.get_deleter() != &release_storage) return nullptr;
   auto* storage = static_cast<c10::StorageImpl*>(data.get_context());
-  const bool current = storage->device().is_xpu() && storage->data_ptr().get() == data.get();
+  const bool current = storage->device_type() != shown.device_type() && storage->data_ptr().get() == data.get();
   return current ? storage : nullptr;
+}
+
+c10::Storage hold(c10::StorageImpl* storage) {
+  return c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(storage));
 }
 
 c10::Storage make_storage(c10::SymInt nbytes, c10::DataPtr data, c10::Allocator* allocator, bool resizable) {
@@ -83,7 +87,25 @@ at::Tensor shown_tensor(at::Tensor cpu) {
   if (!cpu.defined() || !cpu.device().is_cpu() || cpu.layout() != at::kStrided) return cpu;
   c10::StorageImpl* shown = shown_by(*cpu.unsafeGetTensorImpl()->unsafe_storage().unsafeGetStorageImpl());
   if (!shown) return cpu;
-  return make_like(cpu, c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(shown)), DispatchKey::XPU);
+  return make_like(cpu, hold(shown), DispatchKey::XPU);
+}
+
+at::Tensor as_device_tensor(const at::Tensor& cpu, c10::DeviceIndex index) {
+  const Device device(c10::kXPU, index);
+  c10::StorageImpl* storage = cpu.unsafeGetTensorImpl()->unsafe_storage().unsafeGetStorageImpl();
+  if (c10::StorageImpl* shown = shown_by(*storage)) return make_like(cpu, hold(shown), DispatchKey::XPU);
+  if (!is_device_block(storage->_mutable_data_ptr_no_checks())) return cpu.to(device);
+  c10::Storage shared = make_storage(storage->sym_nbytes(), shared_data(*storage, device), c10::GetAllocator(c10::kXPU),
+                                     /*resizable=*/false);
+  return make_like(cpu, std::move(shared), DispatchKey::XPU);
+}
+
+at::Tensor as_cpu_tensor(const at::Tensor& xpu) {
+  c10::StorageImpl* storage = xpu.unsafeGetTensorImpl()->unsafe_storage().unsafeGetStorageImpl();
+  if (c10::StorageImpl* shown = shown_by(*storage)) return make_like(xpu, hold(shown), DispatchKey::CPU);
+  c10::Storage shared = make_storage(storage->sym_nbytes(), shared_data(*storage, Device(c10::kCPU)),
+                                     redirecting_cpu_allocator(), /*resizable=*/false);
+  return make_like(xpu, std::move(shared), DispatchKey::CPU);
 }
 
 void PointerIndex::add(const void* key) {
@@ -165,7 +187,7 @@ c10::Storage StandIns::xpu_storage(const c10::Storage& cpu) {
   const int64_t argument = cpu_storages_.find(impl);
   if (argument >= 0) return storages_[argument].xpu;
   if (c10::StorageImpl* shown = shown_by(*impl)) {  // the stand-in of an earlier call
-    return c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(shown));
+    return hold(shown);
   }
   c10::Storage xpu = make_storage(impl->nbytes(), c10::DataPtr(nullptr, Device(c10::kXPU, device_)),
                                   c10::GetAllocator(c10::kXPU), /*resizable=*/true);

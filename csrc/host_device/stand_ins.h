@@ -18,6 +18,12 @@ void replace_tensors(c10::IValue& value, c10::function_ref<at::Tensor(at::Tensor
 /// The XPU tensor over the same bytes, if `cpu` is a stand-in or a view of one; else `cpu`.
 at::Tensor shown_tensor(at::Tensor cpu);
 
+/// A tensor of `device` over the bytes of a CPU tensor: the one that it shows, or a new one that shares its memory. Memory
+/// that does not come from the device allocator is copied.
+at::Tensor as_device_tensor(const at::Tensor& cpu, c10::DeviceIndex device);
+/// A CPU tensor over the bytes of a tensor of the device, which it keeps alive.
+at::Tensor as_cpu_tensor(const at::Tensor& xpu);
+
 /// Maps keys to positions in a vector: by search while there are few, as is usual, by hashing when there are
 /// many.
 class PointerIndex {

@@ -16,7 +16,7 @@ from typing import Any
 
 import torch
 
-from quillon import _sycl_runtime
+from quillon import _compile, _sycl_runtime
 
 __all__ = ["cache_folder", "declared_architectures", "is_active"]
 
@@ -80,6 +80,7 @@ def start() -> None:
     native.install()
     _connect_torch(native)
     _connect_distributed()
+    _compile.connect(native)
     atexit.register(native.shut_down)
     _native = native
 

@@ -1,0 +1,54 @@
+"""What FakeTensor and torch.compile have to know of the operators of torch.ops.quillon.
+
+Shapes and element types of results, and which operator a function of the module ``vesper_linear`` stands for.
+"""
+
+from __future__ import annotations
+
+import functools
+from typing import Any
+
+import torch
+from torch import Tensor
+
+import vesper_linear
+from quillon._patch_after_import import patch_after_import
+from quillon.formats import get_format
+
+
+def _forward_new(input: Tensor, weight: Tensor, qtype: int, input_size: int) -> Tensor:
+    found = get_format(qtype)
+    return input.new_empty(input.size(0), found.elements * (weight.size(0) // found.bytes) // input.size(1))
+
+
+def _dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
+    found = get_format(qtype)
+    columns = input.size(1)
+    return input.new_empty(found.elements * (weight.size(0) // found.bytes) // columns, columns)
+
+
+def _traced_forward_new(input: Tensor, weight: Tensor, qtype: int, n: int) -> Tensor:
+    result: Tensor = torch.ops.quillon.forward_new(input, weight, qtype, n)
+    return result
+
+
+def _traced_dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
+    result: Tensor = torch.ops.quillon.dequant(input, weight, qtype)
+    return result
+
+
+@functools.cache
+def register() -> None:
+    """Register all of it. Called by ``import quillon``."""
+    torch.library.register_fake("quillon::forward_new", _forward_new)
+    torch.library.register_fake("quillon::dequant", _dequant)
+    # The dynamo takes seconds to import, and few programs want it.
+    patch_after_import("torch._dynamo", _substitute)
+
+
+def _substitute(_dynamo: Any) -> None:
+    for function, traced in (
+        (vesper_linear.forward_new, _traced_forward_new),
+        (vesper_linear.dequant, _traced_dequant),
+    ):
+        torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
