@@ -8,6 +8,7 @@
 #include <torch/csrc/Generator.h>
 #include <torch/csrc/utils/pybind.h>
 
+#include <array>
 #include <iomanip>
 #include <sstream>
 
@@ -70,7 +71,29 @@ std::string type_name(const DeviceProp& prop) {
   return prop.device_type == sycl::info::device_type::cpu ? "cpu" : "unknown";
 }
 
+/// 16 bytes, shown as people write them: 8-4-4-4-12 hexadecimal digits.
+struct Uuid {
+  std::array<unsigned char, 16> bytes;
+
+  std::string text() const {
+    std::ostringstream text;
+    text << std::hex << std::setfill('0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      if (i == 4 || i == 6 || i == 8 || i == 10) text << '-';
+      text << std::setw(2) << static_cast<int>(bytes[i]);
+    }
+    return text.str();
+  }
+};
+
 void define_properties(py::module_& module) {
+  py::class_<Uuid>(module, "_XpuUuid")
+      .def_property_readonly("bytes",
+                             [](const Uuid& uuid) {
+                               return py::bytes(reinterpret_cast<const char*>(uuid.bytes.data()), uuid.bytes.size());
+                             })
+      .def("__str__", &Uuid::text)
+      .def("__repr__", &Uuid::text);
   py::class_<DeviceProp>(module, "_XpuDeviceProperties")
       .def_readonly("name", &DeviceProp::name)
       .def_readonly("platform_name", &DeviceProp::platform_name)
@@ -81,8 +104,11 @@ void define_properties(py::module_& module) {
       .def_readonly("gpu_eu_count", &DeviceProp::gpu_eu_count)
       .def_readonly("max_work_group_size", &DeviceProp::max_work_group_size)
       .def_readonly("max_num_sub_groups", &DeviceProp::max_num_sub_groups)
+      .def_readonly("memory_clock_rate", &DeviceProp::memory_clock_rate)
+      .def_readonly("memory_bus_width", &DeviceProp::memory_bus_width)
       .def_readonly("sub_group_sizes", &DeviceProp::sub_group_sizes)
       .def_readonly("local_mem_size", &DeviceProp::local_mem_size)
+      .def_readonly("last_level_cache_size", &DeviceProp::global_mem_cache_size)
       .def_readonly("has_fp16", &DeviceProp::has_fp16)
       .def_readonly("has_fp64", &DeviceProp::has_fp64)
       .def_readonly("has_atomic64", &DeviceProp::has_atomic64)
@@ -91,8 +117,12 @@ void define_properties(py::module_& module) {
       .def_readonly("has_subgroup_matrix_multiply_accumulate_tensor_float32",
                     &DeviceProp::has_subgroup_matrix_multiply_accumulate_tensor_float32)
       .def_readonly("has_subgroup_2d_block_io", &DeviceProp::has_subgroup_2d_block_io)
+      .def_property_readonly("is_integrated_gpu", [](const DeviceProp&) { return false; })
       .def_readonly("total_memory", &DeviceProp::global_mem_size)
       .def_readonly("device_id", &DeviceProp::device_id)
+      .def_property_readonly("gpu_subslice_count",
+                             [](const DeviceProp& prop) { return prop.gpu_eu_count / prop.gpu_eu_count_per_subslice; })
+      .def_property_readonly("uuid", [](const DeviceProp& prop) { return Uuid{prop.uuid}; })
       .def_property_readonly("type", &type_name)
       .def_property_readonly("architecture",
                              [](const DeviceProp& prop) { return static_cast<uint64_t>(prop.architecture); })

@@ -120,6 +120,8 @@ void get_device_properties(DeviceProp* device_prop, DeviceIndex device) {
   AT_FORALL_XPU_DEVICE_PROPERTIES(READ_PROPERTY)
   device_prop->platform_name = raw.get_info<sycl::info::device::platform>().get_info<sycl::info::platform::name>();
   AT_FORALL_XPU_EXT_DEVICE_PROPERTIES(READ_EXTENSION)
+  // All are one device to the SYCL runtime.
+  device_prop->uuid.back() ^= static_cast<unsigned char>(device);
 #if SYCL_COMPILER_VERSION >= 20260000
   device_prop->is_integrated_gpu = false;
 #endif

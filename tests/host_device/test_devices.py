@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import os
+import re
 import threading
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 import torch
@@ -29,6 +31,21 @@ def test_identities() -> None:
     assert 32 in properties[0].sub_group_sizes
     assert torch.xpu.get_device_capability(1)["architecture"] == DECLARED[1]
     assert f"architecture=0x{DECLARED[1]:X}" in repr(properties[1])
+
+
+def test_properties_are_those_of_the_stock_class() -> None:
+    stub = (Path(torch.__file__).parent / "_C" / "__init__.pyi").read_text()
+    body = stub.split("class _XpuDeviceProperties:\n")[1].split("\n\n")[0]
+    declared = dict(re.findall(r"^    (\w+): (.+)$", body, re.MULTILINE))
+    assert len(declared) > 20
+    properties = [torch.xpu.get_device_properties(i) for i in range(8)]
+    types = {"_int": int, "_bool": bool, "str": str, "list[_int]": list, "Any": object}
+    for name, kind in declared.items():
+        assert isinstance(getattr(properties[0], name), types[kind]), name
+    assert properties[0].gpu_subslice_count > 0
+    assert len({str(p.uuid) for p in properties}) == 8
+    assert all(len(p.uuid.bytes) == 16 for p in properties)
+    assert re.fullmatch(r"[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", str(properties[3].uuid))
 
 
 def test_accelerator_interface() -> None:
