@@ -8,8 +8,10 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import functools
 import importlib
 import os
+import sys
 from pathlib import Path
 from types import ModuleType
 from typing import Any
@@ -17,6 +19,7 @@ from typing import Any
 import torch
 
 from quillon import _compile, _sycl_runtime
+from quillon._patch_after_import import patch_after_import
 
 __all__ = ["cache_folder", "declared_architectures", "is_active"]
 
@@ -81,6 +84,7 @@ def start() -> None:
     _connect_torch(native)
     _connect_distributed()
     _compile.connect(native)
+    patch_after_import("accelerate.utils.modeling", _share_memory)
     atexit.register(native.shut_down)
     _native = native
 
@@ -161,6 +165,24 @@ def _event_base(native: ModuleType) -> type:
             return float(native.event_elapsed_time(self, end_event))
 
     return XpuEventBase
+
+
+def _share_memory(modeling: Any) -> None:
+    """Have accelerate's map of free memory count the machine's once: it lies behind every device and the CPU."""
+    stock = modeling.get_max_memory
+
+    @functools.wraps(stock)
+    def get_max_memory(max_memory: Any = None) -> Any:
+        found = stock(max_memory)
+        if max_memory is not None or not is_active():
+            return found
+        devices = [name for name in found if isinstance(name, int)]
+        return {name: found[name] // len(devices) for name in devices}
+
+    for module in list(sys.modules.values()):
+        for name in ("get_max_memory", "accelerate_max_memory"):
+            if getattr(module, "__dict__", {}).get(name) is stock:
+                setattr(module, name, get_max_memory)
 
 
 def _attention_of_any_device(query: torch.Tensor, *args: Any, **kwargs: Any) -> torch.Tensor:

@@ -239,3 +239,20 @@ assert (held + 1).sum().item() == 6
     lines = output_of(run_python(script)).splitlines()
     assert len(lines) == 2
     assert all(line.startswith("Cannot re-initialize XPU in forked subprocess.") for line in lines)
+
+
+MEMORY_MAP = """
+from accelerate.utils import get_max_memory, infer_auto_device_map
+import accelerate.utils.modeling
+found, available = get_max_memory(), psutil.virtual_memory().available
+assert list(found) == [0, 1, 2], found
+assert 0.8 * available < sum(found.values()) < 1.2 * available, (found, available)
+assert get_max_memory({0: 5, "cpu": 7}) == {0: 5, "cpu": 7}
+assert set(infer_auto_device_map(torch.nn.Linear(4, 4)).values()) == {0}
+"""
+
+
+@pytest.mark.parametrize("imports", ["import quillon, accelerate", "import accelerate, quillon"])
+def test_accelerate_counts_the_memory_of_the_machine_once(run_python: Run, imports: str) -> None:
+    script = f"import psutil, torch\n{imports}\n{MEMORY_MAP}"
+    output_of(run_python(script, QUILLON_HOST_DEVICES="0,0,0"))
