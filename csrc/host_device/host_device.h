@@ -8,6 +8,7 @@
 #include <c10/xpu/XPUMacros.h>
 
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,8 @@ C10_XPU_API const std::vector<uint64_t>& declared_architectures();
 
 /// Finds the SYCL CPU device and makes the context that all host devices share. Throws if there is none.
 C10_XPU_API void initialize();
+/// Environment variables that initialize() sets before it asks the SYCL runtime, where they are unset.
+C10_XPU_API void set_environment_at_first_use(std::vector<std::pair<std::string, std::string>> variables);
 /// True once initialize() has succeeded in this process or in the one it was forked from.
 C10_XPU_API bool is_initialized() noexcept;
 /// True in a process forked after initialize(): the SYCL runtime's threads do not live on there.

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "host_device.h"
 
@@ -39,7 +41,13 @@ sycl::device find_cpu_device() {
   return devices.front();
 }
 
+std::vector<std::pair<std::string, std::string>>& environment_at_first_use() {
+  static auto& variables = *new std::vector<std::pair<std::string, std::string>>;
+  return variables;
+}
+
 Platform make_platform() {
+  for (const auto& [name, value] : environment_at_first_use()) ::setenv(name.c_str(), value.c_str(), /*overwrite=*/0);
   sycl::device device = find_cpu_device();
   sycl::context context(device, c10::xpu::asyncHandler);
   return {std::move(device), std::move(context)};
@@ -71,6 +79,9 @@ Platform& platform() {
 
 void initialize() {
   platform();
+}
+void set_environment_at_first_use(std::vector<std::pair<std::string, std::string>> variables) {
+  environment_at_first_use() = std::move(variables);
 }
 bool is_initialized() noexcept {
   return initialized.load(std::memory_order_relaxed);

@@ -141,6 +141,7 @@ void define_devices(py::module_& module) {
   module.def("declared_architectures", &declared_architectures);
   // True if PyTorch took up the hooks of this module, False if it had settled for "no XPU" before.
   module.def("hooks_are_active", [] { return at::detail::getXPUHooks().hasXPU(); });
+  module.def("set_environment_at_first_use", &set_environment_at_first_use);
   module.def("install", &install_cpu_allocator);
   module.def("is_initialized", &is_initialized);
   module.def("shut_down", &shut_down, py::call_guard<py::gil_scoped_release>());
