@@ -1,15 +1,18 @@
 # Finds the installed PyTorch without its own CMake package, which drags in optional tools this build has no use for.
 # Defines: target quillon::torch (headers, libc10, libtorch_cpu), target quillon::torch_python, TORCH_LIB_DIR,
-# TORCH_HAS_XPU, and SYCL_COMPILER_VERSION_VALUE (one value for every unit: c10's DeviceProp layout depends on it).
+# TORCH_VERSION, TORCH_HAS_XPU, and SYCL_COMPILER_VERSION_VALUE (one value for every unit: c10's DeviceProp layout depends on it).
 execute_process(
-  COMMAND "${Python_EXECUTABLE}" -c
-          "import torch, pathlib; print(pathlib.Path(torch.__file__).parent, torch.version.xpu or '', sep=';')"
+  COMMAND
+    "${CMAKE_COMMAND}" -E env TORCH_DEVICE_BACKEND_AUTOLOAD=0 "${Python_EXECUTABLE}" -c
+    "import torch, pathlib; print(pathlib.Path(torch.__file__).parent, torch.__version__, torch.version.xpu or '', sep=';')"
   OUTPUT_VARIABLE torch_facts OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE torch_failed)
 if(torch_failed)
   message(FATAL_ERROR "PyTorch is not importable by ${Python_EXECUTABLE}: pip install torch==2.13.0")
 endif()
 list(GET torch_facts 0 TORCH_DIR)
-list(GET torch_facts 1 torch_xpu_version)
+list(GET torch_facts 1 TORCH_VERSION)
+string(REGEX REPLACE "[+].*" "" TORCH_VERSION "${TORCH_VERSION}")
+list(GET torch_facts 2 torch_xpu_version)
 set(TORCH_LIB_DIR "${TORCH_DIR}/lib")
 set(TORCH_HAS_XPU OFF)
 if(EXISTS "${TORCH_LIB_DIR}/libc10_xpu.so")

@@ -19,6 +19,7 @@ from typing import Any
 import torch
 
 from quillon import _compile, _sycl_runtime
+from quillon._build_facts import TORCH_VERSION
 from quillon._patch_after_import import patch_after_import
 
 __all__ = ["cache_folder", "declared_architectures", "is_active"]
@@ -64,16 +65,37 @@ def start() -> None:
     Neither devices nor queues are made before their first use.
 
     Raises:
-        ImportError: the SYCL runtime or its CPU driver is missing.
+        ImportError: the SYCL runtime or its CPU driver is missing, or PyTorch is another than that of the build.
         RuntimeError: PyTorch settled for "no XPU" before, by a backward pass for example.
         ValueError: ``QUILLON_HOST_DEVICES`` is malformed.
     """
-    global _native
-    if _native is not None or torch._C._has_xpu:
+    if _native is None and torch._C._has_xpu:
         return
-    _prepare_environment()
-    native = _load_native()
+    _check_torch_version()
+    os.environ.update(_variables_of_the_runtime())
+    native = _native or _load_native()
     native.declared_architectures()
+    _connect(native)
+
+
+def start_with_torch() -> None:
+    """Bring the host device up at the end of ``import torch``, before anything can ask for XPU.
+
+    Called by ``quillon_autoload``. The environment changes at the first use of the device, if there is one, and
+    ``QUILLON_HOST_DEVICES`` is read then or by ``import quillon``. Raises as :func:`start` does.
+    """
+    _check_torch_version()
+    variables = _variables_of_the_runtime()
+    native = _load_native()
+    native.set_environment_at_first_use(list(variables.items()))
+    _connect(native)
+
+
+def _connect(native: ModuleType) -> None:
+    """Put the loaded layer into PyTorch's place for XPU, once."""
+    global _native
+    if _native is not None:
+        return
     if not native.hooks_are_active():
         raise RuntimeError(
             "PyTorch was asked for XPU before quillon was imported, by a backward pass for example, and has "
@@ -89,18 +111,30 @@ def start() -> None:
     _native = native
 
 
-def _prepare_environment() -> None:
-    """Set what the SYCL runtime reads when it starts, where the user has not."""
+def _check_torch_version() -> None:
+    """Refuse another PyTorch than that of the build: its C++ classes may differ, and nothing else would tell."""
+    version = torch.__version__.partition("+")[0]
+    if version != TORCH_VERSION:
+        raise ImportError(
+            f"quillon was built for PyTorch {TORCH_VERSION}, and this is {torch.__version__}: build it again for this "
+            "one with pip install --no-build-isolation, or install that one"
+        )
+
+
+def _variables_of_the_runtime() -> dict[str, str]:
+    """Return what the SYCL runtime reads when it starts, where the user has not set it."""
+    variables = {}
     if "OCL_ICD_FILENAMES" not in os.environ:
         driver = _sycl_runtime.find(f"lib/{_CPU_DRIVER}")
         if driver is None:
             raise ImportError(f"{_CPU_DRIVER} not found: {_INSTALL_HINT}")
-        os.environ["OCL_ICD_FILENAMES"] = str(driver)
+        variables["OCL_ICD_FILENAMES"] = str(driver)
     if "SYCL_CACHE_PERSISTENT" not in os.environ:
-        os.environ["SYCL_CACHE_PERSISTENT"] = "1"
+        variables["SYCL_CACHE_PERSISTENT"] = "1"
         if "SYCL_CACHE_DIR" not in os.environ:
             base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
-            os.environ["SYCL_CACHE_DIR"] = os.path.join(base, "quillon", "kernels")
+            variables["SYCL_CACHE_DIR"] = os.path.join(base, "quillon", "kernels")
+    return variables
 
 
 def _load_native() -> ModuleType:

@@ -41,7 +41,7 @@ assert torch.xpu.is_initialized() and host_device._native.is_initialized()
 
 def test_import_after_use_of_autograd_is_refused(run_python: Run) -> None:
     script = "import torch; torch.ones(1, requires_grad=True).backward(); import quillon"
-    result = run_python(script)
+    result = run_python(script, TORCH_DEVICE_BACKEND_AUTOLOAD="0")
     assert result.returncode == 1
     assert "RuntimeError: PyTorch was asked for XPU before quillon was imported" in result.stderr
     assert "put `import quillon` right after `import torch`" in result.stderr
@@ -59,7 +59,7 @@ assert "quillon._host_device" not in sys.modules
 assert torch.xpu.Stream is stream and dict(os.environ) == before
 assert host_device.cache_folder() is None
 """
-    output_of(run_python(script))
+    output_of(run_python(script, TORCH_DEVICE_BACKEND_AUTOLOAD="0"))
 
 
 @pytest.mark.parametrize(
@@ -153,7 +153,7 @@ def test_missing_sycl_runtime(monkeypatch: pytest.MonkeyPatch) -> None:
         host_device._load_native()
     monkeypatch.delitem(os.environ, "OCL_ICD_FILENAMES")
     with pytest.raises(ImportError, match=r"libintelocl.so not found.*pip install 'quillon\[host\]'"):
-        host_device._prepare_environment()
+        host_device._variables_of_the_runtime()
 
 
 def test_missing_cpu_driver(run_python: Run) -> None:

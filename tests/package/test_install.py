@@ -84,7 +84,9 @@ def test_wheel_by_isolated_build(wheel: Path) -> None:
 
 USE = """
 import sys, sysconfig
-import torch, quillon, vesper_linear
+import torch
+assert torch.xpu.is_available() and "quillon" not in sys.modules  # PyTorch itself has started the device
+import quillon, vesper_linear
 for module in (quillon, vesper_linear):
     assert module.__file__.startswith(sysconfig.get_path("purelib")), module.__file__
 linear = torch.nn.Linear(64, 8)
