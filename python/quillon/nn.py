@@ -174,6 +174,9 @@ class LowBitLinear(nn.Module):
         Raises ``ValueError`` for an unknown format or an ``in_features`` that the format's kernels do not cover.
         """
         super().__init__()
+        for name, value in (("in_features", in_features), ("out_features", out_features)):
+            if not isinstance(value, int) or isinstance(value, bool):
+                raise TypeError(f"{name} must be an integer, got {value!r}")
         self.format = weight_format(format)
         self.in_features = in_features
         self.out_features = out_features
@@ -202,7 +205,13 @@ class LowBitLinear(nn.Module):
 
         ``importance``: as for :meth:`from_linear`.
         """
+        if weight.dim() != 2:
+            raise ValueError(
+                f"weight must have two dimensions (out_features, in_features), got shape {tuple(weight.shape)}"
+            )
         out_features, in_features = weight.shape
+        if bias is not None and bias.shape != (out_features,):
+            raise ValueError(f"bias must have shape ({out_features},), got {tuple(bias.shape)}")
         layer = cls(in_features, out_features, format, bias=bias is not None)
         layer.packed = quantize(weight.detach(), layer.format.name, importance=importance).to(weight.device)
         if bias is not None:
@@ -218,7 +227,11 @@ class LowBitLinear(nn.Module):
         if input.device not in self._checked_devices:
             _check_device(self.format, (self.in_features,), input.device)
             self._checked_devices.add(input.device)
-        output = _apply(input, self.packed, self.format, self.out_features)
+        try:
+            output = _apply(input, self.packed, self.format, self.out_features)
+        except RuntimeError:
+            self._check_packed(input.device)
+            raise
         if self.bias is not None:
             output = (output + self.bias).to(output.dtype)
         return output
@@ -228,6 +241,17 @@ class LowBitLinear(nn.Module):
         return dequantize_reference(
             self.packed.cpu(), self.format.name, self.out_features, self.in_features, dtype=dtype
         )
+
+    def _check_packed(self, device: torch.device) -> None:
+        """Raise ``ValueError`` if the bytes are not those of this layer, or not on ``device``: somebody put others."""
+        size = weight_bytes(self.format.name, self.out_features, self.in_features)
+        if self.packed.shape != (size,) or self.packed.dtype != torch.uint8:
+            raise ValueError(
+                f"packed must be uint8 of shape ({size},) for {self.out_features} by {self.in_features} in "
+                f"{self.format.name}, got {self.packed.dtype} of shape {tuple(self.packed.shape)}"
+            )
+        if self.packed.device != device:
+            raise ValueError(f"input is on {device} and the layer on {self.packed.device}; both must be on one device")
 
     def extra_repr(self) -> str:
         """Return the shape and format for ``repr``."""
@@ -373,7 +397,7 @@ class QuantizationReport:
 def quantize_model(
     model: nn.Module,
     format: str | int,
-    skip: Iterable[str] = (),
+    skip: str | Iterable[str] = (),
     *,
     fallback: str | int | None = None,
     device_class: str | None = None,
@@ -393,9 +417,11 @@ def quantize_model(
     Whatever else holds a matrix stays as it is and, embeddings apart, is named in the report's ``kept``: subclasses of
     ``nn.Linear`` for example, since what they do beside the product is not known.
     """
+    if not isinstance(model, nn.Module):
+        raise TypeError(f"model must be a torch.nn.Module, got {type(model).__name__}")
     formats = [weight_format(name) for name in (format, fallback) if name is not None]
     device_class = chosen_device_class(device_class, formats)
-    patterns = tuple(skip)
+    patterns = (skip,) if isinstance(skip, str) else tuple(skip)
     # A module that has several places in the model is packed once and replaced in all of them.
     places: dict[nn.Module, list[str]] = {}
     for name, module in model.named_modules(remove_duplicate=False):

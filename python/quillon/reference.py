@@ -253,6 +253,8 @@ def dequantize_reference(
     Raises ``TypeError`` for wrong element types and ``ValueError`` for sizes that do not fit.
     """
     fmt = check_shape(format, rows, cols)
+    if not isinstance(data, Tensor):
+        raise TypeError(f"data must be a tensor, got {type(data).__name__}")
     if data.dtype != torch.uint8:
         raise TypeError(f"data must be uint8, got {data.dtype}")
     if dtype not in _DTYPES:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import copy
 import io
+import re
 
 import pytest
 import torch
@@ -88,6 +89,64 @@ def test_errors_name_the_argument() -> None:
         LowBitLinear(64, 8, "q9")
 
 
+@pytest.mark.parametrize("wrong", [64.0, "64", True, None, torch.tensor(64)])
+def test_sizes_are_integers(wrong: object) -> None:
+    with pytest.raises(TypeError, match="in_features must be an integer, got "):
+        LowBitLinear(wrong, 8, "q4_0")  # type: ignore[arg-type]
+    with pytest.raises(TypeError, match="out_features must be an integer, got "):
+        LowBitLinear(64, wrong, "q4_0")  # type: ignore[arg-type]
+
+
+@pytest.mark.parametrize("shape", [(), (64,), (8, 64, 1)])
+def test_weights_of_other_than_two_dimensions(shape: tuple[int, ...]) -> None:
+    text = re.escape(f"weight must have two dimensions (out_features, in_features), got shape {shape}")
+    with pytest.raises(ValueError, match=text):
+        LowBitLinear.from_weight(torch.ones(shape), None, "q4_0")
+
+
+@pytest.mark.parametrize("shape", [(9,), (1,), (8, 1), ()])
+def test_bias_of_another_shape(shape: tuple[int, ...]) -> None:
+    with pytest.raises(ValueError, match=re.escape(f"bias must have shape (8,), got {shape}")):
+        LowBitLinear.from_weight(torch.ones(8, 64), torch.ones(shape), "q4_0")
+
+
+def test_bytes_that_are_not_the_layers() -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0")
+    input = torch.zeros(2, 64, device=DEVICE)
+    with pytest.raises(ValueError, match="input is on xpu:7 and the layer on cpu; both must be on one device"):
+        layer(input)
+    with pytest.raises(ValueError, match="input is on xpu:7 and the layer on xpu:3; both must be on one device"):
+        layer.to("xpu:3")(input)
+    layer.to(DEVICE)
+    packed = layer.packed
+    for wrong in (packed[:-34], torch.cat((packed, packed)), packed.view(8, 34), packed.float(), packed[:0]):
+        layer.packed = wrong
+        with pytest.raises(ValueError, match=r"packed must be uint8 of shape \(272,\) for 8 by 64 in q4_0, got torch"):
+            layer(input)
+    layer.packed = packed
+    with pytest.raises(NotImplementedError, match="not implemented for 'Int'"):
+        layer(input.int())
+
+
+@pytest.mark.parametrize("shape", [(), (0,), (3, 0), (64, 1)])
+def test_inputs_of_another_row_length(shape: tuple[int, ...]) -> None:
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0").to(DEVICE)
+    text = re.escape(f"input must have 64 columns (in_features), got shape {shape}")
+    with pytest.raises(ValueError, match=text):
+        layer(torch.zeros(shape, device=DEVICE))
+
+
+@pytest.mark.filterwarnings("ignore:The PyTorch API of nested tensors")
+def test_what_is_no_tensor_or_model() -> None:
+    with pytest.raises(TypeError, match="data must be a tensor, got list"):
+        quillon.dequantize_reference([1], "q4_0", 1, 64)  # type: ignore[arg-type]
+    for weight in (torch.ones(2, 64).to_sparse(), torch.nested.as_nested_tensor([torch.ones(2, 64)])):
+        with pytest.raises(TypeError, match="weight must be a dense tensor, got a sparse or nested one"):
+            quillon.quantize(weight, "q4_0")
+    with pytest.raises(TypeError, match=r"model must be a torch.nn.Module, got str"):
+        quantize_model("model", "q4_0")  # type: ignore[arg-type]
+
+
 def test_row_lengths_that_a_kernel_does_not_cover() -> None:
     assert kernel_row_multiple("q4_0") == 64
     assert kernel_row_multiple("q5_k") == 256
@@ -127,6 +186,7 @@ def test_quantize_model_fallback() -> None:
     model = small_model()
     report = quantize_model(model, "q6_k", fallback="q8_0")
     assert report.replaced == {"0": "q8_0", "2.0": "q8_0", "3": "q6_k"}
+    assert quantize_model(small_model(), "q6_k", "2.0", fallback="q8_0").kept == {"2.0": "skipped by name"}
     model = small_model()
     report = quantize_model(model, "q6_k", device_class="elm")
     assert not report.replaced

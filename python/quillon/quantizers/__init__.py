@@ -89,6 +89,8 @@ def quantize(
     """
     if not isinstance(weight, Tensor):
         raise TypeError(f"weight must be a tensor, got {type(weight).__name__}")
+    if weight.layout != torch.strided or weight.is_nested:
+        raise TypeError("weight must be a dense tensor, got a sparse or nested one")
     if weight.dtype not in _DTYPES:
         raise TypeError(f"weight must be float32, float16 or bfloat16, got {weight.dtype}")
     if weight.dim() != 2:
