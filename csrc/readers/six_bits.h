@@ -25,15 +25,11 @@ struct six_bit_words {
 // the bits of two halves at once, in the halves of a word.
 template <typename T, typename Chunk>
 inline auto sum_fp6(const Chunk& x, const six_bit_words& chunk) {
-  words halves[4][2];
-  unrolled<4>([&](auto step) {
-    const words codes = fp6_step_codes(chunk.high_of(step), chunk.low_of(step));
-    halves[step][0] = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
-    halves[step][1] = (codes & 0x9F009F00u) | 0x00800080u;
-  });
   return sum_products<16>(x, [=](auto i) {
     static_assert(fp6_lanes::byte_at(0) == 0 && fp6_lanes::byte_at(1) == 2 && fp6_lanes::byte_at(2) == 1);
-    return half_of_word<T>(halves[i / 4][i % 4 / 2], i % 2);
+    const words codes = fp6_step_codes(chunk.high_of(i / 4), chunk.low_of(i / 4));
+    const words halves = i % 4 < 2 ? ((codes & 0x009F009Fu) << 8) | 0x00800080u : (codes & 0x9F009F00u) | 0x00800080u;
+    return half_of_word<T>(halves, i % 2);
   });
 }
 

@@ -71,17 +71,18 @@ template <int CHUNK, int BLOCK, int UNIT>
 struct loose_chunk_place {
   static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
   static constexpr int CHUNKS_PER_UNIT = UNIT / CHUNK;
-  int64_t unit;
+  uint32_t unit;
   int item;
   uint32_t zero;
 
-  void advance(int32_t units) { unit += units; }
-  int64_t block_of_item() const { return unit / (BLOCK / UNIT); }
+  void advance(uint32_t units) { unit += units; }
+  uint32_t block_of_item() const { return unit / (BLOCK / UNIT); }
   int chunk_of_block() const { return item % CHUNKS_PER_BLOCK; }
 
   template <typename Entry, int CHUNKS>
   Entry entry_of_chunks(const void* region) const {
-    return static_cast<const Entry*>(region)[block_of_item() * (CHUNKS_PER_BLOCK / CHUNKS) + chunk_of_block() / CHUNKS];
+    const uint32_t entry = block_of_item() * (CHUNKS_PER_BLOCK / CHUNKS) + chunk_of_block() / CHUNKS;
+    return static_cast<const Entry*>(region)[entry];
   }
   template <typename Entry>
   Entry entry_of_block(const void* region) const {
@@ -89,7 +90,8 @@ struct loose_chunk_place {
   }
   template <typename Entry>
   Entry entry_by_unit(const void* region) const {
-    return static_cast<const Entry*>(region)[unit * CHUNKS_PER_UNIT + item % CHUNKS_PER_UNIT];
+    const uint32_t entry = unit * CHUNKS_PER_UNIT + item % CHUNKS_PER_UNIT;
+    return static_cast<const Entry*>(region)[entry];
   }
   template <typename Entry>
   Entry entry_by_block(const void* region) const {
@@ -158,29 +160,38 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   constexpr int CHUNK = Reader::CHUNK;
   constexpr int BLOCK = Reader::BLOCK;
   constexpr int UNIT = Reader::UNIT;
+  // Sixteen doubles are half of a GPU's registers, which leaves too few for all rows of a tile at once.
+  constexpr bool TILE_AT_ONCE = CHUNK * sizeof(T) <= 64;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const int item = static_cast<int>(place.get_local_id(0));
   const uint64_t row0 = place.get_group(0) * ROW_TILE;
   const auto zero = static_cast<uint32_t>(state_size >> 32);  // weights have fewer than 2^31 elements
 
   values<T> acc[ROW_TILE] = {};
-  const auto add_round = [&](int32_t c, const auto& at, int32_t row_length) __attribute__((always_inline)) {
-    const row_steps<ROW_TILE> to_next_row(row0, output_size, row_length);
-    const auto x =
-        load_activations<T, CHUNK, WITH_SUM, typename Reader::order>(input + CHUNK * c, item, first_constants<CHUNK>{});
-    add_rows(acc, x, at, to_next_row, add_row, first_constants<ROW_TILE>{});
+  const auto load_chunk = [&](int32_t c) __attribute__((always_inline)) {
+    return load_activations<T, CHUNK, WITH_SUM, typename Reader::order>(input + CHUNK * c, item,
+                                                                        first_constants<CHUNK>{});
   };
-  if (state_size % BLOCK == 0) {
+  if (TILE_AT_ONCE && state_size % BLOCK == 0) {
     const int64_t first = row0 * state_size / BLOCK;
+    const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
     for_each_round<CHUNK, WG_SIZE, TAIL>(state_size, item, [&](int32_t c) __attribute__((always_inline)) {
-      add_round(c, chunk_place<CHUNK, BLOCK>{first + c * CHUNK / BLOCK, item, zero},
-                static_cast<int32_t>(state_size / BLOCK));
+      add_rows(acc, load_chunk(c), chunk_place<CHUNK, BLOCK>{first + c * CHUNK / BLOCK, item, zero}, to_next_row,
+               add_row, first_constants<ROW_TILE>{});
     });
   } else {
-    const int64_t first = (row0 * state_size + CHUNK * item) / UNIT;
-    for_each_round<CHUNK, WG_SIZE, TAIL>(state_size, item, [&](int32_t c) __attribute__((always_inline)) {
-      add_round(c, loose_chunk_place<CHUNK, BLOCK, UNIT>{first + c * CHUNK / UNIT, item, zero},
-                static_cast<int32_t>(state_size / UNIT));
+    // One row after the other, and the last round like the others: a second copy of the code above would take registers
+    // from it. Rows that do start on a block are right here as well.
+    const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / UNIT));
+    const auto chunks = static_cast<int32_t>(state_size / CHUNK);
+    const int32_t summed = TAIL == tail_round::summed ? chunks : chunks / WG_SIZE * WG_SIZE;
+    auto unit = static_cast<uint32_t>((row0 * state_size + CHUNK * item) / UNIT);
+    unrolled<ROW_TILE>([&](auto t) {
+      for (int32_t c = 0; c + item < summed; c += WG_SIZE) {
+        const loose_chunk_place<CHUNK, BLOCK, UNIT> at{unit + static_cast<uint32_t>(c) * CHUNK / UNIT, item, zero};
+        add_row_inline(acc[t], load_chunk(c), at, add_row);
+      }
+      unit += to_next_row.step[t];
     });
   }
   reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);

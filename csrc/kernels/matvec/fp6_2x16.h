@@ -12,11 +12,10 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
-                                                            const uint8_t* low_plane, const T* input,
-                                                            const c10::Half* scales, int32_t /*blocks_per_row*/,
-                                                            sycl::local_accessor<T, 1> local, uint64_t output_size,
-                                                            T* output) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane, const uint8_t* low_plane,
+                                 const T* input, const c10::Half* scales, int32_t /*blocks_per_row*/,
+                                 sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
   multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(
       fp6_reader{high_plane, low_plane, reinterpret_cast<const uint8_t*>(scales)}, state_size, input, local,

@@ -12,11 +12,10 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_fp6_k_2x16(uint64_t state_size, const uint8_t* weight,
-                                                              uint64_t high_plane_offset, uint64_t scales_offset,
-                                                              uint64_t super_scales_offset, const T* input,
-                                                              sycl::local_accessor<T, 1> local, uint64_t output_size,
-                                                              T* output) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_fp6_k_2x16(uint64_t state_size, const uint8_t* weight, uint64_t high_plane_offset,
+                                   uint64_t scales_offset, uint64_t super_scales_offset, const T* input,
+                                   sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
   multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(
       fp6_k_reader{weight, weight + high_plane_offset, weight + scales_offset, weight + super_scales_offset},

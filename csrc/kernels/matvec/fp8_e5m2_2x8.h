@@ -13,9 +13,9 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_fp8_e5m2_2x8(uint64_t state_size, const uint8_t* weight,
-                                                                const T* input, sycl::local_accessor<T, 1> local,
-                                                                T* output, uint64_t output_size) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_fp8_e5m2_2x8(uint64_t state_size, const uint8_t* weight, const T* input,
+                                     sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const fp8_e5m2_reader reader{weight};
   multiply_chunks<T, WG_SIZE, 2, fp8_e5m2_reader, tail_round::summed, false>(

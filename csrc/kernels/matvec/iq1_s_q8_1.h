@@ -49,12 +49,12 @@ inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, uint3
 
 template <typename T>
 QUILLON_KERNEL(2)
-QUILLON_SUB_GROUP(32) void qlinear_xpu_kernel_iq1_s_q8_1(
-    uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq1_s* weight,
-    const quillon::block_q8_1* activations, T* output
+QUILLON_SUB_GROUP(32)
+void qlinear_xpu_kernel_iq1_s_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq1_s* weight,
+                                   const quillon::block_q8_1* activations, T* output
 #ifdef QUILLON_VECTOR_LANES
-    ,
-    sycl::local_accessor<float, 1> local  // the arranged activations
+                                   ,
+                                   sycl::local_accessor<float, 1> local  // the arranged activations
 #endif
 ) {
   using namespace quillon;

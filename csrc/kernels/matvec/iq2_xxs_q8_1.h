@@ -61,10 +61,10 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, u
 
 template <typename T>
 QUILLON_KERNEL(2)
-QUILLON_SUB_GROUP(32) void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_row,
-                                                           const quillon::block_iq2_xxs* weight,
-                                                           const quillon::block_q8_1* activations,
-                                                           sycl::local_accessor<T, 1> local, T* output) {
+QUILLON_SUB_GROUP(32)
+void qlinear_xpu_kernel_iq2_xxs_q8_1(uint64_t output_size, int32_t blocks_per_row, const quillon::block_iq2_xxs* weight,
+                                     const quillon::block_q8_1* activations, sycl::local_accessor<T, 1> local,
+                                     T* output) {
   using namespace quillon;
 #ifdef QUILLON_VECTOR_LANES
   for_each_row_of_slices<2, q8_1_blocks>(

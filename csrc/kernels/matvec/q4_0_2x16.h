@@ -12,10 +12,9 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE, int ROW_TILE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q4_0_2x16(uint64_t state_size, const uint8_t* weight,
-                                                             int32_t scale_offset, const T* input,
-                                                             sycl::local_accessor<T, 1> local, uint64_t output_size,
-                                                             T* output) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_q4_0_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                  sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
   multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(q4_0_reader{weight, weight + scale_offset}, state_size, input, local,
                                                output_size, output);

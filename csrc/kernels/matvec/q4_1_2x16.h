@@ -13,10 +13,9 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight,
-                                                             int32_t scale_offset, const T* input,
-                                                             sycl::local_accessor<T, 1> local, T* output,
-                                                             uint64_t output_size) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_q4_1_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
+                                  sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const q4_1_reader reader{weight, weight + scale_offset};
   multiply_chunks<T, WG_SIZE, 2, q4_1_reader, tail_round::summed, true>(

@@ -14,10 +14,10 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input,
-                                                             const uint8_t* scales, const uint8_t* pairs,
-                                                             sycl::local_accessor<T, 1> local, T* output,
-                                                             uint64_t output_size) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_q4_k_2x16(uint64_t state_size, const uint8_t* quants, const T* input, const uint8_t* scales,
+                                  const uint8_t* pairs, sycl::local_accessor<T, 1> local, T* output,
+                                  uint64_t output_size) {
   using namespace quillon;
   const q4_k_reader reader{quants, scales, pairs};
   multiply_chunks<T, WG_SIZE, 2, q4_k_reader, tail_round::dropped, true>(

@@ -11,8 +11,9 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q5_1(uint64_t state_size, const quillon::block_q5_1* weight,
-                                                        const T* input, sycl::local_accessor<T, 1> local, T* output) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_q5_1(uint64_t state_size, const quillon::block_q5_1* weight, const T* input,
+                             sycl::local_accessor<T, 1> local, T* output) {
   using namespace quillon;
   multiply_five_bits<T, SG_SIZE, WG_SIZE, q5_1_reader>(state_size, weight, input, local, output);
 }

@@ -121,11 +121,9 @@ inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) 
 
 template <typename T>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(QUILLON_SUB_GROUP_SIZE) void qlinear_xpu_kernel_q5_k(uint64_t state_size,
-                                                                       const quillon::block_q5_K* weight,
-                                                                       const T* input,
-                                                                       sycl::local_accessor<float, 1> local,
-                                                                       T* output) {
+QUILLON_SUB_GROUP(QUILLON_SUB_GROUP_SIZE)
+void qlinear_xpu_kernel_q5_k(uint64_t state_size, const quillon::block_q5_K* weight, const T* input,
+                             sycl::local_accessor<float, 1> local, T* output) {
   using namespace quillon;
   const auto blocks = static_cast<int32_t>(state_size / 256);
 #ifdef QUILLON_VECTOR_LANES

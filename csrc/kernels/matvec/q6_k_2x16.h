@@ -15,11 +15,10 @@
 
 template <typename T, int SG_SIZE, int WG_SIZE>
 QUILLON_KERNEL(1)
-QUILLON_SUB_GROUP(SG_SIZE) void qlinear_xpu_kernel_q6_k_2x16(uint64_t state_size, const uint8_t* high_plane,
-                                                             const uint8_t* low_plane, const T* input,
-                                                             const uint8_t* super_scales, const uint8_t* scales,
-                                                             sycl::local_accessor<T, 1> local, T* output,
-                                                             uint64_t output_size) {
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_kernel_q6_k_2x16(uint64_t state_size, const uint8_t* high_plane, const uint8_t* low_plane,
+                                  const T* input, const uint8_t* super_scales, const uint8_t* scales,
+                                  sycl::local_accessor<T, 1> local, T* output, uint64_t output_size) {
   using namespace quillon;
   const q6_k_reader reader{high_plane, low_plane, super_scales, scales};
   multiply_chunks<T, WG_SIZE, 2, q6_k_reader, tail_round::dropped, false>(
