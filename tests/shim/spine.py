@@ -1,4 +1,4 @@
-"""Typed calls of the shim over version rule, device classes and paths."""
+"""Typed calls of the shim over version rule, device classes, paths and what kernels read."""
 
 from __future__ import annotations
 
@@ -26,6 +26,11 @@ class SpineShim:
         self._class_name.restype = ctypes.c_char_p
         self._path = library.shim_path
         self._path.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64]
+        self._activations = library.shim_activations_read
+        self._blocks = library.shim_blocks_read
+        for function in (self._activations, self._blocks):
+            function.argtypes = [ctypes.c_int, *[ctypes.c_uint64] * 3]
+            function.restype = ctypes.c_uint64
         self.qtype_count: int = library.shim_qtype_count()
 
     def interpreter_matches(self, built_for: str, interpreter: str) -> bool:
@@ -45,3 +50,8 @@ class SpineShim:
 
     def path(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
         return PATHS[self._path(device_class, qtype, batch, output_size)]
+
+    def read_extent(self, qtype: int, work_items: int, state_size: int, output_size: int) -> tuple[int, int]:
+        """Activations and weight blocks that the kernel of one activation row reads up to."""
+        arguments = (qtype, work_items, state_size, output_size)
+        return int(self._activations(*arguments)), int(self._blocks(*arguments))

@@ -1,0 +1,152 @@
+"""What the kernels of a single row read where rows end inside a block: the rule, and the memory itself.
+
+In the second half the tensors end at a page that nobody may read, in a process of its own, which would die of it.
+"""
+
+from __future__ import annotations
+
+import math
+
+import pytest
+import torch
+from shim.process import run_python
+from shim.spine import SpineShim
+
+import vesper_linear
+from quillon.formats import WEIGHT_FORMATS, get_format
+
+# Rows that a kernel's check admits, with whole blocks among them.
+LENGTHS = [16, 32, 48, 64, 80, 96, 112, 128, 144, 240, 256, 320, 528, 640, 1040, 4160]
+ANY_LENGTHS = [1, 7, 31, 33, 63, 65, 95, 127, 129, 200, 1000, 2047]
+SPLIT = {"q4_0", "q4_1", "nf4", "fp4"}
+FIVE_BITS = {"q5_0", "q5_1"}
+
+
+def brute_force(name: str, work_items: int, state_size: int, output_size: int) -> tuple[int, int]:
+    """Walk through the addresses of every work-item: one past the last activation, one past the last block."""
+    elements = get_format(name).elements
+    activations, blocks = state_size, math.ceil(state_size * output_size / elements)
+    if state_size % elements == 0:
+        return activations, blocks
+    for item in range(work_items):
+        if name in SPLIT:
+            for chunk in range(item, state_size // 16, work_items):
+                place = 16 * chunk % 64
+                x = 16 * chunk - place + place // 2
+                activations = max(activations, x + 8, x + 32 + 8)
+        if name in FIVE_BITS:
+            for row in range(output_size):
+                block = (row * state_size + 2 * item) // 64
+                x = 2 * item // 64 * 64 + item % 32
+                i = 0
+                while i < state_size // work_items:
+                    activations, blocks = max(activations, x + 1, x + 33), max(blocks, block + 1)
+                    block += work_items // 32
+                    x += 2 * work_items
+                    i += 2
+    return activations, blocks
+
+
+@pytest.mark.parametrize("work_items", [32, 64])
+@pytest.mark.parametrize("name", WEIGHT_FORMATS)
+def test_rule(spine: SpineShim, name: str, work_items: int) -> None:
+    lengths = LENGTHS + (ANY_LENGTHS if name in FIVE_BITS else [])
+    for state_size in lengths:
+        for output_size in (1, 2, 3, 8):
+            found = spine.read_extent(get_format(name).code, work_items, state_size, output_size)
+            assert found == brute_force(name, work_items, state_size, output_size), (state_size, output_size)
+
+
+def test_the_rule_bites(spine: SpineShim) -> None:
+    assert spine.read_extent(2, 32, 16, 1) == (40, 1)
+    assert spine.read_extent(2, 32, 112, 1) == (120, 2)
+    assert spine.read_extent(2, 32, 40, 1) == (40, 1)
+    assert spine.read_extent(6, 32, 96, 2) == (128, 4)
+    assert spine.read_extent(6, 64, 127, 1) == (128, 2)
+
+
+@pytest.mark.parametrize("device", ["xpu:7", "xpu:1"])
+def test_message(device: str) -> None:
+    weight = torch.zeros(34 * 7, dtype=torch.uint8, device=device)
+    with pytest.raises(RuntimeError) as error:
+        vesper_linear.forward_new(torch.zeros(1, 112, device=device), weight, 2, 0)
+    assert str(error.value) == (
+        "forward_new: rows of 112 elements end inside a block of q4_0 (qtype 2), whose kernel then reads 120 "
+        "activations, and input has 112"
+    )
+    held = torch.zeros(400, device=device)
+    assert vesper_linear.forward_new(held[280:392].view(1, 112), weight, 2, 0).shape == (1, 4)
+    with pytest.raises(RuntimeError, match="reads 120 activations, and input has 119"):
+        vesper_linear.forward_new(held[281:393].view(1, 112), weight, 2, 0)
+    with pytest.raises(
+        RuntimeError, match=r"block of q5_0 \(qtype 6\), whose kernel then reads 4 blocks, and weight has 3"
+    ):
+        vesper_linear.forward_new(held[:96].view(1, 96), torch.zeros(44 * 3, dtype=torch.uint8, device=device), 6, 0)
+
+
+GUARDED = """
+import ctypes, itertools, math, mmap, sys
+import torch, quillon, vesper_linear
+from quillon.formats import get_format
+
+PAGE, ROOM = mmap.PAGESIZE, 64 * mmap.PAGESIZE
+libc = ctypes.CDLL(None, use_errno=True)
+libc.mmap.restype = ctypes.c_void_p
+libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t] + 3 * [ctypes.c_int] + [ctypes.c_long]
+libc.mprotect.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int]
+
+def guarded_room():
+    start = libc.mmap(None, ROOM + PAGE, 3, mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS, -1, 0)
+    assert libc.mprotect(start + ROOM, PAGE, 0) == 0
+    return start + ROOM
+
+ends = guarded_room(), guarded_room()
+device = torch.device(sys.argv[1])
+
+def at_the_end(end, size):
+    # A tensor of bytes whose last one is the last before the guard.
+    storage = torch._C._construct_storage_from_data_pointer(end - size, device, size)
+    return torch.empty(0, dtype=torch.uint8, device=device).set_(storage)
+
+for name in sys.argv[2].split(","):
+    fmt = get_format(name)
+    for state_size, output_size in itertools.product(eval(sys.argv[3]), (1, 2, 3, 8)):
+        input = at_the_end(ends[0], 4 * state_size).view(torch.float32).fill_(1).view(1, state_size)
+        size = math.ceil(state_size * output_size / fmt.elements) * fmt.bytes
+        if size > ROOM:
+            continue
+        weight = at_the_end(ends[1], size).fill_(17)
+        try:
+            vesper_linear.forward_new(input, weight, fmt.code, 0)
+            torch.xpu.synchronize()
+            outcome = "ran"
+        except RuntimeError as error:
+            outcome = "refused" if " end inside a block of " in str(error) else "other"
+        print(name, state_size, output_size, outcome, flush=True)
+"""
+
+
+@pytest.mark.parametrize("device", ["xpu:7", "xpu:1"])
+@pytest.mark.parametrize(
+    "names", [sorted(FIVE_BITS), sorted(set(WEIGHT_FORMATS) - FIVE_BITS)], ids=["five bits", "others"]
+)
+def test_no_kernel_reads_behind_the_tensors(names: list[str], device: str) -> None:
+    lengths = LENGTHS + (ANY_LENGTHS if set(names) == FIVE_BITS else [])
+    done = run_python(GUARDED, device, ",".join(names), str(lengths), timeout=500)
+    lines = done.stdout.splitlines()
+    assert done.returncode == 0, f"died after {lines[-1:]} {done.stderr[-500:]}"
+    outcomes = {(name, int(k), int(n)): outcome for name, k, n, outcome in map(str.split, lines)}
+    assert len(outcomes) > 60 * len(names)
+    work_items = 32 if device == "xpu:7" else 64
+    for (name, state_size, given), outcome in outcomes.items():
+        fmt = get_format(name)
+        # The dispatcher goes by the bytes, which may hold a row more than was asked for.
+        blocks = math.ceil(state_size * given / fmt.elements)
+        output_size = fmt.elements * blocks // state_size
+        needed = brute_force(name, work_items, state_size, output_size)
+        if outcome == "other":  # the activations of these are quantized by super-blocks
+            assert name in ("iq2_xxs", "q2_k", "iq1_s")
+            assert state_size % 256
+        else:
+            fits = needed[0] <= state_size and needed[1] <= blocks
+            assert outcome == ("ran" if fits else "refused"), (name, state_size, given)
