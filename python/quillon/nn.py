@@ -80,7 +80,8 @@ class _PackedProduct(torch.autograd.Function):
 
     @staticmethod
     def forward(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
-        return _multiply(input, packed, format, out_features)
+        output = _multiply(input, packed, format, out_features)
+        return output.clone() if output._is_view() else output  # the bias is added in place, which views forbid
 
     @staticmethod
     def setup_context(ctx: Any, inputs: tuple[Tensor, Tensor, Format, int], output: Tensor) -> None:
@@ -233,7 +234,7 @@ class LowBitLinear(nn.Module):
             self._check_packed(input.device)
             raise
         if self.bias is not None:
-            output = (output + self.bias).to(output.dtype)
+            output += self.bias
         return output
 
     def dequantize(self, dtype: torch.dtype = torch.float32) -> Tensor:
