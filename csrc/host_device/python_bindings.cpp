@@ -15,6 +15,7 @@
 #include "compiled_graphs.h"
 #include "generator.h"
 #include "host_device.h"
+#include "shared_memory.h"
 
 namespace py = pybind11;
 
@@ -250,4 +251,5 @@ PYBIND11_MODULE(_host_device, module) {
   define_streams(module);
   define_memory(module);
   define_compiled_graphs(module);
+  define_shared_memory(module);
 }

@@ -19,25 +19,6 @@ void release_storage(void* storage) {
   c10::raw::intrusive_ptr::decref(static_cast<c10::StorageImpl*>(storage));
 }
 
-/// The bytes of a storage under the name of another device; keeps the storage alive.
-c10::DataPtr shared_data(c10::StorageImpl& storage, Device device) {
-  c10::raw::intrusive_ptr::incref(&storage);
-  return {storage._mutable_data_ptr_no_checks().get(), &storage, &release_storage, device};
-}
-
-/// The storage of the other device type that a storage shows the bytes of, or null.
-c10::StorageImpl* shown_by(const c10::StorageImpl& shown) {
-  const c10::DataPtr& data = shown.data_ptr();
-  if (data.get_deleter() != &release_storage) return nullptr;
-  auto* storage = static_cast<c10::StorageImpl*>(data.get_context());
-  const bool current = storage->device_type() != shown.device_type() && storage->data_ptr().get() == data.get();
-  return current ? storage : nullptr;
-}
-
-c10::Storage hold(c10::StorageImpl* storage) {
-  return c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(storage));
-}
-
 c10::Storage make_storage(c10::SymInt nbytes, c10::DataPtr data, c10::Allocator* allocator, bool resizable) {
   return c10::Storage(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), std::move(nbytes),
                                                             std::move(data), allocator, resizable));
@@ -66,6 +47,23 @@ bool may_hold_tensors(const IValue& list) {
 }
 
 }  // namespace
+
+c10::DataPtr shared_data(c10::StorageImpl& storage, Device device) {
+  c10::raw::intrusive_ptr::incref(&storage);
+  return {storage._mutable_data_ptr_no_checks().get(), &storage, &release_storage, device};
+}
+
+c10::StorageImpl* shown_by(const c10::StorageImpl& shown) {
+  const c10::DataPtr& data = shown.data_ptr();
+  if (data.get_deleter() != &release_storage) return nullptr;
+  auto* storage = static_cast<c10::StorageImpl*>(data.get_context());
+  const bool current = storage->device_type() != shown.device_type() && storage->data_ptr().get() == data.get();
+  return current ? storage : nullptr;
+}
+
+c10::Storage hold(c10::StorageImpl* storage) {
+  return c10::Storage(c10::intrusive_ptr<c10::StorageImpl>::reclaim_copy(storage));
+}
 
 void replace_tensors(IValue& value, c10::function_ref<at::Tensor(at::Tensor)> replace) {
   if (value.isTensor()) {

@@ -12,6 +12,13 @@
 
 namespace quillon::host_device {
 
+/// The bytes of a storage under the name of another device; keeps the storage alive.
+c10::DataPtr shared_data(c10::StorageImpl& storage, c10::Device device);
+/// The storage whose bytes a storage has by shared_data(), of the other type of device; or null.
+c10::StorageImpl* shown_by(const c10::StorageImpl& shown);
+/// A reference to a storage that somebody else owns as well.
+c10::Storage hold(c10::StorageImpl* storage);
+
 /// Replaces each tensor in `value`, in lists and lists of lists too, by what `replace` makes of it.
 void replace_tensors(c10::IValue& value, c10::function_ref<at::Tensor(at::Tensor)> replace);
 

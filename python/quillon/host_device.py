@@ -12,6 +12,7 @@ import functools
 import importlib
 import os
 import sys
+from multiprocessing.reduction import ForkingPickler
 from pathlib import Path
 from types import ModuleType
 from typing import Any
@@ -105,8 +106,9 @@ def _connect(native: ModuleType) -> None:
     native.install()
     _connect_torch(native)
     _connect_distributed()
+    _connect_processes(native)
     _compile.connect(native)
-    patch_after_import("accelerate.utils.modeling", _share_memory)
+    patch_after_import("accelerate.utils.modeling", _count_memory_once)
     atexit.register(native.shut_down)
     _native = native
 
@@ -201,7 +203,51 @@ def _event_base(native: ModuleType) -> type:
     return XpuEventBase
 
 
-def _share_memory(modeling: Any) -> None:
+def _rebuild_storage(shared: torch.UntypedStorage, index: int) -> torch.UntypedStorage:
+    """Make a storage of the device of what another process has sent. Found by name: sending refers to it."""
+    assert _native is not None
+    storage: torch.UntypedStorage = _native.device_storage(shared, index)
+    return storage
+
+
+def _connect_processes(native: ModuleType) -> None:
+    """Send tensors to other processes as CPU tensors are sent: through memory that both then share."""
+    storage_class: Any = torch.UntypedStorage
+    stock_share, stock_is_shared = storage_class.share_memory_, storage_class.is_shared
+    stock_reduce: Any = torch.multiprocessing.reductions.reduce_storage
+
+    def shared_memory_of(storage: Any) -> Any:
+        shared = native.shared_storage_of(storage)
+        if shared is None:
+            shared = storage_class._new_shared(storage.nbytes())
+            native.move_into(storage, shared)
+        return shared
+
+    @functools.wraps(stock_share)
+    def share_memory_(self: Any, *args: Any, **kwargs: Any) -> Any:
+        if self.device.type != "xpu":
+            return stock_share(self, *args, **kwargs)
+        shared_memory_of(self)
+        return self
+
+    @functools.wraps(stock_is_shared)
+    def is_shared(self: Any) -> bool:
+        if self.device.type != "xpu":
+            return bool(stock_is_shared(self))
+        shared = native.shared_storage_of(self)
+        return shared is not None and bool(shared.is_shared())
+
+    def reduce_storage(storage: Any) -> Any:
+        if storage.device.type != "xpu":
+            return stock_reduce(storage)
+        return _rebuild_storage, (shared_memory_of(storage), storage.device.index)
+
+    storage_class.share_memory_ = share_memory_
+    storage_class.is_shared = is_shared
+    ForkingPickler.register(torch.UntypedStorage, reduce_storage)
+
+
+def _count_memory_once(modeling: Any) -> None:
     """Have accelerate's map of free memory count the machine's once: it lies behind every device and the CPU."""
     stock = modeling.get_max_memory
 
