@@ -11,6 +11,7 @@ host_device.start()
 import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
 from quillon import _build_log, _tracing, formats, nn  # noqa: E402
 from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
+from quillon.joined import join_projections  # noqa: E402
 from quillon.nn import quantize_model  # noqa: E402
 from quillon.quantizers import quantize  # noqa: E402
 from quillon.reference import dequantize_reference  # noqa: E402
@@ -18,4 +19,13 @@ from quillon.reference import dequantize_reference  # noqa: E402
 _build_log.install()
 _tracing.register()
 
-__all__ = ["ImportedTensor", "dequantize_reference", "formats", "from_gguf", "nn", "quantize", "quantize_model"]
+__all__ = [
+    "ImportedTensor",
+    "dequantize_reference",
+    "formats",
+    "from_gguf",
+    "join_projections",
+    "nn",
+    "quantize",
+    "quantize_model",
+]

@@ -22,6 +22,7 @@ from quillon._format_table import MAX_ELEMENTS
 
 __all__ = [
     "FORMATS",
+    "MAX_ELEMENTS",
     "WEIGHT_FORMATS",
     "Format",
     "field_offsets",

@@ -62,16 +62,16 @@ def _shape_problem(format: Format, in_features: int, device_class: str) -> str |
 def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
     """``input`` (..., in_features) times the packed weight: (..., out_features)."""
     columns = input.shape[-1]
+    if input.numel() == columns:  # a token of generation: nothing to cut or to put together
+        product = vesper_linear.forward_new(input.reshape(1, columns).contiguous(), packed, format.code, columns)
+        return product.view(*input.shape[:-1], out_features)
     rows = input.reshape(-1, columns).contiguous()
     # Launches queue up behind one another, and the one cat at the end waits for all of them.
     outputs = [
         vesper_linear.forward_new(rows[index : index + 1], packed, format.code, columns)
         for index in range(rows.shape[0])
     ]
-    if len(outputs) == 1:
-        output = outputs[0]
-    else:
-        output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
+    output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
     return output.reshape(*input.shape[:-1], out_features)
 
 
@@ -124,7 +124,7 @@ def _needs_derivatives(input: Tensor) -> bool:
     )
 
 
-def _apply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
+def apply_packed(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
     """:func:`_multiply` as a layer has it: under autocast in its element type, and with derivatives where asked for."""
     input = _as_autocast(input)
     product = _product if _needs_derivatives(input) else _multiply
@@ -229,13 +229,16 @@ class LowBitLinear(nn.Module):
             _check_device(self.format, (self.in_features,), input.device)
             self._checked_devices.add(input.device)
         try:
-            output = _apply(input, self.packed, self.format, self.out_features)
+            output = self._product(input)
         except RuntimeError:
             self._check_packed(input.device)
             raise
         if self.bias is not None:
             output += self.bias
         return output
+
+    def _product(self, input: Tensor) -> Tensor:
+        return apply_packed(input, self.packed, self.format, self.out_features)
 
     def dequantize(self, dtype: torch.dtype = torch.float32) -> Tensor:
         """Return the weight that the layer stands for, (out_features, in_features), on the CPU."""
@@ -324,11 +327,11 @@ class LowBitExperts(nn.Module):
                 continue
             token = torch.tensor(tokens[expert], device=device)
             slot = torch.tensor(slots[expert], device=device)
-            up = _apply(hidden_states[token], self.packed_up[expert], layout.format, layout.up_rows)
+            up = apply_packed(hidden_states[token], self.packed_up[expert], layout.format, layout.up_rows)
             if layout.biased:
                 up = up + getattr(shell, layout.up + "_bias")[expert].to(up.dtype)
             inner = shell._apply_gate(up) if layout.gated else shell.act_fn(up)
-            output = _apply(inner, self.packed_down[expert], layout.format, layout.columns)
+            output = apply_packed(inner, self.packed_down[expert], layout.format, layout.columns)
             if layout.biased:
                 output = output + shell.down_proj_bias[expert].to(output.dtype)
             output = output * top_k_weights[token, slot, None]
