@@ -76,7 +76,8 @@ class JoinedLinear(LowBitLinear):
     Made by :func:`join_projections`. The layer that is called first multiplies for all; the others, called with the
     same tensor, find their part of the product. Called with another tensor a layer multiplies anew, so the order of
     the calls does not matter. A tensor that is written to between two calls counts as another, except under
-    ``torch.inference_mode()``, where PyTorch keeps no count of writes.
+    ``torch.inference_mode()``, where PyTorch keeps no count of writes. ``torch.compile`` takes these layers too, but
+    there each multiplies by the whole matrix: a model that is to be compiled is better left as it is.
 
     ``state_dict`` has and takes the same tensors as before joining: ``packed`` of each layer alone, and its ``bias``.
     ``packed`` itself is a copy of the layer's own bytes.
@@ -112,20 +113,31 @@ class JoinedLinear(LowBitLinear):
         return _arrays(self.format, self._joined(), self._first_row * per_row, self.out_features * per_row)
 
     def _product(self, input: Tensor) -> Tensor:
-        shared, circumstances = self._shared, _circumstances(input)
+        if torch.compiler.is_compiling():  # the compiler finds equal products by itself
+            product = self._product_of_all(input)
+        else:
+            product = self._shared_product(input)
+        return product.narrow(-1, self._first_row, self.out_features).contiguous()
+
+    def _shared_product(self, input: Tensor) -> Tensor:
+        shared, index, circumstances = self._shared, self._index, _circumstances(input)
         pending = shared.pending
         if (
-            pending is None
-            or pending.input is not input
-            or pending.circumstances != circumstances
-            or self._index not in pending.waiting
+            pending is not None
+            and pending.input is input
+            and pending.circumstances == circumstances
+            and index in pending.waiting
         ):
-            product = apply_packed(input, self._joined(), self.format, sum(shared.rows))
-            pending = shared.pending = _Pending(input, circumstances, product, set(range(len(shared.rows))))
-        pending.waiting.discard(self._index)
-        if not pending.waiting:
-            shared.pending = None
-        return pending.product.narrow(-1, self._first_row, self.out_features).contiguous()
+            pending.waiting.discard(index)
+            if not pending.waiting:
+                shared.pending = None
+            return pending.product
+        product = self._product_of_all(input)
+        shared.pending = _Pending(input, circumstances, product, set(range(len(shared.rows))) - {index})
+        return product
+
+    def _product_of_all(self, input: Tensor) -> Tensor:
+        return apply_packed(input, self._joined(), self.format, sum(self._shared.rows))
 
     def _save_to_state_dict(self, destination: Any, prefix: str, keep_vars: bool) -> None:
         destination[prefix + "packed"] = self.packed

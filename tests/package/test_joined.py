@@ -136,6 +136,17 @@ def test_an_input_that_was_written_to_is_another() -> None:
     assert torch.equal(joined.k_proj(input), separate.k_proj(input))
 
 
+def test_compiled() -> None:
+    separate, joined = pair()
+    input = torch.randn(1, 64, device=DEVICE)
+    expected = separate(input)
+    assert same_bits(joined(input), expected)
+    compiled = torch.compile(joined, fullgraph=True, backend="aot_eager")
+    for scale in (2, 1):
+        given = compiled(input * scale)
+    assert same_bits(given, expected)
+
+
 def test_a_product_is_dropped_when_all_layers_have_had_their_part(launches: list[int]) -> None:
     _, joined = pair()
     input = torch.randn(1, 64, device=DEVICE)
