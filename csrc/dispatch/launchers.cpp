@@ -21,11 +21,11 @@ at::Tensor make_output(const at::Tensor& input, const at::Tensor& weight, std::u
                    weight.options().dtype(input.scalar_type()).memory_format(at::MemoryFormat::Contiguous));
 }
 
-// Kernels load up to eight weight bytes at once, which a device may demand to stand at a multiple of eight. What
-// PyTorch allocates does; a view that starts elsewhere is copied.
-at::Tensor at_aligned_address(at::Tensor weight) {
-  const auto address = reinterpret_cast<std::uintptr_t>(weight.const_data_ptr());
-  return address % 8 == 0 ? weight : weight.clone();
+// Kernels load up to sixteen bytes at once, which a device may demand to stand at a multiple of sixteen. What PyTorch
+// allocates does; a view that starts elsewhere is copied.
+at::Tensor at_aligned_address(at::Tensor tensor) {
+  const auto address = reinterpret_cast<std::uintptr_t>(tensor.const_data_ptr());
+  return address % 16 == 0 ? tensor : tensor.clone();
 }
 
 [[noreturn]] void fail_batch(int qtype, std::uint64_t batch) {
@@ -68,6 +68,7 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
   static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
   read_environment<environment_of(row.qtype)>();
   if (batch != 1) fail_batch(row.qtype, batch);
+  input = at_aligned_address(std::move(input));
   weight = at_aligned_address(std::move(weight));
   at::Tensor output = make_output(input, weight, 1, output_size);
   at::Tensor blocks;

@@ -24,7 +24,7 @@ struct fp8_e4m3_reader {
     const auto codes = at.codes_of_chunk(quants);
     words halves[2][2];
     unrolled<2>([&](auto w) {
-      const words bytes = codes.half_words[w];
+      const words bytes = codes.half_words[int{w}];
       halves[w][0] = ((bytes & 0x00800080u) << 8) | ((bytes & 0x007F007Fu) << 7) | 0x00400040u;
       halves[w][1] = (bytes & 0x80008000u) | ((bytes & 0x7F007F00u) >> 1) | 0x00400040u;
     });

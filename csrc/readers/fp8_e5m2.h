@@ -23,8 +23,8 @@ struct fp8_e5m2_reader {
     const auto bytes = at.codes_of_chunk(codes);
     words halves[2][2];
     unrolled<2>([&](auto w) {
-      halves[w][0] = ((bytes.half_words[w] & 0x00FF00FFu) << 8) | 0x00800080u;
-      halves[w][1] = (bytes.half_words[w] & 0xFF00FF00u) | 0x00800080u;
+      halves[w][0] = ((bytes.half_words[int{w}] & 0x00FF00FFu) << 8) | 0x00800080u;
+      halves[w][1] = (bytes.half_words[int{w}] & 0xFF00FF00u) | 0x00800080u;
     });
     return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T>(halves[i / 4][i % 2], i % 4 / 2); });
   }

@@ -12,18 +12,20 @@
 
 namespace quillon {
 
-// A chunk's codes of four or eight bits, shifted out of 32-bit halves of its word: a 64-bit shift is two or more
-// operations. `zero` is 0 and must not look like it: the compiler would make shifts of the high half shifts of the whole
-// word again.
+// A chunk's codes of four or eight bits. Nibbles become bytes four at a time, which takes fewer operations than a shift
+// and a mask for each. `low_nibbles` is 0x0F0F0F0F and must not look like it: the compiler would shift and mask each nibble
+// again.
 struct chunk_codes {
-  uint32_t half_words[2];
+  neighbouring_words<2> half_words;
+  uint32_t low_nibbles;
 
-  chunk_codes(uint64_t word, uint32_t zero)
-      : half_words{static_cast<uint32_t>(word), static_cast<uint32_t>(word >> 32) + zero} {}
-  uint32_t nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15; }
+  uint32_t nibble(int i) const { return byte_of(half_words[i / 8] >> (4 * (i % 2)) & low_nibbles, i % 8 / 2); }
   int signed_byte(int i) const { return static_cast<int8_t>(byte(i)); }
   uint32_t byte_on_top(int i) const { return half_words[i / 4] << (24 - 8 * (i % 4)); }
-  uint32_t byte(int i) const { return (half_words[i / 4] >> (8 * (i % 4))) & 0xFF; }
+  uint32_t byte(int i) const { return byte_of(half_words[i / 4], i % 4); }
+
+ private:
+  static uint32_t byte_of(uint32_t word, int i) { return (word >> (8 * i)) & 0xFFu; }
 };
 
 // Where the chunk of one work-item lies in one row, for rows that start on a block: at `block`, the same for the whole
@@ -33,7 +35,7 @@ struct chunk_place {
   static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
   int64_t block;
   int item;
-  uint32_t zero;  // see chunk_codes
+  uint32_t low_nibbles;  // see chunk_codes
 
   void advance(int32_t blocks) { block += blocks; }
 
@@ -57,9 +59,15 @@ struct chunk_place {
     return entry_of_chunks<Entry, 1>(region);
   }
   // The codes in the chunk's word of eight bytes.
-  chunk_codes codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), zero}; }
-  chunk_codes plain_codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), 0}; }
-  chunk_codes codes_of_chunk_by_block(const void* region) const { return {entry_by_block<uint64_t>(region), 0}; }
+  chunk_codes codes_of_chunk(const void* region) const {
+    return {entry_by_unit<neighbouring_words<2>>(region), low_nibbles};
+  }
+  chunk_codes plain_codes_of_chunk(const void* region) const {
+    return {entry_by_unit<neighbouring_words<2>>(region), 0x0F0F0F0Fu};
+  }
+  chunk_codes codes_of_chunk_by_block(const void* region) const {
+    return {entry_by_block<neighbouring_words<2>>(region), low_nibbles};
+  }
   int64_t block_of_item() const { return block + item / CHUNKS_PER_BLOCK; }
   int chunk_of_block() const { return item % CHUNKS_PER_BLOCK; }
 };
@@ -73,7 +81,7 @@ struct loose_chunk_place {
   static constexpr int CHUNKS_PER_UNIT = UNIT / CHUNK;
   uint32_t unit;
   int item;
-  uint32_t zero;
+  uint32_t low_nibbles;  // see chunk_codes
 
   void advance(uint32_t units) { unit += units; }
   uint32_t block_of_item() const { return unit / (BLOCK / UNIT); }
@@ -97,9 +105,15 @@ struct loose_chunk_place {
   Entry entry_by_block(const void* region) const {
     return entry_of_chunks<Entry, 1>(region);
   }
-  chunk_codes codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), zero}; }
-  chunk_codes plain_codes_of_chunk(const void* region) const { return {entry_by_unit<uint64_t>(region), 0}; }
-  chunk_codes codes_of_chunk_by_block(const void* region) const { return {entry_by_block<uint64_t>(region), 0}; }
+  chunk_codes codes_of_chunk(const void* region) const {
+    return {entry_by_unit<neighbouring_words<2>>(region), low_nibbles};
+  }
+  chunk_codes plain_codes_of_chunk(const void* region) const {
+    return {entry_by_unit<neighbouring_words<2>>(region), 0x0F0F0F0Fu};
+  }
+  chunk_codes codes_of_chunk_by_block(const void* region) const {
+    return {entry_by_block<neighbouring_words<2>>(region), low_nibbles};
+  }
 };
 
 // The activations of a work-item's chunk, in the order in which the sum of a row takes them, and their plain sum in the
@@ -165,7 +179,7 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
   const int item = static_cast<int>(place.get_local_id(0));
   const uint64_t row0 = place.get_group(0) * ROW_TILE;
-  const auto zero = static_cast<uint32_t>(state_size >> 32);  // weights have fewer than 2^31 elements
+  const uint32_t low_nibbles = 0x0F0F0F0Fu + static_cast<uint32_t>(state_size >> 32);  // no row has 2^32 elements
 
   values<T> acc[ROW_TILE] = {};
   const auto load_chunk = [&](int32_t c) __attribute__((always_inline)) {
@@ -176,7 +190,7 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
     const int64_t first = row0 * state_size / BLOCK;
     const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / BLOCK));
     for_each_round<CHUNK, WG_SIZE, TAIL>(state_size, item, [&](int32_t c) __attribute__((always_inline)) {
-      add_rows(acc, load_chunk(c), chunk_place<CHUNK, BLOCK>{first + c * CHUNK / BLOCK, item, zero}, to_next_row,
+      add_rows(acc, load_chunk(c), chunk_place<CHUNK, BLOCK>{first + c * CHUNK / BLOCK, item, low_nibbles}, to_next_row,
                add_row, first_constants<ROW_TILE>{});
     });
   } else {
@@ -185,13 +199,15 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
     const row_steps<ROW_TILE> to_next_row(row0, output_size, static_cast<int32_t>(state_size / UNIT));
     const auto chunks = static_cast<int32_t>(state_size / CHUNK);
     const int32_t summed = TAIL == tail_round::summed ? chunks : chunks / WG_SIZE * WG_SIZE;
-    auto unit = static_cast<uint32_t>((row0 * state_size + CHUNK * item) / UNIT);
+    loose_chunk_place<CHUNK, BLOCK, UNIT> at{static_cast<uint32_t>((row0 * state_size + CHUNK * item) / UNIT), item,
+                                             low_nibbles};
     unrolled<ROW_TILE>([&](auto t) {
       for (int32_t c = 0; c + item < summed; c += WG_SIZE) {
-        const loose_chunk_place<CHUNK, BLOCK, UNIT> at{unit + static_cast<uint32_t>(c) * CHUNK / UNIT, item, zero};
-        add_row_inline(acc[t], load_chunk(c), at, add_row);
+        auto at_round = at;
+        at_round.advance(static_cast<uint32_t>(c) * CHUNK / UNIT);
+        add_row_inline(acc[t], load_chunk(c), at_round, add_row);
       }
-      unit += to_next_row.step[t];
+      at.advance(to_next_row.step[t]);
     });
   }
   reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);

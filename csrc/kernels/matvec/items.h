@@ -8,28 +8,42 @@
 
 namespace quillon {
 
-// Element `i` of eight bytes of them. Shifts, from 32-bit halves: elements copied out of the word would be
-// loaded one by one, and a CPU device has twice as many 32-bit shifts in a register.
-template <typename T>
-inline T element_of_word(uint64_t word, int i) {
-  if constexpr (sizeof(T) == 8)
-    return bit_cast<T>(word);
-  else if constexpr (sizeof(T) == 4)
-    return bit_cast<T>(static_cast<uint32_t>(word >> (32 * i)));
-  else
-    return bit_cast<T>(static_cast<uint16_t>(static_cast<uint32_t>(word >> (i / 2 * 32)) >> (i % 2 * 16)));
+// Neighbouring words, in one load, each in a register of its own. Of a 64-bit load each half would have to be moved
+// there.
+template <int COUNT>
+using neighbouring_words = uint32_t __attribute__((ext_vector_type(COUNT)));
+
+// Such words at an address that is a multiple of ALIGNMENT.
+template <int COUNT, int ALIGNMENT>
+inline neighbouring_words<COUNT> load_words(const void* address) {
+  using aligned_words = uint32_t __attribute__((ext_vector_type(COUNT), aligned(ALIGNMENT)));
+  return *static_cast<const aligned_words*>(address);
 }
 
-// Loads COUNT neighbouring elements from `base + offset`, up to eight bytes at a time: fewer and wider loads
-// than element by element, at no more than the alignment that a tensor's data is sure to have. The base is
-// the same for the whole work-group and comes apart from the work-item's offset, because a CPU device then
-// gathers with 32-bit offsets.
+// The elements of T in such words.
+template <typename T, typename Words>
+inline T element_of_words(const Words& from, int i) {
+  if constexpr (sizeof(T) == 4)
+    return bit_cast<T>(static_cast<uint32_t>(from[i]));
+  else
+    return bit_cast<T>(static_cast<uint16_t>(from[i / 2] >> (i % 2 * 16)));
+}
+
+// Loads COUNT neighbouring elements from `base + offset`, up to 16 bytes at a time; the offset is a multiple of COUNT,
+// and the base stands at one of 16 bytes. The base is the same for the whole work-group and comes apart from the
+// work-item's offset, which then takes 32 bits.
 template <typename T, int COUNT, int... I>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT], constants<I...>) {
-  constexpr int BYTES = COUNT * sizeof(T) < 8 ? COUNT * sizeof(T) : 8;
-  constexpr int PER_WORD = BYTES / sizeof(T);
-  using word = std::conditional_t<BYTES == 8, uint64_t, uint32_t>;
-  ((to[I] = element_of_word<T>(load<word, sizeof(T)>(base + offset + I / PER_WORD * PER_WORD), I % PER_WORD)), ...);
+  if constexpr (sizeof(T) == 8) {
+    ((to[I] = base[offset + I]), ...);
+  } else {
+    constexpr int WORDS = COUNT * sizeof(T) < 16 ? COUNT * sizeof(T) / 4 : 4;
+    constexpr int PER_LOAD = WORDS * 4 / sizeof(T);
+    neighbouring_words<WORDS> loaded[COUNT / PER_LOAD];
+    unrolled<COUNT / PER_LOAD>(
+        [&](auto i) { loaded[i] = *reinterpret_cast<const neighbouring_words<WORDS>*>(base + offset + PER_LOAD * i); });
+    ((to[I] = element_of_words<T>(loaded[I / PER_LOAD], I % PER_LOAD)), ...);
+  }
 }
 template <typename T, int COUNT>
 inline void load_elements(const T* base, uint32_t offset, T (&to)[COUNT]) {
