@@ -28,20 +28,18 @@ constexpr auto nf3_bits() {
     return bit_cast<uint32_t>(VALUE);
 }
 
-// dequantNF3 of a code of three bits. Eight values are chosen from faster than looked up in memory, provided that they
-// are integer constants: the compiler would choose between addresses in a table.
-template <typename T>
-inline values<T> nf3_value(bool bit2, bool bit1, bool bit0) {
-  const auto v01 = bit0 ? nf3_bits<T, 1>() : nf3_bits<T, 0>();
-  const auto v23 = bit0 ? nf3_bits<T, 3>() : nf3_bits<T, 2>();
-  const auto v45 = bit0 ? nf3_bits<T, 5>() : nf3_bits<T, 4>();
-  const auto v67 = bit0 ? nf3_bits<T, 7>() : nf3_bits<T, 6>();
-  const auto low = bit1 ? v23 : v01;
-  const auto high = bit1 ? v67 : v45;
+// dequantNF3 in a register, of which each lane takes the value that its code names. Integers, which no T converts.
+template <typename T, int... CODE>
+inline auto nf3_table(constants<CODE...>) {
+  using table = decltype(nf3_bits<T, 0>()) __attribute__((ext_vector_type(8)));
+  return table{nf3_bits<T, CODE>()...};
+}
+template <typename T, typename Table>
+inline values<T> nf3_value(const Table& table, uint32_t code) {
   if constexpr (std::is_same_v<T, half>)
-    return half_from_bits(static_cast<uint16_t>(bit2 ? high : low));
+    return half_from_bits(table[code]);
   else
-    return exact_values<T>(bit_cast<float>(bit2 ? high : low));
+    return exact_values<T>(bit_cast<float>(table[code]));
 }
 
 #endif
@@ -89,9 +87,10 @@ struct nf3_reader {
     const uint8_t* block = quants + at.block_of_item() * sizeof(block_nf3_qs);
     const uint32_t top = load<uint16_t>(block + 2 * at.chunk_of_block());
     const uint32_t low = load<uint32_t, 4>(block + 8 + 4 * at.chunk_of_block());
+    const auto table = nf3_table<T>(first_constants<8>{});
     return sum_products<CHUNK>(x, [=](auto i) {
       constexpr int LOW_BIT = 8 * (i / 4) + 6 - 2 * (i % 4);
-      return nf3_value<T>((top >> i) & 1, (low >> (LOW_BIT + 1)) & 1, (low >> LOW_BIT) & 1);
+      return nf3_value<T>(table, ((top >> i) & 1) << 2 | ((low >> LOW_BIT) & 3));
     });
   }
 #endif
