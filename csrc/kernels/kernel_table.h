@@ -150,6 +150,11 @@ constexpr bool chooses_sub_group(const kernel_row& row) {
   return row.constants == template_arguments::none && row.sub_group == sub_group_choices[0];
 }
 
+// Rounds in one pass of a GPU's loop over K: the kernels of q5_0 and q5_1 take four at a time (matvec/five_bits.h).
+constexpr int rounds_of_pass(const kernel_row& row) {
+  return row.qtype == qtype_q5_0 || row.qtype == qtype_q5_1 ? 4 : 1;
+}
+
 // Whether the activations are q8_1 blocks.
 constexpr bool takes_q8_1(const kernel_row& row) {
   return row.range == lane_range::slices;

@@ -17,7 +17,11 @@ struct q5_0_reader {
   // A function from codes of 0 to 31 to their values.
   template <typename T>
   static auto decoder(const block_q5_1& block) {
-    const float d = convert<float>(load_half(block.d));
+    return decoder<T>(load_half(block.d), load_half(block.m));
+  }
+  template <typename T>
+  static auto decoder(half of_code, half /*not_read*/) {
+    const float d = convert<float>(of_code);
     return [d](words code) {
       if constexpr (std::is_same_v<T, double>)
         return static_cast<double>(d) * biased_codes<T>(code, 16);

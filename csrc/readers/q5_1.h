@@ -17,8 +17,12 @@ struct q5_1_reader {
   // A function from codes of 0 to 31 to their values.
   template <typename T>
   static auto decoder(const block_q5_1& block) {
-    const values<T> d = rounded_values<T>(lanes<float>(convert<float>(load_half(block.d))));
-    const values<T> m = rounded_values<T>(lanes<float>(convert<float>(load_half(block.m))));
+    return decoder<T>(load_half(block.d), load_half(block.m));
+  }
+  template <typename T>
+  static auto decoder(half of_code, half minimum) {
+    const values<T> d = rounded_values<T>(lanes<float>(convert<float>(of_code)));
+    const values<T> m = rounded_values<T>(lanes<float>(convert<float>(minimum)));
     return [d, m](words code) { return multiply_add(d, biased_codes<T>(code, 0), m); };
   }
 };

@@ -125,8 +125,9 @@ std::string kernel_text(const kernel_row& row) {
   if (chooses_sub_group(row))
     for (const int size : sub_group_choices) text << size << ": (" << quoted(runtime::sub_group_option(size)) << ",), ";
   text << "},\n        \"range\": " << quoted(kRangeNames[static_cast<int>(row.range)])
-       << ",\n        \"elements\": " << row.elements << ",\n        \"row_unit\": " << row.row_unit
-       << ",\n        \"drops_tail\": " << truth(row.drops_tail) << ",\n        \"arguments\": (";
+       << ",\n        \"elements\": " << row.elements << ",\n        \"rounds_of_pass\": " << rounds_of_pass(row)
+       << ",\n        \"row_unit\": " << row.row_unit << ",\n        \"drops_tail\": " << truth(row.drops_tail)
+       << ",\n        \"arguments\": (";
   for (const kernel_argument argument : row.arguments)
     if (argument != kernel_argument::end && argument != kernel_argument::vectors_local)
       text << quoted(kArgumentNames[static_cast<int>(argument)]) << ",";

@@ -10,6 +10,7 @@ class KernelRow(TypedDict):
     build_options: dict[int, tuple[str, ...]]
     range: Literal["rows", "slices", "elements"]
     elements: int
+    rounds_of_pass: int
     row_unit: int
     drops_tail: bool
     arguments: tuple[str, ...]

@@ -51,6 +51,8 @@ class Kernel:
     """What work-items are dealt: tiles of rows, the slices of one row, or elements of the activations."""
     elements: int
     """Elements of one row that a lane takes in a round."""
+    rounds_of_pass: int
+    """Rounds in one pass of a GPU's loop over K."""
     row_unit: int
     """A row length that is no multiple of it is refused; 0: none is."""
     drops_tail: bool
@@ -82,6 +84,7 @@ def _kernel(row: _kernel_table.KernelRow) -> Kernel:
         build_options=MappingProxyType(row["build_options"]),
         range=row["range"],
         elements=row["elements"],
+        rounds_of_pass=row["rounds_of_pass"],
         row_unit=row["row_unit"],
         drops_tail=row["drops_tail"],
         arguments=row["arguments"],

@@ -176,4 +176,5 @@ def test_sub_groups_of_q5_k() -> None:
 def test_packed_bytes() -> None:
     assert build_for(KERNELS["q4_0"], "elm").packed_bytes == 2 * (8 + 0.5)
     assert build_for(KERNELS["q4_0"], "legacy").packed_bytes == 8 * (8 + 0.5)
+    assert build_for(KERNELS["q5_0"], "oak").packed_bytes == 4 * 44 / 32  # four blocks a pass, shared by 32 lanes
     assert build_for(KERNELS["iq2_xxs"], "oak").packed_bytes == 66 / 8  # a lane has one of the work-group's two rows

@@ -40,10 +40,10 @@ class Build:
 
     @property
     def packed_bytes(self) -> float:
-        """Weight bytes, scales included, that a lane reads in one round."""
+        """Weight bytes, scales included, that a lane reads in one pass of its loop over K."""
         block = get_format(self.kernel.format)
         rows = self.geometry.rows if self.kernel.range == "rows" else 1
-        return rows * self.kernel.elements * block.bytes / block.elements
+        return rows * self.kernel.rounds_of_pass * self.kernel.elements * block.bytes / block.elements
 
     def expression(self, element_type: str) -> str:
         return self.kernel.expression(element_type, self.geometry)

@@ -77,34 +77,37 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
     iqs = static_cast<int>(sub_group.get_local_linear_id());
     block_of_round = static_cast<int>(sub_group.get_group_linear_id());
   }
+  const uint32_t bit = 1u << iqs;
+  constexpr uint32_t BYTES = sizeof(block_q5_1);
   values<T> acc[1] = {exact_values<T>(0)};
-  const auto add_block = [&](const block_q5_1& block, const T* x) {
-    const auto value = Reader::template decoder<T>(block);
-    const uint64_t qh = load_u64(block.qh);
-    const uint32_t byte = block.qs[iqs];
-    // Bits iqs and 32 + iqs, from 32-bit halves of the word.
-    const uint32_t fifth0 = ((static_cast<uint32_t>(qh) >> iqs) & 1) << 4;
-    const uint32_t fifth1 = ((static_cast<uint32_t>(qh >> 32) >> iqs) & 1) << 4;
-    const values<T> w0 = value((byte & 15) | fifth0);
-    const values<T> w1 = value((byte >> 4) | fifth1);
-    acc[0] = acc[0] + multiply_add(w0, element_values<T>(x[iqs]), w1 * element_values<T>(x[iqs + 32]));
+  const auto* bytes = reinterpret_cast<const uint8_t*>(weight);
+  // The block `at` bytes behind the start of the weight, times the elements of the row from `x` on.
+  const auto add_block = [&](uint32_t at, uint32_t x) {
+    const auto head = load_words<4, 4>(bytes + at);  // the scales, both halves of qh, and four quants
+    const auto value = Reader::template decoder<T>(half_from_bits(static_cast<uint16_t>(head[0])),
+                                                   half_from_bits(static_cast<uint16_t>(head[0] >> 16)));
+    const uint32_t byte = bytes[at + offsetof(block_q5_1, qs) + iqs];
+    const values<T> w0 = value((byte & 15) | ((head[1] & bit) != 0 ? 16 : 0));
+    const values<T> w1 = value((byte >> 4) | ((head[2] & bit) != 0 ? 16 : 0));
+    const values<T> second = w1 * element_values<T>(input[x + iqs + 32]);
+    acc[0] = acc[0] + multiply_add(w0, element_values<T>(input[x + iqs]), second);
   };
-  const auto whole_blocks = static_cast<int32_t>(state_size / BLOCK);
+  // Blocks are counted down beside running offsets of 32 bits: a compiler would widen a counter that the offsets are
+  // formed from.
+  constexpr uint32_t STEP = BYTES * BLOCKS_PER_ROUND, STEP_OF_X = BLOCK * BLOCKS_PER_ROUND;
+  const auto whole_blocks = static_cast<uint32_t>(state_size / BLOCK);
+  uint32_t rounds = (whole_blocks - block_of_round + BLOCKS_PER_ROUND - 1) / BLOCKS_PER_ROUND;
+  uint32_t x = BLOCK * block_of_round;
   if (state_size % BLOCK == 0) {
-    const block_q5_1* row_blocks = weight + row * whole_blocks;
-    const int32_t full = whole_blocks / BLOCKS_PER_ROUND * BLOCKS_PER_ROUND;
-    for (int32_t b = 0; b < full; b += BLOCKS_PER_ROUND)
-      add_block(row_blocks[b + block_of_round], input + (b + block_of_round) * BLOCK);
-    if (full + block_of_round < whole_blocks)
-      add_block(row_blocks[full + block_of_round], input + (full + block_of_round) * BLOCK);
+    // Four rounds at a time, whose loads are under way together.
+    auto at = static_cast<uint32_t>(BYTES * (row * whole_blocks + block_of_round));
+    for (; rounds >= 4; rounds -= 4, at += 4 * STEP, x += 4 * STEP_OF_X)
+      unrolled<4>([&](auto i) { add_block(at + STEP * i, x + STEP_OF_X * i); });
+    for (; rounds != 0; --rounds, at += STEP, x += STEP_OF_X) add_block(at, x);
   } else {
     // A row's start is rounded down to a block for each pair of elements by itself.
-    const block_q5_1* first = weight + (row * state_size + 2 * item) / BLOCK;
-    const auto rounds = static_cast<int32_t>((state_size / WG_SIZE + 1) / 2);
-    for (int32_t round = 0; round < rounds; ++round) {
-      const int32_t b = BLOCKS_PER_ROUND * round + block_of_round;
-      if (b < whole_blocks) add_block(first[BLOCKS_PER_ROUND * round], input + b * BLOCK);
-    }
+    auto at = static_cast<uint32_t>(BYTES * ((row * state_size + 2 * item) / BLOCK));
+    for (; x / BLOCK < whole_blocks; at += STEP, x += STEP_OF_X) add_block(at, x);
   }
   reduce_and_write<T, WG_SIZE, 1>(place, item, acc, local, row, row + 1, output);
 }
