@@ -80,8 +80,8 @@ class _PackedProduct(torch.autograd.Function):
 
     @staticmethod
     def forward(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
-        output = _multiply(input, packed, format, out_features)
-        return output.clone() if output._is_view() else output  # the bias is added in place, which views forbid
+        # A copy, because the bias is added in place, which what may be a view forbids.
+        return _multiply(input, packed, format, out_features).clone()
 
     @staticmethod
     def setup_context(ctx: Any, inputs: tuple[Tensor, Tensor, Format, int], output: Tensor) -> None:
