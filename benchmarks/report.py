@@ -7,7 +7,7 @@ Three parts, each a section of either file with the commit, the machine and the 
 sections is written by hand and kept.
 
 times     benchmarks/matvec.py: one shape in float32; in the tables further shapes, and further element types
-models    examples/generate.py: the demo; in the tables a line for each format
+models    examples/generate.py, the demo, and examples/decode_speed.py; in the tables a line for each format
 gpu_code  benchmarks/gpu_code.py: instructions per byte by device class; in the tables everything, by architecture
 """
 
@@ -46,6 +46,7 @@ INSTRUCTION_SETS = (
 )
 
 DEMO = ["examples/generate.py"]
+DECODE_SPEED = ["examples/decode_speed.py"]
 DEMO_BY_FORMAT = ["examples/generate.py", "--format", "all", "--score-tokens", "256", "--new-tokens", "48"]
 
 
@@ -116,9 +117,11 @@ def as_markdown(printed: str) -> str:
 
 
 def write_models(_arguments: argparse.Namespace) -> None:
-    for file, command in ((SHORT, DEMO), (TABLES, DEMO_BY_FORMAT)):
-        shown = "    python " + " ".join(command)
-        write_section(file, "models", "\n\n".join([provenance(*host_facts()), shown, as_markdown(output_of(command))]))
+    for file, commands in ((SHORT, (DEMO, DECODE_SPEED)), (TABLES, (DEMO_BY_FORMAT,))):
+        parts = [provenance(*host_facts())]
+        for command in commands:
+            parts += ["    python " + " ".join(command), as_markdown(output_of(command))]
+        write_section(file, "models", "\n\n".join(parts))
 
 
 def write_gpu_code(arguments: argparse.Namespace) -> None:
