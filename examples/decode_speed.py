@@ -116,7 +116,7 @@ def main() -> None:
     parser.add_argument("--format", default="q4_0", help="a weight format (default: %(default)s)")
     parser.add_argument("--output-format", default="q8_0", help="of the output layer (default: %(default)s)")
     parser.add_argument("--device", default="xpu", help="of the packed model (default: %(default)s)")
-    parser.add_argument("--new-tokens", type=int, default=16)
+    parser.add_argument("--new-tokens", type=int, default=12)
     for name, default in {
         "layers": 22,
         "hidden": 2048,
