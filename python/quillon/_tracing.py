@@ -40,8 +40,10 @@ def _traced_dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
 @functools.cache
 def register() -> None:
     """Register all of it. Called by ``import quillon``."""
-    torch.library.register_fake("quillon::forward_new", _forward_new)
-    torch.library.register_fake("quillon::dequant", _dequant)
+    # Not by register_fake, which gives an operator a kernel for the key Meta beside the fake: XPU is the only key.
+    for name, fake in (("quillon::forward_new", _forward_new), ("quillon::dequant", _dequant)):
+        entry = torch._library.simple_registry.singleton.find(name)
+        entry.fake_impl.kernels.append(torch._library.utils.Kernel(fake, source=__file__))
     # The dynamo takes seconds to import, and few programs want it.
     patch_after_import("torch._dynamo", _substitute)
 
