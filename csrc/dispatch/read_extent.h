@@ -2,16 +2,14 @@
 // tested by itself.
 //
 // Kernels with nibbles pair an element with the one half a block further on, so the last chunk of such a row reads
-// activations behind it. Those of q5_0 and q5_1 take whole rounds of blocks, whatever is left of the row:
+// activations behind it:
 //
 //   row of 80, block of 64      0 ........ 63 | 64 ... 79 |
 //   q4_0   last chunk of 16                   | 64 .. 71    96 .. 103 |
-//   q5_0   last round                         | 64 ................ 127 |
 //
-// Where rows are whole blocks nothing is read but the row, and the weight's own bytes.
+// Those of q5_0 and q5_1 leave out a block that does not lie whole in the row. Where rows are whole blocks nothing is read but the row, and the weight's own bytes.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 
 #include "formats/registry.h"
@@ -23,9 +21,8 @@ struct ReadExtent {
   std::uint64_t blocks;  // of the weight
 };
 
-// `work_items`: of a work-group, by which the launcher table has the kernels of 64-element blocks split a row.
-// A `state_size` that the kernel's own check refuses gives no more than the row.
-constexpr ReadExtent read_extent(int qtype, std::uint64_t work_items, std::uint64_t state_size,
+// `work_items`, of a work-group, split a row among them; no kernel reads further for more of them. A `state_size` that the kernel's own check refuses gives no more than the row.
+constexpr ReadExtent read_extent(int qtype, std::uint64_t /*work_items*/, std::uint64_t state_size,
                                  std::uint64_t output_size) {
   constexpr std::uint64_t kBlock = 64;
   const auto elements = static_cast<std::uint64_t>(elements_per_block(qtype));
@@ -39,16 +36,6 @@ constexpr ReadExtent read_extent(int qtype, std::uint64_t work_items, std::uint6
       if (state_size % 16 != 0) break;
       const std::uint64_t chunk = state_size - 16;
       extent.activations = chunk / kBlock * kBlock + chunk % kBlock / 2 + kBlock / 2 + 8;
-      break;
-    }
-    case qtype_q5_0:
-    case qtype_q5_1: {
-      const std::uint64_t rounds = (state_size / work_items + 1) / 2;
-      extent.activations = std::max(state_size, rounds * 2 * work_items);
-      if (rounds > 0) {
-        const std::uint64_t first = ((output_size - 1) * state_size + 2 * (work_items - 1)) / kBlock;
-        extent.blocks = std::max(extent.blocks, first + (rounds - 1) * (work_items / 32) + 1);
-      }
       break;
     }
     default:
