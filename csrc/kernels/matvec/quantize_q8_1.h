@@ -27,7 +27,9 @@ void quantize_xpu_kernel_q8_1(const T* input, quillon::block_q8_1* output) {
   const T x = input[i];
   const float value = source_q8_1(x);
   const float sum = sycl::reduce_over_group(sub_group, value, sycl::plus<float>());
-  const float absmax = sycl::reduce_over_group(sub_group, value < 0.0f ? -value : value, sycl::maximum<float>());
+  // The sign is cleared by its bit: of a block of negative zeros the scale is +0.
+  const float absmax = sycl::reduce_over_group(sub_group, bit_cast<float>(bit_cast<uint32_t>(value) & 0x7FFFFFFFu),
+                                               sycl::maximum<float>());
   const float d = scale_q8_1(absmax);
 
   block_q8_1& block = output[i / 32];
