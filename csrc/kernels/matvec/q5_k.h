@@ -104,10 +104,10 @@ inline q5_k_activations<T> load_q5_k_activations(const T* base, uint32_t offset)
 
 inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) {
   q5_k_share w;
-  const auto pair_of_halves = load<uint32_t, 4>(block.d);
-  w.d = convert<float>(half_from_bits(static_cast<uint16_t>(pair_of_halves)));
-  w.dmin = convert<float>(half_from_bits(static_cast<uint16_t>(pair_of_halves >> 16)));
-  unrolled<3>([&](auto i) { w.packed_scales[i] = load_u16(block.scales + 2 * pair + 4 * i); });
+  const auto head = load_words<4, 16>(&block);  // both halves, and the scales
+  w.d = convert<float>(half_from_bits(static_cast<uint16_t>(head[0])));
+  w.dmin = convert<float>(half_from_bits(static_cast<uint16_t>(head[0] >> 16)));
+  unrolled<3>([&](auto i) { w.packed_scales[i] = (head[i + 1] >> (16 * pair)) & 0xFFFFu; });
   unrolled<2>([&](auto h) {
     w.high[h] = static_cast<uint32_t>(load_u16(block.qh + first + 16 * h)) >> (2 * pair);
     unrolled<2>([&](auto p) { w.low[p][h] = load_u16(block.qs + 32 * pair + first + 64 * p + 16 * h); });
