@@ -4,7 +4,8 @@
 
 Method. Every instantiation is compiled for the architectures whose class uses it, as ``tools/gpu_compile``
 tells, and disassembled. A loop is the code from a label to the branch that jumps back to it; the kernel's
-loop over K is the longest of those that hold no other loop. Counted in it are
+loop over K is the longest of those that hold no other loop: the others take rows that do not start on a block, or
+rounds that remain. A kernel in double takes its rows one after the other, and all their loops count. Counted are
 
   instructions   all assembly lines, those that only wait for others too; a line that serves all lanes counts
                  as one, whether the hardware issues it once or twice
@@ -14,9 +15,8 @@ Both are divided by the packed weight bytes, scales included, that a hardware th
 the loop: lanes x rows x a work-item's bytes of one row. A message of 16 lanes x 8 bytes is thus 0.008 a byte.
 
 Registers (GRF) are those that the compiler gave a hardware thread, spill the bytes of what did not fit.
-Architectures with the same numbers share a row. More than one loop over global memory means that the compiler
-unrolled the loop and kept a remainder, or that the kernel has two; the numbers per byte are then too high,
-which the table marks by ``*``.
+Architectures with the same numbers share a row. The kernels against q8_1 activations have further loops with as
+many messages; the numbers per byte are then too high, which the table marks by ``*``.
 
 The table says what a kernel asks of a GPU and not how fast it runs: it shows one that asks too much.
 """
@@ -91,11 +91,13 @@ def cost(case: Case, code: str, compiled: Compiled) -> Cost:
     if not loops:
         raise GpuCompileError(f"{case} has no loop over global memory")
     longest = max(loops, key=lambda loop: len(loop.instructions))
+    alike = [loop for loop in loops if len(loop.messages) == len(longest.messages)]
+    counted = alike if case.kernel.range == "rows" else [longest]
     return Cost(
-        instructions=len(longest.instructions),
-        messages=len(longest.messages),
+        instructions=sum(len(loop.instructions) for loop in counted),
+        messages=sum(len(loop.messages) for loop in counted),
         packed_bytes=compiled.info.simd_size * case.build.packed_bytes,
-        loops=len(loops),
+        loops=len(alike) - len(counted) + 1,
         grf_count=compiled.info.grf_count,
         spill_size=compiled.info.spill_size,
     )
