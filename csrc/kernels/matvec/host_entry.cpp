@@ -120,7 +120,9 @@ Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t output_size) {
   const std::size_t lanes = kernel.geometry.work_group;
   const std::size_t rows = kernel.geometry.rows;
   const std::size_t groups = (output_size + rows - 1) / rows;
-  // The lanes of a row are the last dimension, which is the one that sub-groups follow.
+  // The lanes of a row are the last dimension, because sub-groups follow it: with {32, 1} in its place those of the CPU
+  // device would be one work-item each, and the sub-group sum of iq1_s wrong; with {32, 2} a GPU's would be half of
+  // each of two rows, whose loads are half as wide.
   if (row.range == lane_range::slices) return {{{rows, groups * lanes}, {rows, lanes}}, rows * lanes};
   // One element more tells a kernel that is not told the output size that its last tile is short.
   const bool short_tile = row.vectors == arranged::row_count && output_size % rows != 0;
