@@ -19,9 +19,24 @@ namespace quillon {
 
 // An entry of ksigns_iq2xs, computed: no gather from a table of bytes.
 inline words with_parity(words seven_signs) {
+#ifndef QUILLON_VECTOR_LANES
+  return seven_signs | ((static_cast<uint32_t>(__builtin_popcount(seven_signs)) & 1u) << 7);
+#else
   const words folded = seven_signs ^ (seven_signs >> 4);
   const words pair = folded ^ (folded >> 2);
   return seven_signs | (((pair ^ (pair >> 1)) & 1u) << 7);
+#endif
+}
+
+// The product, or its negative where the bit of `signs` is set.
+inline lanes<int32_t> with_sign(lanes<int32_t> product, words signs, int bit) {
+#ifndef QUILLON_VECTOR_LANES
+  return (signs & (1u << bit)) != 0 ? -product : product;  // one predicated operation
+#else
+  // All ones where the sign is negative: (p ^ -1) - -1 is -p.
+  const lanes<int32_t> negative = bit_cast<lanes<int32_t>>(signs << (31 - bit)) >> 31;
+  return (product ^ negative) - negative;
+#endif
 }
 
 // The sum of one slice: its grid indices, its word of scale and signs, the record's scale, its 32 activations.
@@ -38,9 +53,7 @@ inline lanes<float> slice_of_iq2_xxs(words indices, words aux, lanes<float> d, c
       unrolled<4>([&](auto b) {
         const lanes<int32_t> product =
             bit_cast<lanes<int32_t>>((magnitudes.half[h] >> (8 * b)) & 255u) * signed_byte_of(four, b);
-        // All ones where the sign is negative: (p ^ -1) - -1 is -p.
-        const lanes<int32_t> negative = bit_cast<lanes<int32_t>>(signs << (31 - 4 * h - b)) >> 31;
-        sum += (product ^ negative) - negative;
+        sum += with_sign(product, signs, 4 * h + b);
       });
     });
   }
