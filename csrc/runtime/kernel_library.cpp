@@ -40,7 +40,9 @@ syclexp::include_files embedded_headers() {
 }
 
 const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context, const sycl::device& device) {
+  const BuiltKernel* built = nullptr;
   std::string log;
+  std::string reason;
   try {
     auto source = syclexp::create_kernel_bundle_from_source(context, syclexp::source_language::sycl,
                                                             device_build_text(entry.header, {entry.name}),
@@ -49,12 +51,14 @@ const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context,
         source, {device},
         syclexp::properties{syclexp::registered_names{entry.name},
                             syclexp::build_options{device_build_options(entry.options)}, syclexp::save_log{&log}});
-    return new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
+    built = new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
   } catch (const std::exception& error) {
-    TORCH_CHECK(false, "Building the kernel ", entry.name, " for the device \"",
-                device.get_info<sycl::info::device::name>(), "\" failed: ", error.what(),
-                log.empty() ? "" : "\nCompiler log:\n", log);
+    reason = error.what();
   }
+  TORCH_CHECK(built != nullptr, "Building the kernel ", entry.name, " for the device \"",
+              device.get_info<sycl::info::device::name>(), "\" failed: ", reason,
+              log.empty() ? "" : "\nCompiler log:\n", log);
+  return built;
 }
 
 using BuildKey = std::tuple<const KernelEntry*, std::size_t, std::size_t>;  // entry, context hash, device hash
