@@ -60,13 +60,11 @@ def format_files() -> list[FormatFiles]:
 
 
 def reader_of(name: str) -> str:
-    """The header of a format's reader, or, where there is none, the one with the decode rule that the kernel uses."""
-    own = PROJECT / "csrc" / "readers" / f"{name}.h"
-    rules = sorted((PROJECT / "csrc" / "formats").glob("*.h"))
-    candidates = [own] if own.exists() else [file for file in rules if f" decode_{name}(" in file.read_text()]
-    if len(candidates) != 1:
-        raise ValueError(f"{len(candidates)} headers have the decode rule of {name}")
-    return str(candidates[0].relative_to(PROJECT))
+    """The header of a format's reader."""
+    path = f"csrc/readers/{name}.h"
+    if not (PROJECT / path).exists():
+        raise ValueError(f"there is no {path}")
+    return path
 
 
 def launcher_of(name: str) -> str:
