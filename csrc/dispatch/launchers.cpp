@@ -5,8 +5,11 @@
 
 #include <utility>
 
+#include "dispatch/device_class_query.h"
 #include "dispatch/environment.h"
 #include "dispatch/format_check.h"
+#include "dispatch/read_extent.h"
+#include "dispatch/road.h"
 #include "dispatch/scalar_type_dispatch.h"
 #include "kernels/matvec/host_entry.h"
 #include "kernels/matvec/quantize_q8_1_host.h"
@@ -33,54 +36,91 @@ at::Tensor at_aligned_address(at::Tensor tensor) {
                               " in this release; give one row at a time");
 }
 
-// Which environment variables a launcher reads. They are parsed before all else, so that a bad value fails
-// every call, though only the tiled road uses them.
-enum class Environment { none, tiles, tiles_and_low_mem };
-
-template <Environment VARIABLES>
-void read_environment() {
-  if constexpr (VARIABLES != Environment::none) read_tile_threshold();
-  if constexpr (VARIABLES == Environment::tiles_and_low_mem) read_low_mem();
+// What the launcher of a format looks at. The environment is read before all else.
+template <int QTYPE>
+RoadFacts road_facts(c10::Device device, std::uint64_t batch, std::uint64_t output_size, std::int64_t input_size) {
+  constexpr Environment VARIABLES = environment_of(QTYPE);
+  RoadFacts facts{XpuDeviceClass::unknown, batch, output_size, input_size, 0, false};
+  if constexpr (VARIABLES != Environment::none) facts.tile_threshold = read_tile_threshold();
+  if constexpr (VARIABLES == Environment::tiles_and_low_mem) facts.low_mem = read_low_mem();
   if constexpr (VARIABLES != Environment::none) read_tile_size();
+  if (batch != 1) facts.device_class = get_device_class(device);
+  return facts;
 }
 
-// Which variables the launcher of a format reads.
-constexpr Environment environment_of(int qtype) {
-  switch (qtype) {
-    case qtype_q4_0:
-    case qtype_q4_0_woq:
-    case qtype_fp6:
-      return Environment::tiles_and_low_mem;
-    case qtype_q8_0:
-    case qtype_fp8_e5m2:
-      return Environment::tiles;
-    default:
-      return Environment::none;
-  }
+// The kernel of a family for a format in the geometry of a launcher table.
+template <kernel_family FAMILY, int QTYPE, int SUB_GROUP, int WORK_GROUP>
+constexpr MatvecKernel kernel_of() {
+  constexpr int ROW = kernel_index(FAMILY, QTYPE);
+  return {ROW, {SUB_GROUP, WORK_GROUP, kernel_table[ROW].rows}};
+}
+
+// Bytes from the first element of a tensor to the end of its memory.
+std::uint64_t bytes_behind(const at::Tensor& tensor) {
+  const auto start = static_cast<std::uint64_t>(tensor.storage_offset()) * tensor.element_size();
+  const auto end = static_cast<std::uint64_t>(tensor.storage().nbytes());
+  return end > start ? end - start : 0;
+}
+
+// Rows that end inside a block, which the kernels admit, make some of them read on: in a larger tensor of which the
+// argument is a part they meet its other elements, behind the end of it nothing may be read.
+void check_reads(const at::Tensor& input, const at::Tensor& weight, const MatvecKernel& kernel, std::uint64_t batch,
+                 std::uint64_t state_size, std::uint64_t output_size) {
+  const int qtype = kernel_table[kernel.row].qtype;
+  if (batch == 0 || state_size % elements_per_block(qtype) == 0) return;
+  ReadExtent extent = read_extent(qtype, kernel.geometry.work_group, state_size, output_size);
+  extent.activations += (batch - 1) * state_size;
+  const std::uint64_t activations = bytes_behind(input) / input.element_size();
+  TORCH_CHECK(extent.activations <= activations, "forward_new: rows of ", state_size,
+              " elements end inside a block of ", describe_format(qtype), ", whose kernel then reads ",
+              extent.activations, " activations, and input has ", activations);
+  const std::uint64_t blocks = bytes_behind(weight) / bytes_per_block(qtype);
+  TORCH_CHECK(extent.blocks <= blocks, "forward_new: rows of ", state_size, " elements end inside a block of ",
+              describe_format(qtype), ", whose kernel then reads ", extent.blocks, " blocks, and weight has ", blocks);
+}
+
+// The packed weight meets the activations as they are.
+at::Tensor multiply_packed(const MatvecKernel& kernel, at::Tensor input, at::Tensor weight, std::uint64_t batch,
+                           std::uint64_t state_size, std::uint64_t output_size) {
+  const kernel_row& row = kernel_table[kernel.row];
+  check_reads(input, weight, kernel, batch, state_size, output_size);
+  input = at_aligned_address(std::move(input));
+  weight = at_aligned_address(std::move(weight));
+  at::Tensor output = make_output(input, weight, batch, output_size);
+  at::Tensor blocks;
+  if (takes_q8_1(row)) blocks = quantize_input_q8_1(input, 1, state_size);
+  dispatch_element_type(input.scalar_type(), [&](auto element) {
+    using T = decltype(element);
+    const void* x = input.data_ptr<T>();
+    if (takes_q8_1(row)) x = blocks.data_ptr<std::uint8_t>();
+    launch_matvec(kernel, element_type_of<T>(), x, weight.data_ptr<std::uint8_t>(), output.data_ptr<T>(), batch,
+                  state_size, output_size, weight.device());
+  });
+  return output;
 }
 
 // The launcher of one kernel of kernel_table in one geometry. A geometry is that of its table where the kernel has such
 // template arguments; launchers that tables share are one function.
 template <int ROW, int SUB_GROUP, int WORK_GROUP, int ROWS>
 at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std::uint64_t state_size,
-                  std::uint64_t output_size, std::int64_t /*input_size*/) {
-  static constexpr kernel_row row = kernel_table[ROW];
-  static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
-  read_environment<environment_of(row.qtype)>();
-  if (batch != 1) fail_batch(row.qtype, batch);
-  input = at_aligned_address(std::move(input));
-  weight = at_aligned_address(std::move(weight));
-  at::Tensor output = make_output(input, weight, 1, output_size);
-  at::Tensor blocks;
-  if constexpr (takes_q8_1(row)) blocks = quantize_input_q8_1(input, 1, state_size);
-  dispatch_element_type(input.scalar_type(), [&](auto element) {
-    using T = decltype(element);
-    const void* x = input.data_ptr<T>();
-    if constexpr (takes_q8_1(row)) x = blocks.data_ptr<std::uint8_t>();
-    launch_matvec(kernel, element_type_of<T>(), x, weight.data_ptr<std::uint8_t>(), output.data_ptr<T>(), batch,
-                  state_size, output_size, weight.device());
-  });
-  return output;
+                  std::uint64_t output_size, std::int64_t input_size) {
+  constexpr int QTYPE = kernel_table[ROW].qtype;
+  const RoadFacts facts = road_facts<QTYPE>(input.device(), batch, output_size, input_size);
+  switch (choose_road(QTYPE, facts)) {
+    case Road::matvec: {
+      static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
+      return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
+    }
+    case Road::by_batch:
+      if constexpr (by_batch_road(QTYPE) != nullptr) {
+        static constexpr MatvecKernel kernel =
+            kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
+        return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
+      }
+      [[fallthrough]];
+    default:
+      fail_batch(QTYPE, batch);
+  }
 }
 
 template <int TABLE, std::size_t... ROW>
@@ -89,7 +129,7 @@ constexpr LauncherTable make_table(std::index_sequence<ROW...>) {
   const auto put = [&](auto row) {
     constexpr kernel_row entry = kernel_table[row];
     constexpr kernel_geometry geometry = geometry_of(entry, launcher_geometries[TABLE]);
-    if constexpr (entry.range != lane_range::elements)
+    if constexpr (entry.family == kernel_family::matvec)
       table[entry.qtype] = &launch<row, geometry.sub_group, geometry.work_group, geometry.rows>;
   };
   (put(std::integral_constant<std::size_t, ROW>{}), ...);

@@ -6,7 +6,6 @@
 #include "dispatch/format_check.h"
 #include "dispatch/launchers.h"
 #include "dispatch/path.h"
-#include "dispatch/read_extent.h"
 #include "formats/registry.h"
 
 namespace quillon {
@@ -34,27 +33,6 @@ void check_extents(const at::Tensor& input, const at::Tensor& weight, std::uint6
               " rows of ", state_size, " elements is too large; a weight has at most ", max_elements, " elements");
 }
 
-// Bytes from the first element of a tensor to the end of its memory.
-std::uint64_t bytes_behind(const at::Tensor& tensor) {
-  const auto start = static_cast<std::uint64_t>(tensor.storage_offset()) * tensor.element_size();
-  const auto end = static_cast<std::uint64_t>(tensor.storage().nbytes());
-  return end > start ? end - start : 0;
-}
-
-// Rows that end inside a block, which the kernels admit, make some of them read on: in a larger tensor of which the
-// argument is a part they meet its other elements, behind the end of it nothing may be read.
-void check_reads(const at::Tensor& input, const at::Tensor& weight, int qtype, Path path, std::uint64_t state_size,
-                 std::uint64_t output_size) {
-  const ReadExtent extent = read_extent(qtype, path == Path::launchers_elm ? 64 : 32, state_size, output_size);
-  const std::uint64_t activations = bytes_behind(input) / input.element_size();
-  TORCH_CHECK(extent.activations <= activations, "forward_new: rows of ", state_size,
-              " elements end inside a block of ", describe_format(qtype), ", whose kernel then reads ",
-              extent.activations, " activations, and input has ", activations);
-  const std::uint64_t blocks = bytes_behind(weight) / bytes_per_block(qtype);
-  TORCH_CHECK(extent.blocks <= blocks, "forward_new: rows of ", state_size, " elements end inside a block of ",
-              describe_format(qtype), ", whose kernel then reads ", extent.blocks, " blocks, and weight has ", blocks);
-}
-
 }  // namespace
 
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t input_size) {
@@ -77,8 +55,6 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
   const Launcher launcher = launcher_table(path)[qtype];
   TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: no kernels for ", describe_format(qtype),
                               " in this release");
-  if (batch == 1 && state_size % elements_per_block(qtype) != 0)
-    check_reads(input, weight, qtype, path, state_size, output_size);
   return launcher(input, weight, batch, state_size, output_size, input_size);
 }
 

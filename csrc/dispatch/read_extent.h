@@ -7,7 +7,8 @@
 //   row of 80, block of 64      0 ........ 63 | 64 ... 79 |
 //   q4_0   last chunk of 16                   | 64 .. 71    96 .. 103 |
 //
-// Those of q5_0 and q5_1 leave out a block that does not lie whole in the row. Where rows are whole blocks nothing is read but the row, and the weight's own bytes.
+// Those of q5_0 and q5_1 leave out a block that does not lie whole in the row. Where rows are whole blocks nothing is
+// read but the row, and the weight's own bytes.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +22,8 @@ struct ReadExtent {
   std::uint64_t blocks;  // of the weight
 };
 
-// `work_items`, of a work-group, split a row among them; no kernel reads further for more of them. A `state_size` that the kernel's own check refuses gives no more than the row.
+// `work_items`, of a work-group, split a row among them; no kernel reads further for more of them. A `state_size` that
+// the kernel's own check refuses gives no more than the row.
 constexpr ReadExtent read_extent(int qtype, std::uint64_t /*work_items*/, std::uint64_t state_size,
                                  std::uint64_t output_size) {
   constexpr std::uint64_t kBlock = 64;

@@ -34,10 +34,18 @@ enum class template_arguments {
   work_group_rows,  // SG_SIZE, WG_SIZE, ROW_TILE
 };
 
+// What a kernel makes of a weight.
+enum class kernel_family {
+  matvec,     // the product with one activation row
+  by_batch,   // the product with a handful of activation rows
+  quantizer,  // nothing: it packs activations
+};
+
 // How the lanes of a work-group are told to the device.
 enum class lane_range {
   rows,      // one dimension: a work-group for each tile of rows
   slices,    // two dimensions, of which the second holds the 32 lanes of a row, the first the rows of a tile
+  batches,   // two dimensions, of which the second is that of `rows`, and the first has a place for two activation rows
   elements,  // one dimension, a work-item for each element of the activations
 };
 
@@ -45,6 +53,7 @@ enum class lane_range {
 enum class kernel_argument {
   end,
   state_size,   // uint64: K
+  batch,        // uint64: activation rows
   output_size,  // uint64: N
   block_count,  // int32: blocks of a row
   input,        // pointer: activations as they are, or their q8_1 blocks
@@ -76,6 +85,7 @@ enum class arranged {
 
 struct kernel_row {
   int qtype;
+  kernel_family family;
   const char* name;
   const char* header;  // relative to csrc/
   template_arguments constants;
@@ -97,37 +107,41 @@ struct kernel_row {
 inline constexpr auto kernel_table = [] {
   using k = kernel_argument;
   constexpr auto group = template_arguments::work_group, group_rows = template_arguments::work_group_rows, none = template_arguments::none;
-  constexpr auto rows = lane_range::rows, slices = lane_range::slices, elements = lane_range::elements;
+  constexpr auto matvec = kernel_family::matvec, by_batch = kernel_family::by_batch, quantizer = kernel_family::quantizer;
+  constexpr auto rows = lane_range::rows, slices = lane_range::slices, batches = lane_range::batches, elements = lane_range::elements;
   constexpr auto of_t = local_elements::of_t, of_float = local_elements::of_float, no_local = local_elements::none;
   constexpr auto chunks = arranged::chunks, chunks_and_sums = arranged::chunks_and_sums, row_count = arranged::row_count, q8_1_blocks = arranged::q8_1_blocks, q2_k_words = arranged::q2_k_words, no_vectors = arranged::none;
   // Argument orders that several kernels share.
   constexpr std::array<k, 12> q4_0_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
   constexpr std::array<k, 12> scaled_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output, k::output_size};
   constexpr std::array<k, 12> q5_order = {k::state_size, k::part0, k::input, k::local, k::output};
+  constexpr std::array<k, 12> batch_order = {k::state_size, k::batch, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
   constexpr std::array<k, 12> q8_1_order = {k::output_size, k::block_count, k::part0, k::input, k::local, k::output};
   return std::array{
-  //          format           name, header                                                              constants   range   sub- rows,   lanes elem. unit drops  local     vectors          waits  arguments
-  //                                                                                                                         group  many              tail
-  kernel_row{qtype_q4_0,     "qlinear_xpu_kernel_q4_0_2x16",     "kernels/matvec/q4_0_2x16.h",     group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
-  kernel_row{qtype_q4_0_woq, "qlinear_xpu_kernel_q4_0_woq_2x16", "kernels/matvec/q4_0_woq_2x16.h", group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
-  kernel_row{qtype_q4_1,     "qlinear_xpu_kernel_q4_1_2x16",     "kernels/matvec/q4_1_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks_and_sums, false, scaled_order},
-  kernel_row{qtype_q5_0,     "qlinear_xpu_kernel_q5_0",          "kernels/matvec/q5_0.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
-  kernel_row{qtype_q5_1,     "qlinear_xpu_kernel_q5_1",          "kernels/matvec/q5_1.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
-  kernel_row{qtype_q8_0,     "qlinear_xpu_kernel_q8_0_2x8",      "kernels/matvec/q8_0_2x8.h",      group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
-  kernel_row{qtype_nf4,      "qlinear_xpu_kernel_nf4_2x16",      "kernels/matvec/nf4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
-  kernel_row{qtype_nf3,      "qlinear_xpu_kernel_nf3_2x16",      "kernels/matvec/nf3_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
-  kernel_row{qtype_fp8_e4m3, "qlinear_xpu_kernel_fp8_e4m3_2x8",  "kernels/matvec/fp8_e4m3_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
-  kernel_row{qtype_fp4,      "qlinear_xpu_kernel_fp4_2x16",      "kernels/matvec/fp4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
-  kernel_row{qtype_fp8_e5m2, "qlinear_xpu_kernel_fp8_e5m2_2x8",  "kernels/matvec/fp8_e5m2_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, {k::state_size, k::part0, k::input, k::local, k::output, k::output_size}},
-  kernel_row{qtype_iq2_xxs,  "qlinear_xpu_kernel_iq2_xxs_q8_1",  "kernels/matvec/iq2_xxs_q8_1.h",  none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     q8_1_blocks,     true,  q8_1_order},
-  kernel_row{qtype_q2_k,     "qlinear_xpu_kernel_q2_k_q8_1",     "kernels/matvec/q2_k_q8_1.h",     none,       slices,   0, 1, 1, 32, 16,  0, false, of_t,     q2_k_words,      true,  q8_1_order},
-  kernel_row{qtype_iq1_s,    "qlinear_xpu_kernel_iq1_s_q8_1",    "kernels/matvec/iq1_s_q8_1.h",    none,       slices,  32, 1, 1, 32, 32,  0, false, of_float, q8_1_blocks,     true,  {k::output_size, k::block_count, k::part0, k::input, k::output, k::vectors_local}},
-  kernel_row{qtype_q6_k,     "qlinear_xpu_kernel_q6_k_2x16",     "kernels/matvec/q6_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks,          false, {k::state_size, k::part0, k::part1, k::input, k::part3, k::part2, k::local, k::output, k::output_size}},
-  kernel_row{qtype_q4_k,     "qlinear_xpu_kernel_q4_k_2x16",     "kernels/matvec/q4_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks_and_sums, false, {k::state_size, k::part0, k::input, k::part1, k::part2, k::local, k::output, k::output_size}},
-  kernel_row{qtype_q5_k,     "qlinear_xpu_kernel_q5_k",          "kernels/matvec/q5_k.h",          none,       rows,     8, 2, 2, 32, 16,  0, false, of_float, row_count,       false, {k::state_size, k::part0, k::input, k::local, k::output}},
-  kernel_row{qtype_fp6,      "qlinear_xpu_kernel_fp6_2x16",      "kernels/matvec/fp6_2x16.h",      group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part1, k::part0, k::input, k::part2, k::block_count, k::local, k::output_size, k::output}},
-  kernel_row{qtype_fp6_k,    "qlinear_xpu_kernel_fp6_k_2x16",    "kernels/matvec/fp6_k_2x16.h",    group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part0, k::offset1, k::offset2, k::offset3, k::input, k::local, k::output_size, k::output}},
-  kernel_row{qtype_q8_1,     "quantize_xpu_kernel_q8_1",         "kernels/matvec/quantize_q8_1.h", none,       elements,32, 1, 1,256,  1,  0, false, no_local, no_vectors,        false, {k::input, k::output}},
+  //          format           family     name, header                                                              constants   range   sub- rows,   lanes elem. unit drops  local     vectors          waits  arguments
+  //                                                                                                                                    group  many              tail
+  kernel_row{qtype_q4_0,     matvec,    "qlinear_xpu_kernel_q4_0_2x16",     "kernels/matvec/q4_0_2x16.h",     group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
+  kernel_row{qtype_q4_0_woq, matvec,    "qlinear_xpu_kernel_q4_0_woq_2x16", "kernels/matvec/q4_0_woq_2x16.h", group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, q4_0_order},
+  kernel_row{qtype_q4_1,     matvec,    "qlinear_xpu_kernel_q4_1_2x16",     "kernels/matvec/q4_1_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks_and_sums, false, scaled_order},
+  kernel_row{qtype_q5_0,     matvec,    "qlinear_xpu_kernel_q5_0",          "kernels/matvec/q5_0.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
+  kernel_row{qtype_q5_1,     matvec,    "qlinear_xpu_kernel_q5_1",          "kernels/matvec/q5_1.h",          group,      rows,     0, 1, 1,  0,  2,  0, false, of_t,     row_count,       false, q5_order},
+  kernel_row{qtype_q8_0,     matvec,    "qlinear_xpu_kernel_q8_0_2x8",      "kernels/matvec/q8_0_2x8.h",      group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_nf4,      matvec,    "qlinear_xpu_kernel_nf4_2x16",      "kernels/matvec/nf4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_nf3,      matvec,    "qlinear_xpu_kernel_nf3_2x16",      "kernels/matvec/nf3_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp8_e4m3, matvec,    "qlinear_xpu_kernel_fp8_e4m3_2x8",  "kernels/matvec/fp8_e4m3_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp4,      matvec,    "qlinear_xpu_kernel_fp4_2x16",      "kernels/matvec/fp4_2x16.h",      group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, scaled_order},
+  kernel_row{qtype_fp8_e5m2, matvec,    "qlinear_xpu_kernel_fp8_e5m2_2x8",  "kernels/matvec/fp8_e5m2_2x8.h",  group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, {k::state_size, k::part0, k::input, k::local, k::output, k::output_size}},
+  kernel_row{qtype_iq2_xxs,  matvec,    "qlinear_xpu_kernel_iq2_xxs_q8_1",  "kernels/matvec/iq2_xxs_q8_1.h",  none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     q8_1_blocks,     true,  q8_1_order},
+  kernel_row{qtype_q2_k,     matvec,    "qlinear_xpu_kernel_q2_k_q8_1",     "kernels/matvec/q2_k_q8_1.h",     none,       slices,   0, 1, 1, 32, 16,  0, false, of_t,     q2_k_words,      true,  q8_1_order},
+  kernel_row{qtype_iq1_s,    matvec,    "qlinear_xpu_kernel_iq1_s_q8_1",    "kernels/matvec/iq1_s_q8_1.h",    none,       slices,  32, 1, 1, 32, 32,  0, false, of_float, q8_1_blocks,     true,  {k::output_size, k::block_count, k::part0, k::input, k::output, k::vectors_local}},
+  kernel_row{qtype_q6_k,     matvec,    "qlinear_xpu_kernel_q6_k_2x16",     "kernels/matvec/q6_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks,          false, {k::state_size, k::part0, k::part1, k::input, k::part3, k::part2, k::local, k::output, k::output_size}},
+  kernel_row{qtype_q4_k,     matvec,    "qlinear_xpu_kernel_q4_k_2x16",     "kernels/matvec/q4_k_2x16.h",     group,      rows,     0, 2, 2,  0, 16, 16, true,  of_t,     chunks_and_sums, false, {k::state_size, k::part0, k::input, k::part1, k::part2, k::local, k::output, k::output_size}},
+  kernel_row{qtype_q5_k,     matvec,    "qlinear_xpu_kernel_q5_k",          "kernels/matvec/q5_k.h",          none,       rows,     8, 2, 2, 32, 16,  0, false, of_float, row_count,       false, {k::state_size, k::part0, k::input, k::local, k::output}},
+  kernel_row{qtype_fp6,      matvec,    "qlinear_xpu_kernel_fp6_2x16",      "kernels/matvec/fp6_2x16.h",      group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part1, k::part0, k::input, k::part2, k::block_count, k::local, k::output_size, k::output}},
+  kernel_row{qtype_fp6_k,    matvec,    "qlinear_xpu_kernel_fp6_k_2x16",    "kernels/matvec/fp6_k_2x16.h",    group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part0, k::offset1, k::offset2, k::offset3, k::input, k::local, k::output_size, k::output}},
+  kernel_row{qtype_q4_0,     by_batch,  "qlinear_xpu_kernel_q4_0_2x16_by_batch", "kernels/by_batch/q4_0_2x16_by_batch.h", group, batches, 0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, batch_order},
+  kernel_row{qtype_nf4,      by_batch,  "qlinear_xpu_kernel_nf4_2x16_batch", "kernels/by_batch/nf4_2x16_batch.h", group,    batches,  0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, batch_order},
+  kernel_row{qtype_q8_1,     quantizer, "quantize_xpu_kernel_q8_1",         "kernels/matvec/quantize_q8_1.h", none,       elements,32, 1, 1,256,  1,  0, false, no_local, no_vectors,        false, {k::input, k::output}},
   };
 }();
 // clang-format on
@@ -163,11 +177,15 @@ constexpr bool takes_q8_1(const kernel_row& row) {
 // Rows of a work-item in the form of vectors, for the kernels that say so in `vectors`.
 inline constexpr int rows_of_vector_item = 16;
 
-// The row of a format's matrix-vector kernel, or of the quantizer for the code of q8_1.
-constexpr int kernel_index(int qtype) {
+// The row of a format's kernel of a family; -1: there is none.
+constexpr int kernel_index(kernel_family family, int qtype) {
   for (std::size_t i = 0; i < kernel_table.size(); ++i)
-    if (kernel_table[i].qtype == qtype) return static_cast<int>(i);
+    if (kernel_table[i].family == family && kernel_table[i].qtype == qtype) return static_cast<int>(i);
   return -1;
 }
+
+// Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most.
+inline constexpr int batch_tile = 2;
+inline constexpr int batch_of_vector_item = 4;
 
 }  // namespace quillon

@@ -76,12 +76,14 @@ std::string device_table_text() {
 }
 
 // In the order of kernel_argument, up to those that the backing of vectors alone has, and of lane_range.
-constexpr const char* kArgumentNames[] = {"end",     "state_size", "output_size", "block_count",   "input",
-                                          "output",  "part0",      "part1",       "part2",         "part3",
-                                          "offset1", "offset2",    "offset3",     "short_offset1", "local"};
+constexpr const char* kArgumentNames[] = {
+    "end",   "state_size", "batch", "output_size", "block_count", "input",   "output",        "part0",
+    "part1", "part2",      "part3", "offset1",     "offset2",     "offset3", "short_offset1", "local"};
 static_assert(std::size(kArgumentNames) == static_cast<std::size_t>(kernel_argument::local) + 1);
-constexpr const char* kRangeNames[] = {"rows", "slices", "elements"};
+constexpr const char* kRangeNames[] = {"rows", "slices", "batches", "elements"};
 static_assert(std::size(kRangeNames) == static_cast<std::size_t>(lane_range::elements) + 1);
+constexpr const char* kFamilyNames[] = {"matvec", "by_batch", "quantizer"};
+static_assert(std::size(kFamilyNames) == static_cast<std::size_t>(kernel_family::quantizer) + 1);
 
 // The launcher table of a device class. It depends on the class alone where the matrix engine is not taken, as for one
 // row.
@@ -112,6 +114,7 @@ std::vector<int> constants_of(const kernel_row& row, const kernel_geometry& geom
 std::string kernel_text(const kernel_row& row) {
   std::ostringstream text;
   text << "    {\n        \"format\": " << quoted(format_table[row.qtype].name)
+       << ",\n        \"family\": " << quoted(kFamilyNames[static_cast<int>(row.family)])
        << ",\n        \"name\": " << quoted(row.name) << ",\n        \"header\": " << quoted(row.header)
        << ",\n        \"geometries\": {";
   for (const launcher_geometry& table : launcher_geometries) {

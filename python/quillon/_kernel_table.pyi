@@ -4,11 +4,12 @@ from typing import Literal, TypedDict
 
 class KernelRow(TypedDict):
     format: str
+    family: Literal["matvec", "by_batch", "quantizer"]
     name: str
     header: str
     geometries: dict[str, tuple[tuple[int, ...], int | None, int, int]]
     build_options: dict[int, tuple[str, ...]]
-    range: Literal["rows", "slices", "elements"]
+    range: Literal["rows", "slices", "batches", "elements"]
     elements: int
     rounds_of_pass: int
     row_unit: int

@@ -43,12 +43,15 @@ class Kernel:
     header: str
     """Relative to csrc/."""
     format: str
+    family: Literal["matvec", "by_batch", "quantizer"]
+    """What it makes of a weight: the product with one activation row, with a handful of them, or nothing."""
     geometries: Mapping[str, Geometry]
     """By launcher table."""
     build_options: Mapping[int, tuple[str, ...]]
     """By sub-group size, of a kernel that asks for it in this way: it takes the first size that the device has."""
-    range: Literal["rows", "slices", "elements"]
-    """What work-items are dealt: tiles of rows, the slices of one row, or elements of the activations."""
+    range: Literal["rows", "slices", "batches", "elements"]
+    """What work-items are dealt: tiles of rows, the slices of one row, tiles of rows by activation rows, or elements
+    of the activations."""
     elements: int
     """Elements of one row that a lane takes in a round."""
     rounds_of_pass: int
@@ -80,6 +83,7 @@ def _kernel(row: _kernel_table.KernelRow) -> Kernel:
         name=row["name"],
         header=row["header"],
         format=row["format"],
+        family=row["family"],
         geometries=MappingProxyType(geometries),
         build_options=MappingProxyType(row["build_options"]),
         range=row["range"],
@@ -92,5 +96,9 @@ def _kernel(row: _kernel_table.KernelRow) -> Kernel:
     )
 
 
-KERNELS: Mapping[str, Kernel] = MappingProxyType({row["format"]: _kernel(row) for row in _kernel_table.KERNELS})
+ALL_KERNELS: tuple[Kernel, ...] = tuple(_kernel(row) for row in _kernel_table.KERNELS)
+
+KERNELS: Mapping[str, Kernel] = MappingProxyType(
+    {kernel.format: kernel for kernel in ALL_KERNELS if kernel.family in ("matvec", "quantizer")}
+)
 """The kernel of each format: its matrix-vector product, or for activations their quantizer."""

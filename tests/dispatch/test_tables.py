@@ -9,7 +9,7 @@ from shim.spine import SpineShim
 from quillon._device_table import ARCHITECTURES as PYTHON_ARCHITECTURES
 from quillon._device_table import DEVICE_CLASSES as CLASSES
 from quillon._device_table import MAX_DEVICES
-from quillon._kernels import KERNELS, LAUNCHER_TABLES
+from quillon._kernels import ALL_KERNELS, LAUNCHER_TABLES
 from quillon.formats import FORMATS
 
 ARCHITECTURES = {
@@ -59,7 +59,8 @@ def test_launcher_tables() -> None:
 def test_geometry_of_the_launcher_tables() -> None:
     """Sub-group, work-group and rows, as numbers: kernels with 2 or 3 template constants, and 8 rows of q4_0."""
     q4_0 = ("q4_0", "q4_0_woq")
-    for name, kernel in KERNELS.items():
+    for kernel in ALL_KERNELS:
+        name = kernel.format if kernel.family != "by_batch" else kernel.name
         for table, geometry in kernel.geometries.items():
             sub_group, lanes = (32, 64) if table == "elm" else (16, 32)
             rows = 8 if table == "legacy" and name in q4_0 else 1 if name in ("q5_0", "q5_1") else 2

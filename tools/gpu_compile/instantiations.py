@@ -15,7 +15,7 @@ from gpu_compile.machine_code import KernelInfo
 from gpu_compile.ocloc import GpuModule, compile_for_gpu, device_argument
 from gpu_compile.spirv import SpirvKernel, dump_spirv
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ELEMENT_TYPES, KERNELS, Geometry, Kernel
+from quillon._kernels import ALL_KERNELS, ELEMENT_TYPES, Geometry, Kernel
 from quillon.formats import get_format
 
 CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
@@ -42,7 +42,7 @@ class Build:
     def packed_bytes(self) -> float:
         """Weight bytes, scales included, that a lane reads in one pass of its loop over K."""
         block = get_format(self.kernel.format)
-        rows = self.geometry.rows if self.kernel.range == "rows" else 1
+        rows = self.geometry.rows if self.kernel.range in ("rows", "batches") else 1
         return rows * self.kernel.rounds_of_pass * self.kernel.elements * block.bytes / block.elements
 
     def expression(self, element_type: str) -> str:
@@ -93,7 +93,7 @@ class Compiled:
 
 def cases(of: Iterable[Kernel] | None = None) -> Iterator[Case]:
     """Every instantiation of the kernels, or of all, for every listed architecture whose class uses it."""
-    for kernel in KERNELS.values() if of is None else of:
+    for kernel in ALL_KERNELS if of is None else of:
         for architecture, device_class in ARCHITECTURES.items():
             for element_type in types_on(device_class):
                 yield Case(build_for(kernel, device_class), element_type, architecture)

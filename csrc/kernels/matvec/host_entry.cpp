@@ -84,9 +84,10 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
   const std::uint64_t blocks = state_size / elements_per_block(row.qtype);
   const std::uint64_t chunks = state_size / row.elements;
   const std::uint64_t whole = (chunks + kVectorLanes - 1) / kVectorLanes * kVectorLanes;
+  const std::uint64_t batch = row.range == lane_range::batches ? batch_of_vector_item : 1;
   switch (row.vectors) {
     case arranged::chunks:
-      return whole * row.elements * facts_of(type).lane_size;
+      return batch * whole * row.elements * facts_of(type).lane_size;
     case arranged::chunks_and_sums:
       return whole * (row.elements + 1) * facts_of(type).lane_size;
     case arranged::q8_1_blocks:
@@ -115,7 +116,7 @@ struct Geometry {
   std::uint64_t local_elements;
 };
 
-Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t output_size) {
+Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t batch, std::uint64_t output_size) {
   const kernel_row& row = kernel_table[kernel.row];
   const std::size_t lanes = kernel.geometry.work_group;
   const std::size_t rows = kernel.geometry.rows;
@@ -124,13 +125,16 @@ Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t output_size) {
   // device would be one work-item each, and the sub-group sum of iq1_s wrong; with {32, 2} a GPU's would be half of
   // each of two rows, whose loads are half as wide.
   if (row.range == lane_range::slices) return {{{rows, groups * lanes}, {rows, lanes}}, rows * lanes};
+  if (row.range == lane_range::batches)
+    return {{{(batch + batch_tile - 1) / batch_tile, groups * lanes}, {1, lanes}}, batch_tile * rows * lanes};
   // One element more tells a kernel that is not told the output size that its last tile is short.
   const bool short_tile = row.vectors == arranged::row_count && output_size % rows != 0;
   return {{groups * lanes, lanes}, rows * lanes + short_tile};
 }
 
-Geometry vectors_geometry(const kernel_row& row, std::uint64_t state_size, std::uint64_t output_size,
-                          std::uint64_t local_size, std::uint64_t arranged, const runtime::DeviceFacts& facts) {
+Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint64_t state_size,
+                          std::uint64_t output_size, std::uint64_t local_size, std::uint64_t arranged,
+                          const runtime::DeviceFacts& facts) {
   if (row.vectors == arranged::row_count) {
     const std::uint64_t items = (output_size + rows_of_vector_item - 1) / rows_of_vector_item;
     return {{items, 1}, output_size - (items - 1) * rows_of_vector_item};
@@ -141,26 +145,29 @@ Geometry vectors_geometry(const kernel_row& row, std::uint64_t state_size, std::
   const std::uint64_t items = std::min(std::max(units, bytes / kBytesPerItem / units * units), output_size);
   const std::uint64_t elements = (arranged + local_size - 1) / local_size;
   if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, elements};
+  if (row.range == lane_range::batches)
+    return {{{(batch + batch_of_vector_item - 1) / batch_of_vector_item, items}, {1, 1}}, elements};
   return {{items, 1}, elements};
 }
 
 }  // namespace
 
 void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,
-                   void* output, std::uint64_t /*batch*/, std::uint64_t state_size, std::uint64_t output_size,
+                   void* output, std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size,
                    c10::Device device) {
   const kernel_row& row = kernel_table[kernel.row];
   if (row.row_unit != 0 && state_size % row.row_unit != 0)
     c10::detail::torchCheckFail(row.name, __FILE__, __LINE__,
                                 c10::str("%d must be a multiple of %d", state_size, row.row_unit));
-  if (output_size == 0) return;
+  if (batch == 0 || output_size == 0) return;
   const runtime::DeviceFacts& facts = runtime::device_facts(device.index());
   const Backing backing = choose_backing(row, type, state_size, facts);
   const region_offsets parts = matvec_parts(row.qtype, state_size, output_size);
   const std::size_t local_size = row.local == local_elements::of_float ? sizeof(float) : facts_of(type).size;
-  const Geometry geometry = backing == Backing::vectors ? vectors_geometry(row, state_size, output_size, local_size,
-                                                                           arranged_bytes(row, type, state_size), facts)
-                                                        : items_geometry(kernel, output_size);
+  const Geometry geometry = backing == Backing::vectors
+                                ? vectors_geometry(row, batch, state_size, output_size, local_size,
+                                                   arranged_bytes(row, type, state_size), facts)
+                                : items_geometry(kernel, batch, output_size);
 
   c10::SmallVector<KernelArgument, 12> arguments;
   for (const kernel_argument argument : row.arguments) {
@@ -169,6 +176,9 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
         break;
       case kernel_argument::state_size:
         arguments.emplace_back(state_size);
+        break;
+      case kernel_argument::batch:
+        arguments.emplace_back(batch);
         break;
       case kernel_argument::output_size:
         arguments.emplace_back(output_size);

@@ -1,4 +1,5 @@
-// Host entries of the matrix-vector kernels: output[n] = sum over k of input[k] * W[n][k] for one activation row.
+// Host entries of the matrix-vector kernels: output[b][n] = sum over k of input[b][k] * W[n][k] for one activation row, or
+// for a handful of them.
 //
 // All are one function over the rows of kernel_table.h. It checks the row length, forms the range and the arguments in
 // the kernel's own order, and submits; it waits for the kernel only where the row says so.
@@ -19,8 +20,8 @@ struct MatvecKernel {
   kernel_geometry geometry;
 };
 
-// input   state_size elements of T, or their q8_1 blocks      weight  packed bytes of output_size rows
-// output  output_size elements of T                           batch   always 1, part of the common signature
+// input   batch rows of state_size elements of T, or q8_1 blocks of one   weight  packed bytes of output_size rows
+// output  batch rows of output_size elements of T                         batch   1 but for kernels of the by-batch family
 //
 // A row length that is no multiple of the kernel's row unit is a RuntimeError whose check site is the kernel's name.
 void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,

@@ -63,26 +63,32 @@ struct row_steps {
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (t, leaf)
-// of `local` stands at t * WG_SIZE + leaf. Work-item 0 then writes the rows that exist. `Sum` is T or lane<T>,
-// `Out` the type of the result. The leaf of a work-item is its number, unless a kernel deals out the work in
-// another order than that of the sum.
+// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (i, leaf) of
+// `local` stands at i * WG_SIZE + leaf, and the sum of accumulator i comes out at i * WG_SIZE. `Sum` is T or values<T>.
+// The leaf of a work-item is its number, unless a kernel deals out the work in another order than that of the sum.
+template <typename T, int WG_SIZE, int COUNT, typename Group, typename Sum>
+inline void add_up_items(const Group& group, int item, int leaf, const Sum (&acc)[COUNT],
+                         const sycl::local_accessor<T, 1>& local) {
+#pragma unroll
+  for (int i = 0; i < COUNT; ++i) local[i * WG_SIZE + leaf] = element_of<T>(acc[i]);
+  sycl::group_barrier(group);
+  for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
+    if (item < stride) {
+#pragma unroll
+      for (int i = 0; i < COUNT; ++i)
+        local[i * WG_SIZE + item] = local[i * WG_SIZE + item] + local[i * WG_SIZE + item + stride];
+    }
+    sycl::group_barrier(group);
+  }
+}
+
+// The same for the rows of a tile, of which work-item 0 then writes those that exist. `Out` is the type of the result.
 template <typename T, int WG_SIZE, int ROW_TILE, typename Sum, typename Out>
 inline void reduce_and_write(const sycl::nd_item<1>& place, int leaf, const Sum (&acc)[ROW_TILE],
                              const sycl::local_accessor<T, 1>& local, uint64_t row0, uint64_t output_size,
                              Out* output) {
   const int item = static_cast<int>(place.get_local_id(0));
-#pragma unroll
-  for (int t = 0; t < ROW_TILE; ++t) local[t * WG_SIZE + leaf] = element_of<T>(acc[t]);
-  sycl::group_barrier(place.get_group());
-  for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
-    if (item < stride) {
-#pragma unroll
-      for (int t = 0; t < ROW_TILE; ++t)
-        local[t * WG_SIZE + item] = local[t * WG_SIZE + item] + local[t * WG_SIZE + item + stride];
-    }
-    sycl::group_barrier(place.get_group());
-  }
+  add_up_items<T, WG_SIZE>(place.get_group(), item, leaf, acc, local);
   if (item == 0) {
     for (int t = 0; t < ROW_TILE && row0 + t < output_size; ++t) output[row0 + t] = convert<Out>(local[t * WG_SIZE]);
   }

@@ -1,0 +1,93 @@
+// The road of a launcher: by which sequence of kernels it forms the product. A pure function of what it looks at, free
+// of torch, so that it can be tested exhaustively by itself.
+//
+//   matvec    one activation row: the packed weight is read directly
+//   by_batch  the same for a handful of activation rows
+//   tiled     TILE_SIZE rows of the weight at a time are expanded and multiplied: a small peak of memory
+//   dense     the whole weight is expanded and multiplied
+//   onednn    oneDNN multiplies the packed weight
+//   none      a case that is not served
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "dispatch/device_class.h"
+#include "formats/registry.h"
+
+namespace quillon {
+
+enum class Road : int { matvec, by_batch, tiled, dense, onednn, none };
+
+// The by-batch road of a format, for batches up to `most`.
+struct ByBatchRoad {
+  int qtype;
+  int kernel_qtype;  // whose by-batch kernel runs; that of q4_0 reads the nibbles of q4_0_woq in q4_0's order
+  std::uint64_t most;
+  bool on_elm;
+};
+inline constexpr std::array<ByBatchRoad, 3> kByBatchRoads = {{
+    {qtype_q4_0, qtype_q4_0, 7, false},
+    {qtype_q4_0_woq, qtype_q4_0, 7, false},
+    {qtype_nf4, qtype_nf4, 14, true},
+}};
+constexpr const ByBatchRoad* by_batch_road(int qtype) {
+  for (const ByBatchRoad& road : kByBatchRoads)
+    if (road.qtype == qtype) return &road;
+  return nullptr;
+}
+
+// Which environment variables the launcher of a format reads. They are parsed before all else, so that a bad value fails
+// every call, though only the tiled road uses them.
+enum class Environment { none, tiles, tiles_and_low_mem };
+constexpr Environment environment_of(int qtype) {
+  switch (qtype) {
+    case qtype_q4_0:
+    case qtype_q4_0_woq:
+    case qtype_fp6:
+      return Environment::tiles_and_low_mem;
+    case qtype_q8_0:
+    case qtype_fp8_e5m2:
+      return Environment::tiles;
+    default:
+      return Environment::none;
+  }
+}
+
+// What a launcher looks at. The last three matter to formats with a tiled road alone.
+struct RoadFacts {
+  XpuDeviceClass device_class;
+  std::uint64_t batch;
+  std::uint64_t output_size;
+  std::int64_t input_size;
+  std::int64_t tile_threshold;
+  bool low_mem;
+};
+
+// Whether the weight is expanded in tiles.
+constexpr bool is_tiled(int qtype, const RoadFacts& facts) {
+  constexpr std::int64_t kLeastInputSize = 129;
+  const auto rows = static_cast<std::int64_t>(facts.output_size);
+  switch (environment_of(qtype)) {
+    case Environment::tiles_and_low_mem:
+      return (facts.device_class == XpuDeviceClass::ash || facts.low_mem) && facts.tile_threshold < rows &&
+             facts.input_size >= kLeastInputSize;
+    case Environment::tiles:
+      return facts.device_class == XpuDeviceClass::oak && facts.tile_threshold <= rows;
+    default:
+      return false;
+  }
+}
+
+constexpr Road choose_road(int qtype, const RoadFacts& facts) {
+  if (facts.batch == 1) return Road::matvec;
+  const ByBatchRoad* by_batch = by_batch_road(qtype);
+  if (by_batch != nullptr && facts.batch <= by_batch->most &&
+      (by_batch->on_elm || facts.device_class != XpuDeviceClass::elm))
+    return Road::by_batch;
+  const bool tiled = is_tiled(qtype, facts);
+  if (qtype == qtype_q4_0_woq) return tiled ? Road::none : Road::onednn;
+  return tiled ? Road::tiled : Road::dense;
+}
+
+}  // namespace quillon
