@@ -11,6 +11,7 @@ from typing import Any
 import torch
 from torch import Tensor
 
+from quillon._modes import plain_modes
 from quillon.formats import weight_format
 from quillon.nn import chosen_device_class, kernel_row_multiple
 from quillon.quantizers import quantize
@@ -65,6 +66,7 @@ def _reader(path: str | PathLike[str]) -> tuple[Any, Any]:
         ) from problem
 
 
+@plain_modes()
 def from_gguf(
     path: str | PathLike[str],
     format: str | int,

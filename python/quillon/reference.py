@@ -11,6 +11,7 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
+from quillon._modes import plain_modes
 from quillon._pieces import for_each_piece
 from quillon.formats import check_shape, field_offsets
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4, iq1s_grid, iq2xxs_grid, ksigns_iq2xs
@@ -232,6 +233,7 @@ _DTYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
 _PIECE_ELEMENTS = 1 << 16
 
 
+@plain_modes()
 def dequantize_reference(
     data: Tensor,
     format: str | int,

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import io
 import sys
+from collections.abc import Callable, Iterator
+from contextlib import AbstractContextManager, contextmanager
 
 import pytest
 import torch
@@ -218,6 +220,43 @@ def test_bytes_do_not_depend_on_the_threads(name: str) -> None:
     for data, values in results[1:]:
         assert torch.equal(data, results[0][0])
         assert torch.equal(values, results[0][1])
+
+
+@contextmanager
+def default_dtype(dtype: torch.dtype) -> Iterator[None]:
+    before = torch.get_default_dtype()
+    torch.set_default_dtype(dtype)
+    try:
+        yield
+    finally:
+        torch.set_default_dtype(before)
+
+
+MODES: dict[str, Callable[[], AbstractContextManager[object]]] = {
+    "inference": torch.inference_mode,
+    "meta": lambda: torch.device("meta"),
+    "xpu": lambda: torch.device("xpu"),
+    "double": lambda: default_dtype(torch.float64),
+    "half": lambda: default_dtype(torch.float16),
+    "autocast": lambda: torch.autocast("cpu"),
+}
+
+
+@ALL
+def test_bytes_and_values_do_not_depend_on_the_callers_modes(name: str, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(quantizers, "_PIECE_ELEMENTS", 4096)  # several pieces, and so threads
+    weight = randn(20, 512)
+    importance = torch.rand(512) + 0.1
+    packed = quantize(weight, name, importance=importance)
+    values = dequantize_reference(packed, name, 20, 512)
+    for mode, enter in MODES.items():
+        with enter():
+            found = quantize(weight, name, importance=importance)
+            expanded = dequantize_reference(packed, name, 20, 512)
+        assert found.device.type == expanded.device.type == "cpu", mode
+        assert torch.equal(found, packed), mode
+        assert torch.equal(expanded, values), mode
+        assert not found.is_inference(), mode
 
 
 def test_the_first_bad_chunk_is_named_and_the_threads_come_back() -> None:

@@ -12,6 +12,7 @@ from collections.abc import Callable
 import torch
 from torch import Tensor
 
+from quillon._modes import plain_modes
 from quillon._pieces import for_each_piece
 from quillon.formats import check_shape
 from quillon.quantizers import codebook, grid, integer, superblock
@@ -68,6 +69,7 @@ def _check_importance(importance: Tensor, cols: int) -> Tensor:
     return importance.clamp_(min=1e-6).float()
 
 
+@plain_modes()
 def quantize(
     weight: Tensor,
     format: str | int,

@@ -124,7 +124,7 @@ def _iq2_book() -> CodeBook:
 
 def _even_signs(x: Tensor, w: Tensor | None) -> Tensor:
     """Signs +1 and -1 (..., 8) with an even number of -1: if it is odd, the cheapest element turns."""
-    signs = torch.where(x < 0, -1.0, 1.0)
+    signs = torch.where(x < 0, -1.0, 1.0).float()
     odd = signs.prod(-1, keepdim=True) < 0
     cost = x.abs() if w is None else x.abs() * w
     cheapest = cost.argmin(-1, keepdim=True)

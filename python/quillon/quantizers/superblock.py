@@ -142,7 +142,7 @@ def _affine(
     s, o = search_affine(x, w, top, tuple((a, b) for a in shares for b in shares))
     # All offsets of a super-block share the sign of -dmin. Negative ones are the rule; where every one is
     # positive, dmin turns negative; elsewhere a sub-block with a positive offset does without.
-    sign = torch.where((o >= 0).all(0), -1.0, 1.0)
+    sign = torch.where((o >= 0).all(0), -1.0, 1.0).float()
     no_offset = o * sign > 0
     s = torch.where(no_offset, x.amax(0).clamp(min=0) / top, s)
     offset = torch.where(no_offset, torch.zeros_like(o), -o * sign)
