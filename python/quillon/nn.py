@@ -59,18 +59,24 @@ def _shape_problem(format: Format, in_features: int, device_class: str) -> str |
     return f"in_features must be a multiple of {multiple} for {format.name}{where}, got {in_features}"
 
 
+def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]:
+    """The product of one row. The module's function costs less, but no mode or subclass of tensors sees it."""
+    seen = torch.compiler.is_compiling() or type(input) is not Tensor or torch._C._len_torch_dispatch_stack() > 0
+    if not seen:
+        return vesper_linear.forward_new
+    operator: Callable[[Tensor, Tensor, int, int], Tensor] = torch.ops.quillon.forward_new
+    return operator
+
+
 def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
     """``input`` (..., in_features) times the packed weight: (..., out_features)."""
-    columns = input.shape[-1]
+    columns, forward_new = input.shape[-1], _operator_for(input)
     if input.numel() == columns:  # a token of generation: nothing to cut or to put together
-        product = vesper_linear.forward_new(input.reshape(1, columns).contiguous(), packed, format.code, columns)
+        product = forward_new(input.reshape(1, columns).contiguous(), packed, format.code, columns)
         return product.view(*input.shape[:-1], out_features)
     rows = input.reshape(-1, columns).contiguous()
     # Launches queue up behind one another, and the one cat at the end waits for all of them.
-    outputs = [
-        vesper_linear.forward_new(rows[index : index + 1], packed, format.code, columns)
-        for index in range(rows.shape[0])
-    ]
+    outputs = [forward_new(rows[index : index + 1], packed, format.code, columns) for index in range(rows.shape[0])]
     output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
     return output.reshape(*input.shape[:-1], out_features)
 

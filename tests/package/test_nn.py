@@ -5,14 +5,18 @@ from __future__ import annotations
 import copy
 import io
 import re
+from typing import Any
 
 import pytest
 import torch
 from torch import nn
+from torch._subclasses.fake_tensor import FakeTensor, FakeTensorMode
+from torch.utils._python_dispatch import TorchDispatchMode
 
 import quillon
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
+from quillon.formats import WEIGHT_FORMATS
 from quillon.nn import LowBitLinear, kernel_row_multiple, quantize_model
 
 DEVICE = "xpu:7"  # class unknown: the default launchers
@@ -162,6 +166,60 @@ def test_a_layer_that_fits_elsewhere_is_refused_on_elm() -> None:
     layer = LowBitLinear.from_linear(nn.Linear(512, 8), "q4_k").to("xpu:1")
     with pytest.raises(ValueError, match="multiple of 1024 for q4_k on device class elm, got 512"):
         layer(torch.zeros(1, 512, device="xpu:1"))
+
+
+@pytest.mark.parametrize("format", WEIGHT_FORMATS)
+def test_fake_tensors_pass_through(format: str) -> None:
+    columns = kernel_row_multiple(format)
+    with FakeTensorMode():
+        layer = LowBitLinear(columns, 33, format).to(DEVICE)
+        for shape in ((1, columns), (columns,), (2, 3, columns)):
+            input = torch.randn(shape, dtype=torch.float16, device=DEVICE, requires_grad=True)
+            output = layer.half()(input)
+            assert type(output) is FakeTensor
+            assert (output.shape, output.dtype, output.device) == ((*shape[:-1], 33), input.dtype, input.device)
+            output.sum().backward()
+            assert input.grad is not None
+            assert input.grad.shape == input.shape
+    # Nothing fake is left behind in what layers share.
+    real = LowBitLinear.from_linear(nn.Linear(columns, 33), format).to(DEVICE)
+    input = torch.randn(1, columns, device=DEVICE, requires_grad=True)
+    real(input).sum().backward()
+    assert input.grad is not None
+    assert input.grad.isfinite().all()
+
+
+def test_modes_see_the_operator() -> None:
+    class Recorder(TorchDispatchMode):
+        """Writes down what passes."""
+
+        def __torch_dispatch__(self, function: Any, types: Any, args: Any = (), kwargs: Any = None) -> Any:
+            seen.append(function)
+            return function(*args, **(kwargs or {}))
+
+    seen: list[Any] = []
+    layer = LowBitLinear.from_linear(nn.Linear(64, 8), "q4_0").to(DEVICE)
+    input = torch.randn(2, 64, device=DEVICE)
+    expected = layer(input)
+    with Recorder():
+        assert torch.equal(layer(input), expected)
+    assert seen.count(torch.ops.quillon.forward_new.default) == 2
+    exported = torch.export.export(nn.Sequential(layer), (input,)).module()
+    assert torch.equal(exported(input), expected)
+
+
+@pytest.mark.parametrize("name", ["q4_0", "q4_k", "iq1_s"])
+def test_layers_made_in_inference_mode(name: str) -> None:
+    dense = nn.Linear(512, 256)
+    with torch.inference_mode():
+        layer = LowBitLinear.from_linear(dense, name)
+    assert torch.equal(layer.packed, quillon.quantize(dense.weight, name))
+    input = torch.ones(1, 512, device=DEVICE, requires_grad=True)
+    output = layer.to(DEVICE)(input)
+    with torch.inference_mode():
+        assert torch.equal(layer(input), output)
+    output.sum().backward()
+    assert input.grad is not None
 
 
 def small_model() -> nn.Module:
