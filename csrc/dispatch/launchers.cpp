@@ -8,6 +8,7 @@
 #include "dispatch/device_class_query.h"
 #include "dispatch/environment.h"
 #include "dispatch/format_check.h"
+#include "dispatch/onednn_s4_gemv.h"
 #include "dispatch/read_extent.h"
 #include "dispatch/road.h"
 #include "dispatch/scalar_type_dispatch.h"
@@ -117,6 +118,16 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
             kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
         return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
       }
+      [[fallthrough]];
+    case Road::onednn:
+      if constexpr (QTYPE == qtype_q4_0_woq)
+        return linear_xpu_forward_onednn_s4_gemv(input, weight, facts.device_class);
+      [[fallthrough]];
+    case Road::none:
+      if constexpr (QTYPE == qtype_q4_0_woq)
+        TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(QTYPE), " is not served with a batch of ",
+                                    batch, " where weights of more than ", facts.tile_threshold,
+                                    " rows are expanded in tiles, got ", output_size);
       [[fallthrough]];
     default:
       fail_batch(QTYPE, batch);

@@ -1,0 +1,156 @@
+#include "dispatch/onednn_s4_gemv.h"
+
+#include <ATen/ops/empty.h>
+#include <c10/util/Exception.h>
+#include <c10/xpu/XPUStream.h>
+#include <dlfcn.h>
+
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <sycl/platform.hpp>
+#include <sycl/usm.hpp>
+
+#include "dispatch/format_check.h"
+#include "formats/registry.h"
+#include "onednn/s4_matmul.h"
+#include "runtime/device_limit.h"
+#include "runtime/element_type.h"
+#include "runtime/submit_kernel.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::int64_t kGroup = 64;
+constexpr std::size_t kScaleCapacity = 0x600000 / sizeof(c10::Half);  // elements of the buffer of transposed scales
+constexpr std::uint8_t kZeroPoint = 8;
+
+// ---- the library that holds oneDNN ------------------------------------------------------------------------
+
+std::filesystem::path folder_of(const void* symbol) {
+  Dl_info info;
+  TORCH_CHECK(dladdr(symbol, &info) != 0 && info.dli_fname != nullptr, "a loaded library has no file");
+  return std::filesystem::path(info.dli_fname).parent_path();
+}
+
+void* open_library(const std::filesystem::path& file) {
+  void* library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+  TORCH_CHECK(library != nullptr,
+              "forward_new: q4_0_woq with several rows needs oneDNN: pip install onednn==2026.1.*: ", dlerror());
+  return library;
+}
+
+S4MatmulFunction* load_s4_matmul() {
+  // oneDNN does not say where the libraries are that it needs. They lie beside the SYCL runtime, and are found once they
+  // are loaded; one that is missing here oneDNN may find elsewhere, or it tells.
+  const std::filesystem::path runtime = folder_of(reinterpret_cast<const void*>(&sycl::platform::get_platforms));
+  for (const char* needed : {"libimf.so", "libintlc.so.5", "libsvml.so", "libtbb.so.12", "libdnnl.so.3"})
+    dlopen((runtime / needed).c_str(), RTLD_NOW | RTLD_LOCAL);
+  const std::filesystem::path own = folder_of(reinterpret_cast<const void*>(&linear_xpu_forward_onednn_s4_gemv));
+  void* library = open_library(own / "quillon" / "lib" / kS4MatmulLibrary);
+  auto* function = reinterpret_cast<S4MatmulFunction*>(dlsym(library, kS4MatmulSymbol));
+  TORCH_CHECK(function != nullptr, "forward_new: ", kS4MatmulLibrary, " lacks ", kS4MatmulSymbol);
+  return function;
+}
+
+S4MatmulFunction& s4_matmul() {
+  static S4MatmulFunction* const function = load_s4_matmul();  // a failure is tried again by the next call
+  return *function;
+}
+
+// ---- what stays on a device -------------------------------------------------------------------------------
+
+// Made by a device's first call and never freed. Calls on one queue take turns with the scales; queues do not.
+struct DeviceObjects {
+  std::once_flag made;
+  std::uint8_t* zero_point;
+  void* half_scales;
+  std::atomic<void*> float_scales{nullptr};  // null until oneDNN has shown to have no half precision here
+};
+
+DeviceObjects& device_objects(sycl::queue& queue, c10::DeviceIndex index) {
+  static std::array<DeviceObjects, kMaxDevices>& all = *new std::array<DeviceObjects, kMaxDevices>;
+  DeviceObjects& objects = all[index];
+  std::call_once(objects.made, [&] {
+    objects.half_scales = sycl::malloc_device<c10::Half>(kScaleCapacity, queue);
+    objects.zero_point = sycl::malloc_device<std::uint8_t>(1, queue);
+    TORCH_CHECK(objects.half_scales != nullptr && objects.zero_point != nullptr,
+                "forward_new: no device memory for the scales of oneDNN's product");
+    queue.memcpy(objects.zero_point, &kZeroPoint, 1).wait();
+  });
+  return objects;
+}
+
+void* float_scales(DeviceObjects& objects, sycl::queue& queue) {
+  static std::mutex& mutex = *new std::mutex;
+  const std::lock_guard lock(mutex);
+  if (objects.float_scales == nullptr) objects.float_scales = sycl::malloc_device<float>(kScaleCapacity, queue);
+  TORCH_CHECK(objects.float_scales != nullptr, "forward_new: no memory for the scales of oneDNN's product");
+  return objects.float_scales;
+}
+
+// ---- the product ------------------------------------------------------------------------------------------
+
+template <typename T>
+void transpose_scale_kernel(sycl::queue& queue, c10::DeviceIndex index, const std::uint8_t* source, T* destination,
+                            std::uint64_t groups, std::uint64_t rows) {
+  static runtime::KernelEntry& entry =
+      runtime::kernel_entry("kernels/onednn/transpose_scale.h",
+                            std::string("transpose_scale_kernel<") + facts_of(element_type_of<T>()).name + ">", {});
+  const sycl::kernel& kernel = runtime::find_kernel(entry, queue, index);
+  queue.submit([&](sycl::handler& handler) {
+    handler.set_args(source, destination, groups, rows);
+    handler.parallel_for(sycl::nd_range<1>(rows * groups, groups), kernel);
+  });
+}
+
+}  // namespace
+
+at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::Tensor& weight,
+                                             XpuDeviceClass /*device_class*/) {
+  const std::int64_t batch = input.size(0), state_size = input.size(1);
+  const std::int64_t output_size =
+      weight.size(0) / bytes_per_block(qtype_q4_0_woq) * elements_per_block(qtype_q4_0_woq) / state_size;
+  const std::string format = describe_format(qtype_q4_0_woq);
+  TORCH_CHECK(input.scalar_type() == at::kHalf, "forward_new: ", format, " takes float16 activations with a batch of ",
+              batch, " on this device, got ", input.scalar_type());
+  TORCH_CHECK(state_size % kGroup == 0, "forward_new: ", format, " takes rows of a multiple of ", kGroup,
+              " elements with a batch of ", batch, ", got ", state_size);
+  const std::int64_t groups = state_size / kGroup;
+  TORCH_CHECK(static_cast<std::uint64_t>(output_size * groups) <= kScaleCapacity, "forward_new: ", format,
+              " takes weights of at most ", kScaleCapacity, " scales with a batch of ", batch, ", got ", output_size,
+              " rows of ", groups);
+  at::Tensor output = at::empty({batch, output_size}, weight.options().dtype(input.scalar_type()));
+  if (batch == 0 || output_size == 0) return output;
+
+  const c10::xpu::XPUStream stream = c10::xpu::getCurrentXPUStream(weight.device().index());
+  sycl::queue& queue = stream.queue();
+  const c10::DeviceIndex index = stream.device_index();
+  runtime::check_device_index(index);
+  DeviceObjects& objects = device_objects(queue, index);
+  const auto* codes = weight.const_data_ptr<std::uint8_t>();
+  const std::uint8_t* scales = codes + output_size * state_size / 2;
+  S4Matmul matmul{input.const_data_ptr(),    codes, objects.half_scales, objects.zero_point,
+                  output.data_ptr(),         batch, state_size,          output_size,
+                  /*single_precision=*/false};
+
+  if (objects.float_scales == nullptr) {
+    transpose_scale_kernel(queue, index, scales, static_cast<c10::Half*>(objects.half_scales), groups, output_size);
+    if (s4_matmul()(queue, matmul) == S4Outcome::submitted) return output;
+  }
+  // A processor without half precision: the halves' own values, multiplied in float and rounded once.
+  const at::Tensor source = input.to(at::kFloat);
+  const at::Tensor destination = at::empty({batch, output_size}, output.options().dtype(at::kFloat));
+  matmul.source = source.const_data_ptr();
+  matmul.destination = destination.data_ptr();
+  matmul.scales = float_scales(objects, queue);
+  matmul.single_precision = true;
+  transpose_scale_kernel(queue, index, scales, static_cast<float*>(objects.float_scales.load()), groups, output_size);
+  s4_matmul()(queue, matmul);
+  output.copy_(destination);
+  return output;
+}
+
+}  // namespace quillon
