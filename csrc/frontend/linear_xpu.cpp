@@ -6,7 +6,9 @@
 //   import vesper_linear ──► library loaded ──► static registrations: schemas, then bodies for the key XPU
 //                        └─► PyInit_vesper_linear ──► version and XPU check ──► module ──► nine functions
 
-#include <torch/extension.h>
+#include <pybind11/stl.h>
+#include <torch/csrc/Exceptions.h>
+#include <torch/csrc/utils/pybind.h>
 #include <torch/library.h>
 
 #include <array>

@@ -1,7 +1,7 @@
 // How the module functions' integers are taken from Python and shown in their signatures.
 #pragma once
 
-#include <torch/extension.h>
+#include <pybind11/pybind11.h>
 
 #include <cstdint>
 
