@@ -132,8 +132,8 @@ def test_packed_layers(format: str) -> None:
 
 @pytest.mark.parametrize("format", ["q4_0", "q6_k", "nf3"])
 def test_operator_as_tracing_sees_it(format: str) -> None:
-    layer = quillon.nn.LowBitLinear.from_linear(torch.nn.Linear(256, 64), format).to(DEVICE)
-    arguments = torch.randn(1, 256, device=DEVICE), layer.packed, layer.format.code, 256
+    layer = quillon.nn.LowBitLinear.from_linear(torch.nn.Linear(512, 64), format).to(DEVICE)
+    arguments = torch.randn(1, 512, device=DEVICE), layer.packed, layer.format.code, 512
     torch.library.opcheck(torch.ops.quillon.forward_new.default, arguments)
 
 
