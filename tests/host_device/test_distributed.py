@@ -137,6 +137,39 @@ def send_and_receive(rank: int) -> None:
     assert y.item() == 1 - rank
 
 
+def send_and_receive_from_anybody(rank: int) -> None:
+    x = on_device(rank + 1)
+    if rank == 0:
+        assert dist.recv(x) == 1
+    else:
+        dist.isend(x, 0).wait()
+    assert x.item() == 2
+
+
+def all_reduce_coalesced(rank: int) -> None:
+    tensors = [on_device(rank), on_device(rank + 1, 5)]
+    dist.all_reduce_coalesced(tensors)
+    assert values_of(tensors) == [[1], [3, 10]]
+
+
+def all_to_all_single_in_uneven_parts(rank: int) -> None:
+    # Rank 0 keeps one element and sends two; rank 1 sends none and keeps one.
+    sent = on_device(0, 1, 2) if rank == 0 else on_device(3)
+    out = on_device(9) if rank == 0 else on_device(9, 9, 9)
+    dist.all_to_all_single(out, sent, [1, 0] if rank == 0 else [2, 1], [1, 2] if rank == 0 else [0, 1])
+    assert out.tolist() == ([0] if rank == 0 else [1, 2, 3])
+
+
+def element_types(rank: int) -> None:
+    for dtype in (torch.float64, torch.float16, torch.bfloat16, torch.int64, torch.int8, torch.uint8):
+        x = torch.full((3,), rank + 1, dtype=dtype, device=DEVICE)
+        dist.all_reduce(x)
+        assert x.tolist() == [3] * 3
+    flag = torch.tensor([rank == 1], device=DEVICE)
+    dist.broadcast(flag, 1)
+    assert flag.item() is True
+
+
 def objects(rank: int) -> None:
     gathered: list[object] = [None, None]
     dist.all_gather_object(gathered, {"rank": rank})
@@ -145,6 +178,18 @@ def objects(rank: int) -> None:
     dist.broadcast_object_list(sent, 1, device=DEVICE)
     assert sent[0] is not None
     assert sent[0].tolist() == [3]
+    collected: list[object] | None = [None, None] if rank == 0 else None
+    dist.gather_object(rank + 5, collected)
+    assert collected == ([5, 6] if rank == 0 else None)
+    share: list[object] = [None]
+    dist.scatter_object_list(share, ["first", "second"] if rank == 0 else None)
+    assert share == ["second" if rank else "first"]
+    passed: list[object] = ["a", on_device(4).tolist()] if rank == 0 else [None, None]
+    if rank == 0:
+        dist.send_object_list(passed, 1, device=DEVICE)
+    else:
+        dist.recv_object_list(passed, 0, device=DEVICE)
+    assert passed == ["a", [4]]
 
 
 def barriers(rank: int) -> None:
@@ -165,6 +210,15 @@ def functional_forms(rank: int) -> None:
     assert functional_collectives.all_gather_tensor(on_device(rank + 1), 0, group).tolist() == [1, 2]
     scattered = functional_collectives.reduce_scatter_tensor(on_device(rank, 3), "sum", 0, group)
     assert scattered.tolist() == [1 if rank == 0 else 6]
+    exchanged = functional_collectives.all_to_all_single(on_device(2 * rank, 2 * rank + 1), None, None, group)
+    assert exchanged.tolist() == [rank, rank + 2]
+    assert functional_collectives.broadcast(on_device(rank), 1, group).tolist() == [1]
+    several = functional_collectives.all_reduce_coalesced([on_device(rank), on_device(5)], "sum", group)
+    assert [one.tolist() for one in several] == [[1], [10]]
+    gathered = functional_collectives.all_gather_into_tensor_coalesced([on_device(rank), on_device(rank + 5)], group)
+    assert [one.tolist() for one in gathered] == [[0, 1], [5, 6]]
+    parts = functional_collectives.reduce_scatter_tensor_coalesced([on_device(rank, 3)], "sum", [0], group)
+    assert [one.tolist() for one in parts] == [[1 if rank == 0 else 6]]
 
 
 def differentiable_forms(rank: int) -> None:
@@ -291,6 +345,10 @@ CHECKS: list[Check] = [
     all_to_all,
     all_to_all_single,
     send_and_receive,
+    send_and_receive_from_anybody,
+    all_reduce_coalesced,
+    all_to_all_single_in_uneven_parts,
+    element_types,
     objects,
     barriers,
     tensors_of_the_cpu,
