@@ -320,6 +320,7 @@ def _connect_torch(native: ModuleType) -> None:
     # It would count the GPUs that the machine may have all the same.
     xpu._device_count_zes = lambda: -1
     xpu._is_in_bad_fork = native._xpu_isInBadFork
+    xpu.graphs._xpu_isCurrentStreamCapturing = native._xpu_isCurrentStreamCapturing
     # What a FakeTensor asks for if an operator has no kernel for it.
     composite = torch._C.DispatchKey.CompositeImplicitAutograd
     operator: Any = torch.ops.aten.scaled_dot_product_attention.default

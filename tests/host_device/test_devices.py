@@ -56,6 +56,26 @@ def test_accelerator_interface() -> None:
     assert torch.accelerator.current_stream().device.type == "xpu"
 
 
+def test_what_libraries_ask_an_accelerator() -> None:
+    with torch.xpu.device(3):
+        assert torch.xpu.is_current_stream_capturing() is False
+        assert torch.xpu.is_bf16_supported()
+        assert torch.xpu.get_device_capability()["architecture"] == torch.xpu.get_device_properties().architecture
+        free, total = torch.accelerator.get_memory_info()
+        assert 0 < free < total == torch.xpu.get_device_properties().total_memory
+        states = torch.xpu.get_rng_state_all()
+        drawn = torch.rand(3, device="xpu")
+        torch.xpu.set_rng_state_all(states)
+        assert torch.equal(torch.rand(3, device="xpu"), drawn)
+        held = torch.empty(1 << 20, dtype=torch.uint8, device="xpu")
+        assert torch.accelerator.memory_allocated() >= held.nbytes
+        torch.accelerator.reset_peak_memory_stats()
+        assert torch.accelerator.max_memory_allocated() == torch.xpu.max_memory_allocated() >= held.nbytes
+        torch.accelerator.empty_cache()
+        torch.accelerator.synchronize()
+        assert torch.xpu.get_arch_list() == []
+
+
 def test_all_devices_compute() -> None:
     for index in range(8):
         x = torch.full((4,), float(index), device=f"xpu:{index}")
