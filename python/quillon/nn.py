@@ -459,6 +459,9 @@ def quantize_model(
         if all(problems):
             report.kept |= dict.fromkeys(names, str(problems[0]))
             continue
+        if any(weight.is_meta for weight in _weights(module)):
+            report.kept |= dict.fromkeys(names, "its weight holds no data, being on the meta device")
+            continue
         used = formats[problems.index(None)]
         report.dense_bytes += sum(weight.numel() * weight.element_size() for weight in _weights(module))
         try:

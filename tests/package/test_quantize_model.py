@@ -240,6 +240,16 @@ def test_a_weight_of_too_many_elements_stays() -> None:
     assert report.kept == {"inner": "a weight has at most 2147483647 elements, got 32768 by 65536"}
 
 
+def test_weights_that_lie_elsewhere_stay() -> None:
+    """Those of layers that accelerate has moved to the disk, or that are yet to be loaded."""
+    model = nn.Sequential(nn.Linear(64, 8), nn.Linear(64, 8, device="meta"))
+    report = quantize_model(model, "q4_0")
+    assert report.replaced == {"0": "q4_0"}
+    assert report.kept == {"1": "its weight holds no data, being on the meta device"}
+    with pytest.raises(ValueError, match="weight holds no data, being on the meta device"):
+        LowBitLinear.from_linear(nn.Linear(64, 8, device="meta"), "q4_0")
+
+
 def test_errors_name_the_layer() -> None:
     model = Holder(nn.Linear(64, 8))
     model.inner.weight.data[3, 4] = float("nan")

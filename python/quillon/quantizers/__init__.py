@@ -93,6 +93,8 @@ def quantize(
         raise TypeError(f"weight must be a tensor, got {type(weight).__name__}")
     if weight.layout != torch.strided or weight.is_nested:
         raise TypeError("weight must be a dense tensor, got a sparse or nested one")
+    if weight.is_meta:
+        raise ValueError("weight holds no data, being on the meta device")
     if weight.dtype not in _DTYPES:
         raise TypeError(f"weight must be float32, float16 or bfloat16, got {weight.dtype}")
     if weight.dim() != 2:
