@@ -18,7 +18,7 @@
 //     scales  0 | d float |
 //
 // One group of fp6, words drawn from bit 31 down to bit 0; sN is the two high bits (sign and top exponent
-// bit) of element N of the group, nN its low nibble. Four elements of a step lie in one word, in byte lanes
+// bit) of element N of the group, nN its low nibble. Four elements of a step lie in one word, in bytes
 // 1, 3, 0, 2:
 //
 //   high word   | s1 s5 s9 s13 | s3 s7 s11 s15 | s0 s4 s8 s12 | s2 s6 s10 s14 |
@@ -89,12 +89,12 @@ constexpr uint16_t fp8_e5m2_half_bits(uint32_t byte) {
 
 // ---- fp6, four elements at a time -------------------------------------------------------------------------
 
-// Byte lane of element p of a step, and the element of a byte lane.
-constexpr int fp6_lane(int p) {
+// The byte with element p of a step, and the element in a byte.
+constexpr int fp6_byte_of_element(int p) {
   return (0x2031 >> (4 * p)) & 3;
 }
-constexpr int fp6_element_of_lane(int lane) {
-  return (0x1302 >> (4 * lane)) & 3;
+constexpr int fp6_element_of_byte(int byte) {
+  return (0x1302 >> (4 * byte)) & 3;
 }
 
 // The spread codes of the four elements at the top of every byte of `high` and `low`, one in each byte.
@@ -108,7 +108,7 @@ constexpr Words fp6_step_codes(Words high, Words low) {
 constexpr uint32_t fp6_code(uint32_t high, uint32_t low0, uint32_t low1, int r) {
   const int step = r / 4;
   const uint32_t codes = fp6_step_codes(high << (2 * step), (step < 2 ? low0 : low1) << (4 * (step % 2)));
-  return byte_of(codes, fp6_lane(r % 4)) & 0x9F;
+  return byte_of(codes, fp6_byte_of_element(r % 4)) & 0x9F;
 }
 
 // ---- fp4, fp6: arithmetic in T ----------------------------------------------------------------------------

@@ -29,7 +29,7 @@
 //     scale       | d half |                          scale       | d half |
 //
 //   Sub-blocks of both have 16 elements. The words of fp6_k are those of fp6; q6_k has the same steps with
-//   the byte lanes in memory order (hN two high bits, nN low nibble, bit 31 on the left):
+//   the bytes in memory order (hN two high bits, nN low nibble, bit 31 on the left):
 //     high word   | h3 h7 h11 h15 | h2 h6 h10 h14 | h1 h5 h9 h13 | h0 h4 h8 h12 |
 //     low word 0  | n3 n7         | n2 n6         | n1 n5        | n0 n4        |
 //     low word 1  | n11 n15       | n10 n14       | n9 n13       | n8 n12       |

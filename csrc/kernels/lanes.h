@@ -97,6 +97,48 @@ inline lanes<E> pick(vector<E, LANES> a, vector<E, LANES> b) {
   return pick<FIRST, STRIDE, E>(a, b, first_constants<LANES>{});
 }
 
+// Two vectors of eight, one behind the other.
+template <typename E>
+inline lanes<E> joined(vector<E, 8> first, vector<E, 8> second) {
+  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+}
+
+// A number for the first eight lanes, and one for the others.
+template <typename E>
+inline lanes<E> in_octets(E first, E second) {
+  return joined<E>(vector<E, 8>(first), vector<E, 8>(second));
+}
+
+// The halves of words of 64 bits.
+struct word_pair {
+  words word[2];
+
+  words operator[](int i) const { return word[i]; }
+};
+
+// Eight neighbouring elements from each of two places.
+template <typename E>
+inline lanes<E> load_octets(const void* first, const void* second) {
+  return joined<E>(load_vector<E, 8>(first), load_vector<E, 8>(second));
+}
+
+#else
+
+// Neighbouring words, in one load, each in a register of its own. Of a 64-bit load each half would have to be moved
+// there.
+template <int COUNT>
+using neighbouring_words = uint32_t __attribute__((ext_vector_type(COUNT)));
+
+// Such words at an address that is a multiple of ALIGNMENT.
+template <int COUNT, int ALIGNMENT>
+inline neighbouring_words<COUNT> load_words(const void* address) {
+  using aligned_words = uint32_t __attribute__((ext_vector_type(COUNT), aligned(ALIGNMENT)));
+  return *static_cast<const aligned_words*>(address);
+}
+
+// The halves of a word of 64 bits.
+using word_pair = neighbouring_words<2>;
+
 #endif
 
 // ---- 16-bit types in float --------------------------------------------------------------------------------

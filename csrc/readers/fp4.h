@@ -10,8 +10,7 @@
 #pragma once
 
 #include "formats/small_floats.h"
-#include "readers/orders.h"
-#include "readers/sums.h"
+#include "readers/scaled_blocks.h"
 
 namespace quillon {
 
@@ -38,28 +37,21 @@ inline float fp4_of_word(uint32_t codes, uint32_t steps, int i) {
 
 #endif
 
-struct fp4_reader {
-  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+struct fp4_reader : scaled_blocks<16, half> {
   using order = split<32>;
-  const uint8_t* quants;
-  const uint8_t* scales;
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto codes = at.codes_of_chunk(quants);
+    const auto codes = codes_of_chunk(at, quants);
 #ifdef QUILLON_VECTOR_LANES
     float values_of_codes[16];
     for (uint32_t code = 0; code < 16; ++code) values_of_codes[code] = fp4_to_float(code);
-    return sum_looked_up<T>(x, codes.half_words, rounded_table<T>(values_of_codes));
+    return sum_looked_up<T>(x, codes.half_words.word, rounded_table<T>(values_of_codes));
 #else
     const uint32_t steps[2] = {fp4_steps(codes.half_words[0]), fp4_steps(codes.half_words[1])};
     return sum_products<CHUNK>(
         x, [=](auto i) { return exact_values<T>(fp4_of_word(codes.half_words[i / 8], steps[i / 8], i % 8)); });
 #endif
-  }
-  template <typename T, typename Place>
-  values<T> scale(const Place& at) const {
-    return rounded_halves<T>(at.template entry_of_block<half>(scales));
   }
 };
 

@@ -16,23 +16,14 @@
 
 namespace quillon {
 
-struct fp6_k_reader {
-  static constexpr int CHUNK = 16, BLOCK = 256, UNIT = 16;
-  using order = fp6_lanes;
-  const uint8_t* low_plane;
-  const uint8_t* high_plane;
+struct fp6_k_reader : fp6_planes<256, 16> {
   const uint8_t* scales;
   const uint8_t* super_scales;
 
-  template <typename T, typename Chunk, typename Place>
-  auto sum(const Chunk& x, const Place& at) const {
-    const auto low = at.plain_codes_of_chunk(low_plane);
-    return sum_fp6<T>(x, {at.template entry_by_unit<uint32_t>(high_plane), {low.half_words[0], low.half_words[1]}});
-  }
   template <typename T, typename Place>
   values<T> scale(const Place& at) const {
-    const values<half> d = at.template entry_of_block<half>(super_scales);
-    return rounded_halves<T>(d * exact_values<half>(lanes<int32_t>(at.template entry_by_block<int8_t>(scales))));
+    const values<half> d = entry_of_block<half>(at, super_scales);
+    return rounded_halves<T>(d * exact_values<half>(lanes<int32_t>(entry_by_block<int8_t>(at, scales))));
   }
 };
 

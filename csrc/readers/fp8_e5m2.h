@@ -8,6 +8,7 @@
 
 #include "formats/small_floats.h"
 #include "readers/orders.h"
+#include "readers/places.h"
 #include "readers/sums.h"
 
 namespace quillon {
@@ -20,7 +21,7 @@ struct fp8_e5m2_reader {
   // Bytes 0 and 2 of a word, and bytes 1 and 3, become the bits of two halves at once.
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto bytes = at.codes_of_chunk(codes);
+    const auto bytes = codes_of_chunk(at, codes);
     words halves[2][2];
     unrolled<2>([&](auto w) {
       halves[w][0] = ((bytes.half_words[int{w}] & 0x00FF00FFu) << 8) | 0x00800080u;

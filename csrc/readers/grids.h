@@ -6,10 +6,6 @@
 
 namespace quillon {
 
-// Of rows of double words the two halves.
-struct two_words {
-  words half[2];
-};
 #ifdef QUILLON_VECTOR_LANES
 template <typename Entry>
 inline lanes<Entry> entries_of(const Entry* table, words index) {
@@ -21,7 +17,7 @@ inline lanes<Entry> entries_of(const Entry* table, words index) {
 inline words look_up(const uint32_t* table, words index) {
   return entries_of(table, index);
 }
-inline two_words look_up(const uint64_t* table, words index) {
+inline word_pair look_up(const uint64_t* table, words index) {
   const lanes<uint64_t> entries = entries_of(table, index);
   return {{__builtin_convertvector(entries, words), __builtin_convertvector(entries >> 32, words)}};
 }
@@ -29,9 +25,9 @@ inline two_words look_up(const uint64_t* table, words index) {
 inline uint32_t look_up(const uint32_t* table, uint32_t index) {
   return table[index];
 }
-inline two_words look_up(const uint64_t* table, uint32_t index) {
+inline word_pair look_up(const uint64_t* table, uint32_t index) {
   const uint64_t entry = table[index];
-  return {{static_cast<uint32_t>(entry), static_cast<uint32_t>(entry >> 32)}};
+  return {static_cast<uint32_t>(entry), static_cast<uint32_t>(entry >> 32)};
 }
 #endif
 

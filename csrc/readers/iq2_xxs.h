@@ -48,7 +48,7 @@ struct iq2_xxs_reader {
     lanes<float> d;  // of the record
 
     // Vector v: its magnitudes, in the bytes of two words, and its signs, in eight bits.
-    two_words magnitudes(int v) const { return look_up(iq2xxs_grid, (indices >> (8 * v)) & 255u); }
+    word_pair magnitudes(int v) const { return look_up(iq2xxs_grid, (indices >> (8 * v)) & 255u); }
     words signs(int v) const { return with_parity((aux >> (7 * v)) & 127u); }
     // A quarter of it is what magnitudes are multiplied by.
     lanes<float> scale() const {
@@ -76,13 +76,13 @@ struct iq2_xxs_reader {
     // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
 #pragma clang loop unroll(disable)
     for (int v = 0; v < 4; ++v) {
-      const two_words magnitudes = w.magnitudes(v);
+      const word_pair magnitudes = w.magnitudes(v);
       const words signs = w.signs(v);
       unrolled<2>([&](auto h) {
         const words four = x.quant_word(2 * v + h);
         unrolled<4>([&](auto b) {
           const lanes<int32_t> product =
-              bit_cast<lanes<int32_t>>((magnitudes.half[h] >> (8 * b)) & 255u) * signed_byte_of(four, b);
+              bit_cast<lanes<int32_t>>((magnitudes[int{h}] >> (8 * b)) & 255u) * signed_byte_of(four, b);
           sum += with_sign(product, signs, 4 * h + b);
         });
       });

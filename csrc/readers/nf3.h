@@ -9,8 +9,7 @@
 #pragma once
 
 #include "formats/code_books.h"
-#include "readers/orders.h"
-#include "readers/sums.h"
+#include "readers/scaled_blocks.h"
 
 namespace quillon {
 
@@ -44,11 +43,8 @@ inline values<T> nf3_value(const Table& table, uint32_t code) {
 
 #endif
 
-struct nf3_reader {
-  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+struct nf3_reader : scaled_blocks<16, half> {
   using order = neighbours<CHUNK>;
-  const uint8_t* quants;
-  const uint8_t* scales;
 
 #ifdef QUILLON_VECTOR_LANES
   // Four blocks of six words for sixteen lanes: the words 2 to 5 of a block are its lanes' fields of two bits, and 0 and
@@ -94,10 +90,6 @@ struct nf3_reader {
     });
   }
 #endif
-  template <typename T, typename Place>
-  values<T> scale(const Place& at) const {
-    return rounded_halves<T>(at.template entry_of_block<half>(scales));
-  }
 };
 
 }  // namespace quillon

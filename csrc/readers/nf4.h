@@ -8,8 +8,7 @@
 #pragma once
 
 #include "formats/code_books.h"
-#include "readers/orders.h"
-#include "readers/sums.h"
+#include "readers/scaled_blocks.h"
 
 namespace quillon {
 
@@ -52,15 +51,12 @@ inline constexpr nf4_pair_table<T> nf4_pairs;
 
 #endif
 
-struct nf4_reader {
-  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+struct nf4_reader : scaled_blocks<16, half> {
   using order = split<32>;
-  const uint8_t* quants;
-  const uint8_t* scales;
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto codes = at.codes_of_chunk(quants);
+    const auto codes = codes_of_chunk(at, quants);
 #ifdef QUILLON_VECTOR_LANES
     const auto high_first = [](words w) { return ((w >> 4) & 0x0F0F0F0Fu) | ((w << 4) & 0xF0F0F0F0u); };
     return sum_looked_up<T>(x, {high_first(codes.half_words[0]), high_first(codes.half_words[1])},
@@ -71,10 +67,6 @@ struct nf4_reader {
       return i % 2 == 0 ? pair.first() : pair.second();
     });
 #endif
-  }
-  template <typename T, typename Place>
-  values<T> scale(const Place& at) const {
-    return rounded_halves<T>(at.template entry_of_block<half>(scales));
   }
 };
 

@@ -15,7 +15,7 @@
 //
 //                       For DISTANCE 16 (q4_k), two chunks are a sub-block in the same way.
 //
-//   fp6_lanes           sixteen neighbours, each four of them in the order 2, 3, 0, 1 (fp6, fp6_k)
+//   fp6_order           sixteen neighbours, each four of them in the order 2, 3, 0, 1 (fp6, fp6_k)
 #pragma once
 
 #include "formats/small_floats.h"
@@ -41,11 +41,11 @@ struct split {
   static constexpr int place_of(int i) { return i / 2; }
 };
 
-struct fp6_lanes {
+struct fp6_order {
   static constexpr int RUNS = 1;
   static constexpr int start(int chunk, int /*run*/) { return 16 * chunk; }
   static constexpr int run_of(int /*i*/) { return 0; }
-  static constexpr int place_of(int i) { return i / 4 * 4 + fp6_element_of_lane(byte_at(i % 4)); }
+  static constexpr int place_of(int i) { return i / 4 * 4 + fp6_element_of_byte(byte_at(i % 4)); }
   // The byte of a step's codes that stands for each place of four.
   static constexpr int byte_at(int place) { return (0x3120 >> (4 * place)) & 3; }
 };

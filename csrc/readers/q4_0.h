@@ -7,25 +7,17 @@
 //   scales  | d half |                                    W = d * (e - 8); d is applied to the sum of a chunk
 #pragma once
 
-#include "readers/orders.h"
-#include "readers/sums.h"
+#include "readers/scaled_blocks.h"
 
 namespace quillon {
 
-struct q4_0_reader {
-  static constexpr int CHUNK = 16, BLOCK = 64, UNIT = 64;
+struct q4_0_reader : scaled_blocks<16, half> {
   using order = split<32>;
-  const uint8_t* quants;
-  const uint8_t* scales;
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto codes = at.codes_of_chunk(quants);
+    const auto codes = codes_of_chunk(at, quants);
     return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 8); });
-  }
-  template <typename T, typename Place>
-  values<T> scale(const Place& at) const {
-    return rounded_halves<T>(at.template entry_of_block<half>(scales));
   }
 };
 

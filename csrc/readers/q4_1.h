@@ -8,6 +8,7 @@
 #pragma once
 
 #include "readers/orders.h"
+#include "readers/places.h"
 #include "readers/sums.h"
 
 namespace quillon {
@@ -20,12 +21,12 @@ struct q4_1_reader {
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto codes = at.codes_of_chunk(quants);
+    const auto codes = codes_of_chunk(at, quants);
     return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
   }
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {
-    const words pair = at.template entry_of_block<uint32_t>(pairs);
+    const words pair = entry_of_block<uint32_t>(at, pairs);
     return {rounded_halves<T>(halves_of_bits<half>(pair & 0xFFFFu)),
             rounded_halves<T>(halves_of_bits<half>(pair >> 16))};
   }

@@ -15,6 +15,7 @@
 
 #include "formats/super_blocks.h"
 #include "readers/orders.h"
+#include "readers/places.h"
 #include "readers/sums.h"
 
 namespace quillon {
@@ -29,13 +30,13 @@ struct q4_k_reader {
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
     // A GPU with 32 lanes of double has no register left for the zero of the codes.
-    const auto codes = sizeof(T) == 8 ? at.plain_codes_of_chunk(quants) : at.codes_of_chunk(quants);
+    const auto codes = sizeof(T) == 8 ? plain_codes_of_chunk(at, quants) : codes_of_chunk(at, quants);
     return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
   }
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {
     const words bytes = at.template entry_of_chunks<uint16_t, 2>(scales);
-    const words pair = at.template entry_of_block<uint32_t>(pairs);
+    const words pair = entry_of_block<uint32_t>(at, pairs);
     return {two_level<T>(pair & 0xFFFFu, bytes & 255u), two_level<T>(pair >> 16, bytes >> 8)};
   }
 

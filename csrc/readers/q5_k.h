@@ -40,6 +40,50 @@ struct q5_k_share {
   words low[2][2];         // pair, half
 };
 
+#ifdef QUILLON_VECTOR_LANES
+
+// The shares of all lanes.
+inline words octets_of_u16(const uint8_t* first, const uint8_t* second) {
+  return __builtin_convertvector(load_octets<uint16_t>(first, second), words);
+}
+inline q5_k_share load_q5_k_share(const block_q5_K& block) {
+  q5_k_share w;
+  w.d = lanes<float>(convert<float>(load_half(block.d)));
+  w.dmin = lanes<float>(convert<float>(load_half(block.dmin)));
+  const words upper = {0, 0, 0, 0, 0, 0, 0, 0, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u};
+  unrolled<3>([&](auto i) {
+    const words both = words(load_u32(block.scales + 4 * i));
+    w.packed_scales[i] = ((both & ~upper) | ((both >> 16) & upper)) & 0xFFFFu;
+  });
+  unrolled<2>([&](auto h) {
+    const words high = octets_of_u16(block.qh + 16 * h, block.qh + 16 * h);
+    w.high[h] = high >> (upper & 2u);
+    unrolled<2>([&](auto p) {
+      const uint8_t* qs = block.qs + 64 * p + 16 * h;
+      w.low[p][h] = octets_of_u16(qs, qs + 32);
+    });
+  });
+  return w;
+}
+
+#else
+
+// Share first / 2 of pairs `pair` and `pair + 2`.
+inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) {
+  q5_k_share w;
+  const auto head = load_words<4, 16>(&block);  // both halves, and the scales
+  w.d = convert<float>(half_from_bits(static_cast<uint16_t>(head[0])));
+  w.dmin = convert<float>(half_from_bits(static_cast<uint16_t>(head[0] >> 16)));
+  unrolled<3>([&](auto i) { w.packed_scales[i] = (head[i + 1] >> (16 * pair)) & 0xFFFFu; });
+  unrolled<2>([&](auto h) {
+    w.high[h] = static_cast<uint32_t>(load_u16(block.qh + first + 16 * h)) >> (2 * pair);
+    unrolled<2>([&](auto p) { w.low[p][h] = load_u16(block.qs + 32 * pair + first + 64 * p + 16 * h); });
+  });
+  return w;
+}
+
+#endif
+
 // The share of one lane in the sum of one super-block of a row. Pairs of products are formed in T, and summed in float.
 template <typename T>
 inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) {

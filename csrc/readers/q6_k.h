@@ -27,8 +27,7 @@ struct q6_k_reader {
   // Four sums of four products each, added up one by one.
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto low = at.codes_of_chunk_by_block(low_plane);
-    const six_bit_words chunk{at.template entry_by_block<uint32_t>(high_plane), {low.half_words[0], low.half_words[1]}};
+    const six_bit_words chunk{entry_by_block<uint32_t>(at, high_plane), entry_by_block<word_pair>(at, low_plane)};
     decltype(x.v(std::integral_constant<int, 0>{}) * values<T>{}) sum;
     unrolled<4>([&](auto step) {
       const words codes = q6_k_step_codes(chunk.high_of(step), chunk.low_of(step));
@@ -44,8 +43,8 @@ struct q6_k_reader {
   }
   template <typename Place>
   lanes<float> float_scale(const Place& at) const {
-    const lanes<float> d = as_floats<half>(at.template entry_of_block<half>(super_scales));
-    return d * exact_values<float>(lanes<int32_t>(at.template entry_by_block<int8_t>(scales)));
+    const lanes<float> d = as_floats<half>(entry_of_block<half>(at, super_scales));
+    return d * exact_values<float>(lanes<int32_t>(entry_by_block<int8_t>(at, scales)));
   }
 };
 

@@ -7,25 +7,17 @@
 #pragma once
 
 #include "formats/integer_blocks.h"
-#include "readers/orders.h"
-#include "readers/sums.h"
+#include "readers/scaled_blocks.h"
 
 namespace quillon {
 
-struct q8_0_reader {
-  static constexpr int CHUNK = 8, BLOCK = 64, UNIT = 64;
+struct q8_0_reader : scaled_blocks<8, float> {
   using order = neighbours<CHUNK>;
-  const uint8_t* quants;
-  const uint8_t* scales;
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto codes = at.codes_of_chunk(quants);
+    const auto codes = codes_of_chunk(at, quants);
     return sum_products<CHUNK>(x, [=](auto i) { return exact_values<T>(codes.signed_byte(i)); });
-  }
-  template <typename T, typename Place>
-  values<T> scale(const Place& at) const {
-    return rounded_values<T>(at.template entry_of_block<float>(scales));
   }
 };
 

@@ -33,24 +33,6 @@ inline lanes<float> to_float(lanes<int32_t> from) {
 
 #ifdef QUILLON_VECTOR_LANES
 
-// Two vectors of eight, one behind the other.
-template <typename E>
-inline lanes<E> joined(vector<E, 8> first, vector<E, 8> second) {
-  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-}
-
-// A number for the first eight lanes, and one for the others.
-template <typename E>
-inline lanes<E> in_octets(E first, E second) {
-  return joined<E>(vector<E, 8>(first), vector<E, 8>(second));
-}
-
-// Eight neighbouring elements from each of two places.
-template <typename E>
-inline lanes<E> load_octets(const void* first, const void* second) {
-  return joined<E>(load_vector<E, 8>(first), load_vector<E, 8>(second));
-}
-
 // The blocks of sixteen lanes: eight neighbouring ones from each of two places.
 struct q8_1_blocks {
   words quants[8];  // word i of each block

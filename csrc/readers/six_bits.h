@@ -8,6 +8,7 @@
 #include "formats/small_floats.h"
 #include "formats/super_blocks.h"
 #include "readers/orders.h"
+#include "readers/places.h"
 #include "readers/sums.h"
 
 namespace quillon {
@@ -17,20 +18,32 @@ struct six_bit_words {
   words high;
   words low[2];
 
+  six_bit_words(words high_word, const word_pair& low_words) : high(high_word), low{low_words[0], low_words[1]} {}
+
   words high_of(int step) const { return high << (2 * step); }
   words low_of(int step) const { return low[step / 2] << (4 * (step % 2)); }
 };
 
-// The sum of the chunk's sixteen unscaled products of fp6 and fp6_k. The codes of bytes 0 and 2, and those of 1 and 3, become
-// the bits of two halves at once, in the halves of a word.
-template <typename T, typename Chunk>
-inline auto sum_fp6(const Chunk& x, const six_bit_words& chunk) {
-  return sum_products<16>(x, [=](auto i) {
-    static_assert(fp6_lanes::byte_at(0) == 0 && fp6_lanes::byte_at(1) == 2 && fp6_lanes::byte_at(2) == 1);
-    const words codes = fp6_step_codes(chunk.high_of(i / 4), chunk.low_of(i / 4));
-    const words halves = i % 4 < 2 ? ((codes & 0x009F009Fu) << 8) | 0x00800080u : (codes & 0x9F009F00u) | 0x00800080u;
-    return half_of_word<T>(halves, i % 2);
-  });
-}
+// The planes of fp6 and fp6_k. The codes of a step lie in the bytes 2, 0, 3, 1 of the result, and the sum takes bytes 0, 2,
+// 1, 3: those of bytes 0 and 2, and those of 1 and 3, become the bits of two halves at once, in the halves of a word.
+template <int BLOCK_ELEMENTS, int UNIT_ELEMENTS>
+struct fp6_planes {
+  static constexpr int CHUNK = 16, BLOCK = BLOCK_ELEMENTS, UNIT = UNIT_ELEMENTS;
+  using order = fp6_order;
+  const uint8_t* low_plane;
+  const uint8_t* high_plane;
+
+  template <typename T, typename Chunk, typename Place>
+  auto sum(const Chunk& x, const Place& at) const {
+    const six_bit_words chunk{at.template entry_by_unit<uint32_t>(high_plane),
+                              at.template entry_by_unit<word_pair>(low_plane)};
+    return sum_products<CHUNK>(x, [=](auto i) {
+      static_assert(order::byte_at(0) == 0 && order::byte_at(1) == 2 && order::byte_at(2) == 1);
+      const words codes = fp6_step_codes(chunk.high_of(i / 4), chunk.low_of(i / 4));
+      const words halves = i % 4 < 2 ? ((codes & 0x009F009Fu) << 8) | 0x00800080u : (codes & 0x9F009F00u) | 0x00800080u;
+      return half_of_word<T>(halves, i % 2);
+    });
+  }
+};
 
 }  // namespace quillon

@@ -302,8 +302,8 @@ void shim_fp6_by_words(const uint32_t* high, const uint32_t* low, int64_t groups
     uint32_t hi = high[g], lo = low[2 * g];
     for (int step = 0; step < 4; ++step) {
       const uint32_t codes = fp6_step_codes(hi, lo);
-      for (int lane = 0; lane < 4; ++lane) {
-        out[16 * g + 4 * step + fp6_element_of_lane(lane)] = fp6_half_bits(byte_of(codes, lane));
+      for (int byte = 0; byte < 4; ++byte) {
+        out[16 * g + 4 * step + fp6_element_of_byte(byte)] = fp6_half_bits(byte_of(codes, byte));
       }
       hi <<= 2;
       lo = step == 1 ? low[2 * g + 1] : lo << 4;

@@ -9,24 +9,9 @@
 #include "kernels/lanes.h"
 #include "kernels/matvec/items.h"
 #include "readers/orders.h"
+#include "readers/places.h"
 
 namespace quillon {
-
-// A chunk's codes of four or eight bits. Nibbles become bytes four at a time, which takes fewer operations than a shift
-// and a mask for each. `low_nibbles` is 0x0F0F0F0F and must not look like it: the compiler would shift and mask each nibble
-// again.
-struct chunk_codes {
-  neighbouring_words<2> half_words;
-  uint32_t low_nibbles;
-
-  uint32_t nibble(int i) const { return byte_of(half_words[i / 8] >> (4 * (i % 2)) & low_nibbles, i % 8 / 2); }
-  int signed_byte(int i) const { return static_cast<int8_t>(byte(i)); }
-  uint32_t byte_on_top(int i) const { return half_words[i / 4] << (24 - 8 * (i % 4)); }
-  uint32_t byte(int i) const { return byte_of(half_words[i / 4], i % 4); }
-
- private:
-  static uint32_t byte_of(uint32_t word, int i) { return (word >> (8 * i)) & 0xFFu; }
-};
 
 // Where the chunk of one work-item lies in one row, for rows that start on a block: at `block`, the same for the whole
 // work-group, plus the work-item. Neighbouring work-items then read neighbouring words.
@@ -35,38 +20,17 @@ struct chunk_place {
   static constexpr int CHUNKS_PER_BLOCK = BLOCK / CHUNK;
   int64_t block;
   int item;
-  uint32_t low_nibbles;  // see chunk_codes
+  uint32_t low_nibbles;  // of chunk_codes
 
   void advance(int32_t blocks) { block += blocks; }
 
-  // The entry of a region that holds one for each CHUNKS neighbouring chunks of a block.
   template <typename Entry, int CHUNKS>
   Entry entry_of_chunks(const void* region) const {
     return (static_cast<const Entry*>(region) + block * (CHUNKS_PER_BLOCK / CHUNKS))[item / CHUNKS];
   }
-  // The block's entry of a region that holds one for each block.
-  template <typename Entry>
-  Entry entry_of_block(const void* region) const {
-    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
-  }
-  // The chunk's entry of a region that holds one for each chunk; found by its unit, or by its block.
   template <typename Entry>
   Entry entry_by_unit(const void* region) const {
     return entry_of_chunks<Entry, 1>(region);
-  }
-  template <typename Entry>
-  Entry entry_by_block(const void* region) const {
-    return entry_of_chunks<Entry, 1>(region);
-  }
-  // The codes in the chunk's word of eight bytes.
-  chunk_codes codes_of_chunk(const void* region) const {
-    return {entry_by_unit<neighbouring_words<2>>(region), low_nibbles};
-  }
-  chunk_codes plain_codes_of_chunk(const void* region) const {
-    return {entry_by_unit<neighbouring_words<2>>(region), 0x0F0F0F0Fu};
-  }
-  chunk_codes codes_of_chunk_by_block(const void* region) const {
-    return {entry_by_block<neighbouring_words<2>>(region), low_nibbles};
   }
   int64_t block_of_item() const { return block + item / CHUNKS_PER_BLOCK; }
   int chunk_of_block() const { return item % CHUNKS_PER_BLOCK; }
@@ -81,7 +45,7 @@ struct loose_chunk_place {
   static constexpr int CHUNKS_PER_UNIT = UNIT / CHUNK;
   uint32_t unit;
   int item;
-  uint32_t low_nibbles;  // see chunk_codes
+  uint32_t low_nibbles;  // of chunk_codes
 
   void advance(uint32_t units) { unit += units; }
   uint32_t block_of_item() const { return unit / (BLOCK / UNIT); }
@@ -93,26 +57,9 @@ struct loose_chunk_place {
     return static_cast<const Entry*>(region)[entry];
   }
   template <typename Entry>
-  Entry entry_of_block(const void* region) const {
-    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
-  }
-  template <typename Entry>
   Entry entry_by_unit(const void* region) const {
     const uint32_t entry = unit * CHUNKS_PER_UNIT + item % CHUNKS_PER_UNIT;
     return static_cast<const Entry*>(region)[entry];
-  }
-  template <typename Entry>
-  Entry entry_by_block(const void* region) const {
-    return entry_of_chunks<Entry, 1>(region);
-  }
-  chunk_codes codes_of_chunk(const void* region) const {
-    return {entry_by_unit<neighbouring_words<2>>(region), low_nibbles};
-  }
-  chunk_codes plain_codes_of_chunk(const void* region) const {
-    return {entry_by_unit<neighbouring_words<2>>(region), 0x0F0F0F0Fu};
-  }
-  chunk_codes codes_of_chunk_by_block(const void* region) const {
-    return {entry_by_block<neighbouring_words<2>>(region), low_nibbles};
   }
 };
 

@@ -15,18 +15,9 @@
 #include "kernels/lanes.h"
 #include "kernels/matvec/vectors.h"
 #include "readers/orders.h"
+#include "readers/places.h"
 
 namespace quillon {
-
-// A chunk's codes of four or eight bits.
-struct chunk_codes {
-  words half_words[2];
-
-  words nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15u; }
-  lanes<int32_t> signed_byte(int i) const { return bit_cast<lanes<int32_t>>(byte_on_top(i)) >> 24; }
-  words byte_on_top(int i) const { return half_words[i / 4] << (24 - 8 * (i % 4)); }
-  words byte(int i) const { return (half_words[i / 4] >> (8 * (i % 4))) & 0xFFu; }
-};
 
 // Where the chunks of sixteen lanes lie. Lanes from `present` on have none in the weight; INSIDE promises that there
 // are no such lanes.
@@ -48,16 +39,6 @@ struct chunk_place {
     return load_vector<E, COUNT>(elements);
   }
 
-  // The codes in the chunk's word of eight bytes.
-  chunk_codes codes_of_chunk(const void* region) const {
-    const auto* from = static_cast<const uint32_t*>(region) + 2 * chunk;
-    const auto first = load<uint32_t, LANES, 2>(from);
-    const auto second = load<uint32_t, LANES, 2, 1, LANES>(from + LANES);
-    return {{pick<0, 2, uint32_t>(first, second), pick<1, 2, uint32_t>(first, second)}};
-  }
-  chunk_codes plain_codes_of_chunk(const void* region) const { return codes_of_chunk(region); }
-  chunk_codes codes_of_chunk_by_block(const void* region) const { return codes_of_chunk(region); }
-
   // The words of all lanes' blocks of a region with WORDS words for each block, one after the other in two vectors.
   struct two_vectors {
     words first;
@@ -72,12 +53,18 @@ struct chunk_place {
     return {load<uint32_t, LANES, WORDS, CHUNKS_PER_BLOCK>(from),
             __builtin_shufflevector(rest, rest, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7)};
   }
-  // The entry of a region that holds one for each CHUNKS neighbouring chunks: a half, a float, or an integer in 32 bits.
+  // Integers come in 32 bits.
   template <typename Entry, int CHUNKS>
   auto entry_of_chunks(const void* region) const {
     constexpr int COUNT = LANES / CHUNKS;
     const int64_t first = chunk / CHUNKS;
-    if constexpr (std::is_same_v<Entry, half>) {
+    if constexpr (std::is_same_v<Entry, word_pair>) {
+      static_assert(CHUNKS == 1);
+      const auto* from = static_cast<const uint32_t*>(region) + 2 * chunk;
+      const auto low = load<uint32_t, LANES, 2>(from);
+      const auto high = load<uint32_t, LANES, 2, 1, LANES>(from + LANES);
+      return word_pair{{pick<0, 2, uint32_t>(low, high), pick<1, 2, uint32_t>(low, high)}};
+    } else if constexpr (std::is_same_v<Entry, half>) {
       const auto entries = load<_Float16, COUNT, 1, CHUNKS>(static_cast<const _Float16*>(region) + first);
       return in_float<half>{spread<COUNT, float>(__builtin_convertvector(entries, vector<float, COUNT>))};
     } else if constexpr (std::is_same_v<Entry, float>) {
@@ -89,15 +76,7 @@ struct chunk_place {
     }
   }
   template <typename Entry>
-  auto entry_of_block(const void* region) const {
-    return entry_of_chunks<Entry, CHUNKS_PER_BLOCK>(region);
-  }
-  template <typename Entry>
   auto entry_by_unit(const void* region) const {
-    return entry_of_chunks<Entry, 1>(region);
-  }
-  template <typename Entry>
-  auto entry_by_block(const void* region) const {
     return entry_of_chunks<Entry, 1>(region);
   }
 };

@@ -18,6 +18,6 @@ void qlinear_xpu_kernel_fp6_2x16(uint64_t state_size, const uint8_t* high_plane,
                                  sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
   multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(
-      fp6_reader{high_plane, low_plane, reinterpret_cast<const uint8_t*>(scales)}, state_size, input, local,
+      fp6_reader{low_plane, high_plane, reinterpret_cast<const uint8_t*>(scales)}, state_size, input, local,
       output_size, output);
 }

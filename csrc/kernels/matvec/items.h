@@ -8,19 +8,7 @@
 
 namespace quillon {
 
-// Neighbouring words, in one load, each in a register of its own. Of a 64-bit load each half would have to be moved
-// there.
-template <int COUNT>
-using neighbouring_words = uint32_t __attribute__((ext_vector_type(COUNT)));
-
-// Such words at an address that is a multiple of ALIGNMENT.
-template <int COUNT, int ALIGNMENT>
-inline neighbouring_words<COUNT> load_words(const void* address) {
-  using aligned_words = uint32_t __attribute__((ext_vector_type(COUNT), aligned(ALIGNMENT)));
-  return *static_cast<const aligned_words*>(address);
-}
-
-// The elements of T in such words.
+// The elements of T in neighbouring words.
 template <typename T, typename Words>
 inline T element_of_words(const Words& from, int i) {
   if constexpr (sizeof(T) == 4)

@@ -16,6 +16,6 @@ QUILLON_SUB_GROUP(SG_SIZE)
 void qlinear_xpu_kernel_q4_0_woq_2x16(uint64_t state_size, const uint8_t* weight, int32_t scale_offset, const T* input,
                                       sycl::local_accessor<T, 1> local, uint64_t output_size, T* output) {
   using namespace quillon;
-  multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(q4_0_woq_reader{{weight, weight + scale_offset}}, state_size, input,
-                                               local, output_size, output);
+  multiply_scaled_chunks<T, WG_SIZE, ROW_TILE>(q4_0_woq_reader{weight, weight + scale_offset}, state_size, input, local,
+                                               output_size, output);
 }

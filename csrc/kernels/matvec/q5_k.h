@@ -30,16 +30,6 @@ namespace quillon {
 
 #ifdef QUILLON_VECTOR_LANES
 
-// Eight elements from `first`, and eight from `second`, in neighbouring lanes.
-template <typename E>
-inline lanes<E> two_octets(const void* first, const void* second) {
-  return __builtin_shufflevector(load_vector<E, 8>(first), load_vector<E, 8>(second), 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
-                                 11, 12, 13, 14, 15);
-}
-inline words two_octets_of_u16(const uint8_t* first, const uint8_t* second) {
-  return __builtin_convertvector(two_octets<uint16_t>(first, second), words);
-}
-
 template <typename T>
 inline q5_k_activations<T> load_q5_k_activations(const T* block) {
   q5_k_activations<T> x;
@@ -58,26 +48,6 @@ inline q5_k_activations<T> load_q5_k_activations(const T* block) {
   });
   x.add_up();
   return x;
-}
-
-inline q5_k_share load_q5_k_share(const block_q5_K& block) {
-  q5_k_share w;
-  w.d = lanes<float>(convert<float>(load_half(block.d)));
-  w.dmin = lanes<float>(convert<float>(load_half(block.dmin)));
-  const words upper = {0, 0, 0, 0, 0, 0, 0, 0, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u};
-  unrolled<3>([&](auto i) {
-    const words both = words(load_u32(block.scales + 4 * i));
-    w.packed_scales[i] = ((both & ~upper) | ((both >> 16) & upper)) & 0xFFFFu;
-  });
-  unrolled<2>([&](auto h) {
-    const words high = two_octets_of_u16(block.qh + 16 * h, block.qh + 16 * h);
-    w.high[h] = high >> (upper & 2u);
-    unrolled<2>([&](auto p) {
-      const uint8_t* qs = block.qs + 64 * p + 16 * h;
-      w.low[p][h] = two_octets_of_u16(qs, qs + 32);
-    });
-  });
-  return w;
 }
 
 // Shares in the order in which the tree adds them.
@@ -100,19 +70,6 @@ inline q5_k_activations<T> load_q5_k_activations(const T* base, uint32_t offset)
   });
   x.add_up();
   return x;
-}
-
-inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) {
-  q5_k_share w;
-  const auto head = load_words<4, 16>(&block);  // both halves, and the scales
-  w.d = convert<float>(half_from_bits(static_cast<uint16_t>(head[0])));
-  w.dmin = convert<float>(half_from_bits(static_cast<uint16_t>(head[0] >> 16)));
-  unrolled<3>([&](auto i) { w.packed_scales[i] = (head[i + 1] >> (16 * pair)) & 0xFFFFu; });
-  unrolled<2>([&](auto h) {
-    w.high[h] = static_cast<uint32_t>(load_u16(block.qh + first + 16 * h)) >> (2 * pair);
-    unrolled<2>([&](auto p) { w.low[p][h] = load_u16(block.qs + 32 * pair + first + 64 * p + 16 * h); });
-  });
-  return w;
 }
 
 #endif

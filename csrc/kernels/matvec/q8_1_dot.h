@@ -19,9 +19,9 @@
 // The form of vectors takes the slices of sixteen lanes at once.
 #pragma once
 
-#include "formats/q8_1.h"
 #include "kernels/kernel.h"
 #include "kernels/lanes.h"
+#include "readers/q8_1.h"
 #ifdef QUILLON_VECTOR_LANES
 #include "kernels/matvec/vectors.h"
 #else
