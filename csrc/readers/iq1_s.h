@@ -42,7 +42,8 @@ struct iq1_s_reader {
             in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)))};
   }
 #else
-  static slice load(const block& w, uint32_t index) {
+  static slice load(const block* row, int32_t number, uint32_t index) {
+    const block& w = row[number];
     const uint32_t h = (load_u32(w.qh + 2 * (index & 6)) >> (16 * (index & 1))) & 0xFFFF;
     return {load_u32(w.qs + 4 * index), h, two_halves(load_u32(&w)).first};
   }
@@ -64,7 +65,7 @@ struct iq1_s_reader {
 #ifndef QUILLON_VECTOR_LANES
 // Slice `iqs`, 0 to 7, of a super-block times block `iqs` of its eight blocks of activations.
 inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, uint32_t iqs) {
-  return dot_of_slice<iq1_s_reader>(w, q, iqs);
+  return dot_of_slice<iq1_s_reader>(&w, q, 0, iqs);
 }
 #endif
 

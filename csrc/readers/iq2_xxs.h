@@ -65,7 +65,8 @@ struct iq2_xxs_reader {
             in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)))};
   }
 #else
-  static slice load(const block& w, uint32_t index) {
+  static slice load(const block* row, int32_t number, uint32_t index) {
+    const block& w = row[number];
     const uint64_t group = load_u64(w.qs + 8 * index);
     return {static_cast<uint32_t>(group), static_cast<uint32_t>(group >> 32), two_halves(load_u32(&w)).first};
   }
@@ -94,7 +95,7 @@ struct iq2_xxs_reader {
 #ifndef QUILLON_VECTOR_LANES
 // Slice `iqs`, 0 to 7, of a super-block times block `iqs` of its eight blocks of activations.
 inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, uint32_t iqs) {
-  return dot_of_slice<iq2_xxs_reader>(w, q, iqs);
+  return dot_of_slice<iq2_xxs_reader>(&w, q, 0, iqs);
 }
 #endif
 

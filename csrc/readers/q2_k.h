@@ -11,6 +11,8 @@
 // scale (low nibble) and a minimum (high nibble) in byte 8n + 2i + v / 4 of the scales. W = d * scale * e - dmin * minimum.
 #pragma once
 
+#include <cstddef>
+
 #include "formats/super_blocks.h"
 #include "readers/q8_1.h"
 
@@ -35,13 +37,19 @@ struct q2_k_activations {
   lanes<int32_t> sum_of(int i) const { return sums[i]; }
   lanes<float> scale_of(int i) const { return scales[i]; }
 #else
-  const block_q8_1* blocks;
-  uint32_t v;
+  // Offsets of 32 bits from a base that is common: sums of pointers would take 64 bits in each lane.
+  static constexpr uint32_t BLOCK_BYTES = sizeof(block_q8_1);
+  const uint8_t* bytes;
+  uint32_t first;
+  uint32_t first_quants;
 
-  q2_k_activations(const block_q8_1* first, uint32_t slice) : blocks(first + slice / 8 * 4), v(slice % 8) {}
-  uint32_t quant_word(int i) const { return load<uint32_t, 4>(blocks[i].qs + 4 * v); }
+  q2_k_activations(const block_q8_1* row, int32_t number, uint32_t slice)
+      : bytes(reinterpret_cast<const uint8_t*>(row)),
+        first((8 * number + slice / 8 * 4) * BLOCK_BYTES),
+        first_quants(first + uint32_t{offsetof(block_q8_1, qs)} + slice % 8 * 4) {}
+  uint32_t quant_word(int i) const { return load<uint32_t, 4>(bytes + (first_quants + BLOCK_BYTES * i)); }
   int sum_of(int i) const { return dot_bytes(0x01010101u, quant_word(i)); }
-  float scale_of(int i) const { return two_halves(load<uint32_t, 4>(&blocks[i])).first; }
+  float scale_of(int i) const { return two_halves(load<uint32_t, 4>(bytes + (first + BLOCK_BYTES * i))).first; }
 #endif
 };
 
@@ -85,10 +93,14 @@ struct q2_k_reader {
             lanes<float>(convert<float>(load_half(w.dmin)))};
   }
 #else
-  static slice load(const block& w, uint32_t index) {
-    const uint64_t scales_of_half = load_u64(w.scales + index / 8 * 8);
-    const two_halves d_dmin(load_u32(w.d));
-    return {load_u32(w.qs + 4 * index), scales_of_half >> (index % 8 / 4 * 8), d_dmin.first, d_dmin.second};
+  static slice load(const block* row, int32_t number, uint32_t index) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(row);
+    constexpr uint32_t BYTES = sizeof(block), QS = offsetof(block, qs), D = offsetof(block, d);
+    const uint32_t record = number * BYTES;
+    const uint64_t scales_of_half = load_u64(bytes + (record + index / 8 * 8));
+    const two_halves d_dmin(load_u32(bytes + (record + D)));
+    return {load_u32(bytes + (record + QS + 4 * index)), scales_of_half >> (index % 8 / 4 * 8), d_dmin.first,
+            d_dmin.second};
   }
 #endif
 
@@ -111,7 +123,7 @@ struct q2_k_reader {
 #ifndef QUILLON_VECTOR_LANES
 // Slice `iqs`, 0 to 15, of a super-block times its sixteen activations in the eight blocks of `q`.
 inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, uint32_t iqs) {
-  return dot_of_slice<q2_k_reader>(w, q, iqs);
+  return dot_of_slice<q2_k_reader>(&w, q, 0, iqs);
 }
 #endif
 

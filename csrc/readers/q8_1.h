@@ -69,13 +69,13 @@ struct two_halves {
         second(convert<float>(half_from_bits(static_cast<uint16_t>(word >> 16)))) {}
 };
 
-// The block of slice `slice` of a super-block whose first block is `first`.
+// The block of slice `slice` of super-block `number` of a row.
 struct q8_1_blocks {
   const block_q8_1& block;
   float d;
   float s;
 
-  q8_1_blocks(const block_q8_1* first, uint32_t slice) : block(first[slice]) {
+  q8_1_blocks(const block_q8_1* row, int32_t number, uint32_t slice) : block((row + 8 * number)[slice]) {
     const two_halves head(load<uint32_t, 4>(&block));
     d = head.first;
     s = head.second;
@@ -83,10 +83,11 @@ struct q8_1_blocks {
   uint32_t quant_word(int i) const { return load<uint32_t, 4>(block.qs + 4 * i); }
 };
 
-// Slice `slice` of a super-block times its activations in the eight blocks from `q` on.
+// Slice `slice` of super-block `number` of a row times its activations, of which a super-block has eight blocks.
 template <typename Reader>
-inline float dot_of_slice(const typename Reader::block& w, const block_q8_1* q, uint32_t slice) {
-  return Reader::dot(Reader::load(w, slice), typename Reader::activations(q, slice));
+inline float dot_of_slice(const typename Reader::block* row, const block_q8_1* activations, int32_t number,
+                          uint32_t slice) {
+  return Reader::dot(Reader::load(row, number, slice), typename Reader::activations(activations, number, slice));
 }
 
 #endif

@@ -92,7 +92,7 @@ inline float sum_of_slices(const typename Reader::block* row, const block_q8_1* 
   const int slice = lane % Reader::SLICES;
   float sum = 0.0f;
   const auto add_block = [&](int32_t block) {
-    sum = add(sum, dot_of_slice<Reader>(row[block + first], activations + 8 * (block + first), slice));
+    sum = add(sum, dot_of_slice<Reader>(row, activations, block + first, slice));
   };
   // All work-items have a block in each of these rounds: a uniform count, which a CPU device runs unmasked.
   const int32_t full = blocks_per_row / STEP * STEP;
