@@ -80,7 +80,7 @@ enum class arranged {
   chunks_and_sums,  // and the sum of each chunk
   row_count,        // an element for each row of the last work-item; work-items have sixteen rows each
   q8_1_blocks,      // 640 bytes for the slices of two super-blocks
-  q2_k_words,       // 768 bytes for those of one
+  q2_k_words,       // 832 bytes for those of one
 };
 
 struct kernel_row {

@@ -97,16 +97,20 @@ inline lanes<E> pick(vector<E, LANES> a, vector<E, LANES> b) {
   return pick<FIRST, STRIDE, E>(a, b, first_constants<LANES>{});
 }
 
-// Two vectors of eight, one behind the other.
-template <typename E>
-inline lanes<E> joined(vector<E, 8> first, vector<E, 8> second) {
-  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+// Two vectors, one behind the other.
+template <typename E, int COUNT, int... I>
+inline vector<E, 2 * COUNT> joined(vector<E, COUNT> first, vector<E, COUNT> second, constants<I...>) {
+  return __builtin_shufflevector(first, second, I...);
+}
+template <typename E, int COUNT>
+inline vector<E, 2 * COUNT> joined(vector<E, COUNT> first, vector<E, COUNT> second) {
+  return joined<E, COUNT>(first, second, first_constants<2 * COUNT>{});
 }
 
 // A number for the first eight lanes, and one for the others.
 template <typename E>
 inline lanes<E> in_octets(E first, E second) {
-  return joined<E>(vector<E, 8>(first), vector<E, 8>(second));
+  return joined<E, 8>(vector<E, 8>(first), vector<E, 8>(second));
 }
 
 // The halves of words of 64 bits.
@@ -119,7 +123,7 @@ struct word_pair {
 // Eight neighbouring elements from each of two places.
 template <typename E>
 inline lanes<E> load_octets(const void* first, const void* second) {
-  return joined<E>(load_vector<E, 8>(first), load_vector<E, 8>(second));
+  return joined<E, 8>(load_vector<E, 8>(first), load_vector<E, 8>(second));
 }
 
 #else

@@ -10,10 +10,23 @@
 // share in a product needs the sum of the activations alone.
 #pragma once
 
-#include "readers/grids.h"
+#include "formats/grids.h"
 #include "readers/q8_1.h"
 
 namespace quillon {
+
+#ifdef QUILLON_VECTOR_LANES
+// The rows of iq1s_grid with a byte for each value.
+struct iq1_s_bytes {
+  uint64_t rows[2048];
+
+  constexpr iq1_s_bytes() : rows{} {
+    for (int i = 0; i < 2048; ++i)
+      rows[i] = (iq1s_grid[i] & 0x0F0F0F0Fu) | uint64_t{(iq1s_grid[i] >> 4) & 0x0F0F0F0Fu} << 32;
+  }
+};
+inline constexpr iq1_s_bytes iq1_s_values;
+#endif
 
 struct iq1_s_reader {
   using block = block_iq1_s;
@@ -21,44 +34,73 @@ struct iq1_s_reader {
   static constexpr int SLICES = 8;
 
   struct slice {
-    words low_indices;  // a byte for each vector
-    words h;            // its word of qh
-    lanes<float> d;     // of the record
+#ifdef QUILLON_VECTOR_LANES
+    const block* records[2];  // eight slices each
+#else
+    uint32_t low_indices;  // a byte for each vector
+#endif
+    words h;         // its word of qh
+    lanes<float> d;  // of the record
 
-    // The values of vector v, and of those the first (0) or second (1) four in the bytes of a word.
-    words row(int v) const {
-      return look_up(iq1s_grid, ((low_indices >> (8 * v)) & 255u) | (((h >> (3 * v)) & 7u) << 8));
-    }
-    static words codes(words row, int which) { return (which == 0 ? row : row >> 4) & 0x0F0F0F0Fu; }
     lanes<float> scale() const { return multiply(d, to_float(bit_cast<lanes<int32_t>>(2u * ((h >> 12) & 7u) + 1u))); }
     lanes<float> shift() const { return (h & 0x8000u) != 0u ? lanes<float>(-1.125f) : lanes<float>(-0.875f); }
+
+    // The index of the row of vector v.
+    static uint32_t index_of(uint32_t low, uint32_t h, int v) { return low | (((h >> (3 * v)) & 7u) << 8); }
+#ifdef QUILLON_VECTOR_LANES
+    // The values of a slice. Its four rows are loaded one by one: that is faster than a gather for all slices.
+    slice_bytes<uint8_t> values_of(int index) const {
+      const block& w = *records[index / 8];
+      const uint8_t* low = w.qs + 4 * (index % 8);
+      const uint32_t high = load_u16(w.qh + 2 * (index % 8));
+      const auto row = [=](int v) { return iq1_s_values.rows[index_of(low[v], high, v)]; };
+      const vector<uint64_t, 4> rows = {row(0), row(1), row(2), row(3)};
+      return bit_cast<slice_bytes<uint8_t>>(rows);
+    }
+#else
+    uint32_t row(int v) const { return iq1s_grid[index_of((low_indices >> (8 * v)) & 255u, h, v)]; }
+#endif
   };
 
 #ifdef QUILLON_VECTOR_LANES
+
   // The slices of two super-blocks.
   static slice load(const block& first, const block& second) {
-    return {load_octets<uint32_t>(first.qs, second.qs),
+    return {{&first, &second},
             __builtin_convertvector(load_octets<uint16_t>(first.qh, second.qh), words),
             in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)))};
   }
+
+  static lanes<int32_t> sums(const slice& w, const activations& x) {
+    return dots_of_slices([&](auto index) __attribute__((always_inline)) { return w.values_of(index); },
+                          [&](auto index) __attribute__((always_inline)) { return x.quants_of(index); });
+  }
+
 #else
+
   static slice load(const block* row, int32_t number, uint32_t index) {
     const block& w = row[number];
     const uint32_t h = (load_u32(w.qh + 2 * (index & 6)) >> (16 * (index & 1))) & 0xFFFF;
     return {load_u32(w.qs + 4 * index), h, two_halves(load_u32(&w)).first};
   }
-#endif
 
-  static lanes<float> dot(const slice& w, const activations& x) {
-    lanes<int32_t> sum = {};
+  static int sums(const slice& w, const activations& x) {
+    int sum = 0;
     // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
 #pragma clang loop unroll(disable)
     for (int v = 0; v < 4; ++v) {
-      const words row = w.row(v);
-      unrolled<2>([&](auto i) { sum += dot_bytes(slice::codes(row, i), x.quant_word(2 * v + i)); });
+      const uint32_t row = w.row(v);
+      sum += dot_bytes(row & 0x0F0F0F0Fu, x.quant_word(2 * v));
+      sum += dot_bytes((row >> 4) & 0x0F0F0F0Fu, x.quant_word(2 * v + 1));
     }
+    return sum;
+  }
+
+#endif
+
+  static lanes<float> dot(const slice& w, const activations& x) {
     const lanes<float> scale = w.scale();
-    return add(multiply(multiply(scale, x.d), to_float(sum)), multiply(multiply(scale, x.s), w.shift()));
+    return add(multiply(multiply(scale, x.d), to_float(sums(w, x))), multiply(multiply(scale, x.s), w.shift()));
   }
 };
 

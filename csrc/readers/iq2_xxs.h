@@ -10,32 +10,10 @@
 // makes the number of negative ones even. W = ((scale + 0.5) * d * 0.25) * magnitude, with its sign.
 #pragma once
 
-#include "readers/grids.h"
+#include "formats/grids.h"
 #include "readers/q8_1.h"
 
 namespace quillon {
-
-// An entry of ksigns_iq2xs, computed: no gather from a table of bytes.
-inline words with_parity(words seven_signs) {
-#ifndef QUILLON_VECTOR_LANES
-  return seven_signs | ((static_cast<uint32_t>(__builtin_popcount(seven_signs)) & 1u) << 7);
-#else
-  const words folded = seven_signs ^ (seven_signs >> 4);
-  const words pair = folded ^ (folded >> 2);
-  return seven_signs | (((pair ^ (pair >> 1)) & 1u) << 7);
-#endif
-}
-
-// The product, or its negative where the bit of `signs` is set.
-inline lanes<int32_t> with_sign(lanes<int32_t> product, words signs, int bit) {
-#ifndef QUILLON_VECTOR_LANES
-  return (signs & (1u << bit)) != 0 ? -product : product;  // one predicated operation
-#else
-  // All ones where the sign is negative: (p ^ -1) - -1 is -p.
-  const lanes<int32_t> negative = bit_cast<lanes<int32_t>>(signs << (31 - bit)) >> 31;
-  return (product ^ negative) - negative;
-#endif
-}
 
 struct iq2_xxs_reader {
   using block = block_iq2_xxs;
@@ -43,52 +21,107 @@ struct iq2_xxs_reader {
   static constexpr int SLICES = 8;
 
   struct slice {
-    words indices;   // a byte for each vector
+#ifdef QUILLON_VECTOR_LANES
+    const uint8_t* groups[2];  // the first of eight of each super-block
+#else
+    uint32_t indices;  // a byte for each vector
+#endif
     words aux;       // scale and signs
     lanes<float> d;  // of the record
 
-    // Vector v: its magnitudes, in the bytes of two words, and its signs, in eight bits.
-    word_pair magnitudes(int v) const { return look_up(iq2xxs_grid, (indices >> (8 * v)) & 255u); }
-    words signs(int v) const { return with_parity((aux >> (7 * v)) & 127u); }
     // A quarter of it is what magnitudes are multiplied by.
     lanes<float> scale() const {
       return multiply(add(to_float(bit_cast<lanes<int32_t>>(aux >> 28)), lanes<float>(0.5f)), d);
     }
+
+#ifdef QUILLON_VECTOR_LANES
+    // The magnitudes of a slice. Its four rows are loaded one by one: that is faster than a gather for all slices.
+    slice_bytes<uint8_t> magnitudes(int index) const {
+      const uint8_t* group = groups[index / 8] + 8 * (index % 8);
+      const vector<uint64_t, 4> rows = {iq2xxs_grid[group[0]], iq2xxs_grid[group[1]], iq2xxs_grid[group[2]],
+                                        iq2xxs_grid[group[3]]};
+      return bit_cast<slice_bytes<uint8_t>>(rows);
+    }
+    // The signs of the four vectors of every slice, in the bytes of a word: entries of ksigns_iq2xs, computed.
+    words signs() const {
+      const words seven =
+          (aux & 0x7Fu) | ((aux << 1) & 0x7F00u) | ((aux << 2) & 0x7F0000u) | ((aux << 3) & 0x7F000000u);
+      const words folded = seven ^ (seven >> 4);
+      const words pair = folded ^ (folded >> 2);
+      return seven | (((pair ^ (pair >> 1)) & 0x01010101u) << 7);
+    }
+#else
+    // Vector v: its magnitudes, in the bytes of two words, and its signs, in eight bits: an entry of ksigns_iq2xs, computed.
+    word_pair magnitudes(int v) const {
+      const uint64_t row = iq2xxs_grid[(indices >> (8 * v)) & 255u];
+      return {static_cast<uint32_t>(row), static_cast<uint32_t>(row >> 32)};
+    }
+    uint32_t signs(int v) const {
+      const uint32_t seven = (aux >> (7 * v)) & 127u;
+      return seven | ((static_cast<uint32_t>(__builtin_popcount(seven)) & 1u) << 7);
+    }
+#endif
   };
 
 #ifdef QUILLON_VECTOR_LANES
+
   // The slices of two super-blocks.
   static slice load(const block& first, const block& second) {
     const words low = load_vector<uint32_t, LANES>(first.qs);
     const words high = load_vector<uint32_t, LANES>(second.qs);
-    return {pick<0, 2, uint32_t>(low, high), pick<1, 2, uint32_t>(low, high),
+    return {{first.qs, second.qs},
+            pick<1, 2, uint32_t>(low, high),
             in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)))};
   }
+
+  // Signs are given to the quants, none of which is -128 unless the scale is 0.
+  static lanes<int32_t> sums(const slice& w, const activations& x) {
+    const auto signs = bit_cast<vector<uint8_t, 4 * LANES>>(w.signs());
+    const auto signed_quants = [&](auto index) __attribute__((always_inline)) {
+      return with_signs(x.quants_of(index), signs_of_slice<index>(signs, first_constants<32>{}));
+    };
+    return dots_of_slices([&](auto index) __attribute__((always_inline)) { return w.magnitudes(index); },
+                          signed_quants);
+  }
+  template <int INDEX, int... I>
+  static slice_bytes<uint8_t> signs_of_slice(vector<uint8_t, 4 * LANES> signs, constants<I...>) {
+    const slice_bytes<uint8_t> bits = {uint8_t{1 << (I % 8)}...};
+    return __builtin_shufflevector(signs, signs, (4 * INDEX + I / 8)...) & bits;
+  }
+  static slice_bytes<int8_t> with_signs(slice_bytes<int8_t> quants, slice_bytes<uint8_t> signs) {
+    return signs != 0 ? -quants : quants;
+  }
+
 #else
+
   static slice load(const block* row, int32_t number, uint32_t index) {
     const block& w = row[number];
     const uint64_t group = load_u64(w.qs + 8 * index);
     return {static_cast<uint32_t>(group), static_cast<uint32_t>(group >> 32), two_halves(load_u32(&w)).first};
   }
-#endif
 
-  static lanes<float> dot(const slice& w, const activations& x) {
-    lanes<int32_t> sum = {};
+  static int sums(const slice& w, const activations& x) {
+    int sum = 0;
     // Rolled: all loads of a slice at once are more than the registers of a GPU with sub-groups of 32 hold.
 #pragma clang loop unroll(disable)
     for (int v = 0; v < 4; ++v) {
       const word_pair magnitudes = w.magnitudes(v);
-      const words signs = w.signs(v);
+      const uint32_t signs = w.signs(v);
       unrolled<2>([&](auto h) {
-        const words four = x.quant_word(2 * v + h);
+        const uint32_t four = x.quant_word(2 * v + h);
         unrolled<4>([&](auto b) {
-          const lanes<int32_t> product =
-              bit_cast<lanes<int32_t>>((magnitudes[int{h}] >> (8 * b)) & 255u) * signed_byte_of(four, b);
-          sum += with_sign(product, signs, 4 * h + b);
+          const int product = static_cast<int>((magnitudes[int{h}] >> (8 * b)) & 255u) * signed_byte_of(four, b);
+          sum += (signs & (1u << (4 * h + b))) != 0 ? -product : product;  // one predicated operation
         });
       });
     }
-    return multiply(multiply(multiply(w.scale(), x.d), lanes<float>(0.25f)), to_float(sum));
+    return sum;
+  }
+
+#endif
+
+  static lanes<float> dot(const slice& w, const activations& x) {
+    return multiply(multiply(multiply(w.scale(), x.d), lanes<float>(0.25f)), to_float(sums(w, x)));
   }
 };
 

@@ -18,21 +18,25 @@
 
 namespace quillon {
 
-// The sixteen activations of a slice, four of bits 2i and 2i + 1 for each i, their sum and their scale.
+// The sixteen activations of a slice, four of bits 2i and 2i + 1 for each i, with their sum and their scale, and what takes
+// their codes out of the slice's.
 struct q2_k_activations {
 #ifdef QUILLON_VECTOR_LANES
   // Lanes 0 to 7 have the words of blocks 0 to 3, lanes 8 to 15 those of 4 to 7.
   words quants[4];
   lanes<int32_t> sums[4];
   lanes<float> scales[4];
+  words low_codes;  // 0x03030303, which must not look like it: known codes so low are multiplied in another way
 
   q2_k_activations(const block_q8_1* q, const block_q8_1* /*second*/) {
+    low_codes = words(0x03030303u);
     unrolled<4>([&](auto i) {
       quants[i] = load_octets<uint32_t>(q[i].qs, q[4 + i].qs);
       sums[i] = dot_bytes(words(0x01010101u), quants[i]);
       scales[i] = in_octets(convert<float>(load_half(&q[i].d)), convert<float>(load_half(&q[4 + i].d)));
     });
   }
+  words codes_of(words all_codes, int i) const { return (all_codes >> (2 * i)) & low_codes; }
   words quant_word(int i) const { return quants[i]; }
   lanes<int32_t> sum_of(int i) const { return sums[i]; }
   lanes<float> scale_of(int i) const { return scales[i]; }
@@ -47,11 +51,16 @@ struct q2_k_activations {
       : bytes(reinterpret_cast<const uint8_t*>(row)),
         first((8 * number + slice / 8 * 4) * BLOCK_BYTES),
         first_quants(first + uint32_t{offsetof(block_q8_1, qs)} + slice % 8 * 4) {}
+  static uint32_t codes_of(uint32_t all_codes, int i) { return (all_codes >> (2 * i)) & 0x03030303u; }
   uint32_t quant_word(int i) const { return load<uint32_t, 4>(bytes + (first_quants + BLOCK_BYTES * i)); }
   int sum_of(int i) const { return dot_bytes(0x01010101u, quant_word(i)); }
   float scale_of(int i) const { return two_halves(load<uint32_t, 4>(bytes + (first + BLOCK_BYTES * i))).first; }
 #endif
 };
+
+#ifdef QUILLON_VECTOR_LANES
+static_assert(sizeof(q2_k_activations) == 832);  // what kernel_table.h counts with
+#endif
 
 struct q2_k_reader {
   using block = block_q2_K;
@@ -68,8 +77,7 @@ struct q2_k_reader {
     lanes<float> d;
     lanes<float> dmin;
 
-    // Of the four elements of bits 2i and 2i + 1: their codes in the bytes of a word, and the byte of scale and minimum.
-    words codes(int i) const { return (all_codes >> (2 * i)) & 0x03030303u; }
+    // The byte of scale and minimum of the four elements of bits 2i and 2i + 1.
     lanes<int32_t> scale_byte(int i) const {
 #ifdef QUILLON_VECTOR_LANES
       return __builtin_convertvector(scale_bytes[i], lanes<int32_t>);
@@ -112,7 +120,7 @@ struct q2_k_reader {
 #endif
     for (int i = 0; i < 4; ++i) {
       const lanes<int32_t> byte = w.scale_byte(i);
-      const lanes<int32_t> code_dot = dot_bytes(w.codes(i), x.quant_word(i));
+      const lanes<int32_t> code_dot = dot_bytes(x.codes_of(w.all_codes, i), x.quant_word(i));
       sum_of_codes = add(sum_of_codes, multiply(x.scale_of(i), to_float(code_dot * (byte & 15))));
       sum_of_minima = add(sum_of_minima, multiply(x.scale_of(i), to_float((byte >> 4) * x.sum_of(i))));
     }

@@ -12,20 +12,6 @@
 
 namespace quillon {
 
-// A byte of each word, as a signed number.
-inline lanes<int32_t> signed_byte_of(words word, int index) {
-  return bit_cast<lanes<int32_t>>(word << (24 - 8 * index)) >> 24;
-}
-
-// The sum of four products of unsigned with signed bytes.
-inline lanes<int32_t> dot_bytes(words codes, words quants) {
-  lanes<int32_t> sum = bit_cast<lanes<int32_t>>(codes & 255u) * signed_byte_of(quants, 0);
-  unrolled<3>([&](auto b) {
-    sum += bit_cast<lanes<int32_t>>((codes >> (8 * (b + 1))) & 255u) * signed_byte_of(quants, b + 1);
-  });
-  return sum;
-}
-
 // An integer of fewer than 24 bits.
 inline lanes<float> to_float(lanes<int32_t> from) {
   return exact_values<float>(from);
@@ -33,29 +19,109 @@ inline lanes<float> to_float(lanes<int32_t> from) {
 
 #ifdef QUILLON_VECTOR_LANES
 
-// The blocks of sixteen lanes: eight neighbouring ones from each of two places.
+// Sums of two neighbouring products of unsigned bytes below 128 with signed ones. Processors have this as one operation,
+// which limits sums to sixteen bits; the compiler finds it only where the limits are written down.
+template <int COUNT, int... I>
+inline vector<int16_t, COUNT / 2> sums_of_pairs(vector<uint8_t, COUNT> a, vector<int8_t, COUNT> b, constants<I...>) {
+  using sums = vector<int32_t, COUNT / 2>;
+  const sums even = __builtin_convertvector(__builtin_shufflevector(a, a, (2 * I)...), sums) *
+                    __builtin_convertvector(__builtin_shufflevector(b, b, (2 * I)...), sums);
+  const sums odd = __builtin_convertvector(__builtin_shufflevector(a, a, (2 * I + 1)...), sums) *
+                   __builtin_convertvector(__builtin_shufflevector(b, b, (2 * I + 1)...), sums);
+  sums sum = even + odd;
+  sum = sum < -0x8000 ? sums(-0x8000) : sum;
+  sum = sum > 0x7FFF ? sums(0x7FFF) : sum;
+  return __builtin_convertvector(sum, vector<int16_t, COUNT / 2>);
+}
+template <int COUNT>
+inline vector<int16_t, COUNT / 2> sums_of_pairs(vector<uint8_t, COUNT> a, vector<int8_t, COUNT> b) {
+  return sums_of_pairs<COUNT>(a, b, first_constants<COUNT / 2>{});
+}
+
+// The sums of the two signed halves of each word.
+inline lanes<int32_t> sums_of_halves(vector<int16_t, 2 * LANES> from) {
+  const auto both = bit_cast<lanes<int32_t>>(from);
+  return (both << 16 >> 16) + (both >> 16);
+}
+
+// The sum of four products of unsigned bytes below 128 with signed ones.
+inline lanes<int32_t> dot_bytes(words codes, words quants) {
+  constexpr int BYTES = 4 * LANES;
+  return sums_of_halves(
+      sums_of_pairs<BYTES>(bit_cast<vector<uint8_t, BYTES>>(codes), bit_cast<vector<int8_t, BYTES>>(quants)));
+}
+
+// A byte for each element of a slice of 32.
+template <typename Byte>
+using slice_bytes = vector<Byte, 32>;
+
+// The two halves of a vector, added up.
+template <typename E, int COUNT, int... I>
+inline vector<E, COUNT / 2> folded(vector<E, COUNT> from, constants<I...>) {
+  return __builtin_shufflevector(from, from, I...) + __builtin_shufflevector(from, from, (COUNT / 2 + I)...);
+}
+template <typename E, int COUNT>
+inline vector<E, COUNT / 2> folded(vector<E, COUNT> from) {
+  return folded<E, COUNT>(from, first_constants<COUNT / 2>{});
+}
+
+// For each of sixteen slices the sum of the 32 products of its codes, `codes(slice)`, with its quants, `quants(slice)`;
+// `slice` is a constant. Sums of four products must fit in sixteen bits.
+template <typename Codes, typename Quants>
+inline lanes<int32_t> dots_of_slices(Codes codes, Quants quants) {
+  const auto eighths = [&](auto slice) __attribute__((always_inline)) {
+    return folded<int16_t, 16>(sums_of_pairs<32>(codes(slice), quants(slice)));
+  };
+  lanes<int32_t> quarters[4];  // of slices i, 4 + i, 8 + i and 12 + i
+  unrolled<4>([&](auto i) {
+    const auto two = [&](auto first) __attribute__((always_inline)) {
+      return joined<int16_t, 8>(eighths(first), eighths(std::integral_constant<int, first + 4>{}));
+    };
+    quarters[i] = sums_of_halves(joined<int16_t, 16>(two(i), two(std::integral_constant<int, i + 8>{})));
+  });
+  // A transposition of four by four, adding up on the way.
+  const auto halves = [](lanes<int32_t> a, lanes<int32_t> b) {
+    return __builtin_shufflevector(a, b, 0, 16, 1, 17, 4, 20, 5, 21, 8, 24, 9, 25, 12, 28, 13, 29) +
+           __builtin_shufflevector(a, b, 2, 18, 3, 19, 6, 22, 7, 23, 10, 26, 11, 27, 14, 30, 15, 31);
+  };
+  const lanes<int32_t> first = halves(quarters[0], quarters[1]);
+  const lanes<int32_t> second = halves(quarters[2], quarters[3]);
+  return __builtin_shufflevector(first, second, 0, 1, 16, 17, 4, 5, 20, 21, 8, 9, 24, 25, 12, 13, 28, 29) +
+         __builtin_shufflevector(first, second, 2, 3, 18, 19, 6, 7, 22, 23, 10, 11, 26, 27, 14, 15, 30, 31);
+}
+
+// The blocks of sixteen slices, eight neighbouring ones from each of two places.
 struct q8_1_blocks {
-  words quants[8];  // word i of each block
+  int8_t quants[LANES][32];
   lanes<float> d;
   lanes<float> s;
 
   q8_1_blocks(const block_q8_1* first, const block_q8_1* second) {
-    uint32_t words_of[9][LANES];
-    for (int lane = 0; lane < LANES; ++lane) {
-      const block_q8_1* block = lane < 8 ? first + lane : second + (lane - 8);
-      for (int i = 0; i < 9; ++i)
-        words_of[i][lane] = load<uint32_t, 4>(reinterpret_cast<const uint8_t*>(block) + 4 * i);
+    for (int slice = 0; slice < LANES; ++slice) {
+      const block_q8_1& block = slice < 8 ? first[slice] : second[slice - 8];
+      __builtin_memcpy(quants[slice], block.qs, 32);
+      d[slice] = convert<float>(block.d);
+      s[slice] = convert<float>(block.s);
     }
-    const words heads = load_vector<uint32_t, LANES>(words_of[0]);
-    d = as_floats<half>(halves_of_bits<half>(heads & 0xFFFFu));
-    s = as_floats<half>(halves_of_bits<half>(heads >> 16));
-    for (int i = 0; i < 8; ++i) quants[i] = load_vector<uint32_t, LANES>(words_of[i + 1]);
   }
-  words quant_word(int i) const { return quants[i]; }
+  slice_bytes<int8_t> quants_of(int slice) const { return load_vector<int8_t, 32>(quants[slice]); }
 };
 static_assert(sizeof(q8_1_blocks) == 640);  // what kernel_table.h counts with
 
 #else
+
+// A byte of a word, as a signed number.
+inline int signed_byte_of(uint32_t word, int index) {
+  return static_cast<int>(word << (24 - 8 * index)) >> 24;
+}
+
+// The sum of four products of unsigned with signed bytes.
+inline int dot_bytes(uint32_t codes, uint32_t quants) {
+  int sum = static_cast<int>(codes & 255u) * signed_byte_of(quants, 0);
+  unrolled<3>(
+      [&](auto b) { sum += static_cast<int>((codes >> (8 * (b + 1))) & 255u) * signed_byte_of(quants, b + 1); });
+  return sum;
+}
 
 // Loads of records are of 32 or 64 bits throughout: a device takes a vector of narrower ones apart.
 

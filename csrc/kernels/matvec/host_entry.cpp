@@ -93,7 +93,7 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
     case arranged::q8_1_blocks:
       return (blocks + 1) / 2 * 640 + ALIGNMENT;
     case arranged::q2_k_words:
-      return blocks * 768 + ALIGNMENT;
+      return blocks * 832 + ALIGNMENT;
     default:
       return 0;
   }
