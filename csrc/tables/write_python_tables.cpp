@@ -2,7 +2,8 @@
 //
 //   _format_table.py   formats/registry.h: codes, names, block sizes and fields
 //   _device_table.py   dispatch/device_class.h and runtime/device_limit.h: classes, architectures, number of devices
-//   _kernel_table.py   kernels/kernel_table.h and dispatch/path.h: kernels, their instantiations, who launches them
+//   _kernel_table.py   kernels/kernel_table.h, dispatch/path.h and road.h: kernels, their instantiations, who launches
+//                      them, and how many rows they take
 //   _value_tables.py   grids, sign patterns and code books of csrc/formats/
 //
 // Run by the build as  write_python_tables FOLDER.
@@ -19,6 +20,7 @@
 
 #include "dispatch/device_class.h"
 #include "dispatch/path.h"
+#include "dispatch/road.h"
 #include "formats/formats.h"
 #include "kernels/kernel_table.h"
 #include "runtime/build_options.h"
@@ -98,6 +100,20 @@ const char* launcher_table_of(XpuDeviceClass device_class) {
   }
 }
 
+// The most activation rows that a device of the class multiplies in one call by a kernel that reads the packed weight,
+// whatever their number: 1 where only single rows do.
+std::uint64_t rows_at_once(XpuDeviceClass device_class, int qtype) {
+  const ByBatchRoad* by_batch = by_batch_road(qtype);
+  if (by_batch == nullptr || by_batch->kernel_qtype != qtype) return 1;
+  std::uint64_t rows = 1;
+  for (std::uint64_t batch = 2; batch <= by_batch->most; ++batch) {
+    if (choose_path(device_class, qtype, batch, kMatrixEngineColumns) == Path::matrix_engine) break;
+    if (choose_road(qtype, {device_class, batch, kMatrixEngineColumns, 0, 0, false}) != Road::by_batch) break;
+    rows = batch;
+  }
+  return rows;
+}
+
 // A kernel's template arguments behind the element type.
 std::vector<int> constants_of(const kernel_row& row, const kernel_geometry& geometry) {
   switch (row.constants) {
@@ -145,6 +161,14 @@ std::string kernel_table_text() {
   for (std::size_t code = 0; code < kDeviceClassNames.size(); ++code)
     text << "    " << quoted(kDeviceClassNames[code]) << ": "
          << quoted(launcher_table_of(static_cast<XpuDeviceClass>(code))) << ",\n";
+  text << "}\n\nROWS_AT_ONCE = {\n";
+  for (std::size_t code = 0; code < kDeviceClassNames.size(); ++code) {
+    text << "    " << quoted(kDeviceClassNames[code]) << ": {";
+    for (const format_entry& entry : formats)
+      if (is_weight_format(entry))
+        text << quoted(entry.name) << ": " << rows_at_once(static_cast<XpuDeviceClass>(code), entry.qtype) << ", ";
+    text << "},\n";
+  }
   text << "}\n\nKERNELS = (\n";
   for (const kernel_row& row : kernel_table) text << kernel_text(row);
   text << ")\n";

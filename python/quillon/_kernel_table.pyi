@@ -20,6 +20,9 @@ class KernelRow(TypedDict):
 LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
 
+ROWS_AT_ONCE: dict[str, dict[str, int]]
+"""By device class and format, the most activation rows that one call multiplies without expanding the weight."""
+
 KERNELS: tuple[KernelRow, ...]
 """One for each kernel. Geometries, by launcher table: template constants behind the element type, required sub-group
 size, lanes and rows of a work-group. Build options, where there are some: by the sub-group size that they ask for."""

@@ -21,6 +21,10 @@ LAUNCHER_TABLES: Mapping[str, str] = MappingProxyType(_kernel_table.LAUNCHER_TAB
 """The launcher table of each device class."""
 
 
+ROWS_AT_ONCE: Mapping[str, Mapping[str, int]] = MappingProxyType(_kernel_table.ROWS_AT_ONCE)
+"""By device class and format, the most activation rows that one call multiplies without expanding the weight."""
+
+
 @dataclass(frozen=True)
 class Geometry:
     """A kernel in one launcher table."""

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import fnmatch
+import functools
 import sys
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
@@ -15,7 +16,7 @@ from torch.autograd import forward_ad
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
 from quillon._format_table import MAX_ELEMENTS
-from quillon._kernels import KERNELS, LAUNCHER_TABLES
+from quillon._kernels import KERNELS, LAUNCHER_TABLES, ROWS_AT_ONCE
 from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
 from quillon.reference import dequantize_reference
@@ -68,6 +69,17 @@ def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]
     return operator
 
 
+@functools.cache
+def _device_class(device: torch.device) -> str:
+    return vesper_linear.get_xpu_device_name(device)
+
+
+@torch.compiler.assume_constant_result  # type: ignore[untyped-decorator]
+def _rows_at_once(format_name: str, device: torch.device) -> int:
+    """How many rows a layer gives to one call."""
+    return ROWS_AT_ONCE[_device_class(device)][format_name] if device.type == "xpu" else 1
+
+
 def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
     """``input`` (..., in_features) times the packed weight: (..., out_features)."""
     columns, forward_new = input.shape[-1], _operator_for(input)
@@ -76,7 +88,8 @@ def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) 
         return product.view(*input.shape[:-1], out_features)
     rows = input.reshape(-1, columns).contiguous()
     # Launches queue up behind one another, and the one cat at the end waits for all of them.
-    outputs = [forward_new(rows[index : index + 1], packed, format.code, columns) for index in range(rows.shape[0])]
+    parts = torch.split(rows, _rows_at_once(format.name, rows.device))
+    outputs = [forward_new(part, packed, format.code, columns) for part in parts]
     output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
     return output.reshape(*input.shape[:-1], out_features)
 
@@ -164,8 +177,8 @@ class LowBitLinear(nn.Module):
     None. Both move with ``.to(device)``; ``.half()`` and the like leave the bytes alone.
 
     The input is (..., in_features) of float32, float64, float16 or bfloat16 on an XPU; the output has its element
-    type and is (..., out_features). In this release rows go through one by one. Autocast is followed as by a dense
-    layer.
+    type and is (..., out_features). Formats without a kernel for several rows take them one by one. Autocast is
+    followed as by a dense layer.
 
     The weight is not trained. The input's gradient is the output's times :meth:`dequantize`, so what lies before the
     layer, and adapters beside it, train as in a dense model. Where a format rounds the activations (iq2_xxs, q2_k,

@@ -203,9 +203,18 @@ def test_modes_see_the_operator() -> None:
     expected = layer(input)
     with Recorder():
         assert torch.equal(layer(input), expected)
-    assert seen.count(torch.ops.quillon.forward_new.default) == 2
+    assert seen.count(torch.ops.quillon.forward_new.default) == 1  # of both rows
     exported = torch.export.export(nn.Sequential(layer), (input,)).module()
     assert torch.equal(exported(input), expected)
+
+
+@pytest.mark.parametrize("name", ["q4_0", "q4_0_woq", "nf4", "q8_0"])
+def test_many_rows(name: str) -> None:
+    """However many rows go through one call, each has the result that it has alone."""
+    layer = LowBitLinear.from_linear(nn.Linear(128, 33), name).to(DEVICE)
+    for rows in (1, 2, 7, 8, 15, 31):
+        input = torch.randn(rows, 128, device=DEVICE)
+        assert torch.equal(layer(input), torch.cat([layer(row) for row in input.split(1)])), rows
 
 
 @pytest.mark.parametrize("name", ["q4_0", "q4_k", "iq1_s"])
