@@ -1,0 +1,90 @@
+"""Every function, called hundreds of times with arguments of any shape: an error or a result, never a crash."""
+
+from __future__ import annotations
+
+import re
+
+import pytest
+from shim.process import run_python
+
+import vesper_linear
+
+CALLS = 600
+
+HOSTILE = """
+import random, sys
+import torch, quillon, vesper_linear
+
+random.seed(5)
+torch.manual_seed(0)
+SIZES = (0, 1, 2, 7, 16, 34, 64, 192, 256, 2176)
+DTYPES = (torch.float32, torch.float32, torch.float16, torch.uint8, torch.uint8, torch.uint8, torch.int32, torch.int64)
+DEVICES = ("xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:3", "cpu", "meta")
+INTEGERS = (2, 2, 8, 26, 12, 9, 25, 5, 0, 1, 64, 256, 4096, -1, 2**40, 2**62, -(2**63))
+
+def tensor():
+    if random.random() < 0.5:  # what forward_new takes
+        shape, dtype = random.choice((((1, random.choice((64, 192, 256))), torch.float32), ((2176,), torch.uint8)))
+        return torch.randint(0, 4, shape).to(dtype).to("xpu:7")
+    shape = [random.choice(SIZES) for _ in range(random.choice((0, 1, 1, 2, 2, 2, 2, 3, 4)))]
+    while torch.Size(shape).numel() > 1 << 18:
+        shape.pop()
+    dtype, device = random.choice(DTYPES), random.choice(DEVICES)
+    made = torch.randint(0, 4, shape).to(dtype).to(device)
+    how = random.randrange(10)
+    if how == 0 and made.dim() > 1:
+        made = made.transpose(0, 1)
+    elif how == 1 and made.dim() > 0:
+        made = made[..., ::2]
+    elif how == 2 and made.dim() > 0 and made.size(0) > 0:
+        made = made[:1].expand(random.choice((1, 3, 4096)), *made.shape[1:])
+    elif how == 3 and made.dim() > 0:
+        made = made[1:]
+    elif how == 4 and made.dim() > 0:
+        made = made[:0]
+    return made
+
+def shown(value):
+    if not isinstance(value, torch.Tensor):
+        return repr(value)
+    return f"{list(value.shape)} {list(value.stride())} {value.dtype} {value.device}"
+
+MAKERS = {"torch.Tensor": tensor, "int": lambda: random.choice(INTEGERS), "torch.device": lambda: tensor().device}
+routes = [getattr(vesper_linear, sys.argv[1]), getattr(torch.ops.quillon, sys.argv[1], None)]
+kinds = sys.argv[2].split(",")
+outcomes = {"result": 0, "error": 0}
+for _ in range(int(sys.argv[3])):
+    arguments = [MAKERS[kind]() for kind in kinds]
+    print(", ".join(map(shown, arguments)), file=sys.stderr, flush=True)
+    kept = [one.clone() if isinstance(one, torch.Tensor) else one for one in arguments]
+    try:
+        result = random.choice([route for route in routes if route])(*arguments)
+    except (RuntimeError, IndexError, TypeError, ValueError, MemoryError) as error:
+        assert str(error)
+        assert "INTERNAL ASSERT" not in str(error), error
+        outcomes["error"] += 1
+    else:
+        outcomes["result"] += 1
+        if isinstance(result, torch.Tensor) and result.is_xpu:
+            result.cpu()
+    for one, before in zip(arguments, kept):
+        assert not isinstance(one, torch.Tensor) or one.is_meta or torch.equal(one, before)
+torch.xpu.synchronize()
+print(outcomes["result"], outcomes["error"])
+"""
+
+
+def _kinds(name: str) -> str:
+    """The types of a function's parameters, from the signature that it shows."""
+    signature = getattr(vesper_linear, name).__doc__.splitlines()[0]
+    return ",".join(re.findall(r"arg\d+: ([\w.]+)", signature))
+
+
+@pytest.mark.parametrize("name", [name for name in dir(vesper_linear) if not name.startswith("__")])
+def test_any_arguments(name: str) -> None:
+    done = run_python(HOSTILE, name, _kinds(name), str(CALLS), timeout=400)
+    assert done.returncode == 0, done.stderr[-3000:]
+    results, errors = map(int, done.stdout.split())
+    assert results + errors == CALLS
+    assert results > 0 or name not in ("forward_new", "get_moe_indexes", "get_xpu_device_name")
+    assert errors > 0 or name == "get_xpu_device_name"
