@@ -9,11 +9,13 @@
 #include <c10/xpu/XPUCachingAllocator.h>
 #include <sys/mman.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <tuple>
+#include <vector>
 
 #include "host_device.h"
 #include "platform.h"

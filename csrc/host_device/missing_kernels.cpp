@@ -4,6 +4,9 @@
 #include <ATen/Dispatch.h>
 #include <torch/library.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "fallback.h"
 #include "host_device.h"
 

@@ -15,6 +15,8 @@
 #include <torch/library.h>
 
 #include <algorithm>
+#include <limits>
+#include <vector>
 
 #include "fallback.h"
 #include "host_device.h"

@@ -10,7 +10,9 @@
 
 #include <array>
 #include <iomanip>
+#include <optional>
 #include <sstream>
+#include <string>
 
 #include "compiled_graphs.h"
 #include "generator.h"

@@ -32,7 +32,7 @@ py::object shared_storage_of(const py::handle& xpu) {
 /// Moves the bytes of an XPU storage into a CPU storage, whose memory it then has.
 void move_into(const py::handle& xpu, const py::handle& shared) {
   const c10::Storage storage = unpack(xpu), target = unpack(shared);
-  TORCH_CHECK(storage.device().is_xpu() && target.device().is_cpu() && target.nbytes() >= storage.nbytes());
+  TORCH_INTERNAL_ASSERT(storage.device().is_xpu() && target.device().is_cpu() && target.nbytes() >= storage.nbytes());
   wait_for_current_stream(storage.device().index());
   if (storage.nbytes() > 0) std::memcpy(target.mutable_data(), storage.data(), storage.nbytes());
   storage.unsafeGetStorageImpl()->set_data_ptr_noswap(shared_data(*target.unsafeGetStorageImpl(), storage.device()));

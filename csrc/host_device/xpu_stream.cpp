@@ -8,6 +8,7 @@
 #include <c10/xpu/XPUException.h>
 #include <c10/xpu/XPUStream.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <mutex>

@@ -54,10 +54,11 @@ def cache_folder() -> Path | None:
     if os.environ.get("SYCL_CACHE_PERSISTENT", "0") == "0":
         return None
     folder = os.environ.get("SYCL_CACHE_DIR")
-    if folder:
-        return Path(folder)
-    base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
-    return Path(base, "libsycl_cache")
+    return Path(folder) if folder else _users_caches() / "libsycl_cache"
+
+
+def _users_caches() -> Path:
+    return Path(os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache"))
 
 
 def start() -> None:
@@ -134,8 +135,7 @@ def _variables_of_the_runtime() -> dict[str, str]:
     if "SYCL_CACHE_PERSISTENT" not in os.environ:
         variables["SYCL_CACHE_PERSISTENT"] = "1"
         if "SYCL_CACHE_DIR" not in os.environ:
-            base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
-            variables["SYCL_CACHE_DIR"] = os.path.join(base, "quillon", "kernels")
+            variables["SYCL_CACHE_DIR"] = str(_users_caches() / "quillon" / "kernels")
     return variables
 
 

@@ -296,11 +296,14 @@ class LowBitExperts(nn.Module):
     packed_up: Tensor
     packed_down: Tensor
 
-    def __init__(self, shell: nn.Module, packed_up: Tensor, packed_down: Tensor, layout: _ExpertLayout) -> None:
+    def __init__(
+        self, shell: nn.Module, packed_up: Tensor, packed_down: Tensor, layout: _ExpertLayout, format: Format
+    ) -> None:
         """Make the module from what :meth:`from_experts` has packed."""
         super().__init__()
         self.shell = shell
         self.layout = layout
+        self.format = format
         self.register_buffer("packed_up", packed_up)
         self.register_buffer("packed_down", packed_down)
         self._checked_devices: set[torch.device] = set()
@@ -312,7 +315,7 @@ class LowBitExperts(nn.Module):
         The module is one of those whose parameters :func:`torch.nn.functional.linear` takes expert by expert, or their
         transposes, and which says so in ``is_transposed``, ``has_gate`` and ``has_bias``.
         """
-        layout = _expert_layout(experts, weight_format(format))
+        target, layout = weight_format(format), _expert_layout(experts)
         if layout is None:
             raise ValueError(f"{type(experts).__name__} is no module of experts that can be packed")
 
@@ -320,12 +323,12 @@ class LowBitExperts(nn.Module):
             weights = getattr(experts, name).detach()
             if layout.transposed:
                 weights = weights.transpose(1, 2)
-            return torch.stack([quantize(weight, layout.format.name) for weight in weights]).to(weights.device)
+            return torch.stack([quantize(weight, target.name) for weight in weights]).to(weights.device)
 
         up, down = pack(layout.up), pack("down_proj")
         delattr(experts, layout.up)
         del experts.down_proj
-        return cls(experts, up, down, layout).train(experts.training)
+        return cls(experts, up, down, layout, target).train(experts.training)
 
     def forward(self, hidden_states: Tensor, top_k_index: Tensor, top_k_weights: Tensor) -> Tensor:
         """Sum of the experts that each token chose, times their weights.
@@ -336,7 +339,7 @@ class LowBitExperts(nn.Module):
         layout, device = self.layout, hidden_states.device
         shell: Any = self.shell
         if device not in self._checked_devices:
-            _check_device(layout.format, (layout.columns, layout.inner), device)
+            _check_device(self.format, (layout.columns, layout.inner), device)
             self._checked_devices.add(device)
         ids = top_k_index.to(device="cpu", dtype=torch.int32).contiguous()
         slots, tokens = vesper_linear.get_moe_indexes(ids, layout.experts + 1)
@@ -346,11 +349,11 @@ class LowBitExperts(nn.Module):
                 continue
             token = torch.tensor(tokens[expert], device=device)
             slot = torch.tensor(slots[expert], device=device)
-            up = apply_packed(hidden_states[token], self.packed_up[expert], layout.format, layout.up_rows)
+            up = apply_packed(hidden_states[token], self.packed_up[expert], self.format, layout.up_rows)
             if layout.biased:
                 up = up + getattr(shell, layout.up + "_bias")[expert].to(up.dtype)
             inner = shell._apply_gate(up) if layout.gated else shell.act_fn(up)
-            output = apply_packed(inner, self.packed_down[expert], layout.format, layout.columns)
+            output = apply_packed(inner, self.packed_down[expert], self.format, layout.columns)
             if layout.biased:
                 output = output + shell.down_proj_bias[expert].to(output.dtype)
             output = output * top_k_weights[token, slot, None]
@@ -360,14 +363,13 @@ class LowBitExperts(nn.Module):
     def extra_repr(self) -> str:
         """Return the shape and format for ``repr``."""
         layout = self.layout
-        return f"experts={layout.experts}, columns={layout.columns}, inner={layout.inner}, format={layout.format.name}"
+        return f"experts={layout.experts}, columns={layout.columns}, inner={layout.inner}, format={self.format.name}"
 
 
 @dataclass(frozen=True)
 class _ExpertLayout:
     """How a module keeps its experts."""
 
-    format: Format
     experts: int
     columns: int
     """Row length of the first product, which is also the length of the result's rows."""
@@ -381,7 +383,7 @@ class _ExpertLayout:
     biased: bool
 
 
-def _expert_layout(module: nn.Module, format: Format) -> _ExpertLayout | None:
+def _expert_layout(module: nn.Module) -> _ExpertLayout | None:
     """The layout of a module that says of itself how it keeps its experts, or None."""
     says = [getattr(module, name, None) for name in ("is_transposed", "has_gate", "has_bias", "has_post_expert_norm")]
     if not all(isinstance(one, bool) for one in says) or says[3]:
@@ -400,7 +402,7 @@ def _expert_layout(module: nn.Module, format: Format) -> _ExpertLayout | None:
     inner = up_rows // 2 if gated else up_rows
     if down_shape != (experts, columns, inner):
         return None
-    return _ExpertLayout(format, experts, columns, inner, up, up_rows, bool(transposed), bool(gated), bool(biased))
+    return _ExpertLayout(experts, columns, inner, up, up_rows, bool(transposed), bool(gated), bool(biased))
 
 
 @dataclass
@@ -510,7 +512,7 @@ def _packed_shapes(module: Any) -> list[tuple[int, int]] | None:
     if _is_conv1d(module):
         columns, rows = module.weight.shape
         return [(rows, columns)]
-    layout = _expert_layout(module, weight_format("q4_0"))
+    layout = _expert_layout(module)
     return None if layout is None else [(layout.up_rows, layout.columns), (layout.columns, layout.inner)]
 
 
