@@ -338,6 +338,16 @@ class LowBitExperts(nn.Module):
         """
         layout, device = self.layout, hidden_states.device
         shell: Any = self.shell
+        if hidden_states.dim() != 2 or hidden_states.shape[1] != layout.columns:
+            raise ValueError(
+                f"hidden_states must have shape (tokens, {layout.columns}), got {tuple(hidden_states.shape)}"
+            )
+        for name, given in (("top_k_index", top_k_index), ("top_k_weights", top_k_weights)):
+            if given.dim() != 2 or given.shape[0] != hidden_states.shape[0] or given.shape != top_k_index.shape:
+                raise ValueError(
+                    f"{name} must have shape ({hidden_states.shape[0]}, slots), the same as the other's, "
+                    f"got {tuple(given.shape)}"
+                )
         if device not in self._checked_devices:
             _check_device(self.format, (layout.columns, layout.inner), device)
             self._checked_devices.add(device)

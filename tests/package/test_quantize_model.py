@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import copy
+import re
 from typing import Any
 
 import pytest
@@ -101,6 +102,25 @@ def test_experts_leave_out_the_number_that_stands_for_none() -> None:
     assert torch.equal(output[1], torch.zeros(64, device=DEVICE))
     with pytest.raises(RuntimeError, match=r"ids\[0\]\[1\] is expert 6"):
         model.inner(tokens, index + (index == 5), weights)
+
+
+@pytest.mark.parametrize(
+    ("tokens", "index", "weights", "text"),
+    [
+        ((3, 128), (3, 2), (3, 2), "hidden_states must have shape (tokens, 64), got (3, 128)"),
+        ((1, 3, 64), (3, 2), (3, 2), "hidden_states must have shape (tokens, 64), got (1, 3, 64)"),
+        ((3, 64), (4, 2), (4, 2), "top_k_index must have shape (3, slots), the same as the other's, got (4, 2)"),
+        ((3, 64), (3,), (3,), "top_k_index must have shape (3, slots), the same as the other's, got (3,)"),
+        ((3, 64), (3, 2), (3, 3), "top_k_weights must have shape (3, slots), the same as the other's, got (3, 3)"),
+    ],
+)
+def test_experts_refuse_other_shapes(
+    tokens: tuple[int, ...], index: tuple[int, ...], weights: tuple[int, ...], text: str
+) -> None:
+    packed = LowBitExperts.from_experts(fill(mixtral()), "q8_0").to(DEVICE)
+    arguments = (torch.zeros(tokens), torch.zeros(index, dtype=torch.int64), torch.zeros(weights))
+    with pytest.raises(ValueError, match=re.escape(text)):
+        packed(*(one.to(DEVICE) for one in arguments))
 
 
 def test_experts_pass_gradients_on() -> None:
