@@ -5,9 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <string_view>
 
+#include "runtime/backing.h"
 #include "runtime/build_options.h"
 #include "runtime/device_facts.h"
 #include "runtime/kernel_library.h"
@@ -21,7 +20,7 @@ constexpr std::uint64_t kVectorLanes = 16;
 // Weight bytes that are worth a work-item of the vector backing, which first arranges the activations for itself.
 constexpr std::uint64_t kBytesPerItem = 512 << 10;
 
-enum class Backing : int { items, vectors };
+using runtime::Backing;
 
 // Where the parts of a weight start, as the matrix-vector kernels find them.
 region_offsets matvec_parts(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
@@ -99,15 +98,12 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
   }
 }
 
-// The host device runs the vector backing, unless rows do not start on a block, the activations are more than local
-// memory holds, or a developer compares the two.
+// Vectors need rows that start on blocks, and activations that local memory holds.
 Backing choose_backing(const kernel_row& row, ElementType type, std::uint64_t state_size,
                        const runtime::DeviceFacts& facts) {
-  if (!facts.is_cpu || row.vectors == arranged::none) return Backing::items;
-  if (state_size % elements_per_block(row.qtype) != 0) return Backing::items;
+  if (row.vectors == arranged::none || state_size % elements_per_block(row.qtype) != 0) return Backing::items;
   if (arranged_bytes(row, type, state_size) > facts.local_memory) return Backing::items;
-  const char* asked = std::getenv("QUILLON_HOST_BACKING");
-  return asked != nullptr && std::string_view(asked) == "items" ? Backing::items : Backing::vectors;
+  return runtime::backing_of(facts);
 }
 
 // A range and the elements of local memory that a work-group of it has.

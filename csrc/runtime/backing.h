@@ -1,0 +1,13 @@
+// In which of its two forms a kernel runs (kernels/lanes.h).
+#pragma once
+
+#include "runtime/device_facts.h"
+
+namespace quillon::runtime {
+
+enum class Backing : int { items, vectors };
+
+// Vectors on the host device, unless a developer compares the two and sets QUILLON_HOST_BACKING to "items".
+Backing backing_of(const DeviceFacts& facts);
+
+}  // namespace quillon::runtime
