@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "dispatch/aligned_tensor.h"
 #include "dispatch/device_class_query.h"
 #include "dispatch/environment.h"
 #include "dispatch/format_check.h"
@@ -23,13 +24,6 @@ at::Tensor make_output(const at::Tensor& input, const at::Tensor& weight, std::u
                        std::uint64_t output_size) {
   return at::empty({static_cast<std::int64_t>(batch), static_cast<std::int64_t>(output_size)},
                    weight.options().dtype(input.scalar_type()).memory_format(at::MemoryFormat::Contiguous));
-}
-
-// Kernels load up to sixteen bytes at once, which a device may demand to stand at a multiple of sixteen. What PyTorch
-// allocates does; a view that starts elsewhere is copied.
-at::Tensor at_aligned_address(at::Tensor tensor) {
-  const auto address = reinterpret_cast<std::uintptr_t>(tensor.const_data_ptr());
-  return address % 16 == 0 ? tensor : tensor.clone();
 }
 
 [[noreturn]] void fail_batch(int qtype, std::uint64_t batch) {
