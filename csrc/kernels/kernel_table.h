@@ -1,6 +1,7 @@
-// Every kernel, one row each: what it is, how it is instantiated, how it is called. Host entry, launch, launcher tables,
-// the instantiations that the offline GPU compile checks, the geometry that tests and benchmarks use and the row rules
-// that Python shows all follow from these rows.
+// Every kernel, one row each: what it is, how it is instantiated, how it is called. Products with one row of activations
+// stand in kernel_table, expansions in expansion_table. Host entry, launch, launcher tables, the instantiations that the
+// offline GPU compile checks, the geometry that tests and benchmarks use and the row rules that Python shows all follow
+// from these rows.
 //
 // Free of torch and SYCL.
 #pragma once
@@ -187,5 +188,148 @@ constexpr int kernel_index(kernel_family family, int qtype) {
 // Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most.
 inline constexpr int batch_tile = 2;
 inline constexpr int batch_of_vector_item = 4;
+
+// ---- expansion --------------------------------------------------------------------------------------------
+//
+// The kernels that write a packed weight as a dense matrix.
+
+enum class expansion {
+  whole,
+  tile,  // a band of rows
+  rows,  // those that an index names
+};
+
+// How the work is dealt out (kernels/dequant/*_form.h).
+enum class expansion_form {
+  row,    // a work-group has one row
+  flat,   // work-items have elements counted over the whole weight
+  block,  // a work-group has one super-block
+};
+
+// Which device classes run a kernel: those of one launcher table, of the others, or all.
+enum class expansion_tables { elm, others, all };
+
+enum class expansion_argument {
+  end,
+  state_size,     // uint64
+  elements,       // int32: of the weight
+  rounds,         // int32: of a work-item on its row
+  block_step,     // int32: blocks of a round
+  element_step,   // int32: elements of a round
+  blocks_of_row,  // int32
+  weight_blocks,  // int32: blocks in the whole weight
+  short_offset1,  // int32: byte offset of part 1
+  index,          // pointer to the row numbers, int64
+  output,         // pointer
+  part0,          // pointers to the parts of the weight, or of the tile
+  part1,
+  part2,
+  part3,
+};
+
+struct expansion_row {
+  int qtype;
+  const char* name;
+  const char* header;  // relative to csrc/
+  expansion operation;
+  expansion_form form;
+  expansion_tables tables;
+  int span;              // elements that a work-item writes in a round
+  int least_work_group;  // work-items of a work-group where the row length allows no more
+  int most_work_group;
+  int row_unit;           // state_size must be a multiple; 0: nothing tests it
+  int first_moving_part;  // the parts in front of it do not move with a tile
+  bool waits;             // the host entry returns when the kernel has finished
+  std::array<expansion_argument, 8> arguments;
+};
+
+// clang-format off
+inline constexpr auto expansion_table = [] {
+  using a = expansion_argument;
+  constexpr auto whole = expansion::whole, tile = expansion::tile, rows = expansion::rows;
+  constexpr auto row = expansion_form::row, flat = expansion_form::flat, block = expansion_form::block;
+  constexpr auto elm = expansion_tables::elm, others = expansion_tables::others, all = expansion_tables::all;
+  constexpr std::array<a, 8> scaled_rows = {a::state_size, a::rounds, a::part1, a::part0, a::output, a::block_step, a::element_step};
+  constexpr std::array<a, 8> plain_rows = {a::state_size, a::rounds, a::part0, a::output, a::block_step, a::element_step};
+  constexpr std::array<a, 8> flat_records = {a::elements, a::part0, a::output};
+  constexpr std::array<a, 8> records = {a::part0, a::output};
+  constexpr std::array<a, 8> four_parts = {a::part0, a::part1, a::part2, a::part3, a::output};
+  return std::array{
+  //             format          name, header                                                                             operation form   tables  span work-group unit moves waits  arguments
+  //                                                                                                                                                     least most
+  expansion_row{qtype_q4_0,     "qlinear_xpu_dequantize_kernel_q4_0_1x4",          "kernels/dequant/q4_0_1x4.h",     whole, row,   elm,    4, 16, 256, 64, 0, false, scaled_rows},
+  expansion_row{qtype_q4_0,     "qlinear_xpu_dequantize_kernel_q4_0_1x2",          "kernels/dequant/q4_0_1x2.h",     whole, row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_q4_1,     "qlinear_xpu_dequantize_kernel_q4_1_1x4",          "kernels/dequant/q4_1_1x4.h",     whole, row,   elm,    4, 16, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_q4_1,     "qlinear_xpu_dequantize_kernel_q4_1_1x2",          "kernels/dequant/q4_1_1x2.h",     whole, row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_q5_0,     "qlinear_xpu_dequantize_kernel_q5_0",              "kernels/dequant/q5_0.h",         whole, flat,  all,    2, 256, 256, 0, 0, true,  flat_records},
+  expansion_row{qtype_q5_1,     "qlinear_xpu_dequantize_kernel_q5_1",              "kernels/dequant/q5_1.h",         whole, flat,  all,    2, 256, 256, 0, 0, false, flat_records},
+  expansion_row{qtype_q8_0,     "qlinear_xpu_dequantize_kernel_q8_0_1x2",          "kernels/dequant/q8_0_1x2.h",     whole, row,   elm,    2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_q8_0,     "qlinear_xpu_dequantize_kernel_q8_0_1x1",          "kernels/dequant/q8_0_1x1.h",     whole, row,   others, 1, 64, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_nf4,      "qlinear_xpu_dequantize_kernel_nf4_1x4",           "kernels/dequant/nf4_1x4.h",      whole, row,   elm,    4, 16, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_nf4,      "qlinear_xpu_dequantize_kernel_nf4_1x2",           "kernels/dequant/nf4_1x2.h",      whole, row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_nf3,      "qlinear_xpu_dequantize_kernel_nf3_new",           "kernels/dequant/nf3_new.h",      whole, flat,  all,    4, 256, 256, 0, 0, true,  {a::elements, a::part0, a::short_offset1, a::output}},
+  expansion_row{qtype_fp4,      "qlinear_xpu_dequantize_kernel_fp4_1x4",           "kernels/dequant/fp4_1x4.h",      whole, row,   elm,    4, 16, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_fp4,      "qlinear_xpu_dequantize_kernel_fp4_1x2",           "kernels/dequant/fp4_1x2.h",      whole, row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_fp8_e5m2, "qlinear_xpu_dequantize_kernel_fp8_e5m2_1x2",      "kernels/dequant/fp8_e5m2_1x2.h", whole, row,   elm,    2, 32, 256, 64, 0, true,  plain_rows},
+  expansion_row{qtype_fp8_e5m2, "qlinear_xpu_dequantize_kernel_fp8_e5m2_1x1",      "kernels/dequant/fp8_e5m2_1x1.h", whole, row,   others, 1, 64, 256, 64, 0, true,  plain_rows},
+  expansion_row{qtype_iq2_xxs,  "qlinear_xpu_dequantize_kernel_iq2_xxs",           "kernels/dequant/iq2_xxs.h",      whole, block, all,    8, 32, 32,  64, 0, true,  records},
+  expansion_row{qtype_q2_k,     "qlinear_xpu_dequantize_kernel_q2_k",              "kernels/dequant/q2_k.h",         whole, block, all,    4, 64, 64,  64, 0, true,  records},
+  expansion_row{qtype_iq1_s,    "qlinear_xpu_dequantize_kernel_iq1_s",             "kernels/dequant/iq1_s.h",        whole, block, all,    8, 32, 32,  64, 0, true,  records},
+  expansion_row{qtype_q6_k,     "qlinear_xpu_dequantize_kernel_q6_k",              "kernels/dequant/q6_k.h",         whole, block, all,    4, 64, 64,  64, 0, false, four_parts},
+  expansion_row{qtype_q4_k,     "qlinear_xpu_dequantize_kernel_q4_k",              "kernels/dequant/q4_k.h",         whole, block, all,    8, 32, 32,  64, 0, false, {a::part0, a::part1, a::part2, a::output}},
+  expansion_row{qtype_q5_k,     "qlinear_xpu_dequantize_kernel_q5_k",              "kernels/dequant/q5_k.h",         whole, block, all,    4, 64, 64,  64, 0, false, records},
+  expansion_row{qtype_q4_0,     "qlinear_xpu_tile_dequantize_kernel_q4_0_1x4",     "kernels/dequant/q4_0_1x4.h",     tile,  row,   elm,    4, 16, 256, 64, 0, false, scaled_rows},
+  expansion_row{qtype_q4_0,     "qlinear_xpu_tile_dequantize_kernel_q4_0_1x2",     "kernels/dequant/q4_0_1x2.h",     tile,  row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_q8_0,     "qlinear_xpu_tile_dequantize_kernel_q8_0_1x1",     "kernels/dequant/q8_0_1x1.h",     tile,  row,   all,    1, 64, 256, 64, 0, true,  scaled_rows},
+  expansion_row{qtype_fp8_e5m2, "qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1", "kernels/dequant/fp8_e5m2_1x1.h", tile,  row,   all,    1, 64, 256, 64, 0, true,  plain_rows},
+  expansion_row{qtype_fp6,      "qlinear_xpu_tile_dequantize_kernel_fp6_1x16",     "kernels/dequant/fp6_1x16.h",     tile,  row,   all,   16, 64, 256, 64, 2, true,  {a::state_size, a::rounds, a::part1, a::part0, a::part2, a::output, a::block_step, a::element_step}},
+  expansion_row{qtype_q2_k,     "xpu_dequantize_rows_kernel_q2_k",                 "kernels/dequant/q2_k.h",         rows,  block, all,    4, 64, 64,  64, 0, false, {a::blocks_of_row, a::index, a::part0, a::output, a::weight_blocks}},
+  expansion_row{qtype_q4_k,     "xpu_dequantize_rows_kernel_q4_k",                 "kernels/dequant/q4_k.h",         rows,  block, all,    8, 32, 32,  64, 0, false, {a::blocks_of_row, a::index, a::output, a::part2, a::part0, a::part1}},
+  };
+}();
+// clang-format on
+
+constexpr bool runs_on(const expansion_row& row, launcher_table_index table) {
+  switch (row.tables) {
+    case expansion_tables::elm:
+      return table == table_elm;
+    case expansion_tables::others:
+      return table != table_elm;
+    case expansion_tables::all:
+      break;
+  }
+  return true;
+}
+
+// The row of a format's expansion on the device classes of a launcher table; -1 if there is none.
+constexpr int expansion_index(expansion operation, int qtype, launcher_table_index table) {
+  for (std::size_t i = 0; i < expansion_table.size(); ++i)
+    if (expansion_table[i].operation == operation && expansion_table[i].qtype == qtype &&
+        runs_on(expansion_table[i], table))
+      return static_cast<int>(i);
+  return -1;
+}
+
+// Super-blocks ask for no sub-group size, and are no template over it.
+constexpr bool has_sub_group(const expansion_row& row) {
+  return row.form != expansion_form::block;
+}
+
+// How the work-items of one work-group walk over a row.
+struct row_walk {
+  int32_t work_group;
+  int32_t element_step;
+  int32_t block_step;
+  int32_t rounds;
+};
+
+// The largest work-group whose rounds fill the row, which a row of one block has as well.
+constexpr row_walk walk_of(const expansion_row& row, uint64_t state_size) {
+  constexpr int BLOCK = 64;
+  int work_group = row.least_work_group;
+  while (2 * work_group <= row.most_work_group && state_size % (2 * work_group * row.span) == 0) work_group *= 2;
+  const int element_step = work_group * row.span;
+  return {work_group, element_step, element_step / BLOCK, static_cast<int32_t>(state_size / element_step)};
+}
 
 }  // namespace quillon

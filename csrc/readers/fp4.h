@@ -10,6 +10,7 @@
 #pragma once
 
 #include "formats/small_floats.h"
+#include "readers/expansion.h"
 #include "readers/scaled_blocks.h"
 
 namespace quillon {
@@ -51,6 +52,30 @@ struct fp4_reader : scaled_blocks<16, half> {
     const uint32_t steps[2] = {fp4_steps(codes.half_words[0]), fp4_steps(codes.half_words[1])};
     return sum_products<CHUNK>(
         x, [=](auto i) { return exact_values<T>(fp4_of_word(codes.half_words[i / 8], steps[i / 8], i % 8)); });
+#endif
+  }
+};
+
+// Expanded in T.
+struct fp4_expander : split_nibbles<fp4_expander> {
+  const uint8_t* scales;
+
+  template <typename T>
+  auto value(int64_t block) const {
+    const values<T> d = scale_values<T>(load_half(scales + 2 * block));
+#ifdef QUILLON_VECTOR_LANES
+    float values_of_codes[16];
+    for (uint32_t code = 0; code < 16; ++code) values_of_codes[code] = fp4_to_float(code);
+    const lanes<float> table = rounded_table<T>(values_of_codes);
+    return [d, table](words byte) {
+      return two_values{multiply(d, exact_values<T>(look_up(table, byte & 15u))),
+                        multiply(d, exact_values<T>(look_up(table, byte >> 4)))};
+    };
+#else
+    return [d](words byte) {
+      return two_values{multiply(d, exact_values<T>(fp4_to_float(byte & 15u))),
+                        multiply(d, exact_values<T>(fp4_to_float(byte >> 4)))};
+    };
 #endif
   }
 };

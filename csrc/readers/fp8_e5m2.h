@@ -7,6 +7,7 @@
 #pragma once
 
 #include "formats/small_floats.h"
+#include "readers/expansion.h"
 #include "readers/orders.h"
 #include "readers/places.h"
 #include "readers/sums.h"
@@ -28,6 +29,14 @@ struct fp8_e5m2_reader {
       halves[w][1] = (bytes.half_words[int{w}] & 0xFF00FF00u) | 0x00800080u;
     });
     return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T>(halves[i / 4][i % 2], i % 4 / 2); });
+  }
+};
+
+// Expanded without the scale, and without arithmetic.
+struct fp8_e5m2_expander : whole_bytes<fp8_e5m2_expander> {
+  template <typename T>
+  auto value(int64_t /*block*/) const {
+    return [](words byte) { return half_patterns{(byte << 8) | 0x0080u}; };
   }
 };
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "formats/grids.h"
+#include "readers/expansion.h"
 #include "readers/q8_1.h"
 
 namespace quillon {
@@ -110,5 +111,41 @@ inline float vec_dot_iq1_s_q8_1(const block_iq1_s& w, const block_q8_1* q, uint3
   return dot_of_slice<iq1_s_reader>(&w, q, 0, iqs);
 }
 #endif
+
+// Expanded in float. A work-item's share of a super-block is vector at / 8 of group at mod 8: eight neighbours.
+struct iq1_s_expander {
+  const block_iq1_s* weight;
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t b, const To& to) const {
+    const block_iq1_s& block = weight[b];
+    const words bit_of_value = {0, 8, 16, 24, 4, 12, 20, 28, 0, 8, 16, 24, 4, 12, 20, 28};
+#pragma clang loop unroll(disable)
+    for (int g = 0; g < 8; ++g) {
+      const uint32_t h = word_iq1_s(block, g);
+      const auto scale = lanes<float>(scale_iq1_s(load_half(block.d), h));
+      const auto shift = lanes<float>(delta_iq1_s(h));
+      unrolled<2>([&](auto v) {
+        const words rows = in_octets(grid_iq1_s(block, g, 2 * v), grid_iq1_s(block, g, 2 * v + 1));
+        to(32 * g + 16 * v, multiply(scale, add(shift, biased_codes<float>((rows >> bit_of_value) & 15u, 0))));
+      });
+    }
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t b, int at, const To& to) const {
+    const int g = at % 8, v = at / 8;
+    const auto slice = iq1_s_reader::load(weight + b, 0, g);
+    const uint32_t row = slice.row(v);
+    const float scale = slice.scale(), shift = slice.shift();
+    const auto value = [=](int p) {
+      const uint32_t code = (row >> (8 * (p % 4) + 4 * (p / 4))) & 15u;
+      return multiply(scale, add(shift, biased_codes<float>(code, 0)));
+    };
+    to(32 * g + 8 * v, {value(0), value(1), value(2), value(3), value(4), value(5), value(6), value(7)});
+  }
+#endif
+};
 
 }  // namespace quillon

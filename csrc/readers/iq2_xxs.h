@@ -11,6 +11,7 @@
 #pragma once
 
 #include "formats/grids.h"
+#include "readers/expansion.h"
 #include "readers/q8_1.h"
 
 namespace quillon {
@@ -131,5 +132,49 @@ inline float vec_dot_iq2_xxs_q8_1(const block_iq2_xxs& w, const block_q8_1* q, u
   return dot_of_slice<iq2_xxs_reader>(&w, q, 0, iqs);
 }
 #endif
+
+// Expanded in float. A work-item's share of a super-block is vector at / 8 of group at mod 8: eight neighbours.
+struct iq2_xxs_expander {
+  const block_iq2_xxs* weight;
+
+  // The value, or its negative where the bit of `signs` is set.
+  static lanes<float> with_sign(lanes<float> value, words signs, words bit) {
+    return bit_cast<lanes<float>>(bit_cast<words>(value) ^ ((signs << (31u - bit)) & 0x80000000u));
+  }
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t b, const To& to) const {
+    const block_iq2_xxs& block = weight[b];
+    const words lane = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+#pragma clang loop unroll(disable)
+    for (int g = 0; g < 8; ++g) {
+      const uint32_t word = word_iq2_xxs(block, g);
+      const auto scale = lanes<float>(scale_iq2_xxs(load_half(block.d), word));
+      unrolled<2>([&](auto v) {
+        const vector<uint64_t, 2> rows = {grid_iq2_xxs(block, g, 2 * v), grid_iq2_xxs(block, g, 2 * v + 1)};
+        const words signs =
+            words(signs_iq2_xxs(word, 2 * v) | static_cast<uint32_t>(signs_iq2_xxs(word, 2 * v + 1)) << 8);
+        const words magnitudes = __builtin_convertvector(bit_cast<lanes<uint8_t>>(rows), words);
+        to(32 * g + 16 * v, with_sign(multiply(scale, biased_codes<float>(magnitudes, 0)), signs, lane));
+      });
+    }
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t b, int at, const To& to) const {
+    const int g = at % 8, v = at / 8;
+    const auto slice = iq2_xxs_reader::load(weight + b, 0, g);
+    const word_pair row = slice.magnitudes(v);
+    const uint32_t signs = slice.signs(v);
+    const float scale = multiply(slice.scale(), 0.25f);
+    const auto value = [=](int p) {
+      const uint32_t magnitude = (row[p / 4] >> (8 * (p % 4))) & 255u;
+      return with_sign(multiply(scale, biased_codes<float>(magnitude, 0)), signs, p);
+    };
+    to(32 * g + 8 * v, {value(0), value(1), value(2), value(3), value(4), value(5), value(6), value(7)});
+  }
+#endif
+};
 
 }  // namespace quillon

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "formats/code_books.h"
+#include "readers/expansion.h"
 #include "readers/scaled_blocks.h"
 
 namespace quillon {
@@ -88,6 +89,43 @@ struct nf3_reader : scaled_blocks<16, half> {
       constexpr int LOW_BIT = 8 * (i / 4) + 6 - 2 * (i % 4);
       return nf3_value<T>(table, ((top >> i) & 1) << 2 | ((low >> LOW_BIT) & 3));
     });
+  }
+#endif
+};
+
+// Expanded in float, for every T: no twin of nf4. A work-item's share is four neighbours, one byte of the low bits.
+struct nf3_expander {
+  static constexpr int SPAN = 4;
+  const uint8_t* quants;
+  const uint8_t* scales;
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t b, const To& to) const {
+    const uint8_t* block = quants + sizeof(block_nf3_qs) * b;
+    const auto d = lanes<float>(convert<float>(load_half(scales + 2 * b)));
+    const lanes<float> table = rounded_table<float>(dequantNF3);
+    const words low_bit = {6, 4, 2, 0, 14, 12, 10, 8, 22, 20, 18, 16, 30, 28, 26, 24};
+    const words lane = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+#pragma clang loop unroll(disable)
+    for (int e = 0; e < 64; e += LANES) {
+      const words low = (words(load_u32(block + 8 + e / 4)) >> low_bit) & 3u;
+      const words top = (words(load_u16(block + e / 8)) >> lane) & 1u;
+      to(e, multiply(look_up(table, low | top << 2), d));
+    }
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t b, int at, const To& to) const {
+    const uint8_t* block = quants + sizeof(block_nf3_qs) * b;
+    const float d = convert<float>(load_half(scales + 2 * b));
+    const uint32_t low = block[8 + at / 4];
+    const uint32_t top = block[at / 8] >> (at % 8);
+    const auto table = nf3_table<float>(first_constants<8>{});
+    const auto value = [&](int p) {
+      return multiply(nf3_value<float>(table, (top >> p & 1u) << 2 | (low >> (6 - 2 * p) & 3u)), d);
+    };
+    to(at, {value(0), value(1), value(2), value(3)});
   }
 #endif
 };

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "formats/code_books.h"
+#include "readers/expansion.h"
 #include "readers/scaled_blocks.h"
 
 namespace quillon {
@@ -66,6 +67,28 @@ struct nf4_reader : scaled_blocks<16, half> {
       const nf4_pair<T> pair = nf4_pairs<T>.of_byte[codes.byte(i / 2)];
       return i % 2 == 0 ? pair.first() : pair.second();
     });
+#endif
+  }
+};
+
+// Expanded in T, the entries of the table rounded to it first.
+struct nf4_expander : split_nibbles<nf4_expander> {
+  const uint8_t* scales;
+
+  template <typename T>
+  auto value(int64_t block) const {
+    const values<T> d = scale_values<T>(load_half(scales + 2 * block));
+#ifdef QUILLON_VECTOR_LANES
+    const lanes<float> table = rounded_table<T>(dequantNF4);
+    return [d, table](words byte) {
+      return two_values{multiply(exact_values<T>(look_up(table, byte >> 4)), d),
+                        multiply(exact_values<T>(look_up(table, byte & 15u)), d)};
+    };
+#else
+    return [d](words byte) {
+      const nf4_pair<T> pair = nf4_pairs<T>.of_byte[byte];
+      return two_values{multiply(pair.first(), d), multiply(pair.second(), d)};
+    };
 #endif
   }
 };

@@ -14,6 +14,7 @@
 #include <cstddef>
 
 #include "formats/super_blocks.h"
+#include "readers/expansion.h"
 #include "readers/q8_1.h"
 
 namespace quillon {
@@ -134,5 +135,42 @@ inline float vec_dot_q2_k_q8_1(const block_q2_K& w, const block_q8_1* q, uint32_
   return dot_of_slice<q2_k_reader>(&w, q, 0, iqs);
 }
 #endif
+
+// Expanded in float. A work-item's share of a super-block is one byte of codes: four elements, 32 apart.
+struct q2_k_expander {
+  const block_q2_K* weight;
+
+  static sub_block_floats values_of(const block_q2_K& block, int sub_block) {
+    const uint32_t byte = block.scales[sub_block];
+    return {load_half(block.d), byte & 15u, load_half(block.dmin), byte >> 4};
+  }
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t b, const To& to) const {
+    const block_q2_K& block = weight[b];
+#pragma clang loop unroll(disable)
+    for (int l = 0; l < 64; l += LANES) {
+      const words byte = load_bytes(block.qs + l);
+      const int first = 128 * (l / 32) + l % 32;
+      unrolled<4>([&](auto t) {
+        const int e = first + 32 * t;
+        to(e, values_of(block, e / 16)((byte >> (2 * t)) & 3u));
+      });
+    }
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t b, int at, const To& to) const {
+    const block_q2_K& block = weight[b];
+    const uint32_t byte = block.qs[at];
+    const int first = 128 * (at / 32) + at % 32;
+    unrolled<4>([&](auto t) {
+      const int e = first + 32 * t;
+      to(e, {values_of(block, e / 16)((byte >> (2 * t)) & 3u)});
+    });
+  }
+#endif
+};
 
 }  // namespace quillon

@@ -7,6 +7,7 @@
 //   pairs   | d half | m half |                           W = d * e + m; m meets the sum of a chunk's activations
 #pragma once
 
+#include "readers/expansion.h"
 #include "readers/orders.h"
 #include "readers/places.h"
 #include "readers/sums.h"
@@ -29,6 +30,21 @@ struct q4_1_reader {
     const words pair = entry_of_block<uint32_t>(at, pairs);
     return {rounded_halves<T>(halves_of_bits<half>(pair & 0xFFFFu)),
             rounded_halves<T>(halves_of_bits<half>(pair >> 16))};
+  }
+};
+
+// Expanded in T, the product rounded before the sum.
+struct q4_1_expander : split_nibbles<q4_1_expander> {
+  const uint8_t* pairs;
+
+  template <typename T>
+  auto value(int64_t block) const {
+    const values<T> d = scale_values<T>(load_half(pairs + 4 * block));
+    const values<T> m = scale_values<T>(load_half(pairs + 4 * block + 2));
+    return [d, m](words byte) {
+      return two_values{add(multiply(d, biased_codes<T>(byte & 15u, 0)), m),
+                        add(multiply(d, biased_codes<T>(byte >> 4, 0)), m)};
+    };
   }
 };
 

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "formats/super_blocks.h"
+#include "readers/expansion.h"
 #include "readers/orders.h"
 #include "readers/places.h"
 #include "readers/sums.h"
@@ -51,6 +52,37 @@ struct q4_k_reader {
     else
       return rounded_halves<T>(d) * biased_codes<T>(byte, 0);
   }
+};
+
+// Expanded in float. A work-item's share of a super-block is four bytes, number c of those of sub-block k: two times four
+// neighbours, sixteen elements apart.
+struct q4_k_expander {
+  const uint8_t* quants;
+  const uint8_t* scales;
+  const uint8_t* pairs;
+
+  // A function from a byte of sub-block k to what its two codes become.
+  auto value(int64_t block, int k) const {
+    const uint32_t pair = load<uint32_t, 4>(pairs + 4 * block);
+    const uint32_t bytes = load<uint16_t, 2>(scales + 16 * block + 2 * k);
+    const sub_block_floats of_code(half_from_bits(static_cast<uint16_t>(pair)), bytes & 255u,
+                                   half_from_bits(static_cast<uint16_t>(pair >> 16)), bytes >> 8);
+    return [of_code](words byte) { return two_values{of_code(byte & 15u), of_code(byte >> 4)}; };
+  }
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t block, const To& to) const {
+#pragma clang loop unroll(disable)
+    for (int k = 0; k < 8; ++k) expand_pairs<16>(quants + 128 * block + 16 * k, 32 * k, value(block, k), to);
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t block, int at, const To& to) const {
+    const int k = at / 4, c = at % 4;
+    expand_pairs<4, 16>(quants + 128 * block + 4 * at, 32 * k + 4 * c, value(block, k), to);
+  }
+#endif
 };
 
 }  // namespace quillon

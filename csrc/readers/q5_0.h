@@ -10,6 +10,7 @@
 
 #include "formats/integer_blocks.h"
 #include "kernels/lanes.h"
+#include "readers/five_bit_records.h"
 
 namespace quillon {
 
@@ -28,6 +29,14 @@ struct q5_0_reader {
       else
         return rounded_values<T>(d * biased_codes<float>(code, 16));
     };
+  }
+};
+
+// Expanded in float.
+struct q5_0_expander : five_bit_records<q5_0_expander> {
+  static auto value(const block_q5_1& block) {
+    const auto d = lanes<float>(convert<float>(load_half(block.d)));
+    return [d](words code) { return multiply(d, biased_codes<float>(code, 16)); };
   }
 };
 

@@ -10,6 +10,7 @@
 
 #include "formats/integer_blocks.h"
 #include "kernels/lanes.h"
+#include "readers/five_bit_records.h"
 
 namespace quillon {
 
@@ -24,6 +25,15 @@ struct q5_1_reader {
     const values<T> d = rounded_values<T>(lanes<float>(convert<float>(of_code)));
     const values<T> m = rounded_values<T>(lanes<float>(convert<float>(minimum)));
     return [d, m](words code) { return multiply_add(d, biased_codes<T>(code, 0), m); };
+  }
+};
+
+// Expanded in float, the product rounded before the sum.
+struct q5_1_expander : five_bit_records<q5_1_expander> {
+  static auto value(const block_q5_1& block) {
+    const auto d = lanes<float>(convert<float>(load_half(block.d)));
+    const auto m = lanes<float>(convert<float>(load_half(block.m)));
+    return [d, m](words code) { return add(multiply(d, biased_codes<float>(code, 0)), m); };
   }
 };
 

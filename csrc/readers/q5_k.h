@@ -16,6 +16,7 @@
 
 #include "formats/super_blocks.h"
 #include "kernels/lanes.h"
+#include "readers/expansion.h"
 
 namespace quillon {
 
@@ -119,5 +120,46 @@ inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) 
   });
   return multiply_subtract(scaled, w.d, minimum * w.dmin);
 }
+
+// Expanded in float. A work-item's share of a super-block is two bytes, number r of those of pair g of sub-blocks: two
+// neighbours in each sub-block.
+struct q5_k_expander {
+  const block_q5_K* weight;
+
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T, typename To>
+  void expand(int64_t b, const To& to) const {
+    const block_q5_K& block = weight[b];
+#pragma clang loop unroll(disable)
+    for (int g = 0; g < 4; ++g) {
+      const sub_block_floats low = values_of(block, 2 * g), high = values_of(block, 2 * g + 1);
+#pragma clang loop unroll(disable)
+      for (int l = 0; l < 32; l += LANES) {
+        const words byte = load_bytes(block.qs + 32 * g + l);
+        const words fifth = load_bytes(block.qh + l) >> (2 * g);
+        to(64 * g + l, low((byte & 15u) | (fifth & 1u) << 4));
+        to(64 * g + 32 + l, high(byte >> 4 | (fifth & 2u) << 3));
+      }
+    }
+  }
+#else
+  template <typename T, int, typename To>
+  void expand(int64_t b, int at, const To& to) const {
+    const block_q5_K& block = weight[b];
+    const int g = at / 16, l = 2 * (at % 16);
+    const sub_block_floats low = values_of(block, 2 * g), high = values_of(block, 2 * g + 1);
+    const uint32_t bytes = load<uint16_t, 2>(block.qs + 32 * g + l);
+    const uint32_t fifth = static_cast<uint32_t>(load<uint16_t, 2>(block.qh + l)) >> (2 * g);
+    to(64 * g + l, {low((bytes & 15u) | (fifth & 1u) << 4), low((bytes >> 8 & 15u) | (fifth >> 8 & 1u) << 4)});
+    to(64 * g + 32 + l, {high((bytes >> 4 & 15u) | (fifth & 2u) << 3), high(bytes >> 12 | (fifth >> 8 & 2u) << 3)});
+  }
+#endif
+
+ private:
+  static sub_block_floats values_of(const block_q5_K& block, int j) {
+    return {load_half(block.d), static_cast<uint32_t>(scale_q5_k(block.scales, j)), load_half(block.dmin),
+            static_cast<uint32_t>(minimum_q5_k(block.scales, j))};
+  }
+};
 
 }  // namespace quillon

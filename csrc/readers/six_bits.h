@@ -7,6 +7,7 @@
 
 #include "formats/small_floats.h"
 #include "formats/super_blocks.h"
+#include "readers/expansion.h"
 #include "readers/orders.h"
 #include "readers/places.h"
 #include "readers/sums.h"
@@ -45,5 +46,19 @@ struct fp6_planes {
     });
   }
 };
+
+#ifdef QUILLON_VECTOR_LANES
+// The sixteen codes of a group, from its words: element 4 * step + p is in byte BYTE[p] of the step's words.
+template <int... BYTE>
+inline words six_bit_codes(const uint8_t* high, const uint8_t* low) {
+  static_assert(sizeof...(BYTE) == 4);
+  const words byte = {8 * BYTE..., 8 * BYTE..., 8 * BYTE..., 8 * BYTE...};
+  const words high_bit = {6, 6, 6, 6, 4, 4, 4, 4, 2, 2, 2, 2, 0, 0, 0, 0};
+  const words low_bit = {4, 4, 4, 4, 0, 0, 0, 0, 4, 4, 4, 4, 0, 0, 0, 0};
+  const auto both = load_vector<uint32_t, 2>(low);
+  const words low_words = __builtin_shufflevector(both, both, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
+  return ((words(load_u32(high)) >> (byte + high_bit)) & 3u) << 4 | ((low_words >> (byte + low_bit)) & 15u);
+}
+#endif
 
 }  // namespace quillon

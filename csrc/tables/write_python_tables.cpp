@@ -155,6 +155,26 @@ std::string kernel_text(const kernel_row& row) {
   return text.str();
 }
 
+constexpr const char* kExpansionNames[] = {"whole", "tile", "rows"};
+static_assert(std::size(kExpansionNames) == static_cast<std::size_t>(expansion::rows) + 1);
+constexpr const char* kFormNames[] = {"row", "flat", "block"};
+static_assert(std::size(kFormNames) == static_cast<std::size_t>(expansion_form::block) + 1);
+
+std::string expansion_text(const expansion_row& row) {
+  std::ostringstream text;
+  text << "    {\n        \"format\": " << quoted(format_table[row.qtype].name)
+       << ",\n        \"name\": " << quoted(row.name) << ",\n        \"header\": " << quoted(row.header)
+       << ",\n        \"operation\": " << quoted(kExpansionNames[static_cast<int>(row.operation)])
+       << ",\n        \"form\": " << quoted(kFormNames[static_cast<int>(row.form)]) << ",\n        \"sub_groups\": {";
+  for (int table = 0; table < static_cast<int>(launcher_geometries.size()); ++table)
+    if (runs_on(row, static_cast<launcher_table_index>(table)))
+      text << quoted(launcher_geometries[table].name) << ": "
+           << (has_sub_group(row) ? std::to_string(launcher_geometries[table].sub_group) : "None") << ", ";
+  text << "},\n        \"span\": " << row.span << ",\n        \"work_group\": " << row.most_work_group
+       << ",\n        \"row_unit\": " << row.row_unit << ",\n        \"waits\": " << truth(row.waits) << ",\n    },\n";
+  return text.str();
+}
+
 std::string kernel_table_text() {
   std::ostringstream text;
   text << "LAUNCHER_TABLES = {\n";
@@ -171,6 +191,8 @@ std::string kernel_table_text() {
   }
   text << "}\n\nKERNELS = (\n";
   for (const kernel_row& row : kernel_table) text << kernel_text(row);
+  text << ")\n\nEXPANSIONS = (\n";
+  for (const expansion_row& row : expansion_table) text << expansion_text(row);
   text << ")\n";
   return text.str();
 }

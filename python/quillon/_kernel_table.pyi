@@ -17,6 +17,18 @@ class KernelRow(TypedDict):
     arguments: tuple[str, ...]
     local_arrays: int
 
+class ExpansionRow(TypedDict):
+    format: str
+    name: str
+    header: str
+    operation: Literal["whole", "tile", "rows"]
+    form: Literal["row", "flat", "block"]
+    sub_groups: dict[str, int | None]
+    span: int
+    work_group: int
+    row_unit: int
+    waits: bool
+
 LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
 
@@ -26,3 +38,7 @@ ROWS_AT_ONCE: dict[str, dict[str, int]]
 KERNELS: tuple[KernelRow, ...]
 """One for each kernel. Geometries, by launcher table: template constants behind the element type, required sub-group
 size, lanes and rows of a work-group. Build options, where there are some: by the sub-group size that they ask for."""
+
+EXPANSIONS: tuple[ExpansionRow, ...]
+"""One for each kernel that writes a packed weight as a dense matrix. Sub-groups: the required size in each launcher
+table whose device classes run the kernel."""

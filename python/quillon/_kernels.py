@@ -39,6 +39,10 @@ class Geometry:
     """Output rows of a work-group."""
 
 
+def _expression(name: str, element_type: str, geometry: Geometry) -> str:
+    return f"{name}<{','.join([element_type, *map(str, geometry.constants)])}>"
+
+
 @dataclass(frozen=True, eq=False)
 class Kernel:
     """A kernel template and its instantiations; each is one object, equal to itself alone."""
@@ -76,9 +80,18 @@ class Kernel:
         round_ = self.elements * self.geometry(device_class).lanes if self.drops_tail else 1
         return math.lcm(get_format(self.format).elements, round_)
 
+    @property
+    def element_types(self) -> tuple[str, ...]:
+        """Those that it is instantiated for."""
+        return ELEMENT_TYPES
+
+    def runs_on(self, device_class: str) -> bool:
+        """Whether devices of a class have it in their launcher table."""
+        return device_class in LAUNCHER_TABLES
+
     def expression(self, element_type: str, geometry: Geometry) -> str:
         """An instantiation as the library names it: ``"name<float,16,32,2>"``."""
-        return f"{self.name}<{','.join([element_type, *map(str, geometry.constants)])}>"
+        return _expression(self.name, element_type, geometry)
 
 
 def _kernel(row: _kernel_table.KernelRow) -> Kernel:
@@ -106,3 +119,74 @@ KERNELS: Mapping[str, Kernel] = MappingProxyType(
     {kernel.format: kernel for kernel in ALL_KERNELS if kernel.family in ("matvec", "quantizer")}
 )
 """The kernel of each format: its matrix-vector product, or for activations their quantizer."""
+
+
+@dataclass(frozen=True, eq=False)
+class Expansion:
+    """A kernel template that writes a packed weight as a dense matrix; each is one object, equal to itself alone."""
+
+    name: str
+    header: str
+    """Relative to csrc/."""
+    format: str
+    operation: Literal["whole", "tile", "rows"]
+    """All of the weight, a band of its rows, or the rows that an index names."""
+    form: Literal["row", "flat", "block"]
+    """What a work-group is dealt: one row, elements counted over the whole weight, or one super-block."""
+    sub_groups: Mapping[str, int | None]
+    """The sub-group size that the kernel requires, by the launcher tables whose device classes run it."""
+    span: int
+    """Elements that a work-item writes in a round."""
+    work_group: int
+    """Most work-items of a work-group."""
+    row_unit: int
+    """A row length that is no multiple of it is refused; 0: none is."""
+    waits: bool
+    """Whether its host entry returns when the kernel has finished."""
+
+    @property
+    def element_types(self) -> tuple[str, ...]:
+        """Those that it is instantiated for."""
+        return ELEMENT_TYPES if self.operation != "rows" else ("float",)
+
+    @property
+    def build_options(self) -> Mapping[int, tuple[str, ...]]:
+        """None: the sub-group size is a template argument or left to the compiler."""
+        return {}
+
+    @property
+    def local_arrays(self) -> int:
+        """Local arrays among the arguments."""
+        return 0
+
+    def runs_on(self, device_class: str) -> bool:
+        """Whether devices of a class run it."""
+        return LAUNCHER_TABLES[device_class] in self.sub_groups
+
+    def geometry(self, device_class: str) -> Geometry:
+        """The kernel on devices of a class that runs it."""
+        sub_group = self.sub_groups[LAUNCHER_TABLES[device_class]]
+        return Geometry(() if sub_group is None else (sub_group,), sub_group, self.work_group, 1)
+
+    def expression(self, element_type: str, geometry: Geometry) -> str:
+        """An instantiation as the library names it: ``"name<float,16>"``."""
+        return _expression(self.name, element_type, geometry)
+
+
+def _expansion(row: _kernel_table.ExpansionRow) -> Expansion:
+    return Expansion(
+        name=row["name"],
+        header=row["header"],
+        format=row["format"],
+        operation=row["operation"],
+        form=row["form"],
+        sub_groups=MappingProxyType(row["sub_groups"]),
+        span=row["span"],
+        work_group=row["work_group"],
+        row_unit=row["row_unit"],
+        waits=row["waits"],
+    )
+
+
+EXPANSIONS: tuple[Expansion, ...] = tuple(_expansion(row) for row in _kernel_table.EXPANSIONS)
+"""The kernels that expand, in the order of the C++ table."""

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import contextlib
 from collections.abc import Callable
 
 import pytest
@@ -18,7 +17,7 @@ Call = Callable[[torch.Tensor, torch.Tensor], torch.Tensor]
 GUARDED = {
     "forward_new": ("weights", (2, 0), "sorrel_qlinear_forward", "input"),
     "dequant": ("weight", (2,), "sorrel_xpu_dequant", "weight"),
-    "dequantize_rows": ("weight", (2, 64, 64), "sorrel_dequantize_rows", "input"),
+    "dequantize_rows": ("weight", (27, 256, 8), "sorrel_dequantize_rows", "input"),
 }
 SITES = {"forward_new": "linear_forward_new", "dequant": "dequant", "dequantize_rows": "dequantize_rows"}
 
@@ -34,7 +33,7 @@ def _call(name: str, route: str) -> Call:
 def _input(name: str) -> torch.Tensor:
     """A contiguous, accepted `input`: two row numbers for dequantize_rows, else one activation row."""
     if name == "dequantize_rows":
-        return torch.tensor([1, 0], device="xpu")
+        return torch.tensor([[1, 0]], device="xpu")
     return torch.ones(1, 64, device="xpu")
 
 
@@ -91,8 +90,7 @@ def test_tensors_on_different_devices(name: str, route: str) -> None:
     call = _call(name, route)
     text = _message(call, _input(name).to("xpu:2"), _weight().to("xpu:1"))
     assert text == f"{name}: input is on xpu:2 and weight on xpu:1; both must be on one device"
-    with contextlib.suppress(NotImplementedError):
-        call(_input(name).to("xpu:2"), _weight().to("xpu:2"))
+    call(_input(name).to("xpu:2"), _weight().to("xpu:2"))
 
 
 @routes
@@ -133,13 +131,17 @@ def test_check_sites() -> None:
     text = """
         import torch, quillon, vesper_linear
         x, w = torch.ones(1, 64, device="xpu"), torch.zeros(34 * 64, dtype=torch.uint8, device="xpu")
-        rows = torch.tensor([0], device="xpu")
+        rows = torch.tensor([[0]], device="xpu")
         for module in (vesper_linear, torch.ops.quillon):
             for function, arguments in (
                 (module.forward_new, (x, w.cpu(), 2, 0)),
                 (module.dequant, (x, w.cpu(), 2)),
                 (module.dequantize_rows, (rows, w.cpu(), 2, 64, 64)),
                 (module.forward_new, (x[:, :40].contiguous(), w, 2, 0)),
+                (module.dequant, (x[:, :40].contiguous(), w, 2)),
+                (module.dequant, (x[:, :40].contiguous(), w, 21)),
+                (module.dequantize_rows, (rows, w, 23, 40, 1)),
+                (module.dequantize_rows, (rows, w, 27, 40, 1)),
                 (module.forward_new, (x.int(), w, 2, 0)),
             ):
                 try:
@@ -147,7 +149,9 @@ def test_check_sites() -> None:
                 except RuntimeError as error:
                     print(str(error).splitlines()[1].split(" at ")[0])
     """
-    sites = ["linear_forward_new", "dequant", "dequantize_rows", "qlinear_xpu_kernel_q4_0_2x16", "operator()"]
+    sites = ["linear_forward_new", "dequant", "dequantize_rows", "qlinear_xpu_kernel_q4_0_2x16"]
+    sites += ["qlinear_xpu_dequantize_kernel_q4_0_1x2", "qlinear_xpu_dequantize_kernel_iq2_xxs"]
+    sites += ["xpu_dequantize_rows_kernel_q2_k", "xpu_dequantize_rows_kernel_q4_k", "operator()"]
     lines = output_of(text, TORCH_SHOW_CPP_STACKTRACES="1", TORCH_DISABLE_ADDR2LINE="1").splitlines()
     assert lines == [f"Exception raised from {site}" for site in sites] * 2
 
@@ -160,11 +164,7 @@ def test_check_sites() -> None:
 @pytest.mark.parametrize("shapes", [True, False])
 def test_record(name: str, route: str, shapes: bool) -> None:
     input, weight = _input(name), _weight()
-    # An operator without kernels for the format records its call just the same.
-    with (
-        profile(activities=[ProfilerActivity.CPU], record_shapes=shapes) as session,
-        contextlib.suppress(NotImplementedError),
-    ):
+    with profile(activities=[ProfilerActivity.CPU], record_shapes=shapes) as session:
         _call(name, route)(input, weight)
     _, _, record, recorded = GUARDED[name]
     events = [event for event in session.events() if event.name.startswith("sorrel_")]
@@ -199,8 +199,7 @@ def test_guards_run_and_nothing_is_recorded_with_the_profiler_off(name: str) -> 
     session = profile(activities=[ProfilerActivity.CPU])
     with session:
         torch.ones(1) + 1
-    with contextlib.suppress(NotImplementedError):
-        _call(name, "module")(_input(name), _weight())
+    _call(name, "module")(_input(name), _weight())
     assert _message(_call(name, "module"), _input(name).cpu(), _weight()) == "input must be a XPU tensor"
     names = [event.name for event in session.events()]
     assert "aten::add" in names

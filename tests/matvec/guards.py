@@ -19,12 +19,13 @@ GUARD = bytes(range(1, 65))
 def output_guard(elements: int, dtype: torch.dtype, device: torch.device) -> Iterator[int]:
     """Put a guard behind the block that the next tensor of `elements` gets; gives the block's address.
 
-    At the end nothing but the elements may have changed. Allocations are rounded up to 512 bytes, so that the guard
-    belongs to the block and to nobody else.
+    At the end nothing but the elements may have changed. Allocations are rounded up, so that the guard belongs to the
+    block and to nobody else.
     """
     size = torch.empty(0, dtype=dtype).element_size() * elements
-    assert size + len(GUARD) <= 512
+    before = torch.xpu.memory_allocated(device)
     block = torch.zeros(1, elements, dtype=dtype, device=device)
+    assert torch.xpu.memory_allocated(device) - before >= size + len(GUARD)
     address = block.data_ptr()
     torch.xpu.synchronize(device)
     ctypes.memmove(address + size, GUARD, len(GUARD))

@@ -15,7 +15,7 @@ from gpu_compile.machine_code import KernelInfo
 from gpu_compile.ocloc import GpuModule, compile_for_gpu, device_argument
 from gpu_compile.spirv import SpirvKernel, dump_spirv
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ALL_KERNELS, ELEMENT_TYPES, Geometry, Kernel
+from quillon._kernels import ALL_KERNELS, ELEMENT_TYPES, EXPANSIONS, Expansion, Geometry, Kernel
 from quillon.formats import get_format
 
 CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
@@ -29,7 +29,7 @@ CLASSES_WITHOUT_SUB_GROUPS_OF_8 = frozenset({"elm", "fir", "yew"})
 class Build:
     """What one build of the SYCL compiler makes: a kernel in one geometry, in all element types."""
 
-    kernel: Kernel
+    kernel: Kernel | Expansion
     geometry: Geometry
     sub_group: int | None
     """The size that is required, by template argument, build option or the kernel's text; None: none is."""
@@ -40,8 +40,10 @@ class Build:
 
     @property
     def packed_bytes(self) -> float:
-        """Weight bytes, scales included, that a lane reads in one pass of its loop over K."""
+        """Weight bytes, scales included, that a lane reads in one pass of its loop over K, or of an expansion's row."""
         block = get_format(self.kernel.format)
+        if isinstance(self.kernel, Expansion):
+            return self.kernel.span * block.bytes / block.elements
         rows = self.geometry.rows if self.kernel.range in ("rows", "batches") else 1
         return rows * self.kernel.rounds_of_pass * self.kernel.elements * block.bytes / block.elements
 
@@ -49,7 +51,7 @@ class Build:
         return self.kernel.expression(element_type, self.geometry)
 
 
-def build_for(kernel: Kernel, device_class: str) -> Build:
+def build_for(kernel: Kernel | Expansion, device_class: str) -> Build:
     """How the launchers have a kernel built on GPUs of a class."""
     geometry = kernel.geometry(device_class)
     without = {8} if device_class in CLASSES_WITHOUT_SUB_GROUPS_OF_8 else set()
@@ -72,7 +74,7 @@ class Case:
     architecture: int
 
     @property
-    def kernel(self) -> Kernel:
+    def kernel(self) -> Kernel | Expansion:
         return self.build.kernel
 
     @property
@@ -91,12 +93,15 @@ class Compiled:
     info: KernelInfo
 
 
-def cases(of: Iterable[Kernel] | None = None) -> Iterator[Case]:
+def cases(of: Iterable[Kernel | Expansion] | None = None) -> Iterator[Case]:
     """Every instantiation of the kernels, or of all, for every listed architecture whose class uses it."""
-    for kernel in ALL_KERNELS if of is None else of:
+    for kernel in (*ALL_KERNELS, *EXPANSIONS) if of is None else of:
         for architecture, device_class in ARCHITECTURES.items():
+            if not kernel.runs_on(device_class):
+                continue
             for element_type in types_on(device_class):
-                yield Case(build_for(kernel, device_class), element_type, architecture)
+                if element_type in kernel.element_types:
+                    yield Case(build_for(kernel, device_class), element_type, architecture)
 
 
 def compile_cases(wanted: Sequence[Case]) -> dict[Case, Compiled | GpuCompileError]:
@@ -108,7 +113,7 @@ def compile_cases(wanted: Sequence[Case]) -> dict[Case, Compiled | GpuCompileErr
     """
 
     def spirv_of(build: Build) -> dict[str, SpirvKernel]:
-        names = [build.expression(element_type) for element_type in ELEMENT_TYPES]
+        names = [build.expression(element_type) for element_type in build.kernel.element_types]
         return dump_spirv(build.kernel.header, names, options=build.options)
 
     outcomes: dict[Case, Compiled | GpuCompileError] = {}

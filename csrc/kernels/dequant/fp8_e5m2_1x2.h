@@ -1,0 +1,19 @@
+// fp8_e5m2 expanded to a dense matrix.
+//
+//   T        element type of the result; the scales are not read
+//   SG_SIZE  required sub-group size
+//
+// A work-item has two neighbours in a round (row_form.h). The bytes are drawn in readers/fp8_e5m2.h.
+#pragma once
+
+#include "kernels/dequant/row_form.h"
+#include "readers/fp8_e5m2.h"
+
+template <typename T, int SG_SIZE>
+QUILLON_KERNEL(1)
+QUILLON_SUB_GROUP(SG_SIZE)
+void qlinear_xpu_dequantize_kernel_fp8_e5m2_1x2(uint64_t state_size, int32_t rounds, const uint8_t* quants, T* out,
+                                                int32_t block_step, int32_t element_step) {
+  using namespace quillon;
+  expand_row<T, 2>(fp8_e5m2_expander{{quants}}, state_size, rounds, out, block_step, element_step);
+}
