@@ -39,6 +39,28 @@ inline lanes<float> rounded_table(const float (&entries)[COUNT]) {
     return table;
 }
 
+#ifdef QUILLON_NARROW_VECTORS
+
+// The entries of such a table, on processors whose registers hold eight floats. The compiler makes one permutation of
+// each loop; of one over sixteen it would make sixteen loads.
+inline vector<float, 8> look_up(vector<float, 8> table, vector<uint32_t, 8> index) {
+  vector<float, 8> result;
+#pragma unroll
+  for (int i = 0; i < 8; ++i) result[i] = table[index[i]];
+  return result;
+}
+inline vector<float, 8> look_up(vector<float, 8> low, vector<float, 8> high, vector<uint32_t, 8> index) {
+  const vector<uint32_t, 8> of_half = index & 7u;
+  return index > 7u ? look_up(high, of_half) : look_up(low, of_half);
+}
+inline lanes<float> look_up(lanes<float> table, words index) {
+  const auto first = look_up(table.lo, table.hi, index.lo);
+  const auto second = look_up(table.lo, table.hi, index.hi);
+  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+}
+
+#else
+
 // The entries of such a table. The compiler makes one permutation of the loop.
 inline lanes<float> look_up(lanes<float> table, words index) {
   lanes<float> result;
@@ -46,6 +68,8 @@ inline lanes<float> look_up(lanes<float> table, words index) {
   for (int i = 0; i < LANES; ++i) result[i] = table[index[i]];
   return result;
 }
+
+#endif
 
 // The same for values that are looked up: nibble i of the words is the index of the value at place i. A loop that stays
 // one: the compiler takes half a minute over sixteen permutations in a row. The sum begins with -0, to which the first

@@ -1,6 +1,9 @@
 // In which of its two forms a kernel runs (kernels/lanes.h).
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "runtime/device_facts.h"
 
 namespace quillon::runtime {
@@ -9,5 +12,8 @@ enum class Backing : int { items, vectors };
 
 // Vectors on the host device, unless a developer compares the two and sets QUILLON_HOST_BACKING to "items".
 Backing backing_of(const DeviceFacts& facts);
+
+// The build options of that form.
+std::vector<std::string> backing_options(Backing backing);
 
 }  // namespace quillon::runtime

@@ -5,7 +5,8 @@
 
 namespace quillon::runtime {
 
-inline const char* const kVectorBacking = "-DQUILLON_VECTOR_LANES";  // see kernels/lanes.h
+inline const char* const kVectorBacking = "-DQUILLON_VECTOR_LANES";    // see kernels/lanes.h
+inline const char* const kNarrowVectors = "-DQUILLON_NARROW_VECTORS";  // see readers/sums.h
 inline std::string sub_group_option(int size) {
   return "-DQUILLON_SUB_GROUP_SIZE=" + std::to_string(size);
 }

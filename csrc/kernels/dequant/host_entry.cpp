@@ -35,9 +35,8 @@ runtime::KernelEntry& entry_of(const ExpansionKernel& kernel, ElementType type, 
   auto& slot = known[kernel.row][kernel.sub_group == 32][static_cast<int>(type)][static_cast<int>(backing)];
   runtime::KernelEntry* entry = slot.load(std::memory_order_acquire);
   if (entry == nullptr) {
-    std::vector<std::string> options;
-    if (backing == Backing::vectors) options.emplace_back(runtime::kVectorBacking);
-    entry = &runtime::kernel_entry(expansion_table[kernel.row].header, instantiation(kernel, type), options);
+    entry = &runtime::kernel_entry(expansion_table[kernel.row].header, instantiation(kernel, type),
+                                   runtime::backing_options(backing));
     slot.store(entry, std::memory_order_release);
   }
   return *entry;

@@ -68,8 +68,7 @@ runtime::KernelEntry& entry_of(const MatvecKernel& kernel, ElementType type, Bac
                     [static_cast<int>(type)][static_cast<int>(backing)];
   runtime::KernelEntry* entry = slot.load(std::memory_order_acquire);
   if (entry == nullptr) {
-    std::vector<std::string> options;
-    if (backing == Backing::vectors) options.emplace_back(runtime::kVectorBacking);
+    std::vector<std::string> options = runtime::backing_options(backing);
     if (sub_group != 0) options.push_back(runtime::sub_group_option(sub_group));
     entry = &runtime::kernel_entry(row.header, instantiation(kernel, type), options);
     slot.store(entry, std::memory_order_release);
