@@ -86,6 +86,15 @@ template <int COUNT, typename E>
 inline lanes<E> spread(vector<E, COUNT> from) {
   return spread<E, COUNT>(from, first_constants<LANES>{});
 }
+// The first (0) or the second one of each pair in the same way.
+template <typename E, int COUNT, int WHICH, int... I>
+inline lanes<E> spread_of_pairs(vector<E, 2 * COUNT> from, constants<I...>) {
+  return __builtin_shufflevector(from, from, (I * COUNT / LANES * 2 + WHICH)...);
+}
+template <int COUNT, int WHICH, typename E>
+inline lanes<E> spread_of_pairs(vector<E, 2 * COUNT> from) {
+  return spread_of_pairs<E, COUNT, WHICH>(from, first_constants<LANES>{});
+}
 
 // Lanes 0 to 15 of every STRIDE-th element from FIRST on of two vectors in a row.
 template <int FIRST, int STRIDE, typename E, int... I>
@@ -254,11 +263,37 @@ inline values<T> halves_of_bits(words bits) {
 #endif
 }
 
-// One of two such halves in each word, the lower (0) or the upper one.
-template <typename T>
-inline values<T> half_of_word(words bits, int upper) {
-  return halves_of_bits<T>(upper ? bits >> 16 : bits);
+// Two such halves in each word, the lower (0) and the upper one, of words that went through `halves_apart` before their
+// bits became those of halves. Vectors hold the lower halves of all lanes in front of the upper ones from there on: one
+// permutation where each half would take one, and sixteen halves side by side are what a processor converts.
+#ifdef QUILLON_VECTOR_LANES
+template <int... I>
+inline words halves_apart(words from, constants<I...>) {
+  const auto halves = bit_cast<vector<uint16_t, 2 * LANES>>(from);
+  return bit_cast<words>(__builtin_shufflevector(halves, halves, (2 * I)..., (2 * I + 1)...));
 }
+inline words halves_apart(words from) {
+  return halves_apart(from, first_constants<LANES>{});
+}
+template <typename T, int UPPER, int... I>
+inline values<T> half_of_word(words bits, constants<I...>) {
+  const auto halves = bit_cast<vector<_Float16, 2 * LANES>>(bits);
+  const lanes<_Float16> chosen = __builtin_shufflevector(halves, halves, (UPPER * LANES + I)...);
+  return exact_values<T>(__builtin_convertvector(chosen, lanes<float>));
+}
+template <typename T, int UPPER>
+inline values<T> half_of_word(words bits) {
+  return half_of_word<T, UPPER>(bits, first_constants<LANES>{});
+}
+#else
+inline uint32_t halves_apart(uint32_t from) {
+  return from;
+}
+template <typename T, int UPPER>
+inline values<T> half_of_word(uint32_t bits) {
+  return halves_of_bits<T>(UPPER ? bits >> 16 : bits);
+}
+#endif
 
 // Floats, rounded to T; of bfloat16, a NaN becomes 0x7FC0.
 template <typename T>

@@ -47,7 +47,7 @@ struct fp4_reader : scaled_blocks<16, half> {
 #ifdef QUILLON_VECTOR_LANES
     float values_of_codes[16];
     for (uint32_t code = 0; code < 16; ++code) values_of_codes[code] = fp4_to_float(code);
-    return sum_looked_up<T>(x, codes.half_words.word, rounded_table<T>(values_of_codes));
+    return sum_looked_up<T, first_nibble::low>(x, codes.half_words, rounded_table<T>(values_of_codes));
 #else
     const uint32_t steps[2] = {fp4_steps(codes.half_words[0]), fp4_steps(codes.half_words[1])};
     return sum_products<CHUNK>(

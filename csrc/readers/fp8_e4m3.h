@@ -20,11 +20,22 @@ struct fp8_e4m3_reader : scaled_blocks<8, float> {
     const auto codes = codes_of_chunk(at, quants);
     words halves[2][2];
     unrolled<2>([&](auto w) {
-      const words bytes = codes.half_words[int{w}];
+      const words bytes = halves_apart(codes.half_words[int{w}]);
+#ifdef QUILLON_VECTOR_LANES
+      // A shift that repeats the sign leaves one copy to be cleared.
+      using shorts = vector<int16_t, 2 * LANES>;
+      const auto of_upper_bytes = [](words from) {
+        const shorts shifted = bit_cast<shorts>(from) >> 1;
+        return (bit_cast<words>(shifted) & 0xBF80BF80u) | 0x00400040u;
+      };
+      halves[w][0] = of_upper_bytes(bytes << 8);
+      halves[w][1] = of_upper_bytes(bytes);
+#else
       halves[w][0] = ((bytes & 0x00800080u) << 8) | ((bytes & 0x007F007Fu) << 7) | 0x00400040u;
       halves[w][1] = (bytes & 0x80008000u) | ((bytes & 0x7F007F00u) >> 1) | 0x00400040u;
+#endif
     });
-    return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T>(halves[i / 4][i % 2], i % 4 / 2); });
+    return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T, i % 4 / 2>(halves[i / 4][i % 2]); });
   }
 };
 

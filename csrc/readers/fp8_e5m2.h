@@ -17,18 +17,19 @@ namespace quillon {
 struct fp8_e5m2_reader {
   static constexpr int CHUNK = 8, BLOCK = 64, UNIT = 64;
   using order = neighbours<CHUNK>;
-  const uint8_t* codes;
+  const uint8_t* quants;
 
   // Bytes 0 and 2 of a word, and bytes 1 and 3, become the bits of two halves at once.
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const auto bytes = codes_of_chunk(at, codes);
+    const auto codes = codes_of_chunk(at, quants);
     words halves[2][2];
     unrolled<2>([&](auto w) {
-      halves[w][0] = ((bytes.half_words[int{w}] & 0x00FF00FFu) << 8) | 0x00800080u;
-      halves[w][1] = (bytes.half_words[int{w}] & 0xFF00FF00u) | 0x00800080u;
+      const words bytes = halves_apart(codes.half_words[int{w}]);
+      halves[w][0] = ((bytes & 0x00FF00FFu) << 8) | 0x00800080u;
+      halves[w][1] = (bytes & 0xFF00FF00u) | 0x00800080u;
     });
-    return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T>(halves[i / 4][i % 2], i % 4 / 2); });
+    return sum_products<CHUNK>(x, [=](auto i) { return half_of_word<T, i % 4 / 2>(halves[i / 4][i % 2]); });
   }
 };
 

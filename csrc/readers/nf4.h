@@ -59,9 +59,7 @@ struct nf4_reader : scaled_blocks<16, half> {
   auto sum(const Chunk& x, const Place& at) const {
     const auto codes = codes_of_chunk(at, quants);
 #ifdef QUILLON_VECTOR_LANES
-    const auto high_first = [](words w) { return ((w >> 4) & 0x0F0F0F0Fu) | ((w << 4) & 0xF0F0F0F0u); };
-    return sum_looked_up<T>(x, {high_first(codes.half_words[0]), high_first(codes.half_words[1])},
-                            rounded_table<T>(dequantNF4));
+    return sum_looked_up<T, first_nibble::high>(x, codes.half_words, rounded_table<T>(dequantNF4));
 #else
     return sum_products<CHUNK>(x, [=](auto i) {
       const nf4_pair<T> pair = nf4_pairs<T>.of_byte[codes.byte(i / 2)];

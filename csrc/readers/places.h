@@ -23,7 +23,18 @@ inline auto entry_by_block(const Place& at, const void* region) {
   return at.template entry_of_chunks<Entry, 1>(region);
 }
 
+// Two neighbouring halves.
+struct half_pair {
+  values<half> first;
+  values<half> second;
+};
+
 #ifdef QUILLON_VECTOR_LANES
+
+template <typename Place>
+inline half_pair halves_of_block(const Place& at, const void* region) {
+  return entry_of_block<half_pair>(at, region);
+}
 
 // A chunk's codes of four or eight bits.
 struct chunk_codes {
@@ -46,6 +57,12 @@ inline chunk_codes plain_codes_of_chunk(const Place& at, const void* region) {
 }
 
 #else
+
+template <typename Place>
+inline half_pair halves_of_block(const Place& at, const void* region) {
+  const uint32_t pair = entry_of_block<uint32_t>(at, region);
+  return {halves_of_bits<half>(pair & 0xFFFFu), halves_of_bits<half>(pair >> 16)};
+}
 
 // A chunk's codes of four or eight bits. Nibbles become bytes four at a time, which takes fewer operations than a shift
 // and a mask for each. `low_nibbles` is 0x0F0F0F0F and must not look like it: the compiler would shift and mask each nibble

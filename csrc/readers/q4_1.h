@@ -27,9 +27,8 @@ struct q4_1_reader {
   }
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {
-    const words pair = entry_of_block<uint32_t>(at, pairs);
-    return {rounded_halves<T>(halves_of_bits<half>(pair & 0xFFFFu)),
-            rounded_halves<T>(halves_of_bits<half>(pair >> 16))};
+    const half_pair pair = halves_of_block(at, pairs);
+    return {rounded_halves<T>(pair.first), rounded_halves<T>(pair.second)};
   }
 };
 

@@ -37,16 +37,15 @@ struct q4_k_reader {
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {
     const words bytes = at.template entry_of_chunks<uint16_t, 2>(scales);
-    const words pair = entry_of_block<uint32_t>(at, pairs);
-    return {two_level<T>(pair & 0xFFFFu, bytes & 255u), two_level<T>(pair >> 16, bytes >> 8)};
+    const half_pair pair = halves_of_block(at, pairs);
+    return {two_level<T>(pair.first, bytes & 255u), two_level<T>(pair.second, bytes >> 8)};
   }
 
  private:
-  // A half, given by its bits, times a byte, in T. The product is exact in float, which takes half the registers of a
+  // A half times a byte, in T. The product is exact in float, which takes half the registers of a
   // double.
   template <typename T>
-  static values<T> two_level(words half_bits, words byte) {
-    const values<half> d = halves_of_bits<half>(half_bits);
+  static values<T> two_level(values<half> d, words byte) {
     if constexpr (std::is_same_v<T, double>)
       return exact_values<T>(as_floats<half>(d) * biased_codes<float>(byte, 0));
     else

@@ -28,7 +28,8 @@ struct q6_k_reader {
   // Four sums of four products each, added up one by one.
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const six_bit_words chunk{entry_by_block<uint32_t>(at, high_plane), entry_by_block<word_pair>(at, low_plane)};
+    const word_pair low = entry_by_block<word_pair>(at, low_plane);
+    const six_bit_words chunk{entry_by_block<uint32_t>(at, high_plane), {low[0], low[1]}};
     decltype(x.v(std::integral_constant<int, 0>{}) * values<T>{}) sum;
     unrolled<4>([&](auto step) {
       const words codes = q6_k_step_codes(chunk.high_of(step), chunk.low_of(step));

@@ -19,8 +19,6 @@ struct six_bit_words {
   words high;
   words low[2];
 
-  six_bit_words(words high_word, const word_pair& low_words) : high(high_word), low{low_words[0], low_words[1]} {}
-
   words high_of(int step) const { return high << (2 * step); }
   words low_of(int step) const { return low[step / 2] << (4 * (step % 2)); }
 };
@@ -36,13 +34,14 @@ struct fp6_planes {
 
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
-    const six_bit_words chunk{at.template entry_by_unit<uint32_t>(high_plane),
-                              at.template entry_by_unit<word_pair>(low_plane)};
+    const word_pair low = at.template entry_by_unit<word_pair>(low_plane);
+    const six_bit_words chunk{halves_apart(at.template entry_by_unit<uint32_t>(high_plane)),
+                              {halves_apart(low[0]), halves_apart(low[1])}};
     return sum_products<CHUNK>(x, [=](auto i) {
       static_assert(order::byte_at(0) == 0 && order::byte_at(1) == 2 && order::byte_at(2) == 1);
       const words codes = fp6_step_codes(chunk.high_of(i / 4), chunk.low_of(i / 4));
       const words halves = i % 4 < 2 ? ((codes & 0x009F009Fu) << 8) | 0x00800080u : (codes & 0x9F009F00u) | 0x00800080u;
-      return half_of_word<T>(halves, i % 2);
+      return half_of_word<T, i % 2>(halves);
     });
   }
 };

@@ -71,18 +71,22 @@ inline lanes<float> look_up(lanes<float> table, words index) {
 
 #endif
 
-// The same for values that are looked up: nibble i of the words is the index of the value at place i. A loop that stays
-// one: the compiler takes half a minute over sixteen permutations in a row. The sum begins with -0, to which the first
-// product is added without a change.
-template <typename T, typename Chunk>
-inline auto sum_looked_up(const Chunk& x, const words (&nibbles)[2], lanes<float> table) {
+// The same for values that are looked up: in each byte of the words one nibble is the index of a value, and the other that
+// of the next. A loop that stays one: the compiler takes half a minute over sixteen permutations in a row. The sum begins
+// with -0, to which the first product is added without a change.
+enum class first_nibble { low, high };
+
+template <typename T, first_nibble FIRST, typename Chunk>
+inline auto sum_looked_up(const Chunk& x, const word_pair& bytes, lanes<float> table) {
   auto s = x.minus_zero();
   unrolled<2>([&](auto h) {
-    words rest = nibbles[h];
+    words rest = bytes[h];
 #pragma clang loop unroll(disable)
-    for (int i = 0; i < 8; ++i) {
-      s = multiply_add(x.v(8 * h + i), exact_values<T>(look_up(table, rest & 15u)), s);
-      rest >>= 4;
+    for (int i = 0; i < 8; i += 2) {
+      const words low = rest & 15u, high = (rest >> 4) & 15u;
+      s = multiply_add(x.v(8 * h + i), exact_values<T>(look_up(table, FIRST == first_nibble::low ? low : high)), s);
+      s = multiply_add(x.v(8 * h + i + 1), exact_values<T>(look_up(table, FIRST == first_nibble::low ? high : low)), s);
+      rest >>= 8;
     }
   });
   return s;

@@ -64,6 +64,11 @@ struct chunk_place {
       const auto low = load<uint32_t, LANES, 2>(from);
       const auto high = load<uint32_t, LANES, 2, 1, LANES>(from + LANES);
       return word_pair{{pick<0, 2, uint32_t>(low, high), pick<1, 2, uint32_t>(low, high)}};
+    } else if constexpr (std::is_same_v<Entry, half_pair>) {
+      const auto pairs = load<uint32_t, COUNT, 1, CHUNKS>(static_cast<const uint32_t*>(region) + first);
+      const auto floats =
+          __builtin_convertvector(bit_cast<vector<_Float16, 2 * COUNT>>(pairs), vector<float, 2 * COUNT>);
+      return half_pair{{spread_of_pairs<COUNT, 0, float>(floats)}, {spread_of_pairs<COUNT, 1, float>(floats)}};
     } else if constexpr (std::is_same_v<Entry, half>) {
       const auto entries = load<_Float16, COUNT, 1, CHUNKS>(static_cast<const _Float16*>(region) + first);
       return in_float<half>{spread<COUNT, float>(__builtin_convertvector(entries, vector<float, COUNT>))};
