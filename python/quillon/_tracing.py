@@ -1,6 +1,7 @@
 """What FakeTensor and torch.compile have to know of the operators of torch.ops.quillon.
 
-Shapes and element types of results, and which operator a function of the module ``vesper_linear`` stands for.
+Shapes and element types of results, which operator a function of the module ``vesper_linear`` stands for, and what is
+asked of the device while a graph is made.
 """
 
 from __future__ import annotations
@@ -12,6 +13,7 @@ import torch
 from torch import Tensor
 
 import vesper_linear
+from quillon import nn
 from quillon._patch_after_import import patch_after_import
 from quillon.formats import get_format
 
@@ -54,3 +56,4 @@ def _substitute(_dynamo: Any) -> None:
         (vesper_linear.dequant, _traced_dequant),
     ):
         torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
+    torch.compiler.assume_constant_result(nn._rows_at_once)  # type: ignore[no-untyped-call]

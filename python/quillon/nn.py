@@ -74,7 +74,6 @@ def _device_class(device: torch.device) -> str:
     return vesper_linear.get_xpu_device_name(device)
 
 
-@torch.compiler.assume_constant_result  # type: ignore[untyped-decorator]
 def _rows_at_once(format_name: str, device: torch.device) -> int:
     """How many rows a layer gives to one call."""
     return ROWS_AT_ONCE[_device_class(device)][format_name] if device.type == "xpu" else 1

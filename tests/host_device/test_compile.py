@@ -116,13 +116,13 @@ def test_operators_that_the_cpu_lacks() -> None:
         assert torch.equal(got, expected)
 
 
-@pytest.mark.parametrize("format", ["q4_0", "q8_0"])
-def test_packed_layers(format: str) -> None:
+@pytest.mark.parametrize(("format", "rows"), [("q4_0", 1), ("q4_0", 9), ("q8_0", 1)])
+def test_packed_layers(format: str, rows: int) -> None:
     torch.manual_seed(0)
     model = torch.nn.Sequential(torch.nn.Linear(128, 64), torch.nn.SiLU(), torch.nn.Linear(64, 128, bias=False))
     assert len(quillon.quantize_model(model, format).replaced) == 2
     model = model.eval().to(DEVICE)
-    x = torch.randn(1, 128, device=DEVICE)
+    x = torch.randn(rows, 128, device=DEVICE)
     with torch.no_grad():
         expected = model(x)  # also checks the device, which is not traced
         function = compiled(model)

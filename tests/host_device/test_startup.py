@@ -23,12 +23,13 @@ def output_of(result: CompletedProcess[str]) -> str:
 
 def test_import_leaves_the_device_alone(run_python: Run) -> None:
     script = """
-import os, time, torch
+import os, sys, time, torch
 threads = len(os.listdir("/proc/self/task"))
 start = time.process_time()
 import quillon
 from quillon import host_device
 assert time.process_time() - start < 1.0
+assert not {"torch._dynamo", "torch._inductor"} & set(sys.modules)
 assert len(os.listdir("/proc/self/task")) == threads
 assert host_device.is_active()
 assert torch.xpu.is_available() and torch.xpu.device_count() == 1
