@@ -10,6 +10,8 @@ and text is generated with the model's own chat template. Then: tokens per secon
 examples/text.txt, and how often the greedy next token agrees with the unquantized model's. Tokens per second are those
 of the best of three runs, for either model.
 
+The embedding gets --embedding-format where its row length allows.
+
 The output layer gets --output-format, eight bits by default: an error in it goes straight into the probabilities. What
 --format would make of it is told beside the perplexity. Layers whose row length a format does not cover go into
 --fallback.
@@ -139,6 +141,7 @@ class Measured:
     """One format's outcome on the model."""
 
     report: quillon.nn.QuantizationReport
+    embedding: str
     joined: int
     text: str
     prompt_seconds: float
@@ -171,11 +174,22 @@ def quantize(model: nn.Module, format: str, options: argparse.Namespace) -> quil
     return report
 
 
+def quantize_embedding(model: nn.Module, format: str) -> str:
+    """Pack the embedding of ``model`` if the format covers its rows. Returns what became of it, in words."""
+    dense = model.get_input_embeddings()
+    multiple = quillon.formats.row_multiple(format)
+    if dense.embedding_dim % multiple:
+        return f"dense: {format} has rows of a multiple of {multiple}, these are {dense.embedding_dim}"
+    model.set_input_embeddings(quillon.nn.LowBitEmbedding.from_embedding(dense, format))
+    return f"in {format}"
+
+
 def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, options: argparse.Namespace) -> Measured:
     """Quantize a copy of ``dense``, move it to the device, generate, and score ``text``."""
     device = torch.device(options.device)
     model = copy.deepcopy(dense)
     report = quantize(model, format, options)
+    embedding = quantize_embedding(model, options.embedding_format)
     joined = quillon.join_projections(model)
     model = model.to(device)
     prompt = chat_tokens(tokenizer, options.question).to(device)
@@ -188,7 +202,7 @@ def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, opti
     if format != options.output_format and output.in_features % quillon.nn.kernel_row_multiple(format) == 0:
         others.append(quillon.nn.LowBitLinear.from_linear(output, format).to(device))
     scores = score(model, text, *others)
-    return Measured(report, len(joined), answer, prompt_seconds, speed, weight_bytes(model), *scores)
+    return Measured(report, embedding, len(joined), answer, prompt_seconds, speed, weight_bytes(model), *scores)
 
 
 def in_format(report: quillon.nn.QuantizationReport, format: str) -> str:
@@ -207,6 +221,7 @@ def print_one(format: str, measured: Measured, reference: Scores, dense_speed: f
         print(f"  in {used}: {name}")
     for name, reason in report.kept.items():
         print(f"  dense: {name} ({reason})")
+    print(f"embedding    {measured.embedding}")
     print(f"joined       {measured.joined} groups of layers that read the same input")
     print(f"prompt       {measured.prompt_seconds:.2f} s, row by row")
     speed = measured.tokens_per_second
@@ -230,6 +245,7 @@ def main() -> None:
     parser.add_argument("--format", default="q4_0", help="a weight format, or all (default: %(default)s)")
     parser.add_argument("--fallback", default="q8_0", help="for layers that it does not fit (default: %(default)s)")
     parser.add_argument("--output-format", default="q8_0", help="for the output layer (default: %(default)s)")
+    parser.add_argument("--embedding-format", default="q4_k", help="for the embedding (default: %(default)s)")
     parser.add_argument("--device", default="xpu", help="default: %(default)s")
     parser.add_argument("--question", default=QUESTION)
     parser.add_argument("--new-tokens", type=int, default=64)

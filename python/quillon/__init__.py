@@ -10,6 +10,7 @@ host_device.start()
 
 import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
 from quillon import _build_log, _tracing, formats, nn  # noqa: E402
+from quillon.expansion import dequantize  # noqa: E402
 from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
 from quillon.joined import join_projections  # noqa: E402
 from quillon.nn import quantize_model  # noqa: E402
@@ -21,6 +22,7 @@ _tracing.register()
 
 __all__ = [
     "ImportedTensor",
+    "dequantize",
     "dequantize_reference",
     "formats",
     "from_gguf",

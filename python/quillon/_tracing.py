@@ -29,6 +29,27 @@ def _dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
     return input.new_empty(found.elements * (weight.size(0) // found.bytes) // columns, columns)
 
 
+def _dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_size: int, output_size: int) -> Tensor:
+    return weight.new_empty(input.size(0), input.size(1), state_size, dtype=torch.float32)
+
+
+def _expand_weight(weight: Tensor, output: Tensor, qtype: int) -> None:
+    pass
+
+
+def _expand_rows_of(weight: Tensor, output: Tensor, qtype: int, output_size: int, row_start: int) -> None:
+    pass
+
+
+_FAKES = (
+    ("quillon::forward_new", _forward_new),
+    ("quillon::dequant", _dequant),
+    ("quillon::dequantize_rows", _dequantize_rows),
+    ("quillon_kernels::expand_weight", _expand_weight),
+    ("quillon_kernels::expand_rows_of", _expand_rows_of),
+)
+
+
 def _traced_forward_new(input: Tensor, weight: Tensor, qtype: int, n: int) -> Tensor:
     result: Tensor = torch.ops.quillon.forward_new(input, weight, qtype, n)
     return result
@@ -39,11 +60,16 @@ def _traced_dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
     return result
 
 
+def _traced_dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_size: int, output_size: int) -> Tensor:
+    result: Tensor = torch.ops.quillon.dequantize_rows(input, weight, qtype, state_size, output_size)
+    return result
+
+
 @functools.cache
 def register() -> None:
     """Register all of it. Called by ``import quillon``."""
     # Not by register_fake, which gives an operator a kernel for the key Meta beside the fake: XPU is the only key.
-    for name, fake in (("quillon::forward_new", _forward_new), ("quillon::dequant", _dequant)):
+    for name, fake in _FAKES:
         entry = torch._library.simple_registry.singleton.find(name)
         entry.fake_impl.kernels.append(torch._library.utils.Kernel(fake, source=__file__))
     # The dynamo takes seconds to import, and few programs want it.
@@ -54,6 +80,7 @@ def _substitute(_dynamo: Any) -> None:
     for function, traced in (
         (vesper_linear.forward_new, _traced_forward_new),
         (vesper_linear.dequant, _traced_dequant),
+        (vesper_linear.dequantize_rows, _traced_dequantize_rows),
     ):
         torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
     torch.compiler.assume_constant_result(nn._rows_at_once)  # type: ignore[no-untyped-call]

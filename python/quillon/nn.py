@@ -17,11 +17,19 @@ import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
 from quillon._format_table import MAX_ELEMENTS
 from quillon._kernels import KERNELS, LAUNCHER_TABLES, ROWS_AT_ONCE
+from quillon.embedding import LowBitEmbedding
+from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
-from quillon.reference import dequantize_reference
 
-__all__ = ["LowBitExperts", "LowBitLinear", "QuantizationReport", "kernel_row_multiple", "quantize_model"]
+__all__ = [
+    "LowBitEmbedding",
+    "LowBitExperts",
+    "LowBitLinear",
+    "QuantizationReport",
+    "kernel_row_multiple",
+    "quantize_model",
+]
 
 
 def kernel_row_multiple(format: str | int, device_class: str = "unknown") -> int:
@@ -113,8 +121,8 @@ class _PackedProduct(torch.autograd.Function):
         if not ctx.needs_input_grad[0]:
             return None, None, None, None
         (packed,) = ctx.saved_tensors
-        weight = dequantize_reference(packed, ctx.format.name, ctx.out_features, ctx.in_features, gradient.dtype)
-        return gradient @ weight.to(gradient.device), None, None, None
+        weight = dequantize_where_it_is(packed, ctx.format, ctx.out_features, ctx.in_features, gradient.dtype)
+        return gradient @ weight, None, None, None
 
     @staticmethod
     def jvp(ctx: Any, tangent: Tensor, *_: Any) -> Tensor:
@@ -259,10 +267,8 @@ class LowBitLinear(nn.Module):
         return apply_packed(input, self.packed, self.format, self.out_features)
 
     def dequantize(self, dtype: torch.dtype = torch.float32) -> Tensor:
-        """Return the weight that the layer stands for, (out_features, in_features), on the CPU."""
-        return dequantize_reference(
-            self.packed.cpu(), self.format.name, self.out_features, self.in_features, dtype=dtype
-        )
+        """Return the weight that the layer stands for, (out_features, in_features), on the layer's device."""
+        return dequantize_where_it_is(self.packed, self.format, self.out_features, self.in_features, dtype)
 
     def _check_packed(self, device: torch.device) -> None:
         """Raise ``ValueError`` if the bytes are not those of this layer, or not on ``device``: somebody put others."""
@@ -545,7 +551,7 @@ def _pack(module: Any, format: Format) -> nn.Module:
 
 
 def _holds_a_matrix(module: nn.Module) -> bool:
-    if isinstance(module, nn.Embedding | nn.EmbeddingBag | LowBitLinear | LowBitExperts):
+    if isinstance(module, nn.Embedding | nn.EmbeddingBag | LowBitEmbedding | LowBitLinear | LowBitExperts):
         return False
     return any(parameter.dim() > 1 for parameter in module.parameters(recurse=False))
 

@@ -13,7 +13,7 @@ from torch import Tensor
 
 from quillon._modes import plain_modes
 from quillon._pieces import for_each_piece
-from quillon.formats import check_shape, field_offsets
+from quillon.formats import Format, check_shape, field_offsets
 from quillon.tables import FP4_MAGNITUDES, NF3, NF4, iq1s_grid, iq2xxs_grid, ksigns_iq2xs
 
 __all__ = ["dequantize_reference"]
@@ -229,8 +229,25 @@ _DECODERS: dict[str, Callable[[Fields, torch.dtype], Tensor]] = {
     "iq1_s": _iq1_s,
 }
 
-_DTYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
+DTYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
 _PIECE_ELEMENTS = 1 << 16
+
+
+def check_packed(data: Tensor, format: str | int, rows: int, cols: int, dtype: torch.dtype) -> Format:
+    """The format, after a check that ``data`` is a weight of this shape in it and ``dtype`` one to expand it to."""
+    fmt = check_shape(format, rows, cols)
+    if not isinstance(data, Tensor):
+        raise TypeError(f"data must be a tensor, got {type(data).__name__}")
+    if data.dtype != torch.uint8:
+        raise TypeError(f"data must be uint8, got {data.dtype}")
+    if dtype not in DTYPES:
+        raise TypeError(f"dtype must be float32, float64, float16 or bfloat16, got {dtype}")
+    blocks = rows * cols // fmt.elements
+    if data.shape != (blocks * fmt.bytes,):
+        raise ValueError(
+            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, got {tuple(data.shape)}"
+        )
+    return fmt
 
 
 @plain_modes()
@@ -254,18 +271,8 @@ def dequantize_reference(
     Returns (rows, cols) of ``dtype`` on the CPU, with the rounding that the format prescribes for that type.
     Raises ``TypeError`` for wrong element types and ``ValueError`` for sizes that do not fit.
     """
-    fmt = check_shape(format, rows, cols)
-    if not isinstance(data, Tensor):
-        raise TypeError(f"data must be a tensor, got {type(data).__name__}")
-    if data.dtype != torch.uint8:
-        raise TypeError(f"data must be uint8, got {data.dtype}")
-    if dtype not in _DTYPES:
-        raise TypeError(f"dtype must be float32, float64, float16 or bfloat16, got {dtype}")
+    fmt = check_packed(data, format, rows, cols, dtype)
     blocks = rows * cols // fmt.elements
-    if data.shape != (blocks * fmt.bytes,):
-        raise ValueError(
-            f"data must have shape ({blocks * fmt.bytes},) for {rows} by {cols} in {fmt.name}, got {tuple(data.shape)}"
-        )
     data = data.detach().cpu().contiguous()
     sizes = dict(fmt.fields)
     places = field_offsets(fmt.name, blocks)

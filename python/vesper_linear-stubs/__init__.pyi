@@ -14,7 +14,10 @@ def forward_new(input: torch.Tensor, weight: torch.Tensor, qtype: int, input_siz
 def dequant(input: torch.Tensor, weight: torch.Tensor, qtype: int, /) -> torch.Tensor:
     """Expand a packed weight to (output_size, state_size) of the element type of ``input``.
 
-    ``input`` is read for ``size(1)``, which is state_size, its element type and its device alone.
+    input   read for ``size(1)``, which is state_size, its element type and its device alone
+    weight  uint8, one dimension, on the same XPU, in q4_0, q4_1, q8_0, nf4, fp4, fp8_e5m2 or iq2_xxs
+    state_size must be a multiple of 64. Of a weight that ends inside a super-block the elements behind the last whole
+    one are NaN.
     """
 
 def mlp_forward_xpu(
@@ -59,7 +62,14 @@ def rwkv_time_shift(hidden: torch.Tensor, shifted: torch.Tensor, mix: torch.Tens
 def dequantize_rows(
     input: torch.Tensor, weight: torch.Tensor, qtype: int, state_size: int, output_size: int, /
 ) -> torch.Tensor:
-    """Expand the rows of a packed (output_size by state_size) weight that the int64 tensor ``input`` names."""
+    """Expand the rows of a packed (output_size by state_size) weight that ``input`` names, as float32.
+
+    input   int64, (rows0, rows1), row numbers, on an XPU; 32 bits of a number count
+    weight  uint8, one dimension, on the same XPU, in q2_k or q4_k
+    Returns (rows0, rows1, state_size). The call does not wait for a look at the numbers: what a number leads to outside
+    of the weight is NaN. state_size must be a multiple of 64; of rows that are no multiple of 256 only whole
+    super-blocks are expanded, one row behind the other at as many elements, and the rest of the result is NaN.
+    """
 
 def get_moe_indexes(ids: torch.Tensor, num_experts: int, /) -> list[list[list[int]]]:
     """For each expert, the tokens that go to it.

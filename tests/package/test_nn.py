@@ -24,7 +24,7 @@ DEVICE = "xpu:7"  # class unknown: the default launchers
 
 def dense_output(layer: LowBitLinear, input: torch.Tensor) -> torch.Tensor:
     """What the layer should give, in float64 from its decoded weight."""
-    output = input.double().cpu() @ layer.dequantize().double().T
+    output = input.double().cpu() @ layer.dequantize().cpu().double().T
     return output if layer.bias is None else output + layer.bias.double().cpu()
 
 
@@ -39,7 +39,7 @@ def test_forward_agrees_with_the_decoded_weight(shape: tuple[int, ...], bias: bo
     assert output.shape == (*shape[:-1], 33)
     assert output.device == torch.device(DEVICE)
     # Each of the 128 products and sums, the scale and the bias round once, relative to the sum of magnitudes.
-    magnitude = input.double().abs() @ layer.dequantize().double().abs().T + 1
+    magnitude = input.double().abs() @ layer.dequantize().cpu().double().abs().T + 1
     assert ((output.double().cpu() - expected).abs() <= 132 * 2**-24 * magnitude).all()
 
 
