@@ -22,7 +22,7 @@ if __name__ == "__main__":
 
 from sections import write_section  # noqa: E402
 
-from quillon._kernels import KERNELS  # noqa: E402
+from quillon._kernels import EXPANSIONS, KERNELS  # noqa: E402
 from quillon.formats import WEIGHT_FORMATS  # noqa: E402
 
 PAGE = PROJECT / "docs" / "architecture.md"
@@ -38,6 +38,7 @@ class FormatFiles:
     format: str
     reader: str
     kernel: str
+    expansions: tuple[str, ...]
     launcher: str
     test: str
     benchmark: str
@@ -51,6 +52,7 @@ def format_files() -> list[FormatFiles]:
             format=name,
             reader=reader_of(name),
             kernel=headers[name],
+            expansions=tuple(dict.fromkeys(f"csrc/{kernel.header}" for kernel in EXPANSIONS if kernel.format == name)),
             launcher=launcher_of(name),
             test=f"pytest {test_file_of(name)} -k {name}",
             benchmark=f"benchmarks/matvec.py --formats {name}",
@@ -95,10 +97,11 @@ def test_file_of(name: str) -> str:
 
 def table() -> str:
     """The table in Markdown, paths as links from the page."""
-    lines = ["| format | reader | kernel | launcher | test | benchmark |", "| --- | --- | --- | --- | --- | --- |"]
+    lines = ["| format | reader | kernel | expansions | launcher | test | benchmark |", "|" + " --- |" * 7]
     for row in format_files():
         launcher, _, file = row.launcher.partition(" in ")
-        cells = [row.format, _link(row.reader), _link(row.kernel), f"[`{launcher}`](../{file})"]
+        expansions = ", ".join(map(_link, row.expansions))
+        cells = [row.format, _link(row.reader), _link(row.kernel), expansions, f"[`{launcher}`](../{file})"]
         lines.append("| " + " | ".join([*cells, f"`{row.test}`", f"`{row.benchmark}`"]) + " |")
     return "\n".join(lines)
 

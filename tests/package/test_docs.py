@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 
+from quillon._kernels import EXPANSIONS
 from quillon.formats import FORMATS, WEIGHT_FORMATS
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -45,7 +46,7 @@ def test_where_a_format_is() -> None:
     written = section(format_files.PAGE.read_text(), format_files.SECTION)
     assert written == format_files.table() + "\n", "run: python tools/format_files.py"
     links = re.findall(r"\]\(\.\./([^)]+)\)", written)
-    assert len(links) == 3 * len(WEIGHT_FORMATS)
+    assert len(links) == 3 * len(WEIGHT_FORMATS) + len({kernel.header for kernel in EXPANSIONS})
     assert [link for link in links if not (ROOT / link).is_file()] == []
 
 
