@@ -252,6 +252,21 @@ inline values<T> biased_codes(words codes, int bias) {
 #endif
 }
 
+// The codes of COUNT bits from bit FIRST of a word on, less `bias`.
+template <typename T, int FIRST, int COUNT>
+inline values<T> biased_codes_at(words from, int bias) {
+  constexpr uint32_t MASK = (1u << COUNT) - 1;
+#ifdef QUILLON_VECTOR_LANES
+  // Where they stand, in a number so large that the bit counts 1: no shift.
+  static_assert(FIRST + COUNT <= 23);
+  constexpr uint32_t EXPONENT = (127 + 23 - FIRST) << 23;
+  const words number = (from & (MASK << FIRST)) | EXPONENT;
+  return exact_values<T>(bit_cast<lanes<float>>(number) - static_cast<float>((0x800000 >> FIRST) + bias));
+#else
+  return biased_codes<T>((from >> FIRST) & MASK, bias);
+#endif
+}
+
 // Codes of sixteen bits as the bits of halves that every T holds exactly.
 template <typename T>
 inline values<T> halves_of_bits(words bits) {

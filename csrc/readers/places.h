@@ -40,7 +40,12 @@ inline half_pair halves_of_block(const Place& at, const void* region) {
 struct chunk_codes {
   word_pair half_words;
 
-  words nibble(int i) const { return (half_words[i / 8] >> (4 * (i % 8))) & 15u; }
+  // Nibble I, less `bias`.
+  template <typename T, int I>
+  values<T> nibble(int bias) const {
+    constexpr int SHIFT = I % 8 < 5 ? 0 : 16;
+    return biased_codes_at<T, 4 * (I % 8) - SHIFT, 4>(half_words[I / 8] >> SHIFT, bias);
+  }
   lanes<int32_t> signed_byte(int i) const {
     return bit_cast<lanes<int32_t>>(half_words[i / 4] << (24 - 8 * (i % 4))) >> 24;
   }
@@ -71,7 +76,10 @@ struct chunk_codes {
   word_pair half_words;
   uint32_t low_nibbles;
 
-  uint32_t nibble(int i) const { return byte_of(half_words[i / 8] >> (4 * (i % 2)) & low_nibbles, i % 8 / 2); }
+  template <typename T, int I>
+  values<T> nibble(int bias) const {
+    return biased_codes<T>(byte_of(half_words[I / 8] >> (4 * (I % 2)) & low_nibbles, I % 8 / 2), bias);
+  }
   int signed_byte(int i) const { return static_cast<int8_t>(byte(i)); }
   uint32_t byte(int i) const { return byte_of(half_words[i / 4], i % 4); }
 

@@ -18,7 +18,7 @@ struct q4_0_reader : scaled_blocks<16, half> {
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
     const auto codes = codes_of_chunk(at, quants);
-    return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 8); });
+    return sum_products<CHUNK>(x, [=](auto i) { return codes.template nibble<T, i>(8); });
   }
 };
 

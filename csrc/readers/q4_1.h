@@ -23,7 +23,7 @@ struct q4_1_reader {
   template <typename T, typename Chunk, typename Place>
   auto sum(const Chunk& x, const Place& at) const {
     const auto codes = codes_of_chunk(at, quants);
-    return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
+    return sum_products<CHUNK>(x, [=](auto i) { return codes.template nibble<T, i>(0); });
   }
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {

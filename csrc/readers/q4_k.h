@@ -32,7 +32,7 @@ struct q4_k_reader {
   auto sum(const Chunk& x, const Place& at) const {
     // A GPU with 32 lanes of double has no register left for the zero of the codes.
     const auto codes = sizeof(T) == 8 ? plain_codes_of_chunk(at, quants) : codes_of_chunk(at, quants);
-    return sum_products<CHUNK>(x, [=](auto i) { return biased_codes<T>(codes.nibble(i), 0); });
+    return sum_products<CHUNK>(x, [=](auto i) { return codes.template nibble<T, i>(0); });
   }
   template <typename T, typename Place>
   scale_and_minimum<T> scale(const Place& at) const {

@@ -32,33 +32,85 @@ struct q5_k_activations {
   }
 };
 
-// The packed fields of a lane's share, two elements or two sub-blocks in the bytes of 16 bits.
+// What a lane's share of the weight consists of. Packed are two elements, or two sub-blocks, in the bytes of 16 bits.
 struct q5_k_share {
   lanes<float> d;
   lanes<float> dmin;
-  words packed_scales[3];  // of the lane's first pair: the halves at bytes 0, 4 and 8 of `scales`, plus 2 for pair 1
-  words high[2];           // the fifth bits of both halves, those of the lane's first sub-block lowest
-  words low[2][2];         // pair, half
+#ifdef QUILLON_VECTOR_LANES
+  lanes<float> scales[4];  // of the lane's sub-blocks
+  lanes<float> minima[4];
+#else
+  uint32_t scales[2];  // of the lane's first pair, and of its second
+  uint32_t minima[2];
+#endif
+  words high[2];    // the fifth bits of both halves, those of the lane's first sub-block lowest
+  words low[2][2];  // pair, half
+
+  template <typename T>
+  values<T> scale(int k) const {
+    return six_bits<T>(scales, k);
+  }
+  template <typename T>
+  values<T> minimum(int k) const {
+    return six_bits<T>(minima, k);
+  }
+
+ private:
+#ifdef QUILLON_VECTOR_LANES
+  template <typename T>
+  static values<T> six_bits(const lanes<float> (&of_sub_blocks)[4], int k) {
+    return exact_values<T>(of_sub_blocks[k]);
+  }
+#else
+  template <typename T>
+  static values<T> six_bits(const uint32_t (&of_pairs)[2], int k) {
+    return biased_codes<T>((of_pairs[k / 2] >> (8 * (k % 2))) & 63u, 0);
+  }
+#endif
+};
+
+// Scales and minima of four sub-blocks from the words of `scales`, or of two from their halves: first those of pairs 0 and
+// 1, which are whole bytes, then those of pairs 2 and 3, which are put together.
+struct q5_k_scales {
+  uint32_t scales[2];
+  uint32_t minima[2];
+
+  q5_k_scales(uint32_t a0, uint32_t a2, uint32_t a4)
+      : scales{a0 & 0x3F3F3F3Fu, (a4 & 0x0F0F0F0Fu) | ((a0 >> 2) & 0x30303030u)},
+        minima{a2 & 0x3F3F3F3Fu, ((a4 >> 4) & 0x0F0F0F0Fu) | ((a2 >> 2) & 0x30303030u)} {}
 };
 
 #ifdef QUILLON_VECTOR_LANES
 
-// The shares of all lanes.
 inline words octets_of_u16(const uint8_t* first, const uint8_t* second) {
   return __builtin_convertvector(load_octets<uint16_t>(first, second), words);
 }
+
+// Of a number for each sub-block those of a lane's sub-block k: lanes 0 to 7 have pairs 0 and 2, the others 1 and 3.
+template <int FIRST>
+inline lanes<float> of_sub_block(lanes<float> from) {
+  constexpr int OTHER = FIRST + 2;
+  return __builtin_shufflevector(from, from, FIRST, FIRST, FIRST, FIRST, FIRST, FIRST, FIRST, FIRST, OTHER, OTHER,
+                                 OTHER, OTHER, OTHER, OTHER, OTHER, OTHER);
+}
+
+// The shares of all lanes.
 inline q5_k_share load_q5_k_share(const block_q5_K& block) {
   q5_k_share w;
   w.d = lanes<float>(convert<float>(load_half(block.d)));
   w.dmin = lanes<float>(convert<float>(load_half(block.dmin)));
-  const words upper = {0, 0, 0, 0, 0, 0, 0, 0, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u};
-  unrolled<3>([&](auto i) {
-    const words both = words(load_u32(block.scales + 4 * i));
-    w.packed_scales[i] = ((both & ~upper) | ((both >> 16) & upper)) & 0xFFFFu;
+  const q5_k_scales packed(load_u32(block.scales), load_u32(block.scales + 4), load_u32(block.scales + 8));
+  const vector<uint32_t, 4> bytes = {packed.scales[0], packed.scales[1], packed.minima[0], packed.minima[1]};
+  const auto numbers = __builtin_convertvector(bit_cast<lanes<uint8_t>>(bytes), lanes<float>);
+  unrolled<4>([&](auto k) {
+    constexpr int SUB_BLOCK = 4 * (k / 2) + k % 2;
+    w.scales[k] = of_sub_block<SUB_BLOCK>(numbers);
+    w.minima[k] = of_sub_block<8 + SUB_BLOCK>(numbers);
   });
+  const words upper = {0, 0, 0, 0, 0, 0, 0, 0, 2, 2, 2, 2, 2, 2, 2, 2};
   unrolled<2>([&](auto h) {
     const words high = octets_of_u16(block.qh + 16 * h, block.qh + 16 * h);
-    w.high[h] = high >> (upper & 2u);
+    w.high[h] = high >> upper;
     unrolled<2>([&](auto p) {
       const uint8_t* qs = block.qs + 64 * p + 16 * h;
       w.low[p][h] = octets_of_u16(qs, qs + 32);
@@ -75,7 +127,11 @@ inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) 
   const auto head = load_words<4, 16>(&block);  // both halves, and the scales
   w.d = convert<float>(half_from_bits(static_cast<uint16_t>(head[0])));
   w.dmin = convert<float>(half_from_bits(static_cast<uint16_t>(head[0] >> 16)));
-  unrolled<3>([&](auto i) { w.packed_scales[i] = (head[i + 1] >> (16 * pair)) & 0xFFFFu; });
+  const q5_k_scales packed(head[1] >> (16 * pair), head[2] >> (16 * pair), head[3] >> (16 * pair));
+  unrolled<2>([&](auto p) {
+    w.scales[p] = packed.scales[p];
+    w.minima[p] = packed.minima[p];
+  });
   unrolled<2>([&](auto h) {
     w.high[h] = static_cast<uint32_t>(load_u16(block.qh + first + 16 * h)) >> (2 * pair);
     unrolled<2>([&](auto p) { w.low[p][h] = load_u16(block.qs + 32 * pair + first + 64 * p + 16 * h); });
@@ -85,19 +141,23 @@ inline q5_k_share load_q5_k_share(const block_q5_K& block, int pair, int first) 
 
 #endif
 
-// The share of one lane in the sum of one super-block of a row. Pairs of products are formed in T, and summed in float.
+// The share of one lane in the sum of one super-block of a row. Pairs of products are formed in T, and summed in float:
+// that sums begin with a pair, and not with 0, can turn the sign of a zero alone, of which an accumulator knows nothing.
 template <typename T>
 inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) {
-  const words a0 = w.packed_scales[0], a2 = w.packed_scales[1], a4 = w.packed_scales[2];
-  const words scales[2] = {a0 & 0x3F3Fu, (a4 & 0x0F0Fu) | ((a0 >> 2) & 0x3030u)};
-  const words minima[2] = {a2 & 0x3F3Fu, ((a4 >> 4) & 0x0F0Fu) | ((a2 >> 2) & 0x3030u)};
-
+#ifdef QUILLON_VECTOR_LANES
+  // The codes of two neighbours, eight bits apart, with the nibbles where they stand and the fifth bits brought to them.
+  constexpr int NIBBLE = 4;
+#else
   // The codes of two neighbours, in the bytes of 16 bits: nibbles, and the fifth bits brought to bits 4 and 12.
+  constexpr int NIBBLE = 0;
+#endif
   words codes[4][2];
   unrolled<4>([&](auto k) {
     unrolled<2>([&](auto h) {
-      codes[k][h] =
-          ((w.low[k / 2][h] >> (4 * (k % 2))) & 0x0F0Fu) | ((w.high[h] << 4 >> (4 * (k / 2) + k % 2)) & 0x1010u);
+      constexpr int FIRST = NIBBLE * (k % 2);
+      codes[k][h] = ((w.low[k / 2][h] >> (4 * (k % 2) - FIRST)) & (0x0F0Fu << FIRST)) |
+                    ((w.high[h] << (4 + FIRST) >> (4 * (k / 2) + k % 2)) & (0x1010u << FIRST));
     });
   });
   lanes<float> sums[4];
@@ -105,17 +165,17 @@ inline lanes<float> dot_q5_k(const q5_k_share& w, const q5_k_activations<T>& x) 
   unrolled<2>([&](auto j) {
     values<T> line;
     unrolled<4>([&](auto k) {
-      const auto code = [&](int h) { return biased_codes<T>((codes[k][h] >> (8 * j)) & 31u, 0); };
+      const auto code = [&](int h) { return biased_codes_at<T, 8 * j + NIBBLE*(k % 2), 5>(codes[k][h], 0); };
       const lanes<float> pair = as_floats<T>(multiply_add(x.y[k][0][j], code(0), x.y[k][1][j] * code(1)));
-      sums[k] = j == 0 ? 0.0f + pair : sums[k] + pair;
-      const values<T> m = biased_codes<T>((minima[k / 2] >> (8 * (k % 2))) & 63u, 0);
+      sums[k] = j == 0 ? pair : sums[k] + pair;
+      const values<T> m = w.template minimum<T>(k);
       line = k == 0 ? x.sum[k][j] * m : multiply_add(x.sum[k][j], m, line);
     });
-    minimum = j == 0 ? 0.0f + as_floats<T>(line) : minimum + as_floats<T>(line);
+    minimum = j == 0 ? as_floats<T>(line) : minimum + as_floats<T>(line);
   });
   lanes<float> scaled;
   unrolled<4>([&](auto k) {
-    const lanes<float> scale = biased_codes<float>((scales[k / 2] >> (8 * (k % 2))) & 63u, 0);
+    const lanes<float> scale = w.template scale<float>(k);
     scaled = k == 0 ? sums[k] * scale : multiply_add(sums[k], scale, scaled);
   });
   return multiply_subtract(scaled, w.d, minimum * w.dmin);

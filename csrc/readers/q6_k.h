@@ -35,7 +35,8 @@ struct q6_k_reader {
       const words codes = q6_k_step_codes(chunk.high_of(step), chunk.low_of(step));
       decltype(sum) four;
       unrolled<4>([&](auto e) {
-        const values<T> code = biased_codes<T>((codes >> (8 * e)) & 255u, 32);
+        constexpr int SHIFT = e < 3 ? 0 : 8;  // the fourth one stands too high to be taken where it is
+        const values<T> code = biased_codes_at<T, 8 * e - SHIFT, 6>(codes >> SHIFT, 32);
         const auto activation = x.v(std::integral_constant<int, 4 * step + e>{});
         four = e == 0 ? activation * code : multiply_add(activation, code, four);
       });

@@ -84,15 +84,21 @@ void qlinear_xpu_kernel_q5_k(uint64_t state_size, const quillon::block_q5_K* wei
   using namespace quillon;
   const auto blocks = static_cast<int32_t>(state_size / 256);
 #ifdef QUILLON_VECTOR_LANES
-  for_each_row_of_item(local, [&](uint64_t row) {
-    lanes<float> acc[2] = {};
+  // Activations are brought into the order of the lanes once for all rows.
+  with_rows_of_item(local, [&](uint64_t first, int rows) {
+    lanes<float> acc[ROWS_OF_ITEM][2] = {};
     for (int32_t i = 0; i < blocks; ++i) {
-      const lanes<float> dot =
-          dot_q5_k<T>(load_q5_k_share(weight[row * blocks + i]), load_q5_k_activations(input + 256 * i));
-      acc[i % 2] = acc[i % 2] + dot;
+      const q5_k_activations<T> x = load_q5_k_activations(input + 256 * i);
+#pragma clang loop unroll(disable)
+      for (int r = 0; r < rows; ++r) {
+        lanes<float>& sum = acc[r][i % 2];
+        sum = sum + dot_q5_k<T>(load_q5_k_share(weight[(first + r) * blocks + i]), x);
+      }
     }
-    unrolled<2>([&](auto i) { acc[i] = in_order_of_tree(acc[i]); });
-    output[row] = convert<T>(sum_of_lanes<float, 2>(acc));
+    for (int r = 0; r < rows; ++r) {
+      unrolled<2>([&](auto i) { acc[r][i] = in_order_of_tree(acc[r][i]); });
+      output[first + r] = convert<T>(sum_of_lanes<float, 2>(acc[r]));
+    }
   });
 #else
   constexpr int ROW_TILE = 2;

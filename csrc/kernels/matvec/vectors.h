@@ -67,12 +67,18 @@ inline values<T> in_first_lanes(int count, values<T> changed, values<T> kept) {
 // the last work-item.
 inline constexpr int ROWS_OF_ITEM = 16;
 
+// Calls `body(first, rows)` with the rows of the work-item; or `body(row)` with each of them.
+template <typename Local, typename Body>
+inline void with_rows_of_item(const Local& local, Body body) {
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const bool is_last = place.get_group(0) + 1 == place.get_group_range(0);
+  body(place.get_group(0) * ROWS_OF_ITEM, is_last ? static_cast<int>(local.size()) : ROWS_OF_ITEM);
+}
 template <typename Local, typename Body>
 inline void for_each_row_of_item(const Local& local, Body body) {
-  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
-  const uint64_t first = place.get_group(0) * ROWS_OF_ITEM;
-  const uint64_t rows = place.get_group(0) + 1 < place.get_group_range(0) ? ROWS_OF_ITEM : local.size();
-  for (uint64_t row = first; row < first + rows; ++row) body(row);
+  with_rows_of_item(local, [&](uint64_t first, int rows) {
+    for (int r = 0; r < rows; ++r) body(first + r);
+  });
 }
 
 }  // namespace quillon
