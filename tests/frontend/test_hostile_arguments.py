@@ -12,7 +12,7 @@ import vesper_linear
 CALLS = 600
 
 HOSTILE = """
-import random, sys
+import itertools, random, sys
 import torch, quillon, vesper_linear
 
 random.seed(5)
@@ -20,12 +20,18 @@ torch.manual_seed(0)
 SIZES = (0, 1, 2, 7, 16, 34, 64, 192, 256, 2176)
 DTYPES = (torch.float32, torch.float32, torch.float16, torch.uint8, torch.uint8, torch.uint8, torch.int32, torch.int64)
 DEVICES = ("xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:3", "cpu", "meta")
-INTEGERS = (2, 2, 8, 26, 12, 9, 25, 5, 0, 1, 64, 256, 4096, -1, 2**40, 2**62, -(2**63))
+LIKELY = (2, 8, 23, 27), (256,), (4, 20)  # a code, a row length, a number of rows
+INTEGERS = (26, 12, 9, 25, 5, 0, 1, 64, 256, 4096, -1, 2**40, 2**62, -(2**63))
 
 def tensor():
-    if random.random() < 0.5:  # what forward_new takes
-        shape, dtype = random.choice((((1, random.choice((64, 192, 256))), torch.float32), ((2176,), torch.uint8)))
-        return torch.randint(0, 4, shape).to(dtype).to("xpu:7")
+    if random.random() < 0.5:  # activations, a packed weight, numbers of rows
+        shape, dtype = random.choice(
+            (((1, random.choice((64, 192, 256))), torch.float32), ((2176,), torch.uint8), ((2, 3), torch.int64))
+        )
+        made = torch.randint(0, 4, shape).to(dtype)
+        if dtype == torch.int64 and random.random() < 0.5:
+            made[1, 2] = random.choice((-1, 4, 100, 2**31, 2**62, -(2**63)))
+        return made.to("xpu:7")
     shape = [random.choice(SIZES) for _ in range(random.choice((0, 1, 1, 2, 2, 2, 2, 3, 4)))]
     while torch.Size(shape).numel() > 1 << 18:
         shape.pop()
@@ -49,12 +55,19 @@ def shown(value):
         return repr(value)
     return f"{list(value.shape)} {list(value.stride())} {value.dtype} {value.device}"
 
-MAKERS = {"torch.Tensor": tensor, "int": lambda: random.choice(INTEGERS), "torch.device": lambda: tensor().device}
+def arguments_of(kinds):
+    integers = itertools.chain(LIKELY, itertools.repeat((1,)))
+    for kind in kinds:
+        if kind == "int":
+            yield random.choice(next(integers) if random.random() < 0.8 else INTEGERS)
+        else:
+            yield tensor() if kind == "torch.Tensor" else tensor().device
+
 routes = [getattr(vesper_linear, sys.argv[1]), getattr(torch.ops.quillon, sys.argv[1], None)]
 kinds = sys.argv[2].split(",")
 outcomes = {"result": 0, "error": 0}
 for _ in range(int(sys.argv[3])):
-    arguments = [MAKERS[kind]() for kind in kinds]
+    arguments = list(arguments_of(kinds))
     print(", ".join(map(shown, arguments)), file=sys.stderr, flush=True)
     kept = [one.clone() if isinstance(one, torch.Tensor) else one for one in arguments]
     try:
@@ -86,5 +99,5 @@ def test_any_arguments(name: str) -> None:
     assert done.returncode == 0, done.stderr[-3000:]
     results, errors = map(int, done.stdout.split())
     assert results + errors == CALLS
-    assert results > 0 or name not in ("forward_new", "get_moe_indexes", "get_xpu_device_name")
+    assert results > 0 or name.startswith(("mlp_", "rwkv_"))
     assert errors > 0 or name == "get_xpu_device_name"
