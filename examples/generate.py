@@ -223,7 +223,7 @@ def print_one(format: str, measured: Measured, reference: Scores, dense_speed: f
         print(f"  dense: {name} ({reason})")
     print(f"embedding    {measured.embedding}")
     print(f"joined       {measured.joined} groups of layers that read the same input")
-    print(f"prompt       {measured.prompt_seconds:.2f} s, row by row")
+    print(f"prompt       {measured.prompt_seconds:.2f} s")
     speed = measured.tokens_per_second
     print(f"generation   {speed:.1f} tokens/s, {speed / dense_speed:.1f} times the {dense_speed:.1f} of dense float32")
     print(f"weights      {report.dense_bytes / 1e6:.1f} -> {report.packed_bytes / 1e6:.1f} MB in the quantized layers")
