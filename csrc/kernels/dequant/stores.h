@@ -21,6 +21,10 @@ inline lanes<stored_element<T>> as_stored(Value value) {
       return bits;
     else
       return as_stored<T>(__builtin_convertvector(bit_cast<lanes<_Float16>>(bits), lanes<float>));
+  } else if constexpr (std::is_same_v<T, bfloat16> && std::is_same_v<Value, values<T>>) {
+    // Rounded already; a NaN becomes the one that bfloat16 has.
+    const words bits = value.value != value.value ? words(0x7FC00000u) : bit_cast<words>(value.value);
+    return __builtin_convertvector(bits >> 16, lanes<uint16_t>);
   } else if constexpr (is_in_float<T> && std::is_same_v<Value, values<T>>) {
     return as_stored<T>(value.value);
   } else if constexpr (std::is_same_v<T, half>) {
