@@ -12,7 +12,7 @@ from gpu_compile.ocloc import device_argument, find_ocloc
 from gpu_compile.spirv import device_text, kernel_name
 
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ALL_KERNELS, KERNELS, LAUNCHER_TABLES, Kernel
+from quillon._kernels import ALL_KERNELS, EXPANSIONS, KERNELS, LAUNCHER_TABLES, Expansion, Geometry, Kernel
 from quillon.formats import WEIGHT_FORMATS
 
 ZE_INFO = """\
@@ -140,8 +140,8 @@ def test_run_jobs_keeps_order_and_errors() -> None:
     assert isinstance(second, GpuCompileError)
 
 
-@pytest.mark.parametrize("kernel", ALL_KERNELS, ids=lambda kernel: kernel.name)
-def test_a_kernel_is_in_its_header(kernel: Kernel) -> None:
+@pytest.mark.parametrize("kernel", [*ALL_KERNELS, *EXPANSIONS], ids=lambda kernel: kernel.name)
+def test_a_kernel_is_in_its_header(kernel: Kernel | Expansion) -> None:
     assert kernel.name in "".join(device_text(kernel.header))
 
 
@@ -163,7 +163,13 @@ def test_what_a_launcher_can_reach_is_compiled() -> None:
         for table, geometry in kernel.geometries.items()
         for element_type in types[table]
     }
-    assert compiled == reached
+    expanding = {
+        (kernel.name, element_type, Geometry(() if size is None else (size,), size, kernel.work_group, 1))
+        for kernel in EXPANSIONS
+        for table, size in kernel.sub_groups.items()
+        for element_type in types[table].intersection(kernel.element_types)
+    }
+    assert compiled == reached | expanding
 
 
 def test_sub_groups_of_q5_k() -> None:
