@@ -101,31 +101,24 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
                   std::uint64_t output_size, std::int64_t input_size) {
   constexpr int QTYPE = kernel_table[ROW].qtype;
   const RoadFacts facts = road_facts<QTYPE>(input.device(), batch, output_size, input_size);
-  switch (choose_road(QTYPE, facts)) {
-    case Road::matvec: {
-      static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
-      return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
-    }
-    case Road::by_batch:
-      if constexpr (by_batch_road(QTYPE) != nullptr) {
-        static constexpr MatvecKernel kernel =
-            kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
-        return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
-      }
-      [[fallthrough]];
-    case Road::onednn:
-      if constexpr (QTYPE == qtype_q4_0_woq)
-        return linear_xpu_forward_onednn_s4_gemv(input, weight, facts.device_class);
-      [[fallthrough]];
-    case Road::none:
-      if constexpr (QTYPE == qtype_q4_0_woq)
-        TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(QTYPE), " is not served with a batch of ",
-                                    batch, " where weights of more than ", facts.tile_threshold,
-                                    " rows are expanded in tiles, got ", output_size);
-      [[fallthrough]];
-    default:
-      fail_batch(QTYPE, batch);
+  const Road road = choose_road(QTYPE, facts);
+  if (road == Road::matvec) {
+    static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
+    return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
   }
+  if constexpr (by_batch_road(QTYPE) != nullptr) {
+    static constexpr MatvecKernel kernel =
+        kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
+    if (road == Road::by_batch)
+      return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
+  }
+  if constexpr (QTYPE == qtype_q4_0_woq) {
+    if (road == Road::onednn) return linear_xpu_forward_onednn_s4_gemv(input, weight, facts.device_class);
+    TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(QTYPE), " is not served with a batch of ",
+                                batch, " where weights of more than ", facts.tile_threshold,
+                                " rows are expanded in tiles, got ", output_size);
+  }
+  fail_batch(QTYPE, batch);
 }
 
 template <int TABLE, std::size_t... ROW>
