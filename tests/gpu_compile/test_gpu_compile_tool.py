@@ -110,6 +110,15 @@ def test_innermost_loops() -> None:
         ),
         ("_Z15__sycl_kernel_aIdEvmPKT_", "a<double>"),
         ("_Z15__sycl_kernel_avm", "a"),
+        (
+            "_Z15__sycl_kernel_aIfN4sycl3_V16detail9half_impl4halfEfS4_Li3ELi16EEvmPKT_",
+            "a<float,c10::Half,float,c10::Half,3,16>",
+        ),
+        (
+            "_Z15__sycl_kernel_aIN4sycl3_V16detail9half_impl4halfES4_fS4_Li3EEvmPKT_",
+            "a<c10::Half,c10::Half,float,c10::Half,3>",
+        ),
+        ("_Z15__sycl_kernel_aIxEvmPKT_", "_Z15__sycl_kernel_aIxEvmPKT_"),
     ],
 )
 def test_kernel_name(mangled: str, name: str) -> None:

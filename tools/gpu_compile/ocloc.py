@@ -22,6 +22,7 @@ from gpu_compile.jobs import (
     write_atomically,
 )
 from gpu_compile.machine_code import KernelInfo, parse_ze_info
+from gpu_compile.spirv import is_explicit_simd
 
 OWN_OCLOC = PROJECT / ".cache" / "gpu-compiler" / "bin" / "ocloc"
 
@@ -95,6 +96,8 @@ def extensions(architecture: int) -> frozenset[str]:
 def compile_for_gpu(module: Path, architecture: int, options: str = "") -> GpuModule:
     """Machine code of a SPIR-V file for an architecture; ``options`` go to the GPU's code generator."""
     compiler = _require_ocloc()
+    if is_explicit_simd(module):
+        options = f"-vc-codegen {options}".strip()
     device = device_argument(architecture)
     key = digest("gpu", compiler_version(compiler), device, options, module.read_bytes())
     kept = CACHE / "gpu" / key

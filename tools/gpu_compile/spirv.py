@@ -29,7 +29,8 @@ class SpirvKernel:
 def dump_spirv(
     header: str, names: Sequence[str], root: Path = SOURCES, options: Sequence[str] = ()
 ) -> dict[str, SpirvKernel]:
-    """SPIR-V of the kernels ``names``: instantiations of templates in ``header``, relative to ``root``.
+    """SPIR-V of the kernels ``names``: instantiations of templates in ``header``, relative to ``root``, which may
+    include headers of the library as well.
 
     One build makes them all, which costs little more than one of them does. Names are written as the library
     writes them: ``"qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>"``. The build options come behind those that all
@@ -46,7 +47,7 @@ def dump_spirv(
                 "SYCL_DUMP_IMAGES_PREFIX": str(Path(scratch) / "module"),
             }
             environment.setdefault("OCL_ICD_FILENAMES", str(_prefix() / "lib" / "libintelocl.so"))
-            run([tool, root, header, *options, *names], SPIRV_LIMIT, env=environment)
+            run([tool, ":".join(map(str, _roots(root))), header, *options, *names], SPIRV_LIMIT, env=environment)
             move_atomically(Path(scratch), kept)
     entries = {entry: module for module in sorted(kept.glob("*.spv")) for entry in spirv_entry_points(module)}
     by_name = {kernel_name(entry): SpirvKernel(module, entry) for entry, module in entries.items()}
@@ -56,49 +57,69 @@ def dump_spirv(
     return {name: by_name[name] for name in names}
 
 
+def _roots(root: Path) -> list[Path]:
+    return list(dict.fromkeys((root, SOURCES)))
+
+
 def device_text(header: str, root: Path = SOURCES) -> list[str]:
-    """Path and text, in turn, of ``header`` and of every header below ``root`` that it leads to."""
+    """Path and text, in turn, of ``header`` and of every header below ``root`` or csrc that it leads to."""
     texts: dict[str, str] = {}
     waiting = [header]
     while waiting:
         path = waiting.pop()
-        if path in texts or not (root / path).is_file():
+        found = next((folder / path for folder in _roots(root) if (folder / path).is_file()), None)
+        if path in texts or found is None:
             continue
-        texts[path] = (root / path).read_text()
+        texts[path] = found.read_text()
         waiting += re.findall(r'^\s*#\s*include\s+"([^"]+)"', texts[path], re.MULTILINE)
     if header not in texts:
         raise GpuCompileError(f"there is no {header} in {root}")
     return [part for path in sorted(texts) for part in (path, texts[path])]
 
 
-def spirv_entry_points(module: Path) -> list[str]:
-    """Names of the kernels in a SPIR-V file."""
-    op_entry_point = 15
+def _operands(module: Path, wanted: int) -> list[bytes]:
+    """The operands of each instruction of one operation in a SPIR-V file."""
     data = module.read_bytes()
     words = struct.unpack(f"<{len(data) // 4}I", data[: len(data) // 4 * 4])
-    names = []
+    found = []
     at = 5
     while at < len(words):
         length, operation = words[at] >> 16, words[at] & 0xFFFF
-        if operation == op_entry_point:
-            name = data[4 * (at + 3) : 4 * (at + length)]
-            names.append(name[: name.index(0)].decode())
+        if operation == wanted:
+            found.append(data[4 * (at + 1) : 4 * (at + length)])
         at += length
-    return names
+    return found
 
 
-# How the element types of a kernel are mangled: each is the first template argument, so no substitution
-# shortens it.
-_MANGLED_ELEMENT_TYPES = {
-    "f": "float",
-    "d": "double",
+def spirv_entry_points(module: Path) -> list[str]:
+    """Names of the kernels in a SPIR-V file."""
+    op_entry_point = 15
+    return [operands[8 : operands.index(0, 8)].decode() for operands in _operands(module, op_entry_point)]
+
+
+def is_explicit_simd(module: Path) -> bool:
+    """Whether the kernels of a SPIR-V file are explicit-SIMD ones, which the GPU compiler has to be told."""
+    op_capability, vector_compute = 17, 5617
+    return struct.pack("<I", vector_compute) in _operands(module, op_capability)
+
+
+# How types are mangled as template arguments. One with a name may stand there again, as a substitution; of those a
+# kernel has no two different ones.
+_MANGLED_NAMES = {
     "N4sycl3_V16detail9half_impl4halfE": "c10::Half",
-    "N7quillon15rounded_float16I": "c10::BFloat16",
+    "N7quillon15rounded_float16IXadL_ZNS0_22bfloat16_bits_to_floatEtEEXadL_ZNS0_22float_to_bfloat16_bitsEfEEEE": (
+        "c10::BFloat16"
+    ),
 }
+_MANGLED_LETTERS = {"f": "float", "d": "double", "a": "int8_t", "h": "uint8_t", "t": "uint16_t", "j": "uint32_t"}
+_MANGLED_ARGUMENT = re.compile(
+    rf"(?P<name>{'|'.join(map(re.escape, _MANGLED_NAMES))})|(?P<again>S\w*?_)|L[ij](?P<number>\d+)E|"
+    rf"(?P<letter>[{''.join(_MANGLED_LETTERS)}])"
+)
 
 
 def kernel_name(entry: str) -> str:
-    """``"name<float,16,32,2>"`` from a mangled name whose template arguments are a type and integers."""
+    """``"name<float,16,32,2>"`` from a mangled name whose template arguments are types of elements and integers."""
     match = re.match(r"_Z(\d+)__sycl_kernel_", entry)
     if match is None:
         return entry
@@ -106,12 +127,19 @@ def kernel_name(entry: str) -> str:
     name, rest = entry[match.end() : end], entry[end:]
     if not rest.startswith("I"):
         return name
-    element = next((t for mangled, t in _MANGLED_ELEMENT_TYPES.items() if rest.startswith(mangled, 1)), None)
-    if element is None:
-        return entry
-    constants = re.search(r"((?:L[ij]\d+E)+)Ev", rest)
-    numbers = re.findall(r"L[ij](\d+)E", constants[1]) if constants else []
-    return f"{name}<{','.join([element, *numbers])}>"
+    arguments: list[str] = []
+    named = ""
+    at = 1
+    while rest[at] != "E":
+        argument = _MANGLED_ARGUMENT.match(rest, at)
+        if argument is None:
+            return entry
+        if argument["name"]:
+            named = _MANGLED_NAMES[argument["name"]]
+        letter = argument["letter"]
+        arguments.append(argument["number"] or (_MANGLED_LETTERS[letter] if letter else named))
+        at = argument.end()
+    return f"{name}<{','.join(arguments)}>"
 
 
 def _prefix() -> Path:
@@ -132,11 +160,11 @@ def _run_time_compiler() -> str:
 
 @cache
 def _spirv_dump_program() -> Path:
-    """``spirv_dump``, compiled once; its name holds a hash of what it is made of."""
+    """``spirv_dump``, compiled once; its name holds a hash of what it is made of and finds its libraries by."""
     prefix = _prefix()
     source = Path(__file__).with_name("spirv_dump.cpp")
     texts = device_text("runtime/device_build.h", SOURCES)
-    program = CACHE / f"spirv_dump-{digest(source.read_bytes(), *texts, _run_time_compiler())}"
+    program = CACHE / f"spirv_dump-{digest(source.read_bytes(), *texts, _run_time_compiler(), str(prefix))}"
     if not program.exists():
         with scratch_folder() as scratch:
             built = Path(scratch) / "spirv_dump"
