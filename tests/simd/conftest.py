@@ -1,0 +1,6 @@
+"""Makes ``tools/gpu_compile`` importable: it is a developer's tool and not part of the package."""
+
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
