@@ -215,7 +215,7 @@ def measured_rows(arguments: argparse.Namespace, shapes: str, dtypes: str) -> It
         for name in sorted(set(formats) - set(benchmark.formats)):
             reason = f"does not fit: multiples of {row_multiple(name)}"
             yield [shape, dtype, name, reason, *[""] * (len(HEADINGS) - 4)]
-        del benchmark  # its weights go before the next one's are made
+        benchmark.contenders.clear()  # they refer to the benchmark, whose weights go before the next one's are made
 
 
 def how_measured(arguments: argparse.Namespace) -> str:
