@@ -18,6 +18,7 @@
 #include "onednn/s4_matmul.h"
 #include "runtime/device_limit.h"
 #include "runtime/element_type.h"
+#include "runtime/launch_record.h"
 #include "runtime/submit_kernel.h"
 
 namespace quillon {
@@ -106,6 +107,10 @@ void transpose_scale_kernel(sycl::queue& queue, c10::DeviceIndex index, const st
   });
 }
 
+void record_matmul(c10::Device device) {
+  if (records_launches()) record_launch({"oneDNN matmul", {}, {}, device, false});
+}
+
 }  // namespace
 
 at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::Tensor& weight,
@@ -138,7 +143,10 @@ at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::
 
   if (objects.float_scales == nullptr) {
     transpose_scale_kernel(queue, index, scales, static_cast<c10::Half*>(objects.half_scales), groups, output_size);
-    if (s4_matmul()(queue, matmul) == S4Outcome::submitted) return output;
+    if (s4_matmul()(queue, matmul) == S4Outcome::submitted) {
+      record_matmul(weight.device());
+      return output;
+    }
   }
   // A processor without half precision: the halves' own values, multiplied in float and rounded once.
   const at::Tensor source = input.to(at::kFloat);
@@ -149,6 +157,7 @@ at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::
   matmul.single_precision = true;
   transpose_scale_kernel(queue, index, scales, static_cast<float*>(objects.float_scales.load()), groups, output_size);
   s4_matmul()(queue, matmul);
+  record_matmul(weight.device());
   output.copy_(destination);
   return output;
 }

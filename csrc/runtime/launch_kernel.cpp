@@ -1,5 +1,6 @@
 #include "runtime/launch_kernel.h"
 
+#include "runtime/launch_record.h"
 #include "runtime/submit_kernel.h"
 
 namespace quillon {
@@ -51,6 +52,12 @@ void launch_kernel(runtime::KernelEntry& entry, c10::Device device, const Launch
       },
       device);
   if (wait == Wait::yes) event.wait_and_throw();
+  if (records_launches()) {
+    const auto sizes = [&](const std::array<std::size_t, 2>& of) {
+      return std::vector<std::int64_t>(of.begin(), of.begin() + range.dimensions);
+    };
+    record_launch({entry.name, sizes(range.global), sizes(range.local), device, wait == Wait::yes});
+  }
 }
 
 }  // namespace quillon

@@ -13,6 +13,7 @@ from quillon import _build_log, _tracing, formats, nn  # noqa: E402
 from quillon.expansion import dequantize  # noqa: E402
 from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
 from quillon.joined import join_projections  # noqa: E402
+from quillon.launches import record_launches  # noqa: E402
 from quillon.nn import quantize_model  # noqa: E402
 from quillon.quantizers import quantize  # noqa: E402
 from quillon.reference import dequantize_reference  # noqa: E402
@@ -30,4 +31,5 @@ __all__ = [
     "nn",
     "quantize",
     "quantize_model",
+    "record_launches",
 ]
