@@ -1,15 +1,14 @@
 #include "dispatch/dequantize_operators.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <array>
-#include <limits>
 #include <string>
 #include <utility>
 
 #include "dispatch/aligned_tensor.h"
 #include "dispatch/device_class_query.h"
+#include "dispatch/expanded_weight.h"
 #include "dispatch/format_check.h"
 #include "dispatch/scalar_type_dispatch.h"
 #include "formats/registry.h"
@@ -35,19 +34,6 @@ void check_served(const char* operator_name, const Formats& formats, int qtype) 
 
 launcher_table_index table_of(c10::Device device) {
   return get_device_class(device) == XpuDeviceClass::elm ? table_elm : table_default;
-}
-
-at::Tensor make_result(at::IntArrayRef sizes, const at::Tensor& weight, at::ScalarType type) {
-  return at::empty(sizes, weight.options().dtype(type).memory_format(at::MemoryFormat::Contiguous));
-}
-
-// What no kernel writes is NaN, and not what the memory held before.
-void fill_behind(const at::Tensor& result, std::uint64_t written) {
-  const auto elements = static_cast<std::uint64_t>(result.numel());
-  if (written < elements)
-    result.view({-1})
-        .narrow(0, static_cast<std::int64_t>(written), static_cast<std::int64_t>(elements - written))
-        .fill_(std::numeric_limits<double>::quiet_NaN());
 }
 
 constexpr std::uint64_t kSuperBlock = 256;
@@ -95,17 +81,14 @@ at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int qtype) {
               " has no bytes; give the flat tensor that a quantizer returns");
   TORCH_CHECK(output_size * state_size <= max_elements, "dequant: a weight of ", output_size, " rows of ", state_size,
               " elements is too large; a weight has at most ", max_elements, " elements");
-  at::Tensor result = make_result({static_cast<std::int64_t>(output_size), static_cast<std::int64_t>(state_size)},
-                                  weight, input.scalar_type());
+  at::Tensor result = make_dense(weight, input.scalar_type(), output_size, state_size);
   weight = at_aligned_address(std::move(weight));
   const ExpansionKernel kernel = expansion_kernel(expansion::whole, qtype, table);
   dispatch_element_type(input.scalar_type(), [&](auto element) {
     using T = decltype(element);
-    expand_whole(kernel, element_type_of<T>(), weight.data_ptr<std::uint8_t>(), result.data_ptr<T>(), state_size,
-                 output_size, weight.device());
+    fill_behind(result, expand_whole(kernel, element_type_of<T>(), weight.data_ptr<std::uint8_t>(),
+                                     result.data_ptr<T>(), state_size, output_size, weight.device()));
   });
-  // A weight of super-blocks may end inside one.
-  fill_behind(result, state_size * output_size / elements * elements);
   return result;
 }
 
@@ -121,7 +104,7 @@ at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int qtype, s
               "dequantize_rows: a weight of ", output_size, " rows of ", state_size,
               " elements is too large; a weight has at most ", max_elements, " elements");
   TORCH_CHECK(rows0 * rows1 <= input.numel(), "dequantize_rows: input of shape ", input.sizes(), " has no elements");
-  at::Tensor result = make_result({rows0, rows1, state_size}, weight, at::kFloat);
+  at::Tensor result = make_dense(weight, at::kFloat, rows0 * rows1, state_size).view({rows0, rows1, state_size});
 
   const auto bytes = static_cast<std::uint64_t>(bytes_per_block(qtype));
   const auto held = static_cast<std::uint64_t>(weight.numel()) / bytes;
@@ -149,6 +132,15 @@ void expand_weight(at::Tensor weight, at::Tensor output, std::int64_t qtype) {
                   std::uint64_t state_size) {
                 expand_whole(kernel, type, bytes, to, state_size, output_size, output.device());
               });
+}
+
+void expand_weight_fast(at::Tensor weight, at::Tensor output, std::int64_t qtype) {
+  const auto output_size = static_cast<std::uint64_t>(output.size(0));
+  expand_into(
+      "expand_weight_fast", expansion::dense, weight, output, static_cast<int>(qtype), output_size,
+      [&](const ExpansionKernel&, ElementType type, const std::uint8_t* bytes, void* to, std::uint64_t state_size) {
+        expand_dense(static_cast<int>(qtype), type, bytes, to, state_size, output_size, output.device());
+      });
 }
 
 void expand_rows_of(at::Tensor weight, at::Tensor output, std::int64_t qtype, std::int64_t output_size,

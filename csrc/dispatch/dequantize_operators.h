@@ -25,9 +25,11 @@ at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int qtype, s
 // dimensions of the result; the kernel is that of the class of its device.
 //
 // expand_weight  the whole weight, of output.size(0) rows
+// expand_weight_fast the same by the kernels for large batches, into float32 or float16; their whole blocks alone
 // expand_rows_of rows row_start and on of a weight of output_size rows, as many as output.size(0). Of fp6 the codes do not
 //                move with row_start, only the scales, and columns behind the last whole 1024 are not written.
 void expand_weight(at::Tensor weight, at::Tensor output, std::int64_t qtype);
+void expand_weight_fast(at::Tensor weight, at::Tensor output, std::int64_t qtype);
 void expand_rows_of(at::Tensor weight, at::Tensor output, std::int64_t qtype, std::int64_t output_size,
                     std::int64_t row_start);
 

@@ -1,6 +1,5 @@
 #include "dispatch/launchers.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <utility>
@@ -8,6 +7,7 @@
 #include "dispatch/aligned_tensor.h"
 #include "dispatch/device_class_query.h"
 #include "dispatch/environment.h"
+#include "dispatch/expanded_weight.h"
 #include "dispatch/format_check.h"
 #include "dispatch/onednn_s4_gemv.h"
 #include "dispatch/read_extent.h"
@@ -19,26 +19,14 @@
 namespace quillon {
 namespace {
 
-// The output of a road: batch by output_size, element type of `input`, on the device of `weight`.
-at::Tensor make_output(const at::Tensor& input, const at::Tensor& weight, std::uint64_t batch,
-                       std::uint64_t output_size) {
-  return at::empty({static_cast<std::int64_t>(batch), static_cast<std::int64_t>(output_size)},
-                   weight.options().dtype(input.scalar_type()).memory_format(at::MemoryFormat::Contiguous));
-}
-
-[[noreturn]] void fail_batch(int qtype, std::uint64_t batch) {
-  TORCH_CHECK_NOT_IMPLEMENTED(false, "forward_new: ", describe_format(qtype), " has no road for a batch of ", batch,
-                              " in this release; give one row at a time");
-}
-
 // What the launcher of a format looks at. The environment is read before all else.
 template <int QTYPE>
 RoadFacts road_facts(c10::Device device, std::uint64_t batch, std::uint64_t output_size, std::int64_t input_size) {
   constexpr Environment VARIABLES = environment_of(QTYPE);
-  RoadFacts facts{XpuDeviceClass::unknown, batch, output_size, input_size, 0, false};
+  RoadFacts facts{XpuDeviceClass::unknown, batch, output_size, input_size, 0, false, 0};
   if constexpr (VARIABLES != Environment::none) facts.tile_threshold = read_tile_threshold();
   if constexpr (VARIABLES == Environment::tiles_and_low_mem) facts.low_mem = read_low_mem();
-  if constexpr (VARIABLES != Environment::none) read_tile_size();
+  if constexpr (VARIABLES != Environment::none) facts.tile_size = read_tile_size();
   if (batch != 1) facts.device_class = get_device_class(device);
   return facts;
 }
@@ -81,7 +69,7 @@ at::Tensor multiply_packed(const MatvecKernel& kernel, at::Tensor input, at::Ten
   check_reads(input, weight, kernel, batch, state_size, output_size);
   input = at_aligned_address(std::move(input));
   weight = at_aligned_address(std::move(weight));
-  at::Tensor output = make_output(input, weight, batch, output_size);
+  at::Tensor output = make_dense(weight, input.scalar_type(), batch, output_size);
   at::Tensor blocks;
   if (takes_q8_1(row)) blocks = quantize_input_q8_1(input, 1, state_size);
   dispatch_element_type(input.scalar_type(), [&](auto element) {
@@ -118,7 +106,12 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
                                 batch, " where weights of more than ", facts.tile_threshold,
                                 " rows are expanded in tiles, got ", output_size);
   }
-  fail_batch(QTYPE, batch);
+  constexpr launcher_table_index TABLE =
+      SUB_GROUP == launcher_geometries[table_elm].sub_group ? table_elm : table_default;
+  if (road == Road::tiled)
+    return multiply_in_tiles(QTYPE, TABLE, input, at_aligned_address(std::move(weight)), facts.tile_size, batch,
+                             state_size, output_size);
+  return multiply_expanded(QTYPE, TABLE, input, at_aligned_address(std::move(weight)), state_size, output_size);
 }
 
 template <int TABLE, std::size_t... ROW>

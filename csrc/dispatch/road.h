@@ -54,7 +54,7 @@ constexpr Environment environment_of(int qtype) {
   }
 }
 
-// What a launcher looks at. The last three matter to formats with a tiled road alone.
+// What a launcher looks at. From input_size on it matters to formats with a tiled road alone, and tile_size only on it.
 struct RoadFacts {
   XpuDeviceClass device_class;
   std::uint64_t batch;
@@ -62,6 +62,7 @@ struct RoadFacts {
   std::int64_t input_size;
   std::int64_t tile_threshold;
   bool low_mem;
+  std::uint64_t tile_size;
 };
 
 // Whether the weight is expanded in tiles.
@@ -88,6 +89,36 @@ constexpr Road choose_road(int qtype, const RoadFacts& facts) {
   const bool tiled = is_tiled(qtype, facts);
   if (qtype == qtype_q4_0_woq) return tiled ? Road::none : Road::onednn;
   return tiled ? Road::tiled : Road::dense;
+}
+
+// Where the expansion for large batches serves a dense road: for float32 and float16, if the weight has a number of blocks
+// that is a multiple of `blocks`, or rows of a multiple of `columns`. Elsewhere the whole-weight kernel of the format does,
+// if it has one.
+struct FastDense {
+  int qtype;
+  std::uint64_t blocks;
+  std::uint64_t columns;
+};
+inline constexpr std::array<FastDense, 10> kFastDense = {{
+    {qtype_q4_0, 8, 1},
+    {qtype_q4_1, 8, 1},
+    {qtype_q8_0, 4, 1},
+    {qtype_fp8_e4m3, 1, 1},
+    {qtype_fp4, 8, 1},
+    {qtype_fp8_e5m2, 4, 1},
+    {qtype_q6_k, 1, 256},
+    {qtype_q4_k, 1, 256},
+    {qtype_fp6, 8, 1},
+    {qtype_fp6_k, 8, 1},
+}};
+
+// Blocks of 64 elements, of super-blocks too, in 32 bits of the number of elements.
+constexpr bool has_fast_dense(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
+  constexpr std::uint32_t kBlock = 64;
+  const std::uint64_t blocks = static_cast<std::uint32_t>(state_size * output_size) / kBlock;
+  for (const FastDense& fast : kFastDense)
+    if (fast.qtype == qtype) return blocks % fast.blocks == 0 && state_size % fast.columns == 0;
+  return false;
 }
 
 }  // namespace quillon

@@ -10,6 +10,9 @@
 #include <vector>
 
 #include "dispatch/dequantize_operators.h"
+#include "dispatch/device_class_query.h"
+#include "dispatch/format_check.h"
+#include "dispatch/rows_at_once.h"
 #include "runtime/launch_record.h"
 
 namespace quillon {
@@ -32,9 +35,22 @@ LaunchFields end_launches() {
   return fields;
 }
 
+std::int64_t rows_at_once_on(c10::Device device, std::int64_t qtype, at::ScalarType type, std::int64_t state_size,
+                             std::int64_t output_size) {
+  check_qtype("rows_at_once", static_cast<int>(qtype));
+  const RoadType road_type = type == at::kDouble     ? RoadType::float64
+                             : type == at::kBFloat16 ? RoadType::bfloat16
+                                                     : RoadType::float_or_half;
+  return static_cast<std::int64_t>(
+      rows_at_once(get_device_class(device), static_cast<int>(qtype), road_type, state_size, output_size));
+}
+
 TORCH_LIBRARY(quillon_kernels, library) {
   library.def("expand_weight(Tensor weight, Tensor(a!) output, int qtype) -> ()");
   library.def("expand_rows_of(Tensor weight, Tensor(a!) output, int qtype, int output_size, int row_start) -> ()");
+  library.def("expand_weight_fast(Tensor weight, Tensor(a!) output, int qtype) -> ()");
+  library.def("rows_at_once(Device device, int qtype, ScalarType type, int state_size, int output_size) -> int",
+              &rows_at_once_on);
   library.def("begin_launches() -> ()", &begin_launch_records);
   library.def("end_launches() -> (str[], int[][], int[][], int[], bool[])", &end_launches);
 }
@@ -42,6 +58,7 @@ TORCH_LIBRARY(quillon_kernels, library) {
 TORCH_LIBRARY_IMPL(quillon_kernels, XPU, library) {
   library.impl("expand_weight", &expand_weight);
   library.impl("expand_rows_of", &expand_rows_of);
+  library.impl("expand_weight_fast", &expand_weight_fast);
 }
 
 }  // namespace

@@ -195,8 +195,9 @@ inline constexpr int batch_of_vector_item = 4;
 
 enum class expansion {
   whole,
-  tile,  // a band of rows
-  rows,  // those that an index names
+  tile,   // a band of rows
+  rows,   // those that an index names
+  dense,  // all of it, for a large batch: results are float or half
 };
 
 // How the work is dealt out (kernels/dequant/*_form.h).
@@ -204,6 +205,7 @@ enum class expansion_form {
   row,    // a work-group has one row
   flat,   // work-items have elements counted over the whole weight
   block,  // a work-group has one super-block
+  dense,  // a work-group is a single work-item, which has a number of blocks
 };
 
 // Which device classes run a kernel: those of one launcher table, of the others, or all.
@@ -246,13 +248,15 @@ struct expansion_row {
 // clang-format off
 inline constexpr auto expansion_table = [] {
   using a = expansion_argument;
-  constexpr auto whole = expansion::whole, tile = expansion::tile, rows = expansion::rows;
-  constexpr auto row = expansion_form::row, flat = expansion_form::flat, block = expansion_form::block;
+  constexpr auto whole = expansion::whole, tile = expansion::tile, rows = expansion::rows, dense = expansion::dense;
+  constexpr auto row = expansion_form::row, flat = expansion_form::flat, block = expansion_form::block, blocks = expansion_form::dense;
   constexpr auto elm = expansion_tables::elm, others = expansion_tables::others, all = expansion_tables::all;
   constexpr std::array<a, 8> scaled_rows = {a::state_size, a::rounds, a::part1, a::part0, a::output, a::block_step, a::element_step};
   constexpr std::array<a, 8> plain_rows = {a::state_size, a::rounds, a::part0, a::output, a::block_step, a::element_step};
   constexpr std::array<a, 8> flat_records = {a::elements, a::part0, a::output};
   constexpr std::array<a, 8> records = {a::part0, a::output};
+  constexpr std::array<a, 8> two_parts = {a::part0, a::part1, a::output};
+  constexpr std::array<a, 8> three_parts = {a::part0, a::part1, a::part2, a::output};
   constexpr std::array<a, 8> four_parts = {a::part0, a::part1, a::part2, a::part3, a::output};
   return std::array{
   //             format          name, header                                                                             operation form   tables  span work-group unit moves waits  arguments
@@ -276,7 +280,7 @@ inline constexpr auto expansion_table = [] {
   expansion_row{qtype_q2_k,     "qlinear_xpu_dequantize_kernel_q2_k",              "kernels/dequant/q2_k.h",         whole, block, all,    4, 64, 64,  64, 0, true,  records},
   expansion_row{qtype_iq1_s,    "qlinear_xpu_dequantize_kernel_iq1_s",             "kernels/dequant/iq1_s.h",        whole, block, all,    8, 32, 32,  64, 0, true,  records},
   expansion_row{qtype_q6_k,     "qlinear_xpu_dequantize_kernel_q6_k",              "kernels/dequant/q6_k.h",         whole, block, all,    4, 64, 64,  64, 0, false, four_parts},
-  expansion_row{qtype_q4_k,     "qlinear_xpu_dequantize_kernel_q4_k",              "kernels/dequant/q4_k.h",         whole, block, all,    8, 32, 32,  64, 0, false, {a::part0, a::part1, a::part2, a::output}},
+  expansion_row{qtype_q4_k,     "qlinear_xpu_dequantize_kernel_q4_k",              "kernels/dequant/q4_k.h",         whole, block, all,    8, 32, 32,  64, 0, false, three_parts},
   expansion_row{qtype_q5_k,     "qlinear_xpu_dequantize_kernel_q5_k",              "kernels/dequant/q5_k.h",         whole, block, all,    4, 64, 64,  64, 0, false, records},
   expansion_row{qtype_q4_0,     "qlinear_xpu_tile_dequantize_kernel_q4_0_1x4",     "kernels/dequant/q4_0_1x4.h",     tile,  row,   elm,    4, 16, 256, 64, 0, false, scaled_rows},
   expansion_row{qtype_q4_0,     "qlinear_xpu_tile_dequantize_kernel_q4_0_1x2",     "kernels/dequant/q4_0_1x2.h",     tile,  row,   others, 2, 32, 256, 64, 0, true,  scaled_rows},
@@ -285,6 +289,16 @@ inline constexpr auto expansion_table = [] {
   expansion_row{qtype_fp6,      "qlinear_xpu_tile_dequantize_kernel_fp6_1x16",     "kernels/dequant/fp6_1x16.h",     tile,  row,   all,   16, 64, 256, 64, 2, true,  {a::state_size, a::rounds, a::part1, a::part0, a::part2, a::output, a::block_step, a::element_step}},
   expansion_row{qtype_q2_k,     "xpu_dequantize_rows_kernel_q2_k",                 "kernels/dequant/q2_k.h",         rows,  block, all,    4, 64, 64,  64, 0, false, {a::blocks_of_row, a::index, a::part0, a::output, a::weight_blocks}},
   expansion_row{qtype_q4_k,     "xpu_dequantize_rows_kernel_q4_k",                 "kernels/dequant/q4_k.h",         rows,  block, all,    8, 32, 32,  64, 0, false, {a::blocks_of_row, a::index, a::output, a::part2, a::part0, a::part1}},
+  expansion_row{qtype_q4_0,     "dequantize_q4_0_kernel",                         "kernels/dequant/q4_0_dense.h",   dense, blocks, all,  512, 1,  1,   0,  0, false, two_parts},
+  expansion_row{qtype_q4_1,     "dequantize_q4_1_kernel",                         "kernels/dequant/q4_1_dense.h",   dense, blocks, all,  512, 1,  1,   0,  0, false, two_parts},
+  expansion_row{qtype_q8_0,     "dequantize_q8_0_kernel",                         "kernels/dequant/q8_0_dense.h",   dense, blocks, all,  256, 1,  1,   0,  0, false, two_parts},
+  expansion_row{qtype_fp8_e4m3, "dequantize_fp8_e4m3_kernel",                     "kernels/dequant/fp8_e4m3_dense.h", dense, blocks, all,  256, 1,  1,   0,  0, false, two_parts},
+  expansion_row{qtype_fp8_e5m2, "dequantize_fp8_e5m2_kernel",                     "kernels/dequant/fp8_e5m2_dense.h", dense, blocks, all,  256, 1,  1,   0,  0, false, records},
+  expansion_row{qtype_fp4,      "dequantize_fp4_kernel",                          "kernels/dequant/fp4_dense.h",    dense, blocks, all,  512, 1,  1,   0,  0, false, two_parts},
+  expansion_row{qtype_fp6,      "dequantize_fp6_kernel",                          "kernels/dequant/fp6_dense.h",    dense, blocks, all,  512, 1,  1,   0,  0, false, three_parts},
+  expansion_row{qtype_fp6_k,    "dequantize_fp6_k_kernel",                        "kernels/dequant/fp6_k_dense.h",  dense, blocks, all,  512, 1,  1,   0,  0, false, four_parts},
+  expansion_row{qtype_q4_k,     "dequantize_q4_k_kernel",                         "kernels/dequant/q4_k_dense.h",   dense, blocks, all,  512, 1,  1,   0,  0, false, three_parts},
+  expansion_row{qtype_q6_k,     "dequantize_q6_k_kernel",                         "kernels/dequant/q6_k_dense.h",   dense, blocks, all,  512, 1,  1,   0,  0, false, four_parts},
   };
 }();
 // clang-format on
@@ -310,10 +324,16 @@ constexpr int expansion_index(expansion operation, int qtype, launcher_table_ind
   return -1;
 }
 
-// Super-blocks ask for no sub-group size, and are no template over it.
+// Super-blocks ask for no sub-group size, and are no template over it; neither are single work-items.
 constexpr bool has_sub_group(const expansion_row& row) {
-  return row.form != expansion_form::block;
+  return row.form == expansion_form::row || row.form == expansion_form::flat;
 }
+
+// Blocks of a work-item in the form that deals them out so, and the number behind the last full work-item.
+constexpr int blocks_of_item(const expansion_row& row) {
+  return row.span / elements_per_block(row.qtype);
+}
+inline constexpr int blocks_of_last_items = 1;
 
 // How the work-items of one work-group walk over a row.
 struct row_walk {

@@ -2,8 +2,7 @@
 //
 //   _format_table.py   formats/registry.h: codes, names, block sizes and fields
 //   _device_table.py   dispatch/device_class.h and runtime/device_limit.h: classes, architectures, number of devices
-//   _kernel_table.py   kernels/kernel_table.h, dispatch/path.h and road.h: kernels, their instantiations, who launches
-//                      them, and how many rows they take
+//   _kernel_table.py   kernels/kernel_table.h and dispatch/path.h: kernels, their instantiations and who launches them
 //   _value_tables.py   grids, sign patterns and code books of csrc/formats/
 //
 // Run by the build as  write_python_tables FOLDER.
@@ -20,7 +19,6 @@
 
 #include "dispatch/device_class.h"
 #include "dispatch/path.h"
-#include "dispatch/road.h"
 #include "formats/formats.h"
 #include "kernels/kernel_table.h"
 #include "runtime/build_options.h"
@@ -100,20 +98,6 @@ const char* launcher_table_of(XpuDeviceClass device_class) {
   }
 }
 
-// The most activation rows that a device of the class multiplies in one call by a kernel that reads the packed weight,
-// whatever their number: 1 where only single rows do.
-std::uint64_t rows_at_once(XpuDeviceClass device_class, int qtype) {
-  const ByBatchRoad* by_batch = by_batch_road(qtype);
-  if (by_batch == nullptr || by_batch->kernel_qtype != qtype) return 1;
-  std::uint64_t rows = 1;
-  for (std::uint64_t batch = 2; batch <= by_batch->most; ++batch) {
-    if (choose_path(device_class, qtype, batch, kMatrixEngineColumns) == Path::matrix_engine) break;
-    if (choose_road(qtype, {device_class, batch, kMatrixEngineColumns, 0, 0, false}) != Road::by_batch) break;
-    rows = batch;
-  }
-  return rows;
-}
-
 // A kernel's template arguments behind the element type.
 std::vector<int> constants_of(const kernel_row& row, const kernel_geometry& geometry) {
   switch (row.constants) {
@@ -155,10 +139,10 @@ std::string kernel_text(const kernel_row& row) {
   return text.str();
 }
 
-constexpr const char* kExpansionNames[] = {"whole", "tile", "rows"};
-static_assert(std::size(kExpansionNames) == static_cast<std::size_t>(expansion::rows) + 1);
-constexpr const char* kFormNames[] = {"row", "flat", "block"};
-static_assert(std::size(kFormNames) == static_cast<std::size_t>(expansion_form::block) + 1);
+constexpr const char* kExpansionNames[] = {"whole", "tile", "rows", "dense"};
+static_assert(std::size(kExpansionNames) == static_cast<std::size_t>(expansion::dense) + 1);
+constexpr const char* kFormNames[] = {"row", "flat", "block", "dense"};
+static_assert(std::size(kFormNames) == static_cast<std::size_t>(expansion_form::dense) + 1);
 
 std::string expansion_text(const expansion_row& row) {
   std::ostringstream text;
@@ -170,7 +154,8 @@ std::string expansion_text(const expansion_row& row) {
     if (runs_on(row, static_cast<launcher_table_index>(table)))
       text << quoted(launcher_geometries[table].name) << ": "
            << (has_sub_group(row) ? std::to_string(launcher_geometries[table].sub_group) : "None") << ", ";
-  text << "},\n        \"span\": " << row.span << ",\n        \"work_group\": " << row.most_work_group
+  text << "},\n        \"blocks_of_item\": " << (row.form == expansion_form::dense ? blocks_of_item(row) : 0)
+       << ",\n        \"span\": " << row.span << ",\n        \"work_group\": " << row.most_work_group
        << ",\n        \"row_unit\": " << row.row_unit << ",\n        \"waits\": " << truth(row.waits) << ",\n    },\n";
   return text.str();
 }
@@ -181,14 +166,6 @@ std::string kernel_table_text() {
   for (std::size_t code = 0; code < kDeviceClassNames.size(); ++code)
     text << "    " << quoted(kDeviceClassNames[code]) << ": "
          << quoted(launcher_table_of(static_cast<XpuDeviceClass>(code))) << ",\n";
-  text << "}\n\nROWS_AT_ONCE = {\n";
-  for (std::size_t code = 0; code < kDeviceClassNames.size(); ++code) {
-    text << "    " << quoted(kDeviceClassNames[code]) << ": {";
-    for (const format_entry& entry : formats)
-      if (is_weight_format(entry))
-        text << quoted(entry.name) << ": " << rows_at_once(static_cast<XpuDeviceClass>(code), entry.qtype) << ", ";
-    text << "},\n";
-  }
   text << "}\n\nKERNELS = (\n";
   for (const kernel_row& row : kernel_table) text << kernel_text(row);
   text << ")\n\nEXPANSIONS = (\n";

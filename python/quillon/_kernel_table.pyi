@@ -21,9 +21,10 @@ class ExpansionRow(TypedDict):
     format: str
     name: str
     header: str
-    operation: Literal["whole", "tile", "rows"]
-    form: Literal["row", "flat", "block"]
+    operation: Literal["whole", "tile", "rows", "dense"]
+    form: Literal["row", "flat", "block", "dense"]
     sub_groups: dict[str, int | None]
+    blocks_of_item: int
     span: int
     work_group: int
     row_unit: int
@@ -31,9 +32,6 @@ class ExpansionRow(TypedDict):
 
 LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
-
-ROWS_AT_ONCE: dict[str, dict[str, int]]
-"""By device class and format, the most activation rows that one call multiplies without expanding the weight."""
 
 KERNELS: tuple[KernelRow, ...]
 """One for each kernel. Geometries, by launcher table: template constants behind the element type, required sub-group

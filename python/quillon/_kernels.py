@@ -21,10 +21,6 @@ LAUNCHER_TABLES: Mapping[str, str] = MappingProxyType(_kernel_table.LAUNCHER_TAB
 """The launcher table of each device class."""
 
 
-ROWS_AT_ONCE: Mapping[str, Mapping[str, int]] = MappingProxyType(_kernel_table.ROWS_AT_ONCE)
-"""By device class and format, the most activation rows that one call multiplies without expanding the weight."""
-
-
 @dataclass(frozen=True)
 class Geometry:
     """A kernel in one launcher table."""
@@ -74,6 +70,10 @@ class Kernel:
 
     def geometry(self, device_class: str) -> Geometry:
         return self.geometries[LAUNCHER_TABLES[device_class]]
+
+    def geometries_on(self, device_class: str) -> tuple[Geometry, ...]:
+        """All that devices of a class run."""
+        return (self.geometry(device_class),)
 
     def row_multiple(self, device_class: str) -> int:
         """What a row length must be a multiple of for no element to be left out."""
@@ -129,12 +129,15 @@ class Expansion:
     header: str
     """Relative to csrc/."""
     format: str
-    operation: Literal["whole", "tile", "rows"]
-    """All of the weight, a band of its rows, or the rows that an index names."""
-    form: Literal["row", "flat", "block"]
-    """What a work-group is dealt: one row, elements counted over the whole weight, or one super-block."""
+    operation: Literal["whole", "tile", "rows", "dense"]
+    """All of the weight, a band of its rows, the rows that an index names, or all of it for a large batch."""
+    form: Literal["row", "flat", "block", "dense"]
+    """What a work-group is dealt: one row, elements counted over the whole weight, one super-block, or a number of
+    blocks for its one work-item."""
     sub_groups: Mapping[str, int | None]
     """The sub-group size that the kernel requires, by the launcher tables whose device classes run it."""
+    blocks_of_item: int
+    """Blocks of a work-item where that is a template argument; 0: it is none."""
     span: int
     """Elements that a work-item writes in a round."""
     work_group: int
@@ -147,7 +150,7 @@ class Expansion:
     @property
     def element_types(self) -> tuple[str, ...]:
         """Those that it is instantiated for."""
-        return ELEMENT_TYPES if self.operation != "rows" else ("float",)
+        return {"rows": ("float",), "dense": ("float", "c10::Half")}.get(self.operation, ELEMENT_TYPES)
 
     @property
     def build_options(self) -> Mapping[int, tuple[str, ...]]:
@@ -165,8 +168,14 @@ class Expansion:
 
     def geometry(self, device_class: str) -> Geometry:
         """The kernel on devices of a class that runs it."""
+        return self.geometries_on(device_class)[0]
+
+    def geometries_on(self, device_class: str) -> tuple[Geometry, ...]:
+        """All that devices of a class run: blocks behind the last full work-item have one to themselves."""
+        if self.blocks_of_item:
+            return tuple(Geometry((blocks,), 1, self.work_group, 1) for blocks in (self.blocks_of_item, 1))
         sub_group = self.sub_groups[LAUNCHER_TABLES[device_class]]
-        return Geometry(() if sub_group is None else (sub_group,), sub_group, self.work_group, 1)
+        return (Geometry(() if sub_group is None else (sub_group,), sub_group, self.work_group, 1),)
 
     def expression(self, element_type: str, geometry: Geometry) -> str:
         """An instantiation as the library names it: ``"name<float,16>"``."""
@@ -181,6 +190,7 @@ def _expansion(row: _kernel_table.ExpansionRow) -> Expansion:
         operation=row["operation"],
         form=row["form"],
         sub_groups=MappingProxyType(row["sub_groups"]),
+        blocks_of_item=row["blocks_of_item"],
         span=row["span"],
         work_group=row["work_group"],
         row_unit=row["row_unit"],

@@ -2,7 +2,8 @@
 
 A launch costs some microseconds, and a small matrix does not fill a device. The rows of packed weights of one format
 and row length stand in one matrix without being packed again, and every row is multiplied as before, so the results
-are the same to the bit.
+are the same to the bit. Where a batch is so large that the weight is expanded for PyTorch's own product, they are so as
+far as that product does not depend on the number of rows.
 """
 
 from __future__ import annotations

@@ -16,7 +16,7 @@ from torch.autograd import forward_ad
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
 from quillon._format_table import MAX_ELEMENTS
-from quillon._kernels import KERNELS, LAUNCHER_TABLES, ROWS_AT_ONCE
+from quillon._kernels import KERNELS, LAUNCHER_TABLES
 from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
@@ -78,27 +78,41 @@ def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]
 
 
 @functools.cache
-def _device_class(device: torch.device) -> str:
-    return vesper_linear.get_xpu_device_name(device)
+def _rows_at_once(format: Format, device: torch.device, dtype: torch.dtype, columns: int, out_features: int) -> int:
+    """How many rows a layer may give to one call; 0: any number."""
+    if device.type != "xpu":
+        return 0
+    rows: int = torch.ops.quillon_kernels.rows_at_once(device, format.code, dtype, columns, out_features)
+    return rows
 
 
-def _rows_at_once(format_name: str, device: torch.device) -> int:
-    """How many rows a layer gives to one call."""
-    return ROWS_AT_ONCE[_device_class(device)][format_name] if device.type == "xpu" else 1
+def _input_size(format: Format, columns: int) -> int:
+    """What a call is told of the input for the choice of a road.
+
+    Where memory is short and a weight large, a product of more than 128 columns expands it in tiles, which a format
+    without right tiles must not.
+    """
+    return columns if format.name not in _FORMATS_WITHOUT_TILES else 0
+
+
+_FORMATS_WITHOUT_TILES = ("fp6", "q4_0_woq")
 
 
 def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) -> Tensor:
     """``input`` (..., in_features) times the packed weight: (..., out_features)."""
     columns, forward_new = input.shape[-1], _operator_for(input)
-    if input.numel() == columns:  # a token of generation: nothing to cut or to put together
-        product = forward_new(input.reshape(1, columns).contiguous(), packed, format.code, columns)
-        return product.view(*input.shape[:-1], out_features)
     rows = input.reshape(-1, columns).contiguous()
-    # Launches queue up behind one another, and the one cat at the end waits for all of them.
-    parts = torch.split(rows, _rows_at_once(format.name, rows.device))
-    outputs = [forward_new(part, packed, format.code, columns) for part in parts]
-    output = torch.cat(outputs) if outputs else rows.new_empty((0, out_features))
-    return output.reshape(*input.shape[:-1], out_features)
+    if rows.shape[0] == 0:
+        return input.new_empty(*input.shape[:-1], out_features)
+    size, at_once = _input_size(format, columns), 0
+    if rows.shape[0] != 1:  # a token of generation asks for nothing
+        at_once = _rows_at_once(format, rows.device, rows.dtype, columns, out_features)
+    if at_once == 0 or rows.shape[0] <= at_once:
+        output = forward_new(rows, packed, format.code, size)
+    else:
+        # Launches queue up behind one another, and the one cat at the end waits for all of them.
+        output = torch.cat([forward_new(part, packed, format.code, size) for part in torch.split(rows, at_once)])
+    return output.view(*input.shape[:-1], out_features)
 
 
 class _PackedProduct(torch.autograd.Function):
@@ -184,8 +198,8 @@ class LowBitLinear(nn.Module):
     None. Both move with ``.to(device)``; ``.half()`` and the like leave the bytes alone.
 
     The input is (..., in_features) of float32, float64, float16 or bfloat16 on an XPU; the output has its element
-    type and is (..., out_features). Formats without a kernel for several rows take them one by one. Autocast is
-    followed as by a dense layer.
+    type and is (..., out_features). One row, and with some formats a handful, meets the packed bytes as they are; for
+    more the weight is expanded while the call lasts. Autocast is followed as by a dense layer.
 
     The weight is not trained. The input's gradient is the output's times :meth:`dequantize`, so what lies before the
     layer, and adapters beside it, train as in a dense model. Where a format rounds the activations (iq2_xxs, q2_k,

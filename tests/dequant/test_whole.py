@@ -127,7 +127,7 @@ def test_which_kernel_a_class_runs() -> None:
         assert tuple(EXPANSIONS[row].geometry(one).sub_group for one in BOTH_CLASSES) == sub_groups
     for without in ("fp8_e4m3", "fp6", "fp6_k", "q4_0_woq"):
         assert expansion_index("whole", without, "unknown") == -1
-    assert len(names) == len(EXPANSIONS) == 28
+    assert len(names) == len(EXPANSIONS) == 38
 
 
 @pytest.mark.parametrize("device_class", BOTH_CLASSES)

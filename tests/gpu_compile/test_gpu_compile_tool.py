@@ -175,8 +175,15 @@ def test_what_a_launcher_can_reach_is_compiled() -> None:
     expanding = {
         (kernel.name, element_type, Geometry(() if size is None else (size,), size, kernel.work_group, 1))
         for kernel in EXPANSIONS
+        if not kernel.blocks_of_item
         for table, size in kernel.sub_groups.items()
         for element_type in types[table].intersection(kernel.element_types)
+    } | {
+        (kernel.name, element_type, Geometry((blocks,), 1, 1, 1))
+        for kernel in EXPANSIONS
+        if kernel.blocks_of_item
+        for blocks in (kernel.blocks_of_item, 1)
+        for element_type in ("float", "c10::Half")
     }
     assert compiled == reached | expanding
 

@@ -12,7 +12,6 @@ from torch import Tensor, nn
 
 import quillon
 import vesper_linear
-from quillon._kernels import ROWS_AT_ONCE
 from quillon.formats import WEIGHT_FORMATS
 from quillon.joined import JoinedLinear
 from quillon.nn import LowBitLinear
@@ -86,10 +85,16 @@ def test_joined_layers_give_the_bits_of_separate_ones(format: str, launches: lis
         expected = separate(input)
         del launches[:]
         given = joined(input)
-        assert same_bits(given, expected)
+        if input.numel() == 512 or format in ("q4_0", "nf4", "q4_0_woq"):  # the packed weight itself is read
+            assert same_bits(given, expected)
+        else:  # PyTorch's product of 512 terms may add them in another order for another number of columns
+            for layer, one, other in zip(separate.children(), given, expected, strict=True):
+                terms = input.abs() @ layer.dequantize().abs().mT  # type: ignore[operator]
+                assert ((one - other).abs() <= 2 * 512 * 2**-24 * terms).all()
         assert all(output.is_contiguous() for output in given)
         rows = input.numel() // 512
-        assert launches == [total] * -(-rows // min(rows, ROWS_AT_ONCE["unknown"][format]))
+        one_by_one = format == "q4_0_woq"
+        assert launches == [total] * (rows if one_by_one else 1)
 
 
 @pytest.mark.parametrize("dtype", [torch.float16, torch.bfloat16, torch.float64])

@@ -9,7 +9,7 @@ from typing import Any
 
 import pytest
 import torch
-from torch import nn
+from torch import Tensor, nn
 from torch._subclasses.fake_tensor import FakeTensor, FakeTensorMode
 from torch.utils._python_dispatch import TorchDispatchMode
 
@@ -208,13 +208,53 @@ def test_modes_see_the_operator() -> None:
     assert torch.equal(exported(input), expected)
 
 
-@pytest.mark.parametrize("name", ["q4_0", "q4_0_woq", "nf4", "q8_0"])
-def test_many_rows(name: str) -> None:
-    """However many rows go through one call, each has the result that it has alone."""
-    layer = LowBitLinear.from_linear(nn.Linear(128, 33), name).to(DEVICE)
-    for rows in (1, 2, 7, 8, 15, 31):
-        input = torch.randn(rows, 128, device=DEVICE)
-        assert torch.equal(layer(input), torch.cat([layer(row) for row in input.split(1)])), rows
+@pytest.mark.parametrize("dtype", [torch.float32, torch.float64, torch.float16, torch.bfloat16])
+@pytest.mark.parametrize("name", WEIGHT_FORMATS)
+def test_many_rows(name: str, dtype: torch.dtype) -> None:
+    """However many rows there are, in however many dimensions: every format, element type and number is served.
+
+    The bound is that of two sums of as many products in the element type, and of an expansion in half on the way; where
+    single rows meet their activations as eight bits, of half a step as well.
+    """
+    columns = kernel_row_multiple(name)
+    layer = LowBitLinear.from_linear(nn.Linear(columns, 33), name).to(DEVICE, dtype)
+    weight = layer.dequantize(torch.float64).abs()
+    rounding = max(torch.finfo(dtype).eps * columns, 2 * torch.finfo(torch.float16).eps)
+    for shape in ((2,), (7,), (3, 5), (2, 1, 16), (70,)):
+        input = torch.randn(*shape, columns, device=DEVICE, dtype=dtype)
+        rows = input.reshape(-1, columns)
+        alone = torch.cat([layer(row) for row in rows.split(1)])
+        bound = rounding * (rows.double().abs() @ weight.mT + 1)
+        if name in ("iq2_xxs", "q2_k", "iq1_s"):
+            bound = bound + rows.double().abs().amax(1, keepdim=True) / 250 * weight.sum(1)
+        assert layer(input).shape == (*shape, 33)
+        assert ((layer(input).reshape(-1, 33) - alone).abs() <= bound).all(), shape
+
+
+CALLS = [
+    ("q4_k", "float32", 1),
+    ("fp6", "float16", 1),
+    ("fp6", "bfloat16", 9),
+    ("q4_0_woq", "float32", 9),
+    ("q8_0", "float64", 1),
+]
+
+
+@pytest.mark.parametrize(("name", "dtype", "calls"), CALLS)
+def test_calls_for_many_rows(name: str, dtype: str, calls: int, monkeypatch: pytest.MonkeyPatch) -> None:
+    """One, where the format has a road for the element type, and one for each row elsewhere."""
+    columns = 512
+    layer = LowBitLinear.from_linear(nn.Linear(columns, 16), name).to(DEVICE)
+    seen: list[int] = []
+    forward_new = vesper_linear.forward_new
+
+    def counted(input: Tensor, weight: Tensor, qtype: int, input_size: int) -> Tensor:
+        seen.append(input.shape[0])
+        return forward_new(input, weight, qtype, input_size)
+
+    monkeypatch.setattr(vesper_linear, "forward_new", counted)
+    layer(torch.ones(9, columns, device=DEVICE, dtype=getattr(torch, dtype)))
+    assert seen == [9 // calls] * calls
 
 
 @pytest.mark.parametrize("name", ["q4_0", "q4_k", "iq1_s"])

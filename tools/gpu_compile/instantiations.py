@@ -53,10 +53,17 @@ class Build:
 
 def build_for(kernel: Kernel | Expansion, device_class: str) -> Build:
     """How the launchers have a kernel built on GPUs of a class."""
-    geometry = kernel.geometry(device_class)
+    return builds_for(kernel, device_class)[0]
+
+
+def builds_for(kernel: Kernel | Expansion, device_class: str) -> list[Build]:
+    """The same with all that they use beside it."""
     without = {8} if device_class in CLASSES_WITHOUT_SUB_GROUPS_OF_8 else set()
     choices = [size for size in kernel.build_options if size not in without]
-    return Build(kernel, geometry, choices[0] if choices else geometry.sub_group)
+    return [
+        Build(kernel, geometry, choices[0] if choices else geometry.sub_group)
+        for geometry in kernel.geometries_on(device_class)
+    ]
 
 
 def types_on(device_class: str) -> list[str]:
@@ -99,9 +106,10 @@ def cases(of: Iterable[Kernel | Expansion] | None = None) -> Iterator[Case]:
         for architecture, device_class in ARCHITECTURES.items():
             if not kernel.runs_on(device_class):
                 continue
-            for element_type in types_on(device_class):
-                if element_type in kernel.element_types:
-                    yield Case(build_for(kernel, device_class), element_type, architecture)
+            for build in builds_for(kernel, device_class):
+                for element_type in types_on(device_class):
+                    if element_type in kernel.element_types:
+                        yield Case(build, element_type, architecture)
 
 
 def compile_cases(wanted: Sequence[Case]) -> dict[Case, Compiled | GpuCompileError]:

@@ -4,6 +4,7 @@
 #include <c10/util/SmallVector.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 
 #include "runtime/backing.h"
@@ -24,15 +25,16 @@ constexpr std::uint64_t kFlatElementsOfItem = 16 * 64;
 std::string instantiation(const ExpansionKernel& kernel, ElementType type) {
   const expansion_row& row = expansion_table[kernel.row];
   std::string name = std::string(row.name) + "<" + facts_of(type).name;
-  if (has_sub_group(row)) name += "," + std::to_string(kernel.sub_group);
+  if (kernel.constant != 0) name += "," + std::to_string(kernel.constant);
   return name + ">";
 }
 
 // The library's entry of an instantiation, looked up once.
 runtime::KernelEntry& entry_of(const ExpansionKernel& kernel, ElementType type, Backing backing) {
-  constexpr int SUB_GROUPS = 2;
-  static std::atomic<runtime::KernelEntry*> known[expansion_table.size()][SUB_GROUPS][kElementTypes][2];
-  auto& slot = known[kernel.row][kernel.sub_group == 32][static_cast<int>(type)][static_cast<int>(backing)];
+  constexpr int CONSTANTS = 2;  // that a kernel is instantiated with
+  static std::atomic<runtime::KernelEntry*> known[expansion_table.size()][CONSTANTS][kElementTypes][2];
+  const bool second = kernel.constant == 32 || kernel.constant == blocks_of_last_items;
+  auto& slot = known[kernel.row][second][static_cast<int>(type)][static_cast<int>(backing)];
   runtime::KernelEntry* entry = slot.load(std::memory_order_acquire);
   if (entry == nullptr) {
     entry = &runtime::kernel_entry(expansion_table[kernel.row].header, instantiation(kernel, type),
@@ -121,8 +123,8 @@ LaunchRange range_of(std::size_t groups, std::size_t work_group, Backing backing
 
 }  // namespace
 
-void expand_whole(const ExpansionKernel& kernel, ElementType type, const std::uint8_t* weight, void* output,
-                  std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
+std::uint64_t expand_whole(const ExpansionKernel& kernel, ElementType type, const std::uint8_t* weight, void* output,
+                           std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   const expansion_row& row = expansion_table[kernel.row];
   check_row_length(row, state_size);
   const Backing backing = backing_on(device);
@@ -145,8 +147,32 @@ void expand_whole(const ExpansionKernel& kernel, ElementType type, const std::ui
       work_group = row.most_work_group;
       groups = elements / kSuperBlock;
       break;
+    case expansion_form::dense:
+      TORCH_INTERNAL_ASSERT(false, row.name, " is launched by expand_dense");
   }
   launch(kernel, type, backing, expansion, range_of(groups, work_group, backing), device);
+  return row.form == expansion_form::block ? kSuperBlock * groups : elements;
+}
+
+std::uint64_t expand_dense(int qtype, ElementType type, const std::uint8_t* weight, void* output,
+                           std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
+  if (type != ElementType::float32 && type != ElementType::float16)
+    throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
+  ExpansionKernel kernel = expansion_kernel(expansion::dense, qtype, table_default);
+  const auto elements = static_cast<std::int64_t>(state_size * output_size);
+  Expansion expansion{weight, nullptr, output, state_size, output_size, 0, dense_region_offsets(qtype, elements)};
+  const std::int64_t blocks = elements / elements_per_block(qtype);
+  const std::int64_t items = blocks / kernel.constant;
+  // Explicit vectors are all that these kernels have on either kind of device (kernels/simd.h).
+  const Backing backing = runtime::device_facts(device.index()).is_cpu ? Backing::vectors : Backing::items;
+  launch(kernel, type, backing, expansion, LaunchRange(items, 1), device);
+  // The last blocks, too few for a work-item.
+  const std::int64_t done = items * kernel.constant;
+  kernel.constant = blocks_of_last_items;
+  for (int part = 0; part < 4; ++part) expansion.parts.start[part] += done * format_table[qtype].fields[part].bytes;
+  expansion.output = static_cast<std::uint8_t*>(output) + done * elements_per_block(qtype) * facts_of(type).size;
+  launch(kernel, type, backing, expansion, LaunchRange(blocks - done, 1), device);
+  return blocks * elements_per_block(qtype);
 }
 
 void expand_tile(const ExpansionKernel& kernel, ElementType type, const std::uint8_t* weight, void* output,

@@ -1,5 +1,5 @@
 // Host entries of the expansion kernels, which write a packed weight as a dense matrix: all of it, a tile of its rows, or
-// the rows that an index names.
+// the rows that an index names. For large batches there is a second kernel for all of it, whose values are formed in half.
 //
 // All are functions over the rows of expansion_table (kernels/kernel_table.h). They check the row length, form the range and
 // the arguments in the kernel's own order, and submit; they wait for the kernel only where the row says so. A row length
@@ -17,19 +17,30 @@ namespace quillon {
 
 // An instantiation of a kernel, for all its element types.
 struct ExpansionKernel {
-  int row;        // of expansion_table
-  int sub_group;  // of the launcher table
+  int row;       // of expansion_table
+  int constant;  // the template argument behind the element type: a sub-group size or blocks of a work-item; 0: none
 };
 
 // The kernel of a format on the device classes of a launcher table; `row` is -1 if there is none.
 constexpr ExpansionKernel expansion_kernel(expansion operation, int qtype, launcher_table_index table) {
-  return {expansion_index(operation, qtype, table), launcher_geometries[table].sub_group};
+  const int row = expansion_index(operation, qtype, table);
+  if (row < 0) return {row, 0};
+  const expansion_row& found = expansion_table[row];
+  if (found.form == expansion_form::dense) return {row, blocks_of_item(found)};
+  return {row, has_sub_group(found) ? launcher_geometries[table].sub_group : 0};
 }
 
 // weight  packed bytes of output_size rows of state_size elements
 // output  output_size by state_size elements of T
-void expand_whole(const ExpansionKernel& kernel, ElementType type, const std::uint8_t* weight, void* output,
-                  std::uint64_t state_size, std::uint64_t output_size, c10::Device device);
+//
+// Returns how many of them, from the first one on, the kernel writes: a weight may end inside a super-block.
+std::uint64_t expand_whole(const ExpansionKernel& kernel, ElementType type, const std::uint8_t* weight, void* output,
+                           std::uint64_t state_size, std::uint64_t output_size, c10::Device device);
+
+// The same by the kernels for large batches, float32 and float16 alone: another type is a std::runtime_error. They write
+// whole blocks.
+std::uint64_t expand_dense(int qtype, ElementType type, const std::uint8_t* weight, void* output,
+                           std::uint64_t state_size, std::uint64_t output_size, c10::Device device);
 
 // output  tile_rows by state_size elements of T: rows row_start and on of the weight, which has output_size rows
 //

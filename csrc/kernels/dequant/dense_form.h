@@ -1,0 +1,138 @@
+// The skeleton of the expansions for large batches, in explicit vectors (kernels/simd.h): a work-item is alone in its
+// work-group and has BLOCKS blocks or super-blocks in a row of the whole weight. No row length enters.
+//
+//   out   | item 0: block 0 | ... | block BLOCKS - 1 | item 1: block 0 | ...
+//
+// It loads what it needs of each region at once, up to 256 bytes, and stores 64 elements at once, a piece: a block, or a
+// quarter of a super-block. Values are formed in half whatever T is, where the format does not say float, and are converted
+// to T last.
+#pragma once
+
+#include "formats/small_floats.h"
+#include "kernels/simd.h"
+
+namespace quillon {
+
+inline constexpr int PIECE = 64;
+
+// A work-item's part of a region of which each piece, or each super-block, has COUNT elements E. Numbers are those of the
+// pieces or super-blocks of the item, as pieces_of_item gives them.
+template <typename E, int COUNT, int NUMBERS>
+class item_part {
+ public:
+  explicit item_part(const void* region)
+      : from_(static_cast<const E*>(region) +
+              COUNT * NUMBERS * sycl::ext::oneapi::this_work_item::get_nd_item<1>().get_group(0)) {
+#ifndef QUILLON_VECTOR_LANES
+    if constexpr (IN_REGISTERS) all_ = simd::load<E, COUNT * NUMBERS, ALIGNMENT>(from_);
+#endif
+  }
+
+  template <typename Number>
+  simd::vec<E, COUNT> operator[](Number number) const {
+#ifdef QUILLON_VECTOR_LANES
+    return simd::load<E, COUNT>(from_ + COUNT * number);
+#else
+    return simd::select<COUNT * Number::value, COUNT>(all_);
+#endif
+  }
+  // Where COUNT is 1.
+  template <typename Number>
+  E value(Number number) const {
+#ifdef QUILLON_VECTOR_LANES
+    return from_[number];
+#else
+    if constexpr (IN_REGISTERS)
+      return all_[Number::value];
+    else
+      return *from_;
+#endif
+  }
+
+ private:
+  const E* from_;
+#ifndef QUILLON_VECTOR_LANES
+  static constexpr int BYTES = COUNT * NUMBERS * sizeof(E);
+  static constexpr int ALIGNMENT = BYTES < 16 ? BYTES : 16;
+  static constexpr bool IN_REGISTERS = BYTES >= 4;  // one half is a number
+  simd::vec<E, COUNT * NUMBERS> all_;
+#endif
+};
+
+// The super-block that a piece is a quarter of.
+#ifdef QUILLON_VECTOR_LANES
+inline int super_block_of(int piece) {
+  return piece / 4;
+}
+#else
+template <typename Piece>
+inline auto super_block_of(Piece) {
+  return std::integral_constant<int, Piece::value / 4>{};
+}
+#endif
+
+// Stores `piece(i)`, 64 halves or floats, for each of a work-item's PIECES.
+template <int PIECES, typename T, typename Piece>
+inline void expand_pieces(T* out, const Piece& piece) {
+  static_assert(std::is_same_v<T, float> || std::is_same_v<T, half>);
+  out += PIECE * PIECES * sycl::ext::oneapi::this_work_item::get_nd_item<1>().get_group(0);
+  const auto expand = [&](auto i) { simd::store(out + PIECE * i, simd::convert<T>(piece(i))); };
+#ifdef QUILLON_VECTOR_LANES
+#pragma clang loop unroll(disable)
+  for (int i = 0; i < PIECES; ++i) expand(i);
+#else
+  unrolled<PIECES>(expand);
+#endif
+}
+
+// ---- pieces -----------------------------------------------------------------------------------------------
+
+using bytes_32 = simd::vec<uint8_t, 32>;
+using halves_32 = simd::vec<half, 32>;
+using halves_64 = simd::vec<half, 64>;
+
+inline bytes_32 low_nibbles(bytes_32 bytes) {
+  return bytes & 15;
+}
+inline bytes_32 high_nibbles(bytes_32 bytes) {
+  return bytes >> 4;
+}
+
+// Halves by their bits.
+inline halves_64 halves_of(simd::vec<uint16_t, 64> bits) {
+  return simd::bits_as<half>(bits);
+}
+
+// Sixteen elements four times, of which element i is `at(i)`.
+template <typename At>
+inline auto four_groups(const At& at) {
+  const auto first = simd::joined(at(std::integral_constant<int, 0>{}), at(std::integral_constant<int, 1>{}));
+  const auto second = simd::joined(at(std::integral_constant<int, 2>{}), at(std::integral_constant<int, 3>{}));
+  return simd::joined(first, second);
+}
+
+// The words of four groups of sixteen elements in six bits each, a high one and two low ones for each group
+// (readers/six_bits.h), turned into a word for each step of four elements, group by group. `codes` is the format's rule.
+template <typename Codes>
+inline simd::vec<uint32_t, 16> step_words(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low, const Codes& codes) {
+  using words_4 = simd::vec<uint32_t, 4>;
+  const words_4 low0 = simd::even(low), low1 = simd::odd(low);
+  const words_4 step0 = codes(high, low0);
+  const words_4 step1 = codes(words_4(high << 2), words_4(low0 << 4));
+  const words_4 step2 = codes(words_4(high << 4), low1);
+  const words_4 step3 = codes(words_4(high << 6), words_4(low1 << 4));
+  return simd::interleaved(simd::interleaved(step0, step2), simd::interleaved(step1, step3));
+}
+
+// The halves that codes of fp6 stand for, in their order.
+inline halves_64 fp6_halves(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
+  using words_16 = simd::vec<uint32_t, 16>;
+  using words_4 = simd::vec<uint32_t, 4>;
+  static_assert(fp6_byte_of_element(0) == 1 && fp6_byte_of_element(1) == 3 && fp6_byte_of_element(2) == 0);
+  const words_16 codes = step_words(high, low, [](words_4 h, words_4 l) { return fp6_step_codes(h, l); });
+  const words_16 first_two = (codes & 0x9F009F00u) | 0x00800080u;
+  const words_16 last_two = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
+  return simd::bits_as<half>(simd::interleaved(first_two, last_two));
+}
+
+}  // namespace quillon

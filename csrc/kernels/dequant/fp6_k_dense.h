@@ -1,0 +1,28 @@
+// fp6_k expanded to a dense matrix for a large batch.
+//
+//   T       element type of the result, float or half; arithmetic is in half for both
+//   BLOCKS  super-blocks of a work-item: two, or one behind the last full work-item
+//
+// How the work is dealt out is told in dense_form.h; the bytes are drawn in readers/fp6_k.h.
+#pragma once
+
+#include "kernels/dequant/dense_form.h"
+
+template <typename T, int BLOCKS>
+QUILLON_KERNEL(1)
+QUILLON_EXPLICIT_SIMD
+void dequantize_fp6_k_kernel(const uint8_t* low_plane, const uint8_t* high_plane, const uint8_t* scales,
+                             const uint8_t* super_scales, T* out) {
+  using namespace quillon;
+  const item_part<uint32_t, 8, 4 * BLOCKS> low(low_plane);
+  const item_part<uint32_t, 4, 4 * BLOCKS> high(high_plane);
+  const item_part<int8_t, 4, 4 * BLOCKS> group_scales(scales);
+  const item_part<half, 1, BLOCKS> d(super_scales);
+  expand_pieces<4 * BLOCKS>(out, [&](auto i) {
+    const halves_64 values = fp6_halves(high[i], low[i]);
+    const auto super_scale = simd::all<half, 4>(d.value(super_block_of(i)));
+    const auto scale = multiply(super_scale, simd::convert<half>(group_scales[i]));
+    return four_groups(
+        [&](auto g) { return multiply(simd::select<16 * g, 16>(values), simd::vec<half, 16>(scale[int{g}])); });
+  });
+}
