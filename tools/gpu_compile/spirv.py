@@ -144,7 +144,7 @@ def kernel_name(entry: str) -> str:
 
 def _prefix() -> Path:
     """Where the SYCL headers (``include``) and libraries (``lib``) are: the environment that runs this."""
-    prefix = Path(sys.prefix)
+    prefix = Path(sys.prefix).resolve()  # programs that stay in the cache find the libraries by it
     if not (prefix / "include" / "sycl").is_dir():
         raise GpuCompileError(f"no SYCL headers in {prefix / 'include'}: install dpcpp-cpp-rt there")
     return prefix
