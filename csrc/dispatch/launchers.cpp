@@ -13,6 +13,7 @@
 #include "dispatch/read_extent.h"
 #include "dispatch/road.h"
 #include "dispatch/scalar_type_dispatch.h"
+#include "dispatch/tensor_memory.h"
 #include "kernels/matvec/host_entry.h"
 #include "kernels/matvec/quantize_q8_1_host.h"
 
@@ -36,13 +37,6 @@ template <kernel_family FAMILY, int QTYPE, int SUB_GROUP, int WORK_GROUP>
 constexpr MatvecKernel kernel_of() {
   constexpr int ROW = kernel_index(FAMILY, QTYPE);
   return {ROW, {SUB_GROUP, WORK_GROUP, kernel_table[ROW].rows}};
-}
-
-// Bytes from the first element of a tensor to the end of its memory.
-std::uint64_t bytes_behind(const at::Tensor& tensor) {
-  const auto start = static_cast<std::uint64_t>(tensor.storage_offset()) * tensor.element_size();
-  const auto end = static_cast<std::uint64_t>(tensor.storage().nbytes());
-  return end > start ? end - start : 0;
 }
 
 // Rows that end inside a block, which the kernels admit, make some of them read on: in a larger tensor of which the

@@ -1,7 +1,10 @@
-// The torch library quillon_kernels, for the Python package: the expansion kernels by themselves, which write into a tensor
-// of the caller's by the kernels of all formats that have one, where the operators of the library quillon serve the few that
-// callers from outside need; the record of launches; and what a layer has
-// to know of the roads.
+// The torch library quillon_kernels, for the Python package.
+//
+//   expansions      They write into a tensor of the caller's, by the kernels of all formats that have one, where the
+//                   operators of the library quillon serve the few that callers from outside need.
+//   RWKV attention  The operators of the library quillon, whose schemas do not say that they write to the states: the
+//                   compiler of graphs has to know.
+//   launches        The record of a thread's launches, and what a layer has to know of the roads.
 #include <torch/library.h>
 
 #include <string>
@@ -14,6 +17,7 @@
 #include "dispatch/format_check.h"
 #include "dispatch/rows_at_once.h"
 #include "runtime/launch_record.h"
+#include "rwkv/rwkv_operators.h"
 
 namespace quillon {
 namespace {
@@ -53,12 +57,20 @@ TORCH_LIBRARY(quillon_kernels, library) {
               &rows_at_once_on);
   library.def("begin_launches() -> ()", &begin_launch_records);
   library.def("end_launches() -> (str[], int[][], int[][], int[], bool[])", &end_launches);
+  library.def(
+      "rwkv_linear_attention_v4(Tensor time_decay, Tensor time_first, Tensor key, Tensor value, "
+      "Tensor(a!) num_state, Tensor(b!) den_state, Tensor(c!) max_state) -> Tensor");
+  library.def(
+      "rwkv_linear_attention_v5(Tensor time_decay, Tensor time_first, Tensor receptance, Tensor key, "
+      "Tensor value, Tensor(a!) state) -> Tensor");
 }
 
 TORCH_LIBRARY_IMPL(quillon_kernels, XPU, library) {
   library.impl("expand_weight", &expand_weight);
   library.impl("expand_rows_of", &expand_rows_of);
   library.impl("expand_weight_fast", &expand_weight_fast);
+  library.impl("rwkv_linear_attention_v4", &rwkv_linear_attention_v4);
+  library.impl("rwkv_linear_attention_v5", &rwkv_linear_attention_v5);
 }
 
 }  // namespace

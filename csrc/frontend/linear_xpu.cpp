@@ -23,6 +23,7 @@
 #include "frontend/python_types.h"
 #include "frontend/unavailable.h"
 #include "runtime/kernel_library.h"
+#include "rwkv/rwkv_operators.h"
 
 namespace quillon {
 namespace {
@@ -79,9 +80,6 @@ using at::Tensor;
 using std::int64_t;
 
 constexpr char kMlp[] = "mlp_forward_xpu";
-constexpr char kAttentionV4[] = "rwkv_linear_attention_v4";
-constexpr char kAttentionV5[] = "rwkv_linear_attention_v5";
-constexpr char kTimeShift[] = "rwkv_time_shift";
 
 constexpr std::array kOperators = {
     torch_operator<&linear_forward_new>(
@@ -93,16 +91,16 @@ constexpr std::array kOperators = {
         kMlp, "fused mlp",
         "mlp_forward_xpu(Tensor input, Tensor weight1, Tensor weight2, int batch_size, int state_size, "
         "int output_size, int act_type, int qtype) -> Tensor"),
-    torch_operator<&unavailable<kAttentionV4, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor>>(
-        kAttentionV4, "rwkv v4 attention",
+    torch_operator<&rwkv_linear_attention_v4>(
+        "rwkv_linear_attention_v4", "rwkv v4 attention",
         "rwkv_linear_attention_v4(Tensor time_decay, Tensor time_first, Tensor key, Tensor value, "
         "Tensor num_state, Tensor den_state, Tensor max_state) -> Tensor"),
-    torch_operator<&unavailable<kAttentionV5, Tensor, Tensor, Tensor, Tensor, Tensor, Tensor>>(
-        kAttentionV5, "rwkv v5 attention",
+    torch_operator<&rwkv_linear_attention_v5>(
+        "rwkv_linear_attention_v5", "rwkv v5 attention",
         "rwkv_linear_attention_v5(Tensor time_decay, Tensor time_first, Tensor receptance, Tensor key, "
         "Tensor value, Tensor state) -> Tensor"),
-    torch_operator<&unavailable<kTimeShift, Tensor, Tensor, Tensor>>(
-        kTimeShift, "rwkv time shift", "rwkv_time_shift(Tensor hidden, Tensor shifted, Tensor mix) -> Tensor"),
+    torch_operator<&rwkv_time_shift>("rwkv_time_shift", "rwkv time shift",
+                                     "rwkv_time_shift(Tensor hidden, Tensor shifted, Tensor mix) -> Tensor"),
     torch_operator<&dequantize_rows>(
         "dequantize_rows", "Dequantize rows of weight",
         "dequantize_rows(Tensor input, Tensor weight, int qtype, int state_size, int output_size) -> Tensor"),

@@ -1,7 +1,7 @@
 // Every kernel, one row each: what it is, how it is instantiated, how it is called. Products with one row of activations
-// stand in kernel_table, expansions in expansion_table. Host entry, launch, launcher tables, the instantiations that the
-// offline GPU compile checks, the geometry that tests and benchmarks use and the row rules that Python shows all follow
-// from these rows.
+// stand in kernel_table, expansions in expansion_table, the kernels of RWKV in rwkv_table. Host entry, launch, launcher
+// tables, the instantiations that the offline GPU compile checks, the geometry that tests and benchmarks use and the row
+// rules that Python shows all follow from these rows.
 //
 // Free of torch and SYCL.
 #pragma once
@@ -350,6 +350,30 @@ constexpr row_walk walk_of(const expansion_row& row, uint64_t state_size) {
   while (2 * work_group <= row.most_work_group && state_size % (2 * work_group * row.span) == 0) work_group *= 2;
   const int element_step = work_group * row.span;
   return {work_group, element_step, element_step / BLOCK, static_cast<int32_t>(state_size / element_step)};
+}
+
+// ---- RWKV -------------------------------------------------------------------------------------------------
+//
+// The kernels of the RWKV operators, which have no packed weight. Every device class runs the same instantiations.
+
+enum class rwkv_kernel { attention_v4, attention_v5, time_shift };
+
+struct rwkv_row {
+  const char* name;
+  const char* header;  // relative to csrc/
+  int head_size;       // the first template argument, where it is not the element type, which then is float; else 0
+  int work_group;      // the second one: work-items, each with one channel
+  int sub_group;       // the third one, which is required
+};
+
+// Indexed by rwkv_kernel.
+inline constexpr std::array<rwkv_row, 3> rwkv_table = {{
+    {"rwkv_linear_attention_kernel_v4", "kernels/rwkv/attention_v4.h", 0, 32, 16},
+    {"rwkv_linear_attention_kernel_v5", "kernels/rwkv/attention_v5.h", 64, 32, 16},
+    {"rwkv_time_shift_kernel", "kernels/rwkv/time_shift.h", 0, 64, 32},
+}};
+constexpr const rwkv_row& row_of(rwkv_kernel kernel) {
+  return rwkv_table[static_cast<int>(kernel)];
 }
 
 }  // namespace quillon

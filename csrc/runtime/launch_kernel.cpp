@@ -32,28 +32,41 @@ void set_argument(sycl::handler& handler, int index, const KernelArgument& argum
   }
 }
 
+template <int DIMENSIONS>
+sycl::nd_range<DIMENSIONS> nd_range_of(const LaunchRange& range) {
+  sycl::range<DIMENSIONS> global, local;
+  for (int i = 0; i < DIMENSIONS; ++i) {
+    global[i] = range.global[i];
+    local[i] = range.local[i];
+  }
+  return {global, local};
+}
+
 }  // namespace
 
 void launch_kernel(runtime::KernelEntry& entry, c10::Device device, const LaunchRange& range,
                    c10::ArrayRef<KernelArgument> arguments, Wait wait) {
-  if (range.global[0] == 0 || range.global[1] == 0) return;
+  for (const std::size_t size : range.global)
+    if (size == 0) return;
   const c10::xpu::XPUStream stream = c10::xpu::getCurrentXPUStream(device.index());
   const sycl::kernel& kernel = runtime::find_kernel(entry, stream.queue(), stream.device_index());
   sycl::event event = submit_kernel(
       [&](sycl::handler& handler) {
         int index = 0;
         for (const KernelArgument& argument : arguments) set_argument(handler, index++, argument);
-        if (range.dimensions == 1)
-          handler.parallel_for(sycl::nd_range<1>(range.global[0], range.local[0]), kernel);
-        else
-          handler.parallel_for(sycl::nd_range<2>(sycl::range<2>(range.global[0], range.global[1]),
-                                                 sycl::range<2>(range.local[0], range.local[1])),
-                               kernel);
+        switch (range.dimensions) {
+          case 1:
+            return handler.parallel_for(nd_range_of<1>(range), kernel);
+          case 2:
+            return handler.parallel_for(nd_range_of<2>(range), kernel);
+          default:
+            return handler.parallel_for(nd_range_of<3>(range), kernel);
+        }
       },
       device);
   if (wait == Wait::yes) event.wait_and_throw();
   if (records_launches()) {
-    const auto sizes = [&](const std::array<std::size_t, 2>& of) {
+    const auto sizes = [&](const LaunchRange::Sizes& of) {
       return std::vector<std::int64_t>(of.begin(), of.begin() + range.dimensions);
     };
     record_launch({entry.name, sizes(range.global), sizes(range.local), device, wait == Wait::yes});

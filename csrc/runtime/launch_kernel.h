@@ -36,16 +36,25 @@ struct KernelArgument {
   }
 };
 
-// Work-items in all and per work-group, in one or two dimensions.
+// Work-items in all and per work-group, in one to three dimensions.
 struct LaunchRange {
-  std::array<std::size_t, 2> global;
-  std::array<std::size_t, 2> local;
+  using Sizes = std::array<std::size_t, 3>;
+  Sizes global;
+  Sizes local;
   int dimensions;
 
   LaunchRange(std::size_t global_size, std::size_t local_size)
-      : global{global_size, 1}, local{local_size, 1}, dimensions(1) {}
+      : global{global_size, 1, 1}, local{local_size, 1, 1}, dimensions(1) {}
   LaunchRange(std::array<std::size_t, 2> global_size, std::array<std::size_t, 2> local_size)
-      : global(global_size), local(local_size), dimensions(2) {}
+      : global{global_size[0], global_size[1], 1}, local{local_size[0], local_size[1], 1}, dimensions(2) {}
+
+  static LaunchRange of_three(Sizes global_size, Sizes local_size) {
+    LaunchRange range(0, 0);
+    range.global = global_size;
+    range.local = local_size;
+    range.dimensions = 3;
+    return range;
+  }
 };
 
 // Whether the caller goes on at once or when the kernel has finished.

@@ -160,6 +160,14 @@ std::string expansion_text(const expansion_row& row) {
   return text.str();
 }
 
+std::string rwkv_text(const rwkv_row& row) {
+  std::ostringstream text;
+  text << "    {\n        \"name\": " << quoted(row.name) << ",\n        \"header\": " << quoted(row.header)
+       << ",\n        \"head_size\": " << row.head_size << ",\n        \"work_group\": " << row.work_group
+       << ",\n        \"sub_group\": " << row.sub_group << ",\n    },\n";
+  return text.str();
+}
+
 std::string kernel_table_text() {
   std::ostringstream text;
   text << "LAUNCHER_TABLES = {\n";
@@ -170,6 +178,8 @@ std::string kernel_table_text() {
   for (const kernel_row& row : kernel_table) text << kernel_text(row);
   text << ")\n\nEXPANSIONS = (\n";
   for (const expansion_row& row : expansion_table) text << expansion_text(row);
+  text << ")\n\nRWKV_KERNELS = (\n";
+  for (const rwkv_row& row : rwkv_table) text << rwkv_text(row);
   text << ")\n";
   return text.str();
 }

@@ -30,6 +30,13 @@ class ExpansionRow(TypedDict):
     row_unit: int
     waits: bool
 
+class RwkvRow(TypedDict):
+    name: str
+    header: str
+    head_size: int
+    work_group: int
+    sub_group: int
+
 LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
 
@@ -40,3 +47,6 @@ size, lanes and rows of a work-group. Build options, where there are some: by th
 EXPANSIONS: tuple[ExpansionRow, ...]
 """One for each kernel that writes a packed weight as a dense matrix. Sub-groups: the required size in each launcher
 table whose device classes run the kernel."""
+
+RWKV_KERNELS: tuple[RwkvRow, ...]
+"""One for each kernel of the RWKV operators. Head size: the first template argument, or 0 where it is the type."""

@@ -114,6 +114,7 @@ def _kernel(row: _kernel_table.KernelRow) -> Kernel:
 
 
 ALL_KERNELS: tuple[Kernel, ...] = tuple(_kernel(row) for row in _kernel_table.KERNELS)
+"""Those that multiply by a weight, and the quantizer of activations, in the order of the C++ table."""
 
 KERNELS: Mapping[str, Kernel] = MappingProxyType(
     {kernel.format: kernel for kernel in ALL_KERNELS if kernel.family in ("matvec", "quantizer")}
@@ -200,3 +201,53 @@ def _expansion(row: _kernel_table.ExpansionRow) -> Expansion:
 
 EXPANSIONS: tuple[Expansion, ...] = tuple(_expansion(row) for row in _kernel_table.EXPANSIONS)
 """The kernels that expand, in the order of the C++ table."""
+
+
+@dataclass(frozen=True, eq=False)
+class RwkvKernel:
+    """A kernel template of an RWKV operator, the same on every device; each is one object, equal to itself alone."""
+
+    name: str
+    header: str
+    """Relative to csrc/."""
+    head_size: int
+    """The first template argument; 0: that is the element type."""
+    work_group: int
+    """Work-items of a work-group."""
+    sub_group: int
+    """The sub-group size that the kernel requires."""
+
+    @property
+    def element_types(self) -> tuple[str, ...]:
+        """Those that it is instantiated for."""
+        return ("float",) if self.head_size else ("float", "c10::Half")
+
+    @property
+    def build_options(self) -> Mapping[int, tuple[str, ...]]:
+        """None: the sub-group size is a template argument."""
+        return {}
+
+    @property
+    def local_arrays(self) -> int:
+        """Local arrays among the arguments."""
+        return 0
+
+    def runs_on(self, device_class: str) -> bool:
+        """Whether devices of a class run it."""
+        return device_class in LAUNCHER_TABLES
+
+    def geometry(self, device_class: str) -> Geometry:
+        """The kernel on devices of a class."""
+        return Geometry((self.work_group, self.sub_group), self.sub_group, self.work_group, 1)
+
+    def geometries_on(self, device_class: str) -> tuple[Geometry, ...]:
+        """All that devices of a class run."""
+        return (self.geometry(device_class),)
+
+    def expression(self, element_type: str, geometry: Geometry) -> str:
+        """An instantiation as the library names it: ``"name<float,32,16>"``."""
+        return _expression(self.name, str(self.head_size) if self.head_size else element_type, geometry)
+
+
+RWKV_KERNELS: tuple[RwkvKernel, ...] = tuple(RwkvKernel(**row) for row in _kernel_table.RWKV_KERNELS)
+"""The kernels of the RWKV operators, in the order of the C++ table."""

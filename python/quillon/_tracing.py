@@ -41,10 +41,30 @@ def _expand_rows_of(weight: Tensor, output: Tensor, qtype: int, output_size: int
     pass
 
 
+def _attention_v4(time_decay: Tensor, time_first: Tensor, key: Tensor, value: Tensor, *states: Tensor) -> Tensor:
+    return key.new_empty(key.shape)
+
+
+def _attention_v5(
+    time_decay: Tensor, time_first: Tensor, receptance: Tensor, key: Tensor, value: Tensor, state: Tensor
+) -> Tensor:
+    batches, heads, steps, size = key.shape
+    return key.new_empty(batches, steps, heads, size)
+
+
+def _time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor) -> Tensor:
+    return hidden.new_empty(mix.size(0), *hidden.shape)
+
+
 _FAKES = (
     ("quillon::forward_new", _forward_new),
     ("quillon::dequant", _dequant),
     ("quillon::dequantize_rows", _dequantize_rows),
+    ("quillon::rwkv_linear_attention_v4", _attention_v4),
+    ("quillon::rwkv_linear_attention_v5", _attention_v5),
+    ("quillon::rwkv_time_shift", _time_shift),
+    ("quillon_kernels::rwkv_linear_attention_v4", _attention_v4),
+    ("quillon_kernels::rwkv_linear_attention_v5", _attention_v5),
     ("quillon_kernels::expand_weight", _expand_weight),
     ("quillon_kernels::expand_rows_of", _expand_rows_of),
 )
@@ -65,6 +85,30 @@ def _traced_dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_siz
     return result
 
 
+# In graphs the operators of RWKV are those whose schemas say what they write to.
+
+
+def _traced_attention_v4(
+    time_decay: Tensor, time_first: Tensor, key: Tensor, value: Tensor, num: Tensor, den: Tensor, top: Tensor
+) -> Tensor:
+    operator = torch.ops.quillon_kernels.rwkv_linear_attention_v4
+    result: Tensor = operator(time_decay, time_first, key, value, num, den, top)
+    return result
+
+
+def _traced_attention_v5(
+    time_decay: Tensor, time_first: Tensor, receptance: Tensor, key: Tensor, value: Tensor, state: Tensor
+) -> Tensor:
+    operator = torch.ops.quillon_kernels.rwkv_linear_attention_v5
+    result: Tensor = operator(time_decay, time_first, receptance, key, value, state)
+    return result
+
+
+def _traced_time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor) -> Tensor:
+    result: Tensor = torch.ops.quillon.rwkv_time_shift(hidden, shifted, mix)
+    return result
+
+
 @functools.cache
 def register() -> None:
     """Register all of it. Called by ``import quillon``."""
@@ -81,6 +125,9 @@ def _substitute(_dynamo: Any) -> None:
         (vesper_linear.forward_new, _traced_forward_new),
         (vesper_linear.dequant, _traced_dequant),
         (vesper_linear.dequantize_rows, _traced_dequantize_rows),
+        (vesper_linear.rwkv_linear_attention_v4, _traced_attention_v4),
+        (vesper_linear.rwkv_linear_attention_v5, _traced_attention_v5),
+        (vesper_linear.rwkv_time_shift, _traced_time_shift),
     ):
         torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
     torch.compiler.assume_constant_result(nn._rows_at_once)  # type: ignore[no-untyped-call]

@@ -21,6 +21,7 @@ from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
+from quillon.rwkv import rwkv_attention_v4, rwkv_attention_v5, rwkv_state_v4, rwkv_state_v5, rwkv_time_shift
 
 __all__ = [
     "LowBitEmbedding",
@@ -29,6 +30,11 @@ __all__ = [
     "QuantizationReport",
     "kernel_row_multiple",
     "quantize_model",
+    "rwkv_attention_v4",
+    "rwkv_attention_v5",
+    "rwkv_state_v4",
+    "rwkv_state_v5",
+    "rwkv_time_shift",
 ]
 
 

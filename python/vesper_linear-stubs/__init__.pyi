@@ -43,7 +43,14 @@ def rwkv_linear_attention_v4(
     max_state: torch.Tensor,
     /,
 ) -> torch.Tensor:
-    """Recurrent attention of RWKV v4; the three state tensors are updated in place."""
+    """Attention of RWKV v4 over a sequence; the three states are updated in place.
+
+    key, value              (B, T, C), float32 or float16; C a multiple of 32
+    time_decay, time_first  (C,); added to an exponent at each step, and the bonus of the current token
+    the states              (B, C), float32: numerator, denominator, and the largest exponent so far
+    Returns (B, T, C). All are read from their first element on as dense arrays of the element type of ``key``, whatever
+    their own shapes, strides and types, as far as they have memory.
+    """
 
 def rwkv_linear_attention_v5(
     time_decay: torch.Tensor,
@@ -54,10 +61,21 @@ def rwkv_linear_attention_v5(
     state: torch.Tensor,
     /,
 ) -> torch.Tensor:
-    """Recurrent attention of RWKV v5; ``state`` is updated in place."""
+    """Attention of RWKV v5 over a sequence, in float32; ``state`` is updated in place.
+
+    receptance, key, value  (B, H, T, 64), all with the strides of ``key``
+    time_decay, time_first  (H, 64); multiplied onto the state at each step, and the bonus of the current token
+    state                   (B, H, 64, 64); rows are key channels
+    Returns (B, T, H, 64).
+    """
 
 def rwkv_time_shift(hidden: torch.Tensor, shifted: torch.Tensor, mix: torch.Tensor, /) -> torch.Tensor:
-    """Time shift of RWKV: mixes each row with the one before it."""
+    """Time shift of RWKV: ``shifted + mix[m] * (hidden - shifted)`` for each m.
+
+    hidden, shifted  (B, S, C), float32 or float16, of which each operation is rounded; C a multiple of 64
+    mix              (M, C)
+    Returns (M, B, S, C).
+    """
 
 def dequantize_rows(
     input: torch.Tensor, weight: torch.Tensor, qtype: int, state_size: int, output_size: int, /

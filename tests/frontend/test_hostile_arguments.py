@@ -21,6 +21,12 @@ SIZES = (0, 1, 2, 7, 16, 34, 64, 192, 256, 2176)
 DTYPES = (torch.float32, torch.float32, torch.float16, torch.uint8, torch.uint8, torch.uint8, torch.int32, torch.int64)
 DEVICES = ("xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:3", "cpu", "meta")
 LIKELY = (2, 8, 23, 27), (256,), (4, 20)  # a code, a row length, a number of rows
+# Of operators whose arguments have to fit one another: shapes that do.
+FITTING = {
+    "rwkv_linear_attention_v4": ((64,), (64,), (2, 3, 64), (2, 3, 64), (2, 64), (2, 64), (2, 64)),
+    "rwkv_linear_attention_v5": ((3, 64), (3, 64), (2, 3, 5, 64), (2, 3, 5, 64), (2, 3, 5, 64), (2, 3, 64, 64)),
+    "rwkv_time_shift": ((2, 3, 64), (2, 3, 64), (4, 64)),
+}
 INTEGERS = (26, 12, 9, 25, 5, 0, 1, 64, 256, 4096, -1, 2**40, 2**62, -(2**63))
 
 def tensor():
@@ -55,7 +61,13 @@ def shown(value):
         return repr(value)
     return f"{list(value.shape)} {list(value.stride())} {value.dtype} {value.device}"
 
-def arguments_of(kinds):
+def fitting(shape):
+    return tensor() if random.random() < 0.1 else torch.rand(shape).to("xpu:7")
+
+def arguments_of(name, kinds):
+    if name in FITTING and random.random() < 0.7:
+        yield from map(fitting, FITTING[name])
+        return
     integers = itertools.chain(LIKELY, itertools.repeat((1,)))
     for kind in kinds:
         if kind == "int":
@@ -64,10 +76,11 @@ def arguments_of(kinds):
             yield tensor() if kind == "torch.Tensor" else tensor().device
 
 routes = [getattr(vesper_linear, sys.argv[1]), getattr(torch.ops.quillon, sys.argv[1], None)]
+names = [one.name for one in routes[1].default._schema.arguments] if routes[1] else [""] * 9
 kinds = sys.argv[2].split(",")
 outcomes = {"result": 0, "error": 0}
 for _ in range(int(sys.argv[3])):
-    arguments = list(arguments_of(kinds))
+    arguments = list(arguments_of(sys.argv[1], kinds))
     print(", ".join(map(shown, arguments)), file=sys.stderr, flush=True)
     kept = [one.clone() if isinstance(one, torch.Tensor) else one for one in arguments]
     try:
@@ -80,8 +93,9 @@ for _ in range(int(sys.argv[3])):
         outcomes["result"] += 1
         if isinstance(result, torch.Tensor) and result.is_xpu:
             result.cpu()
-    for one, before in zip(arguments, kept):
-        assert not isinstance(one, torch.Tensor) or one.is_meta or torch.equal(one, before)
+    for name, one, before in zip(names, arguments, kept):
+        if isinstance(one, torch.Tensor) and not one.is_meta and not name.endswith("state"):
+            assert torch.equal(one, before)
 torch.xpu.synchronize()
 print(outcomes["result"], outcomes["error"])
 """
@@ -99,5 +113,5 @@ def test_any_arguments(name: str) -> None:
     assert done.returncode == 0, done.stderr[-3000:]
     results, errors = map(int, done.stdout.split())
     assert results + errors == CALLS
-    assert results > 0 or name.startswith(("mlp_", "rwkv_"))
+    assert results > 0 or name.startswith("mlp_")
     assert errors > 0 or name == "get_xpu_device_name"

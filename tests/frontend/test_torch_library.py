@@ -20,7 +20,7 @@ SCHEMAS = [
     "dequantize_rows(Tensor input, Tensor weight, int qtype, int state_size, int output_size) -> Tensor",
 ]
 NAMES = [schema.split("(")[0] for schema in SCHEMAS]
-UNAVAILABLE = [name for name in NAMES if name == "mlp_forward_xpu" or name.startswith("rwkv")]
+UNAVAILABLE = ["mlp_forward_xpu"]
 
 
 def _registrations(name: str) -> list[str]:

@@ -5,14 +5,14 @@ from __future__ import annotations
 from pathlib import Path
 
 import pytest
-from gpu_compile.instantiations import build_for, cases, types_on
+from gpu_compile.instantiations import AnyKernel, build_for, cases, types_on
 from gpu_compile.jobs import GpuCompileError, run_jobs
 from gpu_compile.machine_code import KernelInfo, innermost_loops, parse_ze_info
 from gpu_compile.ocloc import device_argument, find_ocloc
 from gpu_compile.spirv import device_text, kernel_name
 
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ALL_KERNELS, EXPANSIONS, KERNELS, LAUNCHER_TABLES, Expansion, Geometry, Kernel
+from quillon._kernels import ALL_KERNELS, EXPANSIONS, KERNELS, LAUNCHER_TABLES, RWKV_KERNELS, Geometry
 from quillon.formats import WEIGHT_FORMATS
 
 ZE_INFO = """\
@@ -119,6 +119,7 @@ def test_innermost_loops() -> None:
             "a<c10::Half,c10::Half,float,c10::Half,3>",
         ),
         ("_Z15__sycl_kernel_aIxEvmPKT_", "_Z15__sycl_kernel_aIxEvmPKT_"),
+        ("_Z15__sycl_kernel_aILi64ELi32ELi16EEvPKfm", "a<64,32,16>"),
     ],
 )
 def test_kernel_name(mangled: str, name: str) -> None:
@@ -149,8 +150,8 @@ def test_run_jobs_keeps_order_and_errors() -> None:
     assert isinstance(second, GpuCompileError)
 
 
-@pytest.mark.parametrize("kernel", [*ALL_KERNELS, *EXPANSIONS], ids=lambda kernel: kernel.name)
-def test_a_kernel_is_in_its_header(kernel: Kernel | Expansion) -> None:
+@pytest.mark.parametrize("kernel", [*ALL_KERNELS, *EXPANSIONS, *RWKV_KERNELS], ids=lambda kernel: kernel.name)
+def test_a_kernel_is_in_its_header(kernel: AnyKernel) -> None:
     assert kernel.name in "".join(device_text(kernel.header))
 
 
@@ -185,7 +186,13 @@ def test_what_a_launcher_can_reach_is_compiled() -> None:
         for blocks in (kernel.blocks_of_item, 1)
         for element_type in ("float", "c10::Half")
     }
-    assert compiled == reached | expanding
+    of_rwkv = {
+        (kernel.name, element_type, kernel.geometry("unknown"))
+        for kernel in RWKV_KERNELS
+        for element_type in kernel.element_types
+    }
+    assert len(of_rwkv) == 2 + 1 + 2
+    assert compiled == reached | expanding | of_rwkv
 
 
 def test_sub_groups_of_q5_k() -> None:

@@ -9,13 +9,23 @@ from __future__ import annotations
 from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from functools import partial
+from typing import TypeAlias
 
 from gpu_compile.jobs import GpuCompileError, run_jobs
 from gpu_compile.machine_code import KernelInfo
 from gpu_compile.ocloc import GpuModule, compile_for_gpu, device_argument
 from gpu_compile.spirv import SpirvKernel, dump_spirv
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ALL_KERNELS, ELEMENT_TYPES, EXPANSIONS, Expansion, Geometry, Kernel
+from quillon._kernels import (
+    ALL_KERNELS,
+    ELEMENT_TYPES,
+    EXPANSIONS,
+    RWKV_KERNELS,
+    Expansion,
+    Geometry,
+    Kernel,
+    RwkvKernel,
+)
 from quillon.formats import get_format
 
 CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
@@ -24,12 +34,14 @@ CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
 CLASSES_WITHOUT_SUB_GROUPS_OF_8 = frozenset({"elm", "fir", "yew"})
 """The library asks the device; here, where there is none, a test asks the compiler."""
 
+AnyKernel: TypeAlias = Kernel | Expansion | RwkvKernel
+
 
 @dataclass(frozen=True)
 class Build:
     """What one build of the SYCL compiler makes: a kernel in one geometry, in all element types."""
 
-    kernel: Kernel | Expansion
+    kernel: AnyKernel
     geometry: Geometry
     sub_group: int | None
     """The size that is required, by template argument, build option or the kernel's text; None: none is."""
@@ -41,6 +53,8 @@ class Build:
     @property
     def packed_bytes(self) -> float:
         """Weight bytes, scales included, that a lane reads in one pass of its loop over K, or of an expansion's row."""
+        if isinstance(self.kernel, RwkvKernel):
+            return 0
         block = get_format(self.kernel.format)
         if isinstance(self.kernel, Expansion):
             return self.kernel.span * block.bytes / block.elements
@@ -51,7 +65,7 @@ class Build:
         return self.kernel.expression(element_type, self.geometry)
 
 
-def build_for(kernel: Kernel | Expansion, device_class: str) -> Build:
+def build_for(kernel: AnyKernel, device_class: str) -> Build:
     """How the launchers have a kernel built on GPUs of a class."""
     return builds_for(kernel, device_class)[0]
 
@@ -81,7 +95,7 @@ class Case:
     architecture: int
 
     @property
-    def kernel(self) -> Kernel | Expansion:
+    def kernel(self) -> AnyKernel:
         return self.build.kernel
 
     @property
@@ -100,9 +114,9 @@ class Compiled:
     info: KernelInfo
 
 
-def cases(of: Iterable[Kernel | Expansion] | None = None) -> Iterator[Case]:
+def cases(of: Iterable[AnyKernel] | None = None) -> Iterator[Case]:
     """Every instantiation of the kernels, or of all, for every listed architecture whose class uses it."""
-    for kernel in (*ALL_KERNELS, *EXPANSIONS) if of is None else of:
+    for kernel in (*ALL_KERNELS, *EXPANSIONS, *RWKV_KERNELS) if of is None else of:
         for architecture, device_class in ARCHITECTURES.items():
             if not kernel.runs_on(device_class):
                 continue
