@@ -4,7 +4,14 @@
 device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
 """
 
+import contextlib
+import sys
+from typing import TYPE_CHECKING, Any
+
 from quillon import host_device
+
+if TYPE_CHECKING:
+    from quillon.transformers import QuillonConfig as QuillonConfig
 
 host_device.start()
 
@@ -33,3 +40,22 @@ __all__ = [
     "quantize_model",
     "record_launches",
 ]
+
+
+def __getattr__(name: str) -> Any:
+    """Import what needs transformers when it is first asked for."""
+    if name != "QuillonConfig":
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    try:
+        from quillon import transformers
+    except ImportError as missing:
+        raise ImportError(
+            f"quillon.{name} needs transformers 5 or later: pip install 'quillon[transformers]'"
+        ) from missing
+    return getattr(transformers, name)
+
+
+if "transformers" in sys.modules:
+    with contextlib.suppress(ImportError):  # an older one, or one that lacks what it needs
+        # It may be about to load a packed model.
+        from quillon import transformers as transformers

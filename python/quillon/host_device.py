@@ -45,6 +45,15 @@ def declared_architectures() -> list[int]:
     return list(_native.declared_architectures()) if _native else []
 
 
+def as_cpu(tensor: torch.Tensor) -> torch.Tensor:
+    """Return the tensor on the CPU: over the same memory where its device is a host device, else a copy."""
+    if _native is None or tensor.device.type != "xpu":
+        return tensor.cpu()
+    torch.xpu.synchronize(tensor.device)
+    shown: torch.Tensor = _native.as_cpu_tensor(tensor)
+    return shown
+
+
 def cache_folder() -> Path | None:
     """Return the folder in which the SYCL runtime keeps compiled kernels, or None if it keeps none.
 

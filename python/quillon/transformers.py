@@ -1,0 +1,405 @@
+"""The quantizer for transformers: ``quantization_config=quillon.QuillonConfig(...)`` packs a model while it loads.
+
+Importing this module registers it; ``quillon.QuillonConfig`` imports it, and so does ``import quillon`` in a program
+that has imported transformers before. A folder that ``save_pretrained`` wrote from a packed model loads packed, without
+being quantized again.
+"""
+
+from __future__ import annotations
+
+import copy
+from collections.abc import Callable, Mapping
+from typing import Any
+
+import torch
+from torch import Tensor, nn
+from transformers.core_model_loading import ConversionOps
+from transformers.quantizers.auto import register_quantization_config, register_quantizer
+from transformers.quantizers.base import HfQuantizer
+from transformers.utils.quantization_config import QuantizationConfigMixin
+
+from quillon import host_device
+from quillon import nn as layers
+from quillon._modes import plain_modes
+from quillon.embedding import LowBitEmbedding
+from quillon.formats import weight_bytes, weight_format
+from quillon.nn import LowBitExperts, LowBitLinear
+from quillon.recipe import Recipe, pack
+
+__all__ = ["METHOD", "QuillonConfig", "QuillonQuantizer"]
+
+METHOD = "quillon"
+"""What ``quant_method`` is in the configuration of a packed model."""
+
+
+class PackedSources(dict[str, Callable[[], Tensor]]):
+    """Parameter name -> what gives its weight packed already. Never copied: it may stand for a whole file."""
+
+    def __deepcopy__(self, memo: Any) -> PackedSources:
+        """Return itself."""
+        return self
+
+
+@register_quantization_config(METHOD)
+class QuillonConfig(QuantizationConfigMixin):
+    """How a model is packed, for ``quantization_config`` of ``from_pretrained``.
+
+    format            of every linear layer and expert; None keeps them dense
+    output_format     of the layer that gives the logits; None keeps it dense
+    embedding_format  of the embedding; None, the default, keeps it dense
+    fallback          in place of a format whose kernels do not cover a layer's rows; None keeps such layers dense
+    recipe            shell patterns of layer names -> format, or None for dense: ``{"*.down_proj": "q6_k"}``; the first
+                      that matches counts, ahead of all the others
+    device_class      the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name``
+                      gives; by default that of the device it is loaded on
+
+    A loaded model's ``config.quantization_config`` also says what became of each layer:
+
+    packed    name of each packed layer -> its format
+    replaced  name of each layer in its second-choice format -> why the first does not fit
+    dense     name of each layer that stayed dense -> why
+    """
+
+    def __init__(
+        self,
+        format: str | None = "q4_0",
+        *,
+        output_format: str | None = "q8_0",
+        embedding_format: str | None = None,
+        fallback: str | None = "q8_0",
+        recipe: Mapping[str, str | None] | None = None,
+        device_class: str | None = None,
+        packed: Mapping[str, str] | None = None,
+        replaced: Mapping[str, str] | None = None,
+        dense: Mapping[str, str] | None = None,
+        **others: Any,
+    ) -> None:
+        """Check the formats; raises ``ValueError`` for one that does not exist, ``TypeError`` for another argument."""
+        self.quant_method: Any = METHOD
+        if others.pop("quant_method", METHOD) != METHOD:
+            raise ValueError(f"quant_method must be {METHOD!r}")
+        if others:
+            raise TypeError(f"QuillonConfig has no {', '.join(sorted(others))}; was it written by a newer quillon?")
+        self.format = format
+        self.output_format = output_format
+        self.embedding_format = embedding_format
+        self.fallback = fallback
+        self.recipe = dict(recipe or {})
+        self.device_class = device_class
+        self.packed = dict(packed or {})
+        self.replaced = dict(replaced or {})
+        self.dense = dict(dense or {})
+        self._sources = PackedSources()
+        self._source_formats: dict[str, str] = {}
+        self.rules()
+
+    def rules(self) -> Recipe:
+        """The configuration's choice of formats."""
+        return Recipe(self.format, self.output_format, self.embedding_format, self.fallback, self.recipe)
+
+    def to_dict(self) -> dict[str, Any]:
+        """Everything that is written to a model's configuration."""
+        return copy.deepcopy({name: value for name, value in self.__dict__.items() if not name.startswith("_")})
+
+    def __iter__(self) -> Any:
+        """The items of :meth:`to_dict`."""
+        yield from self.to_dict().items()
+
+
+class _Target:
+    """A dense module on the meta device, to be packed as soon as its parameters are there."""
+
+    def __init__(self, name: str, module: nn.Module, format: str) -> None:
+        self.name, self.module, self.format = name, module, format
+        self.waiting = {leaf for leaf, _ in module.named_parameters(recurse=False)}
+        self.device = torch.device("cpu")
+
+    def take(self, leaf: str, value: Tensor) -> None:
+        """Put one of the parameters into its place."""
+        self.device = value.device
+        # The bytes of a host device are packed where they are; those of an XPU come to the CPU.
+        setattr(self.module, leaf, nn.Parameter(host_device.as_cpu(value.detach()), requires_grad=False))
+        self.waiting.discard(leaf)
+
+
+class _PackParameter(ConversionOps):
+    """What transformers calls with each parameter of a layer that is to be packed."""
+
+    def __init__(self, quantizer: QuillonQuantizer) -> None:
+        self._quantizer = quantizer
+
+    def convert(self, input_dict: dict[str, Any], *_: Any, **context: Any) -> dict[str, Any]:
+        """Take what is to be packed, and give the rest back."""
+        left: dict[str, Any] = {}
+        for name in list(input_dict):
+            values = input_dict.pop(name)
+            if not self._quantizer.takes(name):
+                left[name] = values
+                continue
+            value = values[0] if isinstance(values, list) else values
+            del values
+            self._quantizer.take(context["model"], name, value)
+            if context.get("missing_keys") is not None:
+                context["missing_keys"].discard(name)
+        return left
+
+
+def _xpus_of(device_map: Any) -> list[torch.device]:
+    """The XPUs that a map of a model's parts names."""
+    places = device_map.values() if isinstance(device_map, dict) else ()
+    devices = [torch.device("xpu", one) if isinstance(one, int) else torch.device(one) for one in places]
+    return [device for device in dict.fromkeys(devices) if device.type == "xpu"]
+
+
+def _mark_as_loaded(module: nn.Module) -> None:
+    """Tell transformers not to give the tensors of a module their initial values."""
+    for one in module.modules():
+        one._is_hf_initialized = True  # type: ignore[assignment]
+    for tensor in (*module.parameters(), *module.buffers()):
+        tensor._is_hf_initialized = True  # type: ignore[attr-defined]
+
+
+def _put(model: Any, name: str, layer: nn.Module) -> None:
+    """Put a layer into its place, and keep transformers from giving initial values to weights that are not there."""
+    model.set_submodule(name, layer)
+    while name:
+        name = name.rpartition(".")[0]
+        parent = model.get_submodule(name)
+        if any(True for _ in parent.parameters(recurse=False)) or any(True for _ in parent.buffers(recurse=False)):
+            break
+        parent._is_hf_initialized = True
+
+
+def _empty_like(module: Any, format: str) -> nn.Module:
+    """The packed module in place of a dense one on the meta device, without bytes."""
+    with torch.device("meta"):
+        if isinstance(module, nn.Embedding):
+            embedding = LowBitEmbedding(module.num_embeddings, module.embedding_dim, format)
+            embedding.like = embedding.like.to(module.weight.dtype)
+            return embedding
+        shapes = layers._packed_shapes(module)
+        if shapes is None:
+            raise ValueError(f"{type(module).__name__} cannot be packed")
+        layout = layers._expert_layout(module)
+        if layout is None:
+            ((rows, columns),) = shapes
+            linear = LowBitLinear(columns, rows, format, module.bias is not None)
+            if linear.bias is not None:
+                linear.bias = linear.bias.to(module.bias.dtype)
+            return linear
+        up, down = (
+            torch.empty(layout.experts, weight_bytes(format, rows, columns), dtype=torch.uint8)
+            for rows, columns in shapes
+        )
+        delattr(module, layout.up)
+        del module.down_proj
+        module._is_hf_initialized = True
+        return LowBitExperts(module, up, down, layout, weight_format(format))
+
+
+def _configs_of(model: Any) -> list[Any]:
+    return list({id(one): one for one in (model.config, model.config.get_text_config(decoder=True))}.values())
+
+
+def _untie(model: Any) -> None:
+    """Let embedding and output layer of a model have weights of their own from now on."""
+    output = model.get_output_embeddings()
+    for name, module in model.named_modules():
+        if module is output:
+            model.all_tied_weights_keys.pop(f"{name}.weight", None)
+    for config in _configs_of(model):
+        config.tie_word_embeddings = False
+
+
+@register_quantizer(METHOD)
+class QuillonQuantizer(HfQuantizer):
+    """Packs a model's layers while transformers loads it, or makes room for bytes that are packed already."""
+
+    requires_calibration = False
+    quantization_config: QuillonConfig
+
+    def __init__(self, quantization_config: QuillonConfig, **kwargs: Any) -> None:
+        """As transformers makes it: one for each model."""
+        super().__init__(copy.copy(quantization_config), **kwargs)
+        self._targets: dict[str, _Target] = {}
+        self._of_parameter: dict[str, _Target] = {}
+        self._problem: Exception | None = None
+
+    def validate_environment(self, *_: Any, device_map: Any = None, **__: Any) -> None:
+        """Raise ``ValueError`` for a placement in which packed layers cannot run."""
+        places = device_map.values() if isinstance(device_map, dict) else [device_map]
+        if any(str(place) == "disk" for place in places):
+            raise ValueError(
+                "device_map puts layers on disk, and packed layers stay in memory: allow more with max_memory, or use "
+                "a format of fewer bits"
+            )
+
+    def update_device_map(self, device_map: Any) -> Any:
+        """Put the model on the current XPU unless it is said where."""
+        if device_map is None and torch.xpu.is_available():
+            return {"": torch.device("xpu", torch.xpu.current_device())}
+        return device_map
+
+    def is_serializable(self, *_: Any) -> bool:
+        """Say that ``save_pretrained`` works."""
+        return True
+
+    @property
+    def is_trainable(self) -> bool:
+        """Say that adapters beside packed layers train."""
+        return True
+
+    @property
+    def is_compileable(self) -> bool:
+        """Say that ``generate`` may compile the model."""
+        return True
+
+    # ---- before the weights are loaded -------------------------------------------------------------------------------
+
+    def _process_model_before_weight_loading(self, model: Any, device_map: Any = None, **_: Any) -> Any:
+        if self.pre_quantized:
+            for name, format in self._names_in(model, self.quantization_config.packed).items():
+                _put(model, name, _empty_like(model.get_submodule(name), format))
+            return model
+        config = self.quantization_config
+        rules = config.rules()
+        device_class = config.device_class or rules.device_class(_xpus_of(device_map))
+        plan = rules.plan(model, device_class, config._source_formats)
+        config.packed, config.dense, config.replaced = plan.packed, plan.dense, plan.replaced
+        # A tied weight arrives under another layer's name: it is packed when all is loaded.
+        tied = {*model.all_tied_weights_keys, *model.all_tied_weights_keys.values()}
+        for name, format in plan.packed.items():
+            target = self._targets[name] = _Target(name, model.get_submodule(name), format)
+            parameters = {f"{name}.{leaf}": target for leaf in target.waiting}
+            if not tied & parameters.keys():
+                self._of_parameter |= parameters
+        return model
+
+    @staticmethod
+    def _names_in(model: Any, packed: Mapping[str, str]) -> dict[str, str]:
+        """The packed layers by their names in this class of model, which may be the saved one's body or head."""
+        prefix = f"{model.base_model_prefix}."
+        found: dict[str, str] = {}
+        names = {name for name, _ in model.named_modules()}
+        for name, format in packed.items():
+            candidates = (name, name.removeprefix(prefix), prefix + name)
+            chosen = next((one for one in candidates if one in names), None)
+            if chosen is not None:
+                found[chosen] = format
+        if not found and packed:
+            raise ValueError(
+                f"{type(model).__name__} has none of the packed layers that the configuration names: "
+                f"{', '.join(list(packed)[:3])}, ..."
+            )
+        return found
+
+    # ---- while they are loaded ---------------------------------------------------------------------------------------
+
+    def takes(self, name: str) -> bool:
+        """Whether a parameter belongs to a layer that is packed while it is loaded."""
+        return name in self._of_parameter
+
+    def param_needs_quantization(self, model: Any, param_name: str, **_: Any) -> bool:
+        """As transformers asks."""
+        return self.takes(param_name)
+
+    def get_quantize_ops(self) -> ConversionOps:
+        """What transformers gives the parameters to."""
+        return _PackParameter(self)
+
+    def param_element_size(self, model: Any, param_name: str, param: Tensor) -> float:
+        """Bytes of an element of a parameter when all is loaded."""
+        target = self._of_parameter.get(param_name)
+        if target is None or param.dim() < 2:
+            return float(param.element_size())
+        return weight_format(target.format).bits_per_weight / 8
+
+    def take(self, model: Any, name: str, value: Tensor) -> None:
+        """Take a parameter, and pack its layer if that was the last one."""
+        if self._problem is not None:
+            return
+        target, leaf = self._of_parameter[name], name.rpartition(".")[2]
+        source = self.quantization_config._sources.get(name)
+        if source is not None:
+            self._place_packed(model, target, source(), value.device)
+            return
+        target.take(leaf, value)
+        del value
+        if not target.waiting:
+            try:
+                self._finish(model, target)
+            except (TypeError, ValueError) as problem:
+                self._problem = problem  # raised here, it would end in a report among the traces of other things
+
+    def _finish(self, model: Any, target: _Target) -> None:
+        with plain_modes():
+            try:
+                layer = pack(target.module, target.format).to(target.device)
+            except (TypeError, ValueError) as problem:
+                raise type(problem)(f"{target.name}: {problem}") from problem
+        self._place(model, target, layer)
+
+    def _place_packed(self, model: Any, target: _Target, packed: Tensor, device: torch.device) -> None:
+        module: Any = target.module
+        with plain_modes():
+            layer = LowBitLinear(module.in_features, module.out_features, target.format, module.bias is not None)
+            layer.packed = packed.to(device)
+            if layer.bias is not None:
+                layer.bias = module.bias.detach()
+        self._place(model, target, layer)
+
+    def _place(self, model: Any, target: _Target, layer: nn.Module) -> None:
+        _mark_as_loaded(layer)
+        hook = getattr(target.module, "_hf_hook", None)
+        _put(model, target.name, layer)
+        if hook is not None:
+            from accelerate.hooks import add_hook_to_module
+
+            add_hook_to_module(layer, hook)
+        self._targets.pop(target.name)
+        # Whatever is kept of the target keeps its dense weight.
+        self._of_parameter = {name: other for name, other in self._of_parameter.items() if other is not target}
+
+    # ---- after that --------------------------------------------------------------------------------------------------
+
+    def _process_model_after_weight_loading(self, model: Any, **_: Any) -> Any:
+        if self.pre_quantized:
+            return model
+        if self._problem is not None:
+            raise self._problem
+        output = getattr(model, "get_output_embeddings", lambda: None)()
+        # The output layer first: it may have the embedding's weight.
+        for target in sorted(self._targets.values(), key=lambda one: one.module is not output):
+            weights = list(target.module.parameters(recurse=False))
+            if not all(getattr(one, "_is_hf_initialized", False) for one in weights):
+                self.quantization_config.packed.pop(target.name)
+                self.quantization_config.dense[target.name] = "the checkpoint has no weight for it"
+                self._targets.pop(target.name)
+                continue
+            if target.module is output:
+                _untie(model)
+            for leaf, parameter in target.module.named_parameters(recurse=False):
+                target.take(leaf, parameter)
+            self._finish(model, target)
+        return model
+
+    def _dequantize(self, model: Any, dtype: torch.dtype | None = None) -> Any:
+        """Put dense layers in the place of the packed ones."""
+        dtype = dtype or model.dtype
+        for name, module in list(model.named_modules()):
+            if isinstance(module, LowBitExperts):
+                raise NotImplementedError(f"{name}: packed experts are not made dense again; load the original model")
+            if not isinstance(module, LowBitLinear | LowBitEmbedding):
+                continue
+            weight = nn.Parameter(module.dequantize(dtype), requires_grad=False)
+            with torch.device("meta"):
+                dense: Any
+                if isinstance(module, LowBitLinear):
+                    dense = nn.Linear(module.in_features, module.out_features, module.bias is not None)
+                else:
+                    dense = nn.Embedding(module.num_embeddings, module.embedding_dim)
+            dense.weight = weight
+            if isinstance(module, LowBitLinear) and module.bias is not None:
+                dense.bias = nn.Parameter(module.bias.to(dtype), requires_grad=False)
+            model.set_submodule(name, dense.train(module.training))
+        return model
