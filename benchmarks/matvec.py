@@ -80,18 +80,25 @@ def random_packed(format_name: str, rows: int, cols: int) -> Tensor:
 
 
 class Benchmark:
-    """All contenders of one shape and one element type of the activations."""
+    """All contenders of one shape, one element type of the activations and one number of their rows."""
 
     def __init__(
-        self, rows: int, cols: int, dtype: str, formats: Sequence[str], device: torch.device, memory: int
+        self,
+        rows: int,
+        cols: int,
+        dtype: str,
+        formats: Sequence[str],
+        device: torch.device,
+        memory: int,
+        batch: int = 1,
     ) -> None:
         self.rows, self.cols, self.dtype, self.memory = rows, cols, dtype, memory
         self.device = device
         self.dense_device = torch.device("cpu") if quillon.host_device.is_active() else device
         self.formats = [name for name in formats if cols % row_multiple(name) == 0]
         self.contenders: dict[str, Contender] = {}
-        x = torch.rand(1, cols) - 0.5
-        for name in ("float32", "bfloat16"):
+        x = torch.rand(batch, cols) - 0.5
+        for name in dict.fromkeys(("float32", "bfloat16", dtype)):
             self._add_linear(name, x.to(DTYPES[name]))
         if self.dense_device.type == "cpu":
             self._add_int8(x.bfloat16())

@@ -12,7 +12,8 @@
 namespace quillon {
 
 struct LaunchRecord {
-  std::string kernel;  // an instantiation, "qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>", or what a library multiplies by
+  std::string
+      kernel;  // an instantiation, "qlinear_xpu_kernel_q4_0_2x16<float,16,32,2>", or what a library multiplies by
   std::vector<std::int64_t> global;
   std::vector<std::int64_t> local;
   c10::Device device;
