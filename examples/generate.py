@@ -36,6 +36,7 @@ import vesper_linear
 
 TEXT = Path(__file__).with_name("text.txt")
 WINDOW = 2048
+LONG_PROMPT = 512  # tokens
 QUESTION = "Describe a walk through an old harbour town in the early morning."
 
 
@@ -102,6 +103,12 @@ def best_speed(model: nn.Module, tokens: Tensor, new_tokens: int, runs: int = 3)
     return max(generate(model, tokens, new_tokens, None)[2] for _ in range(runs))
 
 
+def long_prompt_seconds(model: nn.Module, text: Tensor, runs: int = 2) -> float:
+    """Seconds until the first token behind the first ``LONG_PROMPT`` of ``text``, of the fastest of some runs."""
+    tokens = text[None, :LONG_PROMPT].to(next(model.buffers()).device)
+    return min(generate(model, tokens, 1, None)[1] for _ in range(runs))
+
+
 def score(model: nn.Module, tokens: Tensor, *other_outputs: nn.Module) -> list[Scores]:
     """Score ``tokens`` (length,) in windows that see nothing of each other.
 
@@ -145,11 +152,22 @@ class Measured:
     joined: int
     text: str
     prompt_seconds: float
+    long_prompt_seconds: float
     tokens_per_second: float
     model_bytes: int
     scores: Scores
     scores_all: Scores | None = None
     """With the output layer in the same format as the others, where it has another."""
+
+
+@dataclass(frozen=True)
+class DenseModel:
+    """What the unquantized model takes, in float32."""
+
+    speed: float
+    """Tokens per second."""
+    long_prompt_seconds: float
+    model_bytes: int
 
 
 def quantize(model: nn.Module, format: str, options: argparse.Namespace) -> quillon.nn.QuantizationReport:
@@ -196,13 +214,15 @@ def measure(dense: nn.Module, tokenizer: object, format: str, text: Tensor, opti
     generate(model, prompt, 4, None)  # compiles the kernels
     produced, prompt_seconds, _ = generate(model, prompt, options.new_tokens, tokenizer.eos_token_id)
     speed = best_speed(model, prompt, options.new_tokens)  # the answer may be too short to time
+    long_seconds = long_prompt_seconds(model, text)
     answer = tokenizer.decode(produced, skip_special_tokens=True)
     output = dense.get_output_embeddings()
     others = []
     if format != options.output_format and output.in_features % quillon.nn.kernel_row_multiple(format) == 0:
         others.append(quillon.nn.LowBitLinear.from_linear(output, format).to(device))
     scores = score(model, text, *others)
-    return Measured(report, embedding, len(joined), answer, prompt_seconds, speed, weight_bytes(model), *scores)
+    times = prompt_seconds, long_seconds, speed
+    return Measured(report, embedding, len(joined), answer, *times, weight_bytes(model), *scores)
 
 
 def in_format(report: quillon.nn.QuantizationReport, format: str) -> str:
@@ -211,7 +231,7 @@ def in_format(report: quillon.nn.QuantizationReport, format: str) -> str:
     return f"{own} of {len(report.replaced) + len(report.kept)} layers"
 
 
-def print_one(format: str, measured: Measured, reference: Scores, dense_speed: float, dense_bytes: int) -> None:
+def print_one(format: str, measured: Measured, reference: Scores, dense: DenseModel) -> None:
     """Print the report of one format."""
     report = measured.report
     others = {name: used for name, used in report.replaced.items() if used != format}
@@ -224,10 +244,15 @@ def print_one(format: str, measured: Measured, reference: Scores, dense_speed: f
     print(f"embedding    {measured.embedding}")
     print(f"joined       {measured.joined} groups of layers that read the same input")
     print(f"prompt       {measured.prompt_seconds:.2f} s")
+    ratio = measured.long_prompt_seconds / dense.long_prompt_seconds
+    print(
+        f"             {measured.long_prompt_seconds:.2f} s for one of {LONG_PROMPT} tokens, {ratio:.2f} times the "
+        f"{dense.long_prompt_seconds:.2f} of dense float32"
+    )
     speed = measured.tokens_per_second
-    print(f"generation   {speed:.1f} tokens/s, {speed / dense_speed:.1f} times the {dense_speed:.1f} of dense float32")
+    print(f"generation   {speed:.1f} tokens/s, {speed / dense.speed:.1f} times the {dense.speed:.1f} of dense float32")
     print(f"weights      {report.dense_bytes / 1e6:.1f} -> {report.packed_bytes / 1e6:.1f} MB in the quantized layers")
-    print(f"             {dense_bytes / 1e6:.1f} -> {measured.model_bytes / 1e6:.1f} MB in the whole model")
+    print(f"             {dense.model_bytes / 1e6:.1f} -> {measured.model_bytes / 1e6:.1f} MB in the whole model")
     print(f"perplexity   {reference.perplexity:.3f} dense -> {measured.scores.perplexity:.3f}")
     if measured.scores_all:
         print(f"             {measured.scores_all.perplexity:.3f} with the output layer in {format} too")
@@ -257,7 +282,6 @@ def main() -> None:
 
     path = find_model()
     dense, tokenizer = load_model(path)
-    dense_bytes = weight_bytes(dense)
     text = tokenizer(TEXT.read_text(), return_tensors="pt")["input_ids"][0][: options.score_tokens]
     device_class = vesper_linear.get_xpu_device_name(torch.device(options.device))
     print(f"model        {path.name}, {sum(p.numel() for p in dense.parameters()) / 1e6:.1f} million parameters")
@@ -267,20 +291,26 @@ def main() -> None:
 
     prompt = chat_tokens(tokenizer, options.question)
     generate(dense, prompt, 4, None)  # the first pass of a model is slower than any other
-    dense_speed = best_speed(dense, prompt, options.new_tokens)
+    of_dense = DenseModel(
+        best_speed(dense, prompt, options.new_tokens), long_prompt_seconds(dense, text), weight_bytes(dense)
+    )
     (reference,) = score(dense, text)
     if not every:
         measured = measure(dense, tokenizer, formats[0], text, options)
-        print_one(formats[0], measured, reference, dense_speed, dense_bytes)
+        print_one(formats[0], measured, reference, of_dense)
         return
 
-    print(f"dense        {dense_speed:.1f} tokens/s, {dense_bytes / 1e6:.1f} MB, perplexity {reference.perplexity:.3f}")
+    print(
+        f"dense        {of_dense.speed:.1f} tokens/s, {of_dense.model_bytes / 1e6:.1f} MB, "
+        f"{of_dense.long_prompt_seconds:.2f} s for a prompt of {LONG_PROMPT}, perplexity {reference.perplexity:.3f}"
+    )
     print(f"fallback     {options.fallback}, where a row length does not fit")
     print(f"output       {options.output_format}, the output layer of every line\n")
     print(
-        "| format | in this format | weights, MB | tokens/s | perplexity | same next token | perplexity, output too |"
+        f"| format | in this format | weights, MB | tokens/s | prompt of {LONG_PROMPT}, s "
+        "| perplexity | same next token | perplexity, output too |"
     )
-    print("|---|---|---|---|---|---|---|")
+    print("|---|---|---|---|---|---|---|---|")
     for format in formats:
         measured = measure(dense, tokenizer, format, text, options)
         cells = [
@@ -288,6 +318,7 @@ def main() -> None:
             in_format(measured.report, format),
             f"{measured.report.packed_bytes / 1e6:.1f}",
             f"{measured.tokens_per_second:.1f}",
+            f"{measured.long_prompt_seconds:.2f}",
             f"{measured.scores.perplexity:.2f}",
             f"{100 * agreement(measured.scores, reference):.1f} %",
             f"{measured.scores_all.perplexity:.2f}" if measured.scores_all else "",
