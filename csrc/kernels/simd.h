@@ -158,6 +158,14 @@ inline void store(E* to, Vec from) {
 #endif
 }
 
+#ifndef QUILLON_VECTOR_LANES
+// Of COUNT places, `stride` bytes apart.
+template <int COUNT>
+inline vec<uint64_t, COUNT> addresses(const void* first, uint64_t stride) {
+  return vec<uint64_t, COUNT>(reinterpret_cast<uint64_t>(first), stride);
+}
+#endif
+
 // The elements E, of 16 or 32 bits, at byte offsets from `base`, each at a multiple of its size.
 template <typename E, int COUNT>
 inline vec<E, COUNT> gather(const void* base, vec<uint32_t, COUNT> offsets) {
@@ -186,11 +194,11 @@ inline void prefetch([[maybe_unused]] const void* from) {
 #endif
 }
 template <int COUNT>
-inline void prefetch_words([[maybe_unused]] const void* base, [[maybe_unused]] vec<uint32_t, COUNT> offsets) {
+inline void prefetch_each([[maybe_unused]] const void* base, [[maybe_unused]] vec<uint32_t, COUNT> offsets) {
 #ifndef QUILLON_VECTOR_LANES
-  esimd::prefetch<uint32_t, COUNT, 1>(static_cast<const uint32_t*>(base), offsets,
-                                      esimd::properties{esimd::cache_hint_L1<esimd::cache_hint::cached>,
-                                                        esimd::cache_hint_L2<esimd::cache_hint::cached>});
+  esimd::prefetch<uint8_t, COUNT, 1>(static_cast<const uint8_t*>(base), offsets,
+                                     esimd::properties{esimd::cache_hint_L1<esimd::cache_hint::cached>,
+                                                       esimd::cache_hint_L2<esimd::cache_hint::cached>});
 #endif
 }
 
@@ -316,6 +324,92 @@ inline vec<float, count_of<Vec>> widened(Vec bfloat16_bits) {
   const vec<uint32_t, count_of<Vec>> bits = words << 16;
   return bits_as<float>(bits);
 }
+
+// ---- the matrix engine ------------------------------------------------------------------------------------
+//
+// A product of tiles: ROWS by COLUMNS sums, each increased by sixteen products of elements of M, half or bfloat16, in
+// float. ROWS is 1 to 8; COLUMNS is what the device's engine has, 8 or 16, and any number on the host device.
+//
+//   left   ROWS rows of 16              right   16 rows of COLUMNS
+//
+//                      GPU                                           host device
+//   left     words of two neighbours in a row, row by row   floats, a row every STRIDE
+//   right    words of two neighbours in a column, as the    floats, row by row
+//            engine takes them: see below
+//   sums     float, row by row                              the same
+//
+//   right on a GPU, row p of 8:   | 2p + 1, 2p of column 0 | 2p + 1, 2p of column 1 | ...     (the lower one in the low half)
+//
+// The host device adds the products in their order, each with one rounding; in which order an engine adds the sixteen is
+// its own.
+
+#ifdef QUILLON_VECTOR_LANES
+
+template <typename M, int ROWS, int STRIDE>
+struct left_tile {
+  const float* start;
+};
+
+template <typename M, int COLUMNS>
+struct right_tile {
+  vec<float, COLUMNS> row[16];
+};
+
+template <int ROWS, int COLUMNS>
+struct tile_sums {
+  vec<float, COLUMNS> rows[ROWS] = {};
+
+  template <typename M, int STRIDE>
+  __attribute__((always_inline)) void multiply_add(left_tile<M, ROWS, STRIDE> left,
+                                                   const right_tile<M, COLUMNS>& right) {
+#pragma clang loop unroll_count(4)
+    for (int k = 0; k < 16; ++k) {
+      const vec<float, COLUMNS> b = right.row[k];
+      unrolled<ROWS>([&](auto i) {
+        rows[i] = __builtin_elementwise_fma(vec<float, COLUMNS>(left.start[STRIDE * i + k]), b, rows[i]);
+      });
+    }
+  }
+};
+
+#else
+
+template <typename M, int ROWS>
+struct left_tile {
+  vec<uint32_t, 8 * ROWS> words;
+
+  template <int ROW>
+  void set_row(vec<uint32_t, 8> row) {
+    words.template select<8, 1>(8 * ROW) = row;
+  }
+};
+
+template <typename M, int COLUMNS>
+struct right_tile {
+  vec<uint32_t, 8 * COLUMNS> words;
+};
+
+template <int ROWS, int COLUMNS>
+struct tile_sums {
+  vec<float, ROWS * COLUMNS> rows = 0.0f;
+
+  template <typename M>
+  void multiply_add(const left_tile<M, ROWS>& left, const right_tile<M, COLUMNS>& right) {
+    constexpr auto type =
+        std::is_same_v<M, half> ? esimd::xmx::dpas_argument_type::fp16 : esimd::xmx::dpas_argument_type::bf16;
+    rows = esimd::xmx::dpas<8, ROWS, float, float, uint32_t, uint32_t, type, type>(rows, right.words, left.words);
+  }
+  template <int ROW>
+  vec<float, COLUMNS> row() const {
+    return select<COLUMNS * ROW, COLUMNS>(rows);
+  }
+  // Each row times the factors of the columns, added up.
+  void add_scaled(const tile_sums& other, vec<float, COLUMNS> factors) {
+    rows = add(rows, multiply<vec<float, ROWS * COLUMNS>>(other.rows, factors.template replicate<ROWS>()));
+  }
+};
+
+#endif
 
 // ---- work-groups ------------------------------------------------------------------------------------------
 //

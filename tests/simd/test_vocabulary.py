@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
-from formats.decoders import Array, bfloat16_round
-from gpu_compile.ocloc import MISSING_OCLOC, compile_for_gpu, device_argument, find_ocloc
+from formats.decoders import Array, bfloat16_bits, bfloat16_round
+from gpu_compile.ocloc import MISSING_OCLOC, assembly, compile_for_gpu, device_argument, find_ocloc
 from gpu_compile.spirv import dump_spirv
 
 from .run import HEADERS, run
@@ -134,6 +134,45 @@ def test_local_memory(element: str) -> None:
     data = random_bytes(groups * 8 * 8 * 16, 9).reshape(groups, 8, 8, 16)
     result = run(HEADER, f"exchanged<{element}>", data, data.size, groups)
     assert np.array_equal(result.reshape(data.shape), data.transpose(0, 2, 1, 3))
+
+
+def of_sixteen_bits(values: Array, kind: str) -> tuple[Array, Array]:
+    """Rounded values in float64, and their bits."""
+    if kind == "c10::Half":
+        halves = values.astype(np.float16)
+        return halves.astype(np.float64), halves.view(np.uint16)
+    bits = bfloat16_bits(values.astype(np.float32))
+    return (bits.astype(np.uint32) << 16).view(np.float32).astype(np.float64), bits
+
+
+@pytest.mark.parametrize("columns", [8, 16])
+@pytest.mark.parametrize("rows", [1, 3, 8])
+@pytest.mark.parametrize("kind", ["c10::Half", "c10::BFloat16"])
+def test_tiles_are_multiplied(kind: str, rows: int, columns: int) -> None:
+    rng = np.random.default_rng(rows)
+    left, left_bits = of_sixteen_bits(rng.uniform(-1, 1, (rows, 16)), kind)
+    right, right_bits = of_sixteen_bits(rng.uniform(-1, 1, (16, columns)), kind)
+    sums = rng.uniform(-1, 1, (rows, columns)).astype(np.float32)
+    data = np.concatenate([part.reshape(-1).view(np.uint8) for part in (left_bits, right_bits, sums)])
+    name = f"tiles_multiplied<{kind},{rows},{columns}>"
+    result = run(HEADER, name, data, sums.nbytes).view(np.float32).reshape(sums.shape)
+    bound = 17 * 2.0**-24 * (np.abs(left) @ np.abs(right) + np.abs(sums))
+    assert (np.abs(result - (left @ right + sums)) <= bound).all()
+
+
+@pytest.mark.gpu_compile
+@pytest.mark.skipif(find_ocloc() is None, reason=MISSING_OCLOC)
+@pytest.mark.parametrize(("architecture", "columns"), [(0x30DC00800, 8), (0x30F000700, 16)])
+def test_gpus_multiply_tiles_in_one_operation(architecture: int, columns: int) -> None:
+    names = [
+        f"tiles_multiplied<{kind},{rows},{columns}>" for kind in ("c10::Half", "c10::BFloat16") for rows in (1, 3, 8)
+    ]
+    for name, kernel in dump_spirv(HEADER, names, root=HEADERS).items():
+        module = compile_for_gpu(kernel.module, architecture)
+        assert module.kernels[kernel.entry].has_dpas, name
+        # Before a long one the compiler puts an atomic one, whose result nobody reads.
+        operations = [line for line in assembly(module)[kernel.entry].splitlines() if "dpas." in line]
+        assert len([line for line in operations if "{Atomic}" not in line]) == 1, name
 
 
 GPU_KERNELS = [

@@ -48,7 +48,7 @@ void gathered(const uint8_t* input, uint8_t* output) {
   using namespace quillon;
   const auto offsets = simd::load<uint32_t, 16>(reinterpret_cast<const uint32_t*>(input));
   simd::prefetch<64>(input + 64);
-  simd::prefetch_words<16>(input + 64, offsets & ~3u);
+  simd::prefetch_each<16>(input + 64, offsets);
   simd::store(reinterpret_cast<T*>(output), simd::gather<T, 16>(input + 64, offsets));
 }
 
@@ -138,4 +138,41 @@ void exchanged(const uint8_t* input, uint8_t* output) {
     T* to = reinterpret_cast<T*>(output + group + 128 * t);
     for (uint32_t i = 0; i < 8; ++i) simd::store(to + PART * i, memory.template load<T, PART>(128 * i + 16 * t));
   });
+}
+
+// ROWS by COLUMNS sums in float, which stand behind the operands, increased by a product of tiles 16 deep.
+template <typename M, int ROWS, int COLUMNS>
+QUILLON_KERNEL(2)
+QUILLON_EXPLICIT_SIMD
+void tiles_multiplied(const uint8_t* input, uint8_t* output) {
+  using namespace quillon;
+  const auto* left_from = reinterpret_cast<const M*>(input);
+  const auto* right_from = left_from + 16 * ROWS;
+  const auto* sums_from = reinterpret_cast<const float*>(right_from + 16 * COLUMNS);
+  auto* to = reinterpret_cast<float*>(output);
+  simd::tile_sums<ROWS, COLUMNS> sums;
+#ifdef QUILLON_VECTOR_LANES
+  float left[16 * ROWS];
+  for (int i = 0; i < 16 * ROWS; ++i) left[i] = convert<float>(left_from[i]);
+  simd::right_tile<M, COLUMNS> right;
+  for (int k = 0; k < 16; ++k)
+    for (int c = 0; c < COLUMNS; ++c) right.row[k][c] = convert<float>(right_from[COLUMNS * k + c]);
+  unrolled<ROWS>([&](auto i) { sums.rows[i] = simd::load<float, COLUMNS>(sums_from + COLUMNS * i); });
+  sums.multiply_add(simd::left_tile<M, ROWS, 16>{left}, right);
+  unrolled<ROWS>([&](auto i) { simd::store(to + COLUMNS * i, sums.rows[i]); });
+#else
+  simd::left_tile<M, ROWS> left;
+  simd::right_tile<M, COLUMNS> right;
+  unrolled<ROWS>([&](auto i) {
+    left.template set_row<i>(simd::load<uint32_t, 8>(reinterpret_cast<const uint32_t*>(left_from + 16 * i)));
+    sums.rows.template select<COLUMNS, 1>(COLUMNS * i) = simd::load<float, COLUMNS>(sums_from + COLUMNS * i);
+  });
+  unrolled<8>([&](auto p) {
+    const auto upper = simd::load<M, COLUMNS>(right_from + COLUMNS * 2 * p);
+    const auto lower = simd::load<M, COLUMNS>(right_from + COLUMNS * (2 * p + 1));
+    right.words.template select<COLUMNS, 1>(COLUMNS * p) = simd::bits_as<uint32_t>(simd::interleaved(upper, lower));
+  });
+  sums.multiply_add(left, right);
+  unrolled<ROWS>([&](auto i) { simd::store(to + COLUMNS * i, sums.template row<i>()); });
+#endif
 }
