@@ -5,6 +5,7 @@
 #include "dispatch/device_class_query.h"
 #include "dispatch/format_check.h"
 #include "dispatch/launchers.h"
+#include "dispatch/matrix_engine.h"
 #include "dispatch/path.h"
 #include "formats/registry.h"
 
@@ -48,10 +49,9 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
   check_extents(input, weight, batch, state_size, output_size);
   const XpuDeviceClass device_class = get_device_class(input.device());
   const Path path = choose_path(device_class, qtype, batch, output_size);
-  TORCH_CHECK_NOT_IMPLEMENTED(path != Path::matrix_engine, "forward_new: the matrix-engine path, which ",
-                              describe_format(qtype), " takes with a batch of ", batch, " on device class ",
-                              device_class_name(device_class),
-                              ", is not available in this release; give one row at a time");
+  if (path == Path::matrix_engine)
+    return linear_xpu_matrix_engine(input, weight, batch, state_size, output_size, input_size, qtype,
+                                    device_class == XpuDeviceClass::elm);
   const Launcher launcher = launcher_table(path)[qtype];
   TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: no kernels for ", describe_format(qtype),
                               " in this release");

@@ -376,4 +376,39 @@ constexpr const rwkv_row& row_of(rwkv_kernel kernel) {
   return rwkv_table[static_cast<int>(kernel)];
 }
 
+// ---- matrix engine ----------------------------------------------------------------------------------------
+//
+// The one kernel that multiplies on a matrix engine. It is instantiated for each element type that has operands, for
+// each number of activation rows that a last tile may have, and for the engine of each class.
+
+struct engine_kernel_row {
+  const char* name;
+  const char* header;  // relative to csrc/
+  int row_tile;        // activation rows of a tile, and of the last one at the most
+  int k_split;         // work-items of a work-group
+};
+inline constexpr engine_kernel_row engine_kernel = {"loom_forward_kernel",
+                                                    "kernels/matrix_engine/loom_forward_kernel.h", 8, 8};
+
+// Its types, by that of input and output: operands, the engine's sums, partial tiles.
+struct engine_types {
+  const char* input;
+  const char* operand;
+  const char* sum;
+  const char* partial;
+};
+inline constexpr std::array<engine_types, 3> engine_type_table = {{
+    {"float", "c10::Half", "float", "c10::Half"},
+    {"c10::Half", "c10::Half", "float", "c10::Half"},
+    {"c10::BFloat16", "c10::BFloat16", "float", "c10::BFloat16"},
+}};
+
+// The engines: how many output columns an operation of theirs has.
+struct engine_geometry {
+  const char* device_class;
+  int columns;
+};
+enum engine_index { engine_oak, engine_elm };
+inline constexpr std::array<engine_geometry, 2> engine_geometries = {{{"oak", 8}, {"elm", 16}}};
+
 }  // namespace quillon

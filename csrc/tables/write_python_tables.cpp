@@ -168,6 +168,32 @@ std::string rwkv_text(const rwkv_row& row) {
   return text.str();
 }
 
+std::string engine_text() {
+  std::ostringstream text;
+  text << "ENGINE = {\n    \"name\": " << quoted(engine_kernel.name)
+       << ",\n    \"header\": " << quoted(engine_kernel.header) << ",\n    \"row_tile\": " << engine_kernel.row_tile
+       << ",\n    \"k_split\": " << engine_kernel.k_split << ",\n    \"types\": (";
+  for (const engine_types& types : engine_type_table) {
+    text << "(";
+    for (const char* type : {types.input, types.operand, types.sum, types.partial}) text << quoted(type) << ", ";
+    text << "), ";
+  }
+  text << "),\n    \"columns\": {";
+  for (const engine_geometry& engine : engine_geometries)
+    text << quoted(engine.device_class) << ": " << engine.columns << ", ";
+  text << "},\n    \"batches\": {";
+  for (const engine_geometry& engine : engine_geometries) {
+    text << quoted(engine.device_class) << ": {";
+    for (const MatrixEngineRange& range : kMatrixEngineRanges)
+      if (std::strcmp(device_class_name(range.device_class), engine.device_class) == 0)
+        text << quoted(format_table[range.qtype].name) << ": (" << range.first_batch << ", " << range.last_batch
+             << "), ";
+    text << "}, ";
+  }
+  text << "},\n}\n";
+  return text.str();
+}
+
 std::string kernel_table_text() {
   std::ostringstream text;
   text << "LAUNCHER_TABLES = {\n";
@@ -180,7 +206,7 @@ std::string kernel_table_text() {
   for (const expansion_row& row : expansion_table) text << expansion_text(row);
   text << ")\n\nRWKV_KERNELS = (\n";
   for (const rwkv_row& row : rwkv_table) text << rwkv_text(row);
-  text << ")\n";
+  text << ")\n\n" << engine_text();
   return text.str();
 }
 

@@ -37,6 +37,15 @@ class RwkvRow(TypedDict):
     work_group: int
     sub_group: int
 
+class EngineRow(TypedDict):
+    name: str
+    header: str
+    row_tile: int
+    k_split: int
+    types: tuple[tuple[str, str, str, str], ...]
+    columns: dict[str, int]
+    batches: dict[str, dict[str, tuple[int, int]]]
+
 LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
 
@@ -50,3 +59,7 @@ table whose device classes run the kernel."""
 
 RWKV_KERNELS: tuple[RwkvRow, ...]
 """One for each kernel of the RWKV operators. Head size: the first template argument, or 0 where it is the type."""
+
+ENGINE: EngineRow
+"""The kernel for matrix engines. Types: of input and output, operands, the engine's sums and partial tiles. By device
+class, the columns of an operation, and by format the first and the last batch that goes to it."""

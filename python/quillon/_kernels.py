@@ -251,3 +251,63 @@ class RwkvKernel:
 
 RWKV_KERNELS: tuple[RwkvKernel, ...] = tuple(RwkvKernel(**row) for row in _kernel_table.RWKV_KERNELS)
 """The kernels of the RWKV operators, in the order of the C++ table."""
+
+
+@dataclass(frozen=True, eq=False)
+class EngineKernel:
+    """The kernel for matrix engines with one number of activation rows in its last tile."""
+
+    m_tail: int
+
+    @property
+    def name(self) -> str:
+        return _kernel_table.ENGINE["name"]
+
+    @property
+    def header(self) -> str:
+        """Relative to csrc/."""
+        return _kernel_table.ENGINE["header"]
+
+    @property
+    def element_types(self) -> tuple[str, ...]:
+        """Those that it is instantiated for."""
+        return tuple(types[0] for types in _kernel_table.ENGINE["types"])
+
+    @property
+    def build_options(self) -> Mapping[int, tuple[str, ...]]:
+        """None: an explicit-SIMD kernel has no sub-groups."""
+        return {}
+
+    @property
+    def local_arrays(self) -> int:
+        """Local arrays among the arguments."""
+        return 0
+
+    def runs_on(self, device_class: str) -> bool:
+        """Whether devices of a class have a matrix engine."""
+        return device_class in _kernel_table.ENGINE["columns"]
+
+    def geometry(self, device_class: str) -> Geometry:
+        columns, k_split = _kernel_table.ENGINE["columns"][device_class], _kernel_table.ENGINE["k_split"]
+        return Geometry((self.m_tail, columns, k_split), 1, k_split, columns)
+
+    def geometries_on(self, device_class: str) -> tuple[Geometry, ...]:
+        """The only one."""
+        return (self.geometry(device_class),)
+
+    def local_memory(self, geometry: Geometry) -> int:
+        """Bytes that the kernel itself fixes: a tile of sixteen bits an element for each work-item."""
+        return 2 * _kernel_table.ENGINE["row_tile"] * geometry.rows * geometry.lanes
+
+    def expression(self, element_type: str, geometry: Geometry) -> str:
+        """An instantiation as the library names it."""
+        types = next(types for types in _kernel_table.ENGINE["types"] if types[0] == element_type)
+        return _expression(self.name, ",".join(types), geometry)
+
+
+ENGINE_KERNELS: tuple[EngineKernel, ...] = tuple(
+    EngineKernel(m_tail) for m_tail in range(1, _kernel_table.ENGINE["row_tile"] + 1)
+)
+
+ENGINE_BATCHES: Mapping[str, Mapping[str, tuple[int, int]]] = MappingProxyType(_kernel_table.ENGINE["batches"])
+"""By device class and format, the first and the last batch that goes to the matrix engine."""

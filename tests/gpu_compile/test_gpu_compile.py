@@ -25,13 +25,14 @@ from gpu_compile.ocloc import MISSING_OCLOC, compile_for_gpu, device_argument, e
 from gpu_compile.spirv import dump_spirv
 
 from quillon._device_table import ARCHITECTURES
+from quillon._kernels import EngineKernel
 
 pytestmark = [pytest.mark.gpu_compile, pytest.mark.skipif(find_ocloc() is None, reason=MISSING_OCLOC)]
 
 ALL_CASES = list(cases())
 
 
-def faults(info: KernelInfo, sub_group: int | None, local_arrays: int) -> list[str]:
+def faults(info: KernelInfo, sub_group: int | None, local_arrays: int, local_memory: int = 0) -> list[str]:
     """What is wrong with a kernel's code."""
     found = []
     if sub_group is not None and info.simd_size != sub_group:
@@ -40,8 +41,8 @@ def faults(info: KernelInfo, sub_group: int | None, local_arrays: int) -> list[s
         found.append(f"{info.spill_size} bytes spilled")
     if info.private_size:
         found.append(f"{info.private_size} bytes of private memory")
-    if info.slm_size:
-        found.append(f"{info.slm_size} bytes of local memory besides the arguments")
+    if info.slm_size != local_memory:
+        found.append(f"{info.slm_size} bytes of local memory besides the arguments where {local_memory} are expected")
     if info.local_arguments != local_arrays:
         found.append(f"{info.local_arguments} local arrays where {local_arrays} are passed")
     return found
@@ -63,7 +64,9 @@ def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | G
     outcome = compiled[case]
     if isinstance(outcome, GpuCompileError):
         pytest.fail(str(outcome), pytrace=False)
-    assert faults(outcome.info, case.build.sub_group, case.kernel.local_arrays) == []
+    build = case.build
+    assert faults(outcome.info, build.sub_group, build.kernel.local_arrays, build.local_memory) == []
+    assert outcome.info.has_dpas == isinstance(build.kernel, EngineKernel)
 
 
 @pytest.mark.parametrize("architecture", ARCHITECTURES, ids=device_argument)

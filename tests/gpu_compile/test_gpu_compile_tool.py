@@ -12,7 +12,7 @@ from gpu_compile.ocloc import device_argument, find_ocloc
 from gpu_compile.spirv import device_text, kernel_name
 
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import ALL_KERNELS, EXPANSIONS, KERNELS, LAUNCHER_TABLES, RWKV_KERNELS, Geometry
+from quillon._kernels import ALL_KERNELS, ENGINE_KERNELS, EXPANSIONS, KERNELS, LAUNCHER_TABLES, RWKV_KERNELS, Geometry
 from quillon.formats import WEIGHT_FORMATS
 
 ZE_INFO = """\
@@ -161,7 +161,11 @@ def test_every_weight_format_has_a_kernel() -> None:
 
 def test_what_a_launcher_can_reach_is_compiled() -> None:
     """Each kernel in the geometry of each launcher table, in each element type that some GPU of the table has."""
-    compiled = {(case.kernel.name, case.element_type, case.build.geometry) for case in cases()}
+    compiled = {
+        (case.kernel.name, case.element_type, case.build.geometry)
+        for case in cases()
+        if case.kernel not in ENGINE_KERNELS
+    }
     types = {
         table: {t for name in ARCHITECTURES.values() if LAUNCHER_TABLES[name] == table for t in types_on(name)}
         for table in LAUNCHER_TABLES.values()
@@ -193,6 +197,22 @@ def test_what_a_launcher_can_reach_is_compiled() -> None:
     }
     assert len(of_rwkv) == 2 + 1 + 2
     assert compiled == reached | expanding | of_rwkv
+
+
+def test_instantiations_for_matrix_engines() -> None:
+    """Three types by eight tails by two engines, each on the architectures of its class."""
+    found = {(case.expression, case.architecture) for case in cases(ENGINE_KERNELS)}
+    types = ("float,c10::Half,float,c10::Half", "c10::Half,c10::Half,float,c10::Half")
+    types += ("c10::BFloat16,c10::BFloat16,float,c10::BFloat16",)
+    assert found == {
+        (f"loom_forward_kernel<{t},{tail},{columns},8>", architecture)
+        for t in types
+        for tail in range(1, 9)
+        for columns, architectures in ((16, [0x30F000700]), (8, [0x30DC00800, 0x30E000500, 0x30E400000]))
+        for architecture in architectures
+    }
+    assert {case.build.local_memory for case in cases(ENGINE_KERNELS) if case.build.geometry.rows == 16} == {2048}
+    assert {case.build.local_memory for case in cases(ENGINE_KERNELS) if case.build.geometry.rows == 8} == {1024}
 
 
 def test_sub_groups_of_q5_k() -> None:

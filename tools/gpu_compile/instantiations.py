@@ -19,8 +19,10 @@ from quillon._device_table import ARCHITECTURES
 from quillon._kernels import (
     ALL_KERNELS,
     ELEMENT_TYPES,
+    ENGINE_KERNELS,
     EXPANSIONS,
     RWKV_KERNELS,
+    EngineKernel,
     Expansion,
     Geometry,
     Kernel,
@@ -34,7 +36,7 @@ CLASSES_WITHOUT_DOUBLE = frozenset({"legacy", "oak"})
 CLASSES_WITHOUT_SUB_GROUPS_OF_8 = frozenset({"elm", "fir", "yew"})
 """The library asks the device; here, where there is none, a test asks the compiler."""
 
-AnyKernel: TypeAlias = Kernel | Expansion | RwkvKernel
+AnyKernel: TypeAlias = Kernel | Expansion | RwkvKernel | EngineKernel
 
 
 @dataclass(frozen=True)
@@ -51,10 +53,17 @@ class Build:
         return self.kernel.build_options.get(self.sub_group, ()) if self.sub_group else ()
 
     @property
+    def local_memory(self) -> int:
+        """Bytes of local memory that the kernel itself fixes."""
+        return self.kernel.local_memory(self.geometry) if isinstance(self.kernel, EngineKernel) else 0
+
+    @property
     def packed_bytes(self) -> float:
         """Weight bytes, scales included, that a lane reads in one pass of its loop over K, or of an expansion's row."""
         if isinstance(self.kernel, RwkvKernel):
             return 0
+        if isinstance(self.kernel, EngineKernel):
+            raise TypeError(f"{self.kernel.name} has a loop over K for each of its formats")
         block = get_format(self.kernel.format)
         if isinstance(self.kernel, Expansion):
             return self.kernel.span * block.bytes / block.elements
@@ -70,7 +79,7 @@ def build_for(kernel: AnyKernel, device_class: str) -> Build:
     return builds_for(kernel, device_class)[0]
 
 
-def builds_for(kernel: Kernel | Expansion, device_class: str) -> list[Build]:
+def builds_for(kernel: AnyKernel, device_class: str) -> list[Build]:
     """The same with all that they use beside it."""
     without = {8} if device_class in CLASSES_WITHOUT_SUB_GROUPS_OF_8 else set()
     choices = [size for size in kernel.build_options if size not in without]
@@ -116,7 +125,8 @@ class Compiled:
 
 def cases(of: Iterable[AnyKernel] | None = None) -> Iterator[Case]:
     """Every instantiation of the kernels, or of all, for every listed architecture whose class uses it."""
-    for kernel in (*ALL_KERNELS, *EXPANSIONS, *RWKV_KERNELS) if of is None else of:
+    every: tuple[AnyKernel, ...] = (*ALL_KERNELS, *EXPANSIONS, *RWKV_KERNELS, *ENGINE_KERNELS)
+    for kernel in every if of is None else of:
         for architecture, device_class in ARCHITECTURES.items():
             if not kernel.runs_on(device_class):
                 continue
