@@ -21,7 +21,7 @@
 #include "frontend/interpreter_version.h"
 #include "frontend/moe_indexes.h"
 #include "frontend/python_types.h"
-#include "frontend/unavailable.h"
+#include "mlp/mlp_xpu_kernel.h"
 #include "runtime/kernel_library.h"
 #include "rwkv/rwkv_operators.h"
 
@@ -76,19 +76,14 @@ std::string get_xpu_device_name(c10::Device device) {
   return device_class_name(get_device_class(device));
 }
 
-using at::Tensor;
-using std::int64_t;
-
-constexpr char kMlp[] = "mlp_forward_xpu";
-
 constexpr std::array kOperators = {
     torch_operator<&linear_forward_new>(
         "forward_new", "Linear forward (XPU) new format",
         "forward_new(Tensor input, Tensor weight, int qtype, int input_size) -> Tensor"),
     torch_operator<&dequant>("dequant", "Dequantize weight (XPU)",
                              "dequant(Tensor input, Tensor weight, int qtype) -> Tensor"),
-    torch_operator<&unavailable<kMlp, Tensor, Tensor, Tensor, int64_t, int64_t, int64_t, int64_t, int64_t>>(
-        kMlp, "fused mlp",
+    torch_operator<&mlp_forward_xpu>(
+        "mlp_forward_xpu", "fused mlp",
         "mlp_forward_xpu(Tensor input, Tensor weight1, Tensor weight2, int batch_size, int state_size, "
         "int output_size, int act_type, int qtype) -> Tensor"),
     torch_operator<&rwkv_linear_attention_v4>(

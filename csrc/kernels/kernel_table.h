@@ -39,6 +39,7 @@ enum class template_arguments {
 enum class kernel_family {
   matvec,     // the product with one activation row
   by_batch,   // the product with a handful of activation rows
+  mlp,        // with a second weight, the gated product of a fused MLP with one activation row
   quantizer,  // nothing: it packs activations
 };
 
@@ -67,8 +68,13 @@ enum class kernel_argument {
   offset2,
   offset3,
   short_offset1,  // int32
+  second0,        // pointers to the parts of a second weight
+  second1,
+  second2,
+  act_type,       // int32: which activation
   local,          // local memory: the lanes' accumulators, in the form of vectors what `vectors` says
   vectors_local,  // local memory that the form of vectors alone has
+  vectors_rows,   // uint64: the output rows, which the form of vectors alone is told
 };
 
 // The element type of local memory.
@@ -101,23 +107,24 @@ struct kernel_row {
   local_elements local;
   arranged vectors;
   bool waits;  // the host entry returns when the kernel has finished
-  std::array<kernel_argument, 12> arguments;
+  std::array<kernel_argument, 13> arguments;
 };
 
 // clang-format off
 inline constexpr auto kernel_table = [] {
   using k = kernel_argument;
   constexpr auto group = template_arguments::work_group, group_rows = template_arguments::work_group_rows, none = template_arguments::none;
-  constexpr auto matvec = kernel_family::matvec, by_batch = kernel_family::by_batch, quantizer = kernel_family::quantizer;
+  constexpr auto matvec = kernel_family::matvec, by_batch = kernel_family::by_batch, mlp = kernel_family::mlp, quantizer = kernel_family::quantizer;
   constexpr auto rows = lane_range::rows, slices = lane_range::slices, batches = lane_range::batches, elements = lane_range::elements;
   constexpr auto of_t = local_elements::of_t, of_float = local_elements::of_float, no_local = local_elements::none;
   constexpr auto chunks = arranged::chunks, chunks_and_sums = arranged::chunks_and_sums, row_count = arranged::row_count, q8_1_blocks = arranged::q8_1_blocks, q2_k_words = arranged::q2_k_words, no_vectors = arranged::none;
   // Argument orders that several kernels share.
-  constexpr std::array<k, 12> q4_0_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
-  constexpr std::array<k, 12> scaled_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output, k::output_size};
-  constexpr std::array<k, 12> q5_order = {k::state_size, k::part0, k::input, k::local, k::output};
-  constexpr std::array<k, 12> batch_order = {k::state_size, k::batch, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
-  constexpr std::array<k, 12> q8_1_order = {k::output_size, k::block_count, k::part0, k::input, k::local, k::output};
+  constexpr std::array<k, 13> q4_0_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
+  constexpr std::array<k, 13> scaled_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::output, k::output_size};
+  constexpr std::array<k, 13> q5_order = {k::state_size, k::part0, k::input, k::local, k::output};
+  constexpr std::array<k, 13> batch_order = {k::state_size, k::batch, k::part0, k::short_offset1, k::input, k::local, k::output_size, k::output};
+  constexpr std::array<k, 13> mlp_order = {k::state_size, k::part0, k::short_offset1, k::input, k::local, k::second0, k::act_type, k::output, k::vectors_rows};
+  constexpr std::array<k, 13> q8_1_order = {k::output_size, k::block_count, k::part0, k::input, k::local, k::output};
   return std::array{
   //          format           family     name, header                                                              constants   range   sub- rows,   lanes elem. unit drops  local     vectors          waits  arguments
   //                                                                                                                                    group  many              tail
@@ -142,6 +149,12 @@ inline constexpr auto kernel_table = [] {
   kernel_row{qtype_fp6_k,    matvec,    "qlinear_xpu_kernel_fp6_k_2x16",    "kernels/matvec/fp6_k_2x16.h",    group_rows, rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part0, k::offset1, k::offset2, k::offset3, k::input, k::local, k::output_size, k::output}},
   kernel_row{qtype_q4_0,     by_batch,  "qlinear_xpu_kernel_q4_0_2x16_by_batch", "kernels/by_batch/q4_0_2x16_by_batch.h", group, batches, 0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, batch_order},
   kernel_row{qtype_nf4,      by_batch,  "qlinear_xpu_kernel_nf4_2x16_batch", "kernels/by_batch/nf4_2x16_batch.h", group,    batches,  0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, batch_order},
+  kernel_row{qtype_q4_0,     mlp,       "mlp_forward_q4_0_kernel",          "kernels/mlp/q4_0.h",             group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, mlp_order},
+  kernel_row{qtype_q4_0_woq, mlp,       "mlp_forward_q4_0_woq_kernel",      "kernels/mlp/q4_0_woq.h",         group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, mlp_order},
+  kernel_row{qtype_fp4,      mlp,       "mlp_forward_fp4_kernel",           "kernels/mlp/fp4.h",              group,      rows,     0, 2, 2,  0, 16, 16, false, of_t,     chunks,          false, mlp_order},
+  kernel_row{qtype_fp8_e5m2, mlp,       "mlp_forward_fp8_e5m2_kernel",      "kernels/mlp/fp8_e5m2.h",         group,      rows,     0, 2, 2,  0,  8,  8, false, of_t,     chunks,          false, mlp_order},
+  kernel_row{qtype_fp6,      mlp,       "mlp_forward_fp6_kernel",           "kernels/mlp/fp6.h",              group_rows, rows,     0, 2, 8,  0, 16, 16, false, of_t,     chunks,          false, {k::state_size, k::part1, k::part0, k::input, k::part2, k::block_count, k::local, k::second1, k::second0, k::second2, k::act_type, k::output, k::vectors_rows}},
+  kernel_row{qtype_iq2_xxs,  mlp,       "mlp_forward_iq2_xxs_kernel",       "kernels/mlp/iq2_xxs.h",          none,       slices,  32, 2, 2, 32, 32,  0, false, of_t,     q8_1_blocks,     false, {k::output_size, k::block_count, k::part0, k::input, k::second0, k::local, k::act_type, k::output}},
   kernel_row{qtype_q8_1,     quantizer, "quantize_xpu_kernel_q8_1",         "kernels/matvec/quantize_q8_1.h", none,       elements,32, 1, 1,256,  1,  0, false, no_local, no_vectors,        false, {k::input, k::output}},
   };
 }();
@@ -168,6 +181,18 @@ constexpr bool chooses_sub_group(const kernel_row& row) {
 // Rounds in one pass of a GPU's loop over K: the kernels of q5_0 and q5_1 take four at a time (matvec/five_bits.h).
 constexpr int rounds_of_pass(const kernel_row& row) {
   return row.qtype == qtype_q5_0 || row.qtype == qtype_q5_1 ? 4 : 1;
+}
+
+// Whether a launcher table has a kernel: no device of the default one runs the fused MLP of iq2_xxs.
+constexpr bool is_launched(const kernel_row& row, launcher_table_index table) {
+  return row.family != kernel_family::mlp || row.qtype != qtype_iq2_xxs || table != table_default;
+}
+
+// Whether rows that do not fill a tile at the end are left out, and their outputs not written: in the fused MLP of the
+// formats with nibbles.
+constexpr bool leaves_short_tile(const kernel_row& row) {
+  return row.family == kernel_family::mlp &&
+         (row.qtype == qtype_q4_0 || row.qtype == qtype_q4_0_woq || row.qtype == qtype_fp4);
 }
 
 // Whether the activations are q8_1 blocks.

@@ -33,6 +33,15 @@ struct fp8_e5m2_reader {
   }
 };
 
+struct fp8_e5m2_scaled_reader : fp8_e5m2_reader {
+  const uint8_t* scales;
+
+  template <typename T, typename Place>
+  values<T> scale(const Place& at) const {
+    return rounded_values<T>(entry_of_block<float>(at, scales));
+  }
+};
+
 // Expanded without the scale, and without arithmetic.
 struct fp8_e5m2_expander : whole_bytes<fp8_e5m2_expander> {
   template <typename T>

@@ -76,13 +76,14 @@ std::string device_table_text() {
 }
 
 // In the order of kernel_argument, up to those that the backing of vectors alone has, and of lane_range.
-constexpr const char* kArgumentNames[] = {
-    "end",   "state_size", "batch", "output_size", "block_count", "input",   "output",        "part0",
-    "part1", "part2",      "part3", "offset1",     "offset2",     "offset3", "short_offset1", "local"};
+constexpr const char* kArgumentNames[] = {"end",     "state_size", "batch",   "output_size", "block_count",
+                                          "input",   "output",     "part0",   "part1",       "part2",
+                                          "part3",   "offset1",    "offset2", "offset3",     "short_offset1",
+                                          "second0", "second1",    "second2", "act_type",    "local"};
 static_assert(std::size(kArgumentNames) == static_cast<std::size_t>(kernel_argument::local) + 1);
 constexpr const char* kRangeNames[] = {"rows", "slices", "batches", "elements"};
 static_assert(std::size(kRangeNames) == static_cast<std::size_t>(lane_range::elements) + 1);
-constexpr const char* kFamilyNames[] = {"matvec", "by_batch", "quantizer"};
+constexpr const char* kFamilyNames[] = {"matvec", "by_batch", "mlp", "quantizer"};
 static_assert(std::size(kFamilyNames) == static_cast<std::size_t>(kernel_family::quantizer) + 1);
 
 // The launcher table of a device class. It depends on the class alone where the matrix engine is not taken, as for one
@@ -117,7 +118,9 @@ std::string kernel_text(const kernel_row& row) {
        << ",\n        \"family\": " << quoted(kFamilyNames[static_cast<int>(row.family)])
        << ",\n        \"name\": " << quoted(row.name) << ",\n        \"header\": " << quoted(row.header)
        << ",\n        \"geometries\": {";
-  for (const launcher_geometry& table : launcher_geometries) {
+  for (std::size_t index = 0; index < launcher_geometries.size(); ++index) {
+    if (!is_launched(row, static_cast<launcher_table_index>(index))) continue;
+    const launcher_geometry& table = launcher_geometries[index];
     const kernel_geometry geometry = geometry_of(row, table);
     text << quoted(table.name) << ": ((";
     for (const int constant : constants_of(row, geometry)) text << constant << ",";
@@ -132,10 +135,11 @@ std::string kernel_text(const kernel_row& row) {
        << ",\n        \"row_unit\": " << row.row_unit << ",\n        \"drops_tail\": " << truth(row.drops_tail)
        << ",\n        \"arguments\": (";
   for (const kernel_argument argument : row.arguments)
-    if (argument != kernel_argument::end && argument != kernel_argument::vectors_local)
+    if (argument != kernel_argument::end && argument <= kernel_argument::local)
       text << quoted(kArgumentNames[static_cast<int>(argument)]) << ",";
   const auto local_arrays = std::count(row.arguments.begin(), row.arguments.end(), kernel_argument::local);
-  text << "),\n        \"local_arrays\": " << local_arrays << ",\n    },\n";
+  text << "),\n        \"local_arrays\": " << local_arrays
+       << ",\n        \"leaves_short_tile\": " << truth(leaves_short_tile(row)) << ",\n    },\n";
   return text.str();
 }
 

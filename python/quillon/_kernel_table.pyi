@@ -4,7 +4,7 @@ from typing import Literal, TypedDict
 
 class KernelRow(TypedDict):
     format: str
-    family: Literal["matvec", "by_batch", "quantizer"]
+    family: Literal["matvec", "by_batch", "mlp", "quantizer"]
     name: str
     header: str
     geometries: dict[str, tuple[tuple[int, ...], int | None, int, int]]
@@ -16,6 +16,7 @@ class KernelRow(TypedDict):
     drops_tail: bool
     arguments: tuple[str, ...]
     local_arrays: int
+    leaves_short_tile: bool
 
 class ExpansionRow(TypedDict):
     format: str
@@ -50,8 +51,9 @@ LAUNCHER_TABLES: dict[str, str]
 """The launcher table of each device class, at a batch of one row."""
 
 KERNELS: tuple[KernelRow, ...]
-"""One for each kernel. Geometries, by launcher table: template constants behind the element type, required sub-group
-size, lanes and rows of a work-group. Build options, where there are some: by the sub-group size that they ask for."""
+"""One for each kernel. Geometries, by the launcher tables that have it: template constants behind the element type,
+required sub-group size, lanes and rows of a work-group. Build options, where there are some: by the sub-group size that
+they ask for."""
 
 EXPANSIONS: tuple[ExpansionRow, ...]
 """One for each kernel that writes a packed weight as a dense matrix. Sub-groups: the required size in each launcher

@@ -47,10 +47,11 @@ class Kernel:
     header: str
     """Relative to csrc/."""
     format: str
-    family: Literal["matvec", "by_batch", "quantizer"]
-    """What it makes of a weight: the product with one activation row, with a handful of them, or nothing."""
+    family: Literal["matvec", "by_batch", "mlp", "quantizer"]
+    """What it makes of a weight: the product with one activation row, with a handful of them, with a second weight the
+    fused MLP, or nothing."""
     geometries: Mapping[str, Geometry]
-    """By launcher table."""
+    """By the launcher tables that have it."""
     build_options: Mapping[int, tuple[str, ...]]
     """By sub-group size, of a kernel that asks for it in this way: it takes the first size that the device has."""
     range: Literal["rows", "slices", "batches", "elements"]
@@ -67,6 +68,8 @@ class Kernel:
     arguments: tuple[str, ...]
     local_arrays: int
     """Local arrays among the arguments; kernels have no other local memory."""
+    leaves_short_tile: bool
+    """Whether output rows that do not fill a tile at the end are not computed."""
 
     def geometry(self, device_class: str) -> Geometry:
         return self.geometries[LAUNCHER_TABLES[device_class]]
@@ -87,7 +90,7 @@ class Kernel:
 
     def runs_on(self, device_class: str) -> bool:
         """Whether devices of a class have it in their launcher table."""
-        return device_class in LAUNCHER_TABLES
+        return LAUNCHER_TABLES[device_class] in self.geometries
 
     def expression(self, element_type: str, geometry: Geometry) -> str:
         """An instantiation as the library names it: ``"name<float,16,32,2>"``."""
@@ -110,6 +113,7 @@ def _kernel(row: _kernel_table.KernelRow) -> Kernel:
         drops_tail=row["drops_tail"],
         arguments=row["arguments"],
         local_arrays=row["local_arrays"],
+        leaves_short_tile=row["leaves_short_tile"],
     )
 
 
@@ -120,6 +124,11 @@ KERNELS: Mapping[str, Kernel] = MappingProxyType(
     {kernel.format: kernel for kernel in ALL_KERNELS if kernel.family in ("matvec", "quantizer")}
 )
 """The kernel of each format: its matrix-vector product, or for activations their quantizer."""
+
+MLP_KERNELS: Mapping[str, Kernel] = MappingProxyType(
+    {kernel.format: kernel for kernel in ALL_KERNELS if kernel.family == "mlp"}
+)
+"""Those of the fused MLP, by format."""
 
 
 @dataclass(frozen=True, eq=False)

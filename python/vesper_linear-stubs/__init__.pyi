@@ -31,7 +31,17 @@ def mlp_forward_xpu(
     qtype: int,
     /,
 ) -> torch.Tensor:
-    """Gate-and-up product of a fused MLP with its activation."""
+    """Gate and up products of an MLP with one activation row, and their activation, in one launch.
+
+    input             float32, float64, float16 or bfloat16; its first state_size elements are read
+    weight1, weight2  uint8, the bytes of gate and up projection (output_size by state_size) in format ``qtype``: q4_0,
+                      fp4, fp8_e5m2, fp6, q4_0_woq, or on classes elm and legacy iq2_xxs
+    batch_size        rows of the result, of which the first alone is computed
+    act_type          0: SiLU, (g * u) / (exp(-g) + 1); else (g / 2) * (tanh(C1 * g + C2 * g^3) + 1) * u, where C2, not
+                      its product with C1, comes onto the cube
+    Returns (batch_size, output_size) of the element type of ``input``. In q4_0, q4_0_woq and fp4 the last rows that do
+    not fill a tile, of two or on class legacy of eight (fp4: two), are not computed.
+    """
 
 def rwkv_linear_attention_v4(
     time_decay: torch.Tensor,

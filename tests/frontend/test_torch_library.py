@@ -20,7 +20,6 @@ SCHEMAS = [
     "dequantize_rows(Tensor input, Tensor weight, int qtype, int state_size, int output_size) -> Tensor",
 ]
 NAMES = [schema.split("(")[0] for schema in SCHEMAS]
-UNAVAILABLE = ["mlp_forward_xpu"]
 
 
 def _registrations(name: str) -> list[str]:
@@ -65,14 +64,3 @@ def test_cpu_tensors_are_rejected_by_the_dispatcher(name: str) -> None:
     arguments = [torch.zeros(1) if str(a.type) == "Tensor" else 1 for a in operator.default._schema.arguments]
     with pytest.raises(NotImplementedError, match=f"Could not run 'quillon::{name}'.*'CPU' backend"):
         operator(*arguments)
-
-
-@pytest.mark.parametrize("name", UNAVAILABLE)
-@pytest.mark.parametrize("route", ["module", "torch.ops"])
-def test_unavailable_operators_say_so(name: str, route: str) -> None:
-    function = getattr(vesper_linear if route == "module" else torch.ops.quillon, name)
-    schema = getattr(torch.ops.quillon, name).default._schema
-    arguments = [torch.zeros(1, device="xpu") if str(a.type) == "Tensor" else 1 for a in schema.arguments]
-    with pytest.raises(NotImplementedError) as error:
-        function(*arguments)
-    assert str(error.value) == f"{name} is not available in this release of vesper_linear"

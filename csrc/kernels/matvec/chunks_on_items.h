@@ -115,20 +115,18 @@ inline void for_each_round(uint64_t state_size, int item, Body body) {
   if (TAIL == tail_round::summed && full + item < chunks) body(full);
 }
 
+// Adds to a work-item's accumulators what its chunks of the rows from `row0` to the end of the tile give.
 template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
-inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
-                            uint64_t output_size, T* output, AddRow add_row) {
+__attribute__((always_inline)) inline void sum_chunks(uint64_t state_size, const T* input, int item, uint64_t row0,
+                                                      uint64_t output_size, values<T> (&acc)[ROW_TILE],
+                                                      AddRow add_row) {
   constexpr int CHUNK = Reader::CHUNK;
   constexpr int BLOCK = Reader::BLOCK;
   constexpr int UNIT = Reader::UNIT;
   // Sixteen doubles are half of a GPU's registers, which leaves too few for all rows of a tile at once.
   constexpr bool TILE_AT_ONCE = CHUNK * sizeof(T) <= 64;
-  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
-  const int item = static_cast<int>(place.get_local_id(0));
-  const uint64_t row0 = place.get_group(0) * ROW_TILE;
   const uint32_t low_nibbles = 0x0F0F0F0Fu + static_cast<uint32_t>(state_size >> 32);  // no row has 2^32 elements
 
-  values<T> acc[ROW_TILE] = {};
   const auto load_chunk = [&](int32_t c) __attribute__((always_inline)) {
     return load_activations<T, CHUNK, WITH_SUM, typename Reader::order>(input + CHUNK * c, item,
                                                                         first_constants<CHUNK>{});
@@ -157,6 +155,16 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
       at.advance(to_next_row.step[t]);
     });
   }
+}
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
+inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
+                            uint64_t output_size, T* output, AddRow add_row) {
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const int item = static_cast<int>(place.get_local_id(0));
+  const uint64_t row0 = place.get_group(0) * ROW_TILE;
+  values<T> acc[ROW_TILE] = {};
+  sum_chunks<T, WG_SIZE, ROW_TILE, Reader, TAIL, WITH_SUM>(state_size, input, item, row0, output_size, acc, add_row);
   reduce_and_write<T, WG_SIZE, ROW_TILE>(place, item, acc, local, row0, output_size, output);
 }
 

@@ -135,22 +135,28 @@ inline void take_turns(Value (&acc)[VECTORS]) {
   acc[VECTORS - 1] = first;
 }
 
-template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
-inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
-                            uint64_t output_size, T* output, AddRow add_row) {
-  constexpr int CHUNK = Reader::CHUNK;
-  constexpr int STORED = CHUNK + WITH_SUM;
-  constexpr int VECTORS = WG_SIZE / LANES;
-  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
-  const uint64_t groups = place.get_group_range(0);
-  const uint64_t last = output_size * (place.get_group(0) + 1) / groups;
-  const auto chunks_of_row = static_cast<int32_t>(state_size / CHUNK);
-  const int32_t chunks = TAIL == tail_round::summed ? chunks_of_row : chunks_of_row / WG_SIZE * WG_SIZE;
-  const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks_of_row;
-  auto* stored = reinterpret_cast<stored_lane<T>*>(&local[0]);
-  arrange_activations<T, Reader, WITH_SUM>(input, chunks, stored);
+// The activations of a row in local memory, and how many of its chunks are summed.
+template <typename T, int WG_SIZE, typename Reader, tail_round TAIL, bool WITH_SUM>
+struct arranged_row {
+  const stored_lane<T>* stored;
+  int32_t chunks_of_row;
+  int32_t chunks;
 
-  for (uint64_t row = output_size * place.get_group(0) / groups; row < last; ++row) {
+  arranged_row(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local)
+      : chunks_of_row(static_cast<int32_t>(state_size / Reader::CHUNK)),
+        chunks(TAIL == tail_round::summed ? chunks_of_row : chunks_of_row / WG_SIZE * WG_SIZE) {
+    auto* to = reinterpret_cast<stored_lane<T>*>(&local[0]);
+    arrange_activations<T, Reader, WITH_SUM>(input, chunks, to);
+    stored = to;
+  }
+
+  // The product with row `row` of a weight of `output_size` rows.
+  template <typename AddRow>
+  __attribute__((always_inline)) T multiply(uint64_t row, uint64_t output_size, const AddRow& add_row) const {
+    constexpr int CHUNK = Reader::CHUNK;
+    constexpr int STORED = CHUNK + WITH_SUM;
+    constexpr int VECTORS = WG_SIZE / LANES;
+    const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks_of_row;
     const int64_t at = static_cast<int64_t>(row) * chunks_of_row;
     // The accumulator of the next vector is always the first one: registers take turns, while an index would make memory
     // of them. The tree adds the same pairs wherever the turn ends.
@@ -171,8 +177,19 @@ inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::loc
       acc[0] = in_first_lanes<T>(chunks - c, sum, acc[0]);
       take_turns(acc);
     }
-    output[row] = sum_of_lanes<T, VECTORS>(acc);
+    return sum_of_lanes<T, VECTORS>(acc);
   }
+};
+
+template <typename T, int WG_SIZE, int ROW_TILE, typename Reader, tail_round TAIL, bool WITH_SUM, typename AddRow>
+inline void multiply_chunks(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local,
+                            uint64_t output_size, T* output, AddRow add_row) {
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  const uint64_t groups = place.get_group_range(0);
+  const uint64_t last = output_size * (place.get_group(0) + 1) / groups;
+  const arranged_row<T, WG_SIZE, Reader, TAIL, WITH_SUM> arranged(state_size, input, local);
+  for (uint64_t row = output_size * place.get_group(0) / groups; row < last; ++row)
+    output[row] = arranged.multiply(row, output_size, add_row);
 }
 
 }  // namespace quillon

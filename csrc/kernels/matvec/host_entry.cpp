@@ -35,6 +35,8 @@ region_offsets matvec_parts(int qtype, std::uint64_t state_size, std::uint64_t o
     case qtype_q8_0:
     case qtype_fp8_e4m3:
       return {{0, matvec_q8_0_scale_offset(state_size, output_size), 0, 0}};
+    case qtype_fp8_e5m2:
+      return matvec_regions_of(qtype_fp8_e5m2, state_size, output_size);
     case qtype_nf3:
       return nf3_region_offsets(state_size, output_size);
     case qtype_fp6:
@@ -101,6 +103,7 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
 Backing choose_backing(const kernel_row& row, ElementType type, std::uint64_t state_size,
                        const runtime::DeviceFacts& facts) {
   if (row.vectors == arranged::none || state_size % elements_per_block(row.qtype) != 0) return Backing::items;
+  if (state_size == 0) return Backing::items;
   if (arranged_bytes(row, type, state_size) > facts.local_memory) return Backing::items;
   return runtime::backing_of(facts);
 }
@@ -111,20 +114,34 @@ struct Geometry {
   std::uint64_t local_elements;
 };
 
+// The output rows that a kernel computes.
+std::uint64_t computed_rows(const MatvecKernel& kernel, std::uint64_t output_size) {
+  const auto tile = static_cast<std::uint64_t>(kernel.geometry.rows);
+  return leaves_short_tile(kernel_table[kernel.row]) ? output_size / tile * tile : output_size;
+}
+
+std::uint64_t weights_of(const kernel_row& row) {
+  return row.family == kernel_family::mlp ? 2 : 1;
+}
+
 Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t batch, std::uint64_t output_size) {
   const kernel_row& row = kernel_table[kernel.row];
   const std::size_t lanes = kernel.geometry.work_group;
   const std::size_t rows = kernel.geometry.rows;
   const std::size_t groups = (output_size + rows - 1) / rows;
+  const std::size_t sums = weights_of(row) * rows * lanes;
   // The lanes of a row are the last dimension, because sub-groups follow it: with {32, 1} in its place those of the CPU
   // device would be one work-item each, and the sub-group sum of iq1_s wrong; with {32, 2} a GPU's would be half of
   // each of two rows, whose loads are half as wide.
-  if (row.range == lane_range::slices) return {{{rows, groups * lanes}, {rows, lanes}}, rows * lanes};
+  if (row.range == lane_range::slices) return {{{rows, groups * lanes}, {rows, lanes}}, sums};
   if (row.range == lane_range::batches)
-    return {{{(batch + batch_tile - 1) / batch_tile, groups * lanes}, {1, lanes}}, batch_tile * rows * lanes};
-  // One element more tells a kernel that is not told the output size that its last tile is short.
-  const bool short_tile = row.vectors == arranged::row_count && output_size % rows != 0;
-  return {{groups * lanes, lanes}, rows * lanes + short_tile};
+    return {{{(batch + batch_tile - 1) / batch_tile, groups * lanes}, {1, lanes}}, batch_tile * sums};
+  // Kernels that are not told the output size see in the elements behind their sums that the last tile is short: one if so
+  // where a tile has one or two rows, and in the fused MLP one for each row that it lacks.
+  const std::size_t lacking = groups * rows - output_size;
+  if (row.family == kernel_family::mlp) return {{groups * lanes, lanes}, sums + lacking};
+  const bool short_tile = row.vectors == arranged::row_count && lacking != 0;
+  return {{groups * lanes, lanes}, sums + short_tile};
 }
 
 Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint64_t state_size,
@@ -135,7 +152,8 @@ Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint6
     return {{items, 1}, output_size - (items - 1) * rows_of_vector_item};
   }
   // Enough work-items for all processors to share the work evenly to the end, and as few as that takes.
-  const std::uint64_t bytes = state_size * output_size / elements_per_block(row.qtype) * bytes_per_block(row.qtype);
+  const std::uint64_t bytes =
+      weights_of(row) * (state_size * output_size / elements_per_block(row.qtype)) * bytes_per_block(row.qtype);
   const auto units = static_cast<std::uint64_t>(facts.compute_units);
   const std::uint64_t items = std::min(std::max(units, bytes / kBytesPerItem / units * units), output_size);
   const std::uint64_t elements = (arranged + local_size - 1) / local_size;
@@ -145,26 +163,38 @@ Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint6
   return {{items, 1}, elements};
 }
 
-}  // namespace
+// What a kernel is called with. The second weight and act_type are those of the fused MLP.
+struct Operands {
+  const void* input;
+  const std::uint8_t* weight;
+  const std::uint8_t* second_weight;
+  std::int32_t act_type;
+  void* output;
+  std::uint64_t batch;
+  std::uint64_t state_size;
+  std::uint64_t output_size;
+};
 
-void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,
-                   void* output, std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size,
-                   c10::Device device) {
+// A part of a weight; `first` is the argument that stands for part 0.
+const void* part_of(const std::uint8_t* weight, const region_offsets& parts, kernel_argument argument,
+                    kernel_argument first) {
+  return weight + parts.start[static_cast<int>(argument) - static_cast<int>(first)];
+}
+
+void launch(const MatvecKernel& kernel, ElementType type, const Operands& operands, c10::Device device) {
   const kernel_row& row = kernel_table[kernel.row];
-  if (row.row_unit != 0 && state_size % row.row_unit != 0)
-    c10::detail::torchCheckFail(row.name, __FILE__, __LINE__,
-                                c10::str("%d must be a multiple of %d", state_size, row.row_unit));
-  if (batch == 0 || output_size == 0) return;
+  const std::uint64_t batch = operands.batch, state_size = operands.state_size, output_size = operands.output_size;
+  const std::uint64_t rows = computed_rows(kernel, output_size);
+  if (batch == 0 || rows == 0) return;
   const runtime::DeviceFacts& facts = runtime::device_facts(device.index());
   const Backing backing = choose_backing(row, type, state_size, facts);
   const region_offsets parts = matvec_parts(row.qtype, state_size, output_size);
   const std::size_t local_size = row.local == local_elements::of_float ? sizeof(float) : facts_of(type).size;
-  const Geometry geometry = backing == Backing::vectors
-                                ? vectors_geometry(row, batch, state_size, output_size, local_size,
-                                                   arranged_bytes(row, type, state_size), facts)
-                                : items_geometry(kernel, batch, output_size);
+  const Geometry geometry = backing == Backing::vectors ? vectors_geometry(row, batch, state_size, rows, local_size,
+                                                                           arranged_bytes(row, type, state_size), facts)
+                                                        : items_geometry(kernel, batch, rows);
 
-  c10::SmallVector<KernelArgument, 12> arguments;
+  c10::SmallVector<KernelArgument, 13> arguments;
   for (const kernel_argument argument : row.arguments) {
     switch (argument) {
       case kernel_argument::end:
@@ -182,17 +212,24 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
         arguments.emplace_back(static_cast<std::int32_t>(state_size / elements_per_block(row.qtype)));
         break;
       case kernel_argument::input:
-        arguments.emplace_back(input);
+        arguments.emplace_back(operands.input);
         break;
       case kernel_argument::output:
-        arguments.emplace_back(static_cast<const void*>(output));
+        arguments.emplace_back(static_cast<const void*>(operands.output));
         break;
       case kernel_argument::part0:
       case kernel_argument::part1:
       case kernel_argument::part2:
       case kernel_argument::part3:
-        arguments.emplace_back(static_cast<const void*>(
-            weight + parts.start[static_cast<int>(argument) - static_cast<int>(kernel_argument::part0)]));
+        arguments.emplace_back(part_of(operands.weight, parts, argument, kernel_argument::part0));
+        break;
+      case kernel_argument::second0:
+      case kernel_argument::second1:
+      case kernel_argument::second2:
+        arguments.emplace_back(part_of(operands.second_weight, parts, argument, kernel_argument::second0));
+        break;
+      case kernel_argument::act_type:
+        arguments.emplace_back(operands.act_type);
         break;
       case kernel_argument::offset1:
       case kernel_argument::offset2:
@@ -202,6 +239,9 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
         break;
       case kernel_argument::short_offset1:
         arguments.emplace_back(static_cast<std::int32_t>(parts.start[1]));
+        break;
+      case kernel_argument::vectors_rows:
+        if (backing == Backing::vectors) arguments.emplace_back(rows);
         break;
       case kernel_argument::vectors_local:
         if (backing == Backing::items) break;
@@ -215,6 +255,24 @@ void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* inp
       chooses_sub_group(row) && backing == Backing::items ? sub_group_choices[facts.has_sub_groups_of_8 ? 0 : 1] : 0;
   launch_kernel(entry_of(kernel, type, backing, sub_group), device, geometry.range, arguments,
                 row.waits ? Wait::yes : Wait::no);
+}
+
+}  // namespace
+
+void launch_matvec(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight,
+                   void* output, std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size,
+                   c10::Device device) {
+  const kernel_row& row = kernel_table[kernel.row];
+  if (row.row_unit != 0 && state_size % row.row_unit != 0)
+    c10::detail::torchCheckFail(row.name, __FILE__, __LINE__,
+                                c10::str("%d must be a multiple of %d", state_size, row.row_unit));
+  launch(kernel, type, {input, weight, nullptr, 0, output, batch, state_size, output_size}, device);
+}
+
+void launch_mlp(const MatvecKernel& kernel, ElementType type, const void* input, const std::uint8_t* weight1,
+                const std::uint8_t* weight2, std::int32_t act_type, void* output, std::uint64_t state_size,
+                std::uint64_t output_size, c10::Device device) {
+  launch(kernel, type, {input, weight1, weight2, act_type, output, 1, state_size, output_size}, device);
 }
 
 }  // namespace quillon

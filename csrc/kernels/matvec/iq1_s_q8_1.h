@@ -26,11 +26,11 @@ void qlinear_xpu_kernel_iq1_s_q8_1(uint64_t output_size, int32_t blocks_per_row,
   using namespace quillon;
 #ifdef QUILLON_VECTOR_LANES
   for_each_row_of_slices<iq1_s_reader>(output_size, blocks_per_row, weight, activations, local,
-                                       [=](uint64_t row, const lanes<float>(&sums)[2]) {
+                                       [=](uint64_t row, const sums_of_row& sums) {
                                          // From lane 0 to lane 31: the order in which the CPU device's sub-groups add.
-                                         float total = sums[0][0];
+                                         float total = sums.of[0][0];
                                          for (int lane = 1; lane < q8_1_lanes; ++lane)
-                                           total = add(total, sums[lane / LANES][lane % LANES]);
+                                           total = add(total, sums.of[lane / LANES][lane % LANES]);
                                          output[row] = convert<T>(total);
                                        });
 #else

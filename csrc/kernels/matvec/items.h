@@ -51,14 +51,18 @@ struct row_steps {
   }
 };
 
-// Adds up the work-items' accumulators: a tree in T, from a stride of WG_SIZE / 2 down to 1. Element (i, leaf) of
-// `local` stands at i * WG_SIZE + leaf, and the sum of accumulator i comes out at i * WG_SIZE. `Sum` is T or values<T>.
-// The leaf of a work-item is its number, unless a kernel deals out the work in another order than that of the sum.
-template <typename T, int WG_SIZE, int COUNT, typename Group, typename Sum>
-inline void add_up_items(const Group& group, int item, int leaf, const Sum (&acc)[COUNT],
-                         const sycl::local_accessor<T, 1>& local) {
+// Puts a work-item's accumulators into local memory: accumulator i of work-item `leaf` to (FIRST + i) * WG_SIZE + leaf.
+// `Sum` is T or values<T>.
+template <typename T, int WG_SIZE, int FIRST, int COUNT, typename Sum>
+inline void store_sums(int leaf, const Sum (&acc)[COUNT], const sycl::local_accessor<T, 1>& local) {
 #pragma unroll
-  for (int i = 0; i < COUNT; ++i) local[i * WG_SIZE + leaf] = element_of<T>(acc[i]);
+  for (int i = 0; i < COUNT; ++i) local[(FIRST + i) * WG_SIZE + leaf] = element_of<T>(acc[i]);
+}
+
+// Adds up what all work-items have put there: a tree in T, from a stride of WG_SIZE / 2 down to 1. The sum of accumulator i
+// comes out at i * WG_SIZE.
+template <typename T, int WG_SIZE, int COUNT, typename Group>
+inline void add_up_stored(const Group& group, int item, const sycl::local_accessor<T, 1>& local) {
   sycl::group_barrier(group);
   for (int stride = WG_SIZE / 2; stride > 0; stride /= 2) {
     if (item < stride) {
@@ -68,6 +72,15 @@ inline void add_up_items(const Group& group, int item, int leaf, const Sum (&acc
     }
     sycl::group_barrier(group);
   }
+}
+
+// Both, for all accumulators at once. The leaf of a work-item is its number, unless a kernel deals out the work in another
+// order than that of the sum.
+template <typename T, int WG_SIZE, int COUNT, typename Group, typename Sum>
+inline void add_up_items(const Group& group, int item, int leaf, const Sum (&acc)[COUNT],
+                         const sycl::local_accessor<T, 1>& local) {
+  store_sums<T, WG_SIZE, 0>(leaf, acc, local);
+  add_up_stored<T, WG_SIZE, COUNT>(group, item, local);
 }
 
 // The same for the rows of a tile, of which work-item 0 then writes those that exist. `Out` is the type of the result.

@@ -35,39 +35,67 @@ inline constexpr int q8_1_lanes = 32;
 
 #ifdef QUILLON_VECTOR_LANES
 
-// Walks over the rows of a work-item; `write(row, sums)` gets the lanes' sums of a row. What all rows need of the
-// activations of sixteen slices is made once and kept in local memory. Sixteen slices are those of one or two super-blocks;
-// where there is no second one, the first stands for it, and the upper lanes count for nothing.
-template <typename Reader, typename Local, typename Write>
-inline void for_each_row_of_slices(uint64_t output_size, int32_t blocks_per_row, const typename Reader::block* weight,
-                                   const block_q8_1* activations, const Local& local, Write write) {
-  using arranged_activations = typename Reader::activations;
-  constexpr int BLOCKS = LANES / Reader::SLICES;
-  constexpr int VECTORS = q8_1_lanes / LANES;
-  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
-  const uint64_t groups = place.get_group_range(0) * place.get_group_range(1);
-  const uint64_t last = output_size * (place.get_group_linear_id() + 1) / groups;
-  constexpr uint64_t ALIGNMENT = alignof(arranged_activations);
-  const auto start = reinterpret_cast<uint64_t>(&local[0]);
-  auto* arranged = reinterpret_cast<arranged_activations*>((start + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
-  const auto second_of = [=](int32_t first) {
-    return first + BLOCKS - 1 < blocks_per_row ? first + BLOCKS - 1 : first;
-  };
-  for (int32_t block = 0; block < blocks_per_row; block += BLOCKS)
-    arranged[block / BLOCKS] = arranged_activations(activations + 8 * block, activations + 8 * second_of(block));
+// The lanes' sums of a row.
+struct sums_of_row {
+  lanes<float> of[q8_1_lanes / LANES];
 
-  for (uint64_t row = output_size * place.get_group_linear_id() / groups; row < last; ++row) {
+  // Their tree, in T.
+  template <typename T>
+  T total() const {
+    values<T> acc[2] = {rounded_values<T>(of[0]), rounded_values<T>(of[1])};
+    return sum_of_lanes<T, 2>(acc);
+  }
+};
+
+// What all rows need of the activations of sixteen slices, made once and kept in local memory. Sixteen slices are those of
+// one or two super-blocks; where there is no second one, the first stands for it, and the upper lanes count for nothing.
+template <typename Reader>
+struct arranged_slices {
+  using activations = typename Reader::activations;
+  static constexpr int BLOCKS = LANES / Reader::SLICES;
+  activations* arranged;
+  int32_t blocks_per_row;
+
+  template <typename Local>
+  arranged_slices(int32_t blocks, const block_q8_1* input, const Local& local) : blocks_per_row(blocks) {
+    constexpr uint64_t ALIGNMENT = alignof(activations);
+    const auto start = reinterpret_cast<uint64_t>(&local[0]);
+    arranged = reinterpret_cast<activations*>((start + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
+    for (int32_t block = 0; block < blocks_per_row; block += BLOCKS)
+      arranged[block / BLOCKS] = activations(input + 8 * block, input + 8 * second_of(block));
+  }
+  int32_t second_of(int32_t first) const { return first + BLOCKS - 1 < blocks_per_row ? first + BLOCKS - 1 : first; }
+
+  sums_of_row multiply(const typename Reader::block* weight, uint64_t row) const {
     const typename Reader::block* blocks = weight + row * blocks_per_row;
-    lanes<float> sums[VECTORS] = {};
+    sums_of_row sums = {};
     for (int32_t block = 0; block < blocks_per_row; block += BLOCKS) {
-      lanes<float>& sum = sums[block / BLOCKS % VECTORS];
+      lanes<float>& sum = sums.of[block / BLOCKS % (q8_1_lanes / LANES)];
       const lanes<float> dot =
           Reader::dot(Reader::load(blocks[block], blocks[second_of(block)]), arranged[block / BLOCKS]);
       const lanes<float> changed = add(sum, dot);
       sum = block + BLOCKS <= blocks_per_row ? changed : in_first_lanes<float>(LANES / 2, changed, sum);
     }
-    write(row, sums);
+    return sums;
   }
+};
+
+// Calls `body(first, last)` with the run of rows of the work-item.
+template <typename Body>
+inline void with_run_of_rows(uint64_t output_size, Body body) {
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
+  const uint64_t groups = place.get_group_range(0) * place.get_group_range(1);
+  body(output_size * place.get_group_linear_id() / groups, output_size * (place.get_group_linear_id() + 1) / groups);
+}
+
+// Walks over the rows of a work-item; `write(row, sums)` gets the sums of a row.
+template <typename Reader, typename Local, typename Write>
+inline void for_each_row_of_slices(uint64_t output_size, int32_t blocks_per_row, const typename Reader::block* weight,
+                                   const block_q8_1* activations, const Local& local, Write write) {
+  const arranged_slices<Reader> arranged(blocks_per_row, activations, local);
+  with_run_of_rows(output_size, [&](uint64_t first, uint64_t last) {
+    for (uint64_t row = first; row < last; ++row) write(row, arranged.multiply(weight, row));
+  });
 }
 
 // The kernels whose tree over the lanes is in T.
@@ -75,10 +103,7 @@ template <typename T, int ROW_TILE, typename Reader>
 inline void multiply_slices(uint64_t output_size, int32_t blocks_per_row, const typename Reader::block* weight,
                             const block_q8_1* activations, const sycl::local_accessor<T, 1>& local, T* output) {
   for_each_row_of_slices<Reader>(output_size, blocks_per_row, weight, activations, local,
-                                 [=](uint64_t row, const lanes<float>(&sums)[2]) {
-                                   values<T> acc[2] = {rounded_values<T>(sums[0]), rounded_values<T>(sums[1])};
-                                   output[row] = sum_of_lanes<T, 2>(acc);
-                                 });
+                                 [=](uint64_t row, const sums_of_row& sums) { output[row] = sums.total<T>(); });
 }
 
 #else
