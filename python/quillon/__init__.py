@@ -5,12 +5,14 @@ device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
 """
 
 import contextlib
+import importlib
 import sys
 from typing import TYPE_CHECKING, Any
 
 from quillon import host_device
 
 if TYPE_CHECKING:
+    from quillon.gguf_model import load_gguf as load_gguf
     from quillon.transformers import QuillonConfig as QuillonConfig
 
 host_device.start()
@@ -42,17 +44,20 @@ __all__ = [
 ]
 
 
+_NEED_TRANSFORMERS = {"QuillonConfig": "quillon.transformers", "load_gguf": "quillon.gguf_model"}
+
+
 def __getattr__(name: str) -> Any:
     """Import what needs transformers when it is first asked for."""
-    if name != "QuillonConfig":
+    if name not in _NEED_TRANSFORMERS:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
     try:
-        from quillon import transformers
+        module = importlib.import_module(_NEED_TRANSFORMERS[name])
     except ImportError as missing:
         raise ImportError(
             f"quillon.{name} needs transformers 5 or later: pip install 'quillon[transformers]'"
         ) from missing
-    return getattr(transformers, name)
+    return getattr(module, name)
 
 
 if "transformers" in sys.modules:

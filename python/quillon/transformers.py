@@ -8,7 +8,7 @@ being quantized again.
 from __future__ import annotations
 
 import copy
-from collections.abc import Callable, Mapping
+from collections.abc import Callable, Iterable, Mapping
 from typing import Any
 
 import torch
@@ -32,8 +32,8 @@ METHOD = "quillon"
 """What ``quant_method`` is in the configuration of a packed model."""
 
 
-class PackedSources(dict[str, Callable[[], Tensor]]):
-    """Parameter name -> what gives its weight packed already. Never copied: it may stand for a whole file."""
+class PackedSources(dict[str, tuple[str, Callable[[], Tensor]]]):
+    """Parameter name -> a format, and what gives the weight packed in it. Never copied: it stands for a whole file."""
 
     def __deepcopy__(self, memo: Any) -> PackedSources:
         """Return itself."""
@@ -58,6 +58,7 @@ class QuillonConfig(QuantizationConfigMixin):
     packed    name of each packed layer -> its format
     replaced  name of each layer in its second-choice format -> why the first does not fit
     dense     name of each layer that stayed dense -> why
+    exact     names of the packed layers that have the very values of the GGUF file they came from
     """
 
     def __init__(
@@ -72,6 +73,7 @@ class QuillonConfig(QuantizationConfigMixin):
         packed: Mapping[str, str] | None = None,
         replaced: Mapping[str, str] | None = None,
         dense: Mapping[str, str] | None = None,
+        exact: Iterable[str] = (),
         **others: Any,
     ) -> None:
         """Check the formats; raises ``ValueError`` for one that does not exist, ``TypeError`` for another argument."""
@@ -89,8 +91,8 @@ class QuillonConfig(QuantizationConfigMixin):
         self.packed = dict(packed or {})
         self.replaced = dict(replaced or {})
         self.dense = dict(dense or {})
+        self.exact = list(exact)
         self._sources = PackedSources()
-        self._source_formats: dict[str, str] = {}
         self.rules()
 
     def rules(self) -> Recipe:
@@ -264,8 +266,13 @@ class QuillonQuantizer(HfQuantizer):
         config = self.quantization_config
         rules = config.rules()
         device_class = config.device_class or rules.device_class(_xpus_of(device_map))
-        plan = rules.plan(model, device_class, config._source_formats)
+        given = {name.removesuffix(".weight"): format for name, (format, _) in config._sources.items()}
+        plan = rules.plan(model, device_class, given)
         config.packed, config.dense, config.replaced = plan.packed, plan.dense, plan.replaced
+        config.exact = [name for name, format in plan.packed.items() if given.get(name) == format]
+        for name in list(config._sources):
+            if name.removesuffix(".weight") not in config.exact:
+                del config._sources[name]
         # A tied weight arrives under another layer's name: it is packed when all is loaded.
         tied = {*model.all_tied_weights_keys, *model.all_tied_weights_keys.values()}
         for name, format in plan.packed.items():
@@ -321,7 +328,7 @@ class QuillonQuantizer(HfQuantizer):
         target, leaf = self._of_parameter[name], name.rpartition(".")[2]
         source = self.quantization_config._sources.get(name)
         if source is not None:
-            self._place_packed(model, target, source(), value.device)
+            self._place_packed(model, target, source[1](), value.device)
             return
         target.take(leaf, value)
         del value
@@ -340,12 +347,14 @@ class QuillonQuantizer(HfQuantizer):
         self._place(model, target, layer)
 
     def _place_packed(self, model: Any, target: _Target, packed: Tensor, device: torch.device) -> None:
-        module: Any = target.module
+        layer: Any = _empty_like(target.module, target.format)
         with plain_modes():
-            layer = LowBitLinear(module.in_features, module.out_features, target.format, module.bias is not None)
             layer.packed = packed.to(device)
-            if layer.bias is not None:
-                layer.bias = module.bias.detach()
+            bias = getattr(target.module, "bias", None)
+            if bias is not None:  # on the meta device if it is still to be loaded
+                layer.bias = bias.detach() if bias.is_meta else bias.detach().to(device)
+            if isinstance(layer, LowBitEmbedding):
+                layer.like = torch.empty(0, dtype=layer.like.dtype, device=device)
         self._place(model, target, layer)
 
     def _place(self, model: Any, target: _Target, layer: nn.Module) -> None:
@@ -378,6 +387,10 @@ class QuillonQuantizer(HfQuantizer):
                 continue
             if target.module is output:
                 _untie(model)
+            source = self.quantization_config._sources.get(f"{target.name}.weight")
+            if source is not None:
+                self._place_packed(model, target, source[1](), weights[0].device)
+                continue
             for leaf, parameter in target.module.named_parameters(recurse=False):
                 target.take(leaf, parameter)
             self._finish(model, target)

@@ -181,7 +181,7 @@ def test_without_the_gguf_package(path: Path, monkeypatch: pytest.MonkeyPatch) -
         return real(name, *arguments, **options)  # type: ignore[arg-type]
 
     monkeypatch.setattr(builtins, "__import__", refuse)
-    with pytest.raises(ImportError, match=r"from_gguf needs the gguf package: pip install 'quillon\[gguf\]'"):
+    with pytest.raises(ImportError, match=r"reading GGUF files needs the gguf package: pip install 'quillon\[gguf\]'"):
         from_gguf(path, "q4_0")
 
 
