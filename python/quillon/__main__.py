@@ -1,4 +1,4 @@
-"""Command line: ``python -m quillon info``, ``formats`` and ``quantize``."""
+"""Command line: ``python -m quillon``."""
 
 from __future__ import annotations
 
@@ -10,9 +10,9 @@ import os
 import platform
 import re
 import sys
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
-from typing import BinaryIO
+from typing import Any, BinaryIO
 
 import torch
 
@@ -21,6 +21,8 @@ import vesper_linear
 from quillon import host_device
 from quillon._device_table import DEVICE_CLASSES
 from quillon.nn import chosen_device_class
+
+_DTYPES = ("float32", "float64", "float16", "bfloat16")
 
 
 def _version(package: str) -> str:
@@ -120,32 +122,200 @@ def quantize_file(source: str, format: str, target: str, fallback: str | None, d
     return f"{packed} matrices packed, {len(tensors) - packed} tensors dense, {size / 1e6:.1f} MB in {target}"
 
 
-def main(arguments: list[str] | None = None) -> int:
-    """Run the command line and return the exit code."""
-    parser = argparse.ArgumentParser(prog="python -m quillon", description=quillon.__doc__)
-    commands = parser.add_subparsers(dest="command", required=True)
-    commands.add_parser("info", help="versions, XPU layer, kernel cache, and the devices with class and architecture")
-    listing = commands.add_parser("formats", help="what each weight format is")
-    listing.add_argument("names", nargs="*", metavar="format", help="default: all")
-    packing = commands.add_parser("quantize", help="pack the matrices of a GGUF file into a format")
-    packing.add_argument("source", help="a GGUF file")
-    packing.add_argument("format", help="a weight format")
-    packing.add_argument("target", help="file to write, for torch.load")
-    packing.add_argument("--fallback", help="format for matrices whose rows do not fit")
-    for command in (listing, packing):
-        command.add_argument("--device-class", choices=DEVICE_CLASSES, help="default: that of the current XPU")
-    options = parser.parse_args(arguments)
-    try:
-        if options.command == "quantize":
-            print(quantize_file(options.source, options.format, options.target, options.fallback, options.device_class))
-            return 0
-        lines = info() if options.command == "info" else formats(options.names, options.device_class)
-    except (ValueError, OSError, ImportError) as problem:
-        print(f"python -m quillon {options.command}: {problem}", file=sys.stderr)
-        return 2
+def _configuration(options: argparse.Namespace) -> Any:
+    """What the options of packing say, as a QuillonConfig."""
+    output = None if options.output_format == _DENSE else _format(options.output_format)
+    recipe = {}
+    for rule in options.rule:
+        pattern, separator, format = rule.rpartition("=")
+        if not separator:
+            raise ValueError(f"--rule must be PATTERN=FORMAT or PATTERN={_DENSE}, got {rule!r}")
+        recipe[pattern] = None if format == _DENSE else _format(format)
+    return quillon.QuillonConfig(
+        _format(options.format),
+        output_format=output,
+        embedding_format=_format(options.embedding_format) if options.embedding_format else None,
+        fallback=None if options.fallback == _DENSE else _format(options.fallback),
+        recipe=recipe,
+        device_class=getattr(options, "device_class", None),
+    )
+
+
+def _quantize(options: argparse.Namespace) -> int:
+    from quillon.commands import quantize
+
+    if options.tensors:
+        fallback = None if options.fallback == _DENSE else options.fallback
+        print(quantize_file(options.source, options.format, options.target, fallback, options.device_class))
+        return 0
+    source, target = Path(options.source), Path(options.target)
+    quantize.check_target(source, target)
+    config = _configuration(options)
+    print(
+        quantize.quantize_model_files(source, target, config, keep=not options.anew, max_shard_size=options.shard_size)
+    )
+    return 0
+
+
+def _text(options: argparse.Namespace) -> int:
+    from quillon.commands import text
+
+    command = {"generate": text.generate, "chat": text.chat}[options.command]
+    return command(options, _configuration(options))
+
+
+def _formats_of(names: str | None) -> list[str]:
+    return [_format(name) for name in names.split(",")] if names else list(quillon.formats.WEIGHT_FORMATS)
+
+
+def _bench(options: argparse.Namespace) -> int:
+    from quillon.commands import measure
+
+    shape = re.fullmatch(r"(\d{1,7})x(\d{1,7})", options.shape)
+    if shape is None:
+        raise ValueError(f"--shape must be ROWSxCOLUMNS, 4096x4096 for example, got {options.shape!r}")
+    rows, cols = map(int, shape.groups())
+    for line in measure.bench(_formats_of(options.formats), rows, cols, options.dtype, options.device, options.seconds):
+        print(line, flush=True)
+    return 0
+
+
+def _selftest(options: argparse.Namespace) -> int:
+    from quillon.commands import measure
+
+    formats, checks = _formats_of(options.formats), []
+    for check in measure.selftest(options.device, formats):
+        checks.append(check)
+        if sys.stderr.isatty():
+            sys.stderr.write(f"\r{check.format:10} {check.operation:12} {check.dtype:10}")
+    if sys.stderr.isatty():
+        sys.stderr.write("\r" + " " * 40 + "\r")
+    print("\n".join(measure.table(checks)))
+    return 0 if all(check.passed for check in checks) else 1
+
+
+def _listing(options: argparse.Namespace) -> int:
+    lines = info() if options.command == "info" else formats(options.names, options.device_class)
     for what, value in lines:
         print(f"{what:14}{value}")
     return 0
+
+
+def _transformers(options: argparse.Namespace) -> int:
+    from quillon.commands import text
+
+    return text.transformers_command(options.arguments)
+
+
+_DENSE = "dense"
+_FAILURES = (ValueError, OSError, ImportError, RuntimeError)
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="python -m quillon", description=quillon.__doc__)
+    commands = parser.add_subparsers(dest="command", required=True)
+
+    def add(name: str, run: Callable[[argparse.Namespace], int], help: str, example: str) -> argparse.ArgumentParser:
+        command = commands.add_parser(
+            name,
+            help=help,
+            description=help[0].upper() + help[1:] + ".",
+            epilog=f"example: python -m quillon {example}",
+        )
+        command.set_defaults(run=run)
+        return command
+
+    def add_packing(command: argparse.ArgumentParser) -> None:
+        command.add_argument("--output-format", default="q8_0", help="of the layer that gives the logits (q8_0)")
+        command.add_argument("--embedding-format", help="of the embedding, q2_k or q4_k (dense)")
+        command.add_argument("--fallback", default="q8_0", help="for rows that the format does not fit (q8_0)")
+        command.add_argument(
+            "--rule",
+            action="append",
+            default=[],
+            metavar="PATTERN=FORMAT",
+            help=f"for layers whose name matches; FORMAT may be {_DENSE}; the first that matches counts",
+        )
+
+    add("info", _listing, "versions, XPU layer, kernel cache, and the devices with class and architecture", "info")
+    listing = add("formats", _listing, "what each weight format is", "formats q4_0 q6_k")
+    listing.add_argument("names", nargs="*", metavar="format", help="default: all")
+
+    packing = add(
+        "quantize",
+        _quantize,
+        "pack a model, of a GGUF file or a folder, into a folder that transformers loads; interrupted, it goes on "
+        "where it was",
+        "quantize model.gguf q4_0 packed",
+    )
+    packing.add_argument("source", help="a GGUF file, or a folder with a model of transformers")
+    packing.add_argument("format", help="a weight format")
+    packing.add_argument("target", help="folder to make")
+    add_packing(packing)
+    packing.add_argument(
+        "--anew", action="store_true", help="quantize also what a format could hold as the file has it"
+    )
+    packing.add_argument("--shard-size", default="5GB", help="largest file (%(default)s)")
+    packing.add_argument(
+        "--tensors", action="store_true", help="the tensors of a GGUF file alone, in one file for torch.load"
+    )
+    for command in (listing, packing):
+        command.add_argument("--device-class", choices=DEVICE_CLASSES, help="default: that of the current XPU")
+
+    talking = [
+        add("generate", _text, "continue a text", 'generate packed "Once upon a time" --new-tokens 100'),
+        add("chat", _text, "talk to a model", "chat packed --temperature 0.7"),
+    ]
+    for command in talking:
+        command.add_argument("model", help="a packed folder, a folder with a model of transformers, or a GGUF file")
+        if command is talking[0]:
+            command.add_argument("text", help="what to go on from")
+            command.add_argument("--question", action="store_true", help="the text is a question to a chat model")
+        else:
+            command.add_argument("--system", help="what the model is told ahead of the conversation")
+        command.add_argument("--format", default="q4_0", help="for a model that is not packed yet (%(default)s)")
+        add_packing(command)
+        command.add_argument("--new-tokens", type=int, default=256, help="at most (%(default)s)")
+        command.add_argument("--temperature", type=float, default=0.0, help="0: the likeliest token (%(default)s)")
+        command.add_argument("--seed", type=int, help="for the same text again at a temperature above 0")
+        command.add_argument("--device", default="xpu", help="default: %(default)s")
+
+    timing = add("bench", _bench, "time the product of each format against a dense one", "bench --shape 11008x4096")
+    timing.add_argument("--shape", default="4096x4096", metavar="ROWSxCOLUMNS", help="of the weight (%(default)s)")
+    timing.add_argument("--dtype", default="float16", choices=_DTYPES, help="of the activations (%(default)s)")
+    timing.add_argument("--seconds", type=float, default=0.3, help="for each format (%(default)s)")
+    testing = add(
+        "selftest",
+        _selftest,
+        "run every kernel on the device against the reference; the exit code is 0 if all give what they should",
+        "selftest --device xpu:0",
+    )
+    for command in (timing, testing):
+        command.add_argument("--formats", metavar="FORMAT,...", help="default: all")
+        command.add_argument("--device", default="xpu", help="default: %(default)s")
+
+    running = add(
+        "transformers",
+        _transformers,
+        "run transformers' own command line where packed folders load: its server, its chat",
+        "transformers serve packed --port 8000",
+    )
+    running.add_argument("arguments", nargs=argparse.REMAINDER, help="as for the command transformers")
+    return parser
+
+
+def main(arguments: list[str] | None = None) -> int:
+    """Run the command line and return the exit code."""
+    options = _parser().parse_args(arguments)
+    run: Callable[[argparse.Namespace], int] = options.run
+    try:
+        return run(options)
+    except _FAILURES as problem:
+        print(f"python -m quillon {options.command}: {problem}", file=sys.stderr)
+        return 2
+    except KeyboardInterrupt:
+        print(f"python -m quillon {options.command}: interrupted", file=sys.stderr)
+        return 130
 
 
 if __name__ == "__main__":

@@ -105,7 +105,9 @@ def load_gguf(
     architecture = str(reader.fields["general.architecture"].contents())
     make_processor: Any = TENSOR_PROCESSORS.get(architecture, TensorProcessor)
     processor = make_processor(config=read(str(file))["config"])
-    config = QuillonConfig() if config is None else QuillonConfig(**config.to_dict())
+    given, config = config, QuillonConfig() if config is None else QuillonConfig(**config.to_dict())
+    if given is not None:
+        config._job.journal, config._job.progress = given._job.journal, given._job.progress
     state: dict[str, Any]
     if type(processor) in _ONE_BY_ONE:
         names = get_gguf_hf_weights_map(shell, processor)
@@ -114,8 +116,8 @@ def load_gguf(
             if tensor.name in names:
                 _add(state, names[tensor.name], tensor, processor, decode, config, keep)
         for target, source in shell.all_tied_weights_keys.items():
-            if target not in state and source in config._sources:
-                config._sources[target] = config._sources[source]
+            if target not in state and source in config._job.sources:
+                config._job.sources[target] = config._job.sources[source]
     else:
         state = read(str(file), return_tensors=True, model_to_load=shell, torch_dtype=dtype)["tensors"]
     return model_class.from_pretrained(
@@ -133,7 +135,7 @@ def _add(
     keep: bool,
 ) -> None:
     """Put a tensor of the file into the state that transformers loads."""
-    sources, format = config._sources, EQUAL_FORMATS.get(tensor.tensor_type.name)
+    sources, format = config._job.sources, EQUAL_FORMATS.get(tensor.tensor_type.name)
     if format is not None and len(tensor.shape) == 2 and (keep or format == config.format):
         order = _row_order(processor, tensor.name, int(tensor.shape[1]))
         if order is not None:

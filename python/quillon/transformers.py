@@ -32,11 +32,21 @@ METHOD = "quillon"
 """What ``quant_method`` is in the configuration of a packed model."""
 
 
-class PackedSources(dict[str, tuple[str, Callable[[], Tensor]]]):
-    """Parameter name -> a format, and what gives the weight packed in it. Never copied: it stands for a whole file."""
+class Job:
+    """What accompanies one loading of a model, and is no part of its configuration.
 
-    def __deepcopy__(self, memo: Any) -> PackedSources:
-        """Return itself."""
+    sources   parameter name -> a format, and what gives the weight packed in it
+    journal   keeps packed layers on disk (:class:`quillon.commands.quantize.Journal`), or None
+    progress  is told how many weights are packed (:class:`quillon.commands.quantize.Bar`), or None
+    """
+
+    def __init__(self) -> None:
+        self.sources: dict[str, tuple[str, Callable[[], Tensor]]] = {}
+        self.journal: Any = None
+        self.progress: Any = None
+
+    def __deepcopy__(self, memo: Any) -> Job:
+        """Return itself: transformers copies configurations, and this may stand for a whole file."""
         return self
 
 
@@ -92,7 +102,7 @@ class QuillonConfig(QuantizationConfigMixin):
         self.replaced = dict(replaced or {})
         self.dense = dict(dense or {})
         self.exact = list(exact)
-        self._sources = PackedSources()
+        self._job = Job()
         self.rules()
 
     def rules(self) -> Recipe:
@@ -114,6 +124,7 @@ class _Target:
     def __init__(self, name: str, module: nn.Module, format: str) -> None:
         self.name, self.module, self.format = name, module, format
         self.waiting = {leaf for leaf, _ in module.named_parameters(recurse=False)}
+        self.elements = sum(parameter.numel() for parameter in module.parameters(recurse=False))
         self.device = torch.device("cpu")
 
     def take(self, leaf: str, value: Tensor) -> None:
@@ -151,6 +162,11 @@ def _xpus_of(device_map: Any) -> list[torch.device]:
     places = device_map.values() if isinstance(device_map, dict) else ()
     devices = [torch.device("xpu", one) if isinstance(one, int) else torch.device(one) for one in places]
     return [device for device in dict.fromkeys(devices) if device.type == "xpu"]
+
+
+def _bytes_of(layer: nn.Module) -> dict[str, Tensor]:
+    """The packed buffers of a layer."""
+    return {name: buffer for name, buffer in layer.named_buffers(recurse=False) if name.startswith("packed")}
 
 
 def _mark_as_loaded(module: nn.Module) -> None:
@@ -266,13 +282,13 @@ class QuillonQuantizer(HfQuantizer):
         config = self.quantization_config
         rules = config.rules()
         device_class = config.device_class or rules.device_class(_xpus_of(device_map))
-        given = {name.removesuffix(".weight"): format for name, (format, _) in config._sources.items()}
+        given = {name.removesuffix(".weight"): format for name, (format, _) in config._job.sources.items()}
         plan = rules.plan(model, device_class, given)
         config.packed, config.dense, config.replaced = plan.packed, plan.dense, plan.replaced
         config.exact = [name for name, format in plan.packed.items() if given.get(name) == format]
-        for name in list(config._sources):
+        for name in list(config._job.sources):
             if name.removesuffix(".weight") not in config.exact:
-                del config._sources[name]
+                del config._job.sources[name]
         # A tied weight arrives under another layer's name: it is packed when all is loaded.
         tied = {*model.all_tied_weights_keys, *model.all_tied_weights_keys.values()}
         for name, format in plan.packed.items():
@@ -280,6 +296,8 @@ class QuillonQuantizer(HfQuantizer):
             parameters = {f"{name}.{leaf}": target for leaf in target.waiting}
             if not tied & parameters.keys():
                 self._of_parameter |= parameters
+        if config._job.progress is not None:
+            config._job.progress.start(sum(target.elements for target in self._targets.values()))
         return model
 
     @staticmethod
@@ -326,32 +344,43 @@ class QuillonQuantizer(HfQuantizer):
         if self._problem is not None:
             return
         target, leaf = self._of_parameter[name], name.rpartition(".")[2]
-        source = self.quantization_config._sources.get(name)
+        source = self.quantization_config._job.sources.get(name)
         if source is not None:
-            self._place_packed(model, target, source[1](), value.device)
+            self._place_packed(model, target, {"packed": source[1]()}, value.device)
             return
         target.take(leaf, value)
         del value
         if not target.waiting:
             try:
                 self._finish(model, target)
-            except (TypeError, ValueError) as problem:
+            except Exception as problem:
                 self._problem = problem  # raised here, it would end in a report among the traces of other things
 
     def _finish(self, model: Any, target: _Target) -> None:
+        journal = self.quantization_config._job.journal
+        saved = None if journal is None else journal.find(target.name, target.format)
+        if saved is not None:
+            self._place_packed(model, target, saved, target.device)
+            return
         with plain_modes():
             try:
-                layer = pack(target.module, target.format).to(target.device)
+                layer = pack(target.module, target.format)
+                if journal is not None:
+                    journal.store(target.name, target.format, _bytes_of(layer))
+                layer = layer.to(target.device)
             except (TypeError, ValueError) as problem:
                 raise type(problem)(f"{target.name}: {problem}") from problem
         self._place(model, target, layer)
 
-    def _place_packed(self, model: Any, target: _Target, packed: Tensor, device: torch.device) -> None:
+    def _place_packed(self, model: Any, target: _Target, packed: Mapping[str, Tensor], device: torch.device) -> None:
         layer: Any = _empty_like(target.module, target.format)
         with plain_modes():
-            layer.packed = packed.to(device)
+            for key, bytes in packed.items():
+                setattr(layer, key, bytes.to(device))
+            if isinstance(layer, LowBitExperts):
+                layer.shell.to(device)
             bias = getattr(target.module, "bias", None)
-            if bias is not None:  # on the meta device if it is still to be loaded
+            if isinstance(bias, Tensor):  # on the meta device if it is still to be loaded
                 layer.bias = bias.detach() if bias.is_meta else bias.detach().to(device)
             if isinstance(layer, LowBitEmbedding):
                 layer.like = torch.empty(0, dtype=layer.like.dtype, device=device)
@@ -359,6 +388,8 @@ class QuillonQuantizer(HfQuantizer):
 
     def _place(self, model: Any, target: _Target, layer: nn.Module) -> None:
         _mark_as_loaded(layer)
+        if self.quantization_config._job.progress is not None:
+            self.quantization_config._job.progress.advance(target.elements)
         hook = getattr(target.module, "_hf_hook", None)
         _put(model, target.name, layer)
         if hook is not None:
@@ -387,13 +418,14 @@ class QuillonQuantizer(HfQuantizer):
                 continue
             if target.module is output:
                 _untie(model)
-            source = self.quantization_config._sources.get(f"{target.name}.weight")
+            source = self.quantization_config._job.sources.get(f"{target.name}.weight")
             if source is not None:
-                self._place_packed(model, target, source[1](), weights[0].device)
+                self._place_packed(model, target, {"packed": source[1]()}, weights[0].device)
                 continue
             for leaf, parameter in target.module.named_parameters(recurse=False):
                 target.take(leaf, parameter)
             self._finish(model, target)
+        self.quantization_config._job = Job()
         return model
 
     def _dequantize(self, model: Any, dtype: torch.dtype | None = None) -> Any:

@@ -1,0 +1,1 @@
+"""What ``python -m quillon`` does, a module for each group of commands."""
