@@ -1,0 +1,83 @@
+"""transformers' own server on a packed folder, started for real and asked by the openai client."""
+
+from __future__ import annotations
+
+import os
+import socket
+import subprocess
+import sys
+import time
+import urllib.error
+import urllib.request
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+import torch
+
+import quillon
+
+transformers = pytest.importorskip("transformers", reason="the demo's packages are not installed: make demo")
+openai = pytest.importorskip("openai", reason="the server's packages are not installed: requirements/test.txt")
+pytest.importorskip("uvicorn", reason="the server's packages are not installed: requirements/test.txt")
+pytest.importorskip("fastapi", reason="the server's packages are not installed: requirements/test.txt")
+
+from small_models import random_model, save_tokenizer  # noqa: E402
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A packed model."""
+    dense, packed = tmp_path_factory.mktemp("dense"), tmp_path_factory.mktemp("packed")
+    random_model("llama").save_pretrained(dense)
+    transformers.AutoModelForCausalLM.from_pretrained(
+        dense, quantization_config=quillon.QuillonConfig("q4_0"), device_map="xpu:7"
+    ).save_pretrained(packed)
+    save_tokenizer(packed)
+    return packed
+
+
+@pytest.fixture(scope="module")
+def server(folder: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
+    """The address of a server that has it."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    command = [sys.executable, "-m", "quillon", "transformers", "serve", str(folder)]
+    command += ["--host", "127.0.0.1", "--port", str(port), "--device", "xpu"]
+    log = tmp_path_factory.mktemp("log") / "server.log"
+    environment = os.environ | {"HF_HUB_OFFLINE": "1", "QUILLON_HOST_DEVICES": "0"}
+    with open(log, "wb") as output:
+        process = subprocess.Popen(command, stdout=output, stderr=output, env=environment)
+    try:
+        for _ in range(600):
+            assert process.poll() is None, log.read_text()
+            try:
+                with urllib.request.urlopen(f"http://127.0.0.1:{port}/health", timeout=5) as answer:
+                    if answer.status == 200:
+                        break
+            except (urllib.error.URLError, OSError):
+                time.sleep(0.2)
+        else:
+            raise AssertionError("the server did not come up: " + log.read_text())
+        yield f"http://127.0.0.1:{port}/v1"
+    finally:
+        process.terminate()
+        process.wait(30)
+
+
+def test_a_conversation(server: str, folder: Path) -> None:
+    client = openai.OpenAI(base_url=server, api_key="none")
+    messages = [{"role": "user", "content": "hello"}]
+    answer = client.chat.completions.create(model=str(folder), messages=messages, max_tokens=6)
+    model = transformers.AutoModelForCausalLM.from_pretrained(folder, device_map="xpu:7")
+    tokenizer = transformers.AutoTokenizer.from_pretrained(folder)
+    tokens = tokenizer.apply_chat_template(messages, add_generation_prompt=True, return_tensors="pt")["input_ids"]
+    with torch.inference_mode():
+        produced = model.generate(tokens.to("xpu:7"), max_new_tokens=6, do_sample=False)[0, tokens.shape[1] :]
+    assert answer.choices[0].message.content == tokenizer.decode(produced, skip_special_tokens=True)
+    assert answer.usage.completion_tokens == len(produced)
+
+    pieces = client.chat.completions.create(model=str(folder), messages=messages, max_tokens=6, stream=True)
+    streamed = "".join(piece.choices[0].delta.content or "" for piece in pieces if piece.choices)
+    assert streamed == answer.choices[0].message.content
