@@ -1,6 +1,7 @@
 """Prints how fast packed weights are expanded, beside a copy of as many bytes on the device, as a markdown table.
 
     python benchmarks/dequant.py [--formats q4_0,nf4] [--shapes 4096x4096] [--dtype float32,bfloat16]
+    python benchmarks/dequant.py --dense --dtype float32,float16    # the kernels for large batches
 
 A shape is the weight's: output size x state size. Timed are the kernels by themselves, which write into a tensor that
 is there; fp6 has a kernel for tiles alone, which is given all rows as one tile. The method is that of
@@ -34,22 +35,23 @@ from matvec import (
 )
 
 from quillon._kernels import EXPANSIONS
-from quillon.formats import WEIGHT_FORMATS, format_code, format_name, row_multiple
+from quillon.formats import format_code, format_name, row_multiple
 
 WHOLE = {kernel.format for kernel in EXPANSIONS if kernel.operation == "whole"}
 TILE = {kernel.format for kernel in EXPANSIONS if kernel.operation == "tile"}
-EXPANDED = tuple(name for name in WEIGHT_FORMATS if name in WHOLE | TILE)
+DENSE = {kernel.format for kernel in EXPANSIONS if kernel.operation == "dense"}
 
 HEADINGS = ("shape", "element type", "format", "ms", "GB/s", "copy", "ratio")
 
 
 class Benchmark:
-    """All formats of one shape and element type."""
+    """All formats of one shape and element type, by the kernels for large batches if `dense`."""
 
     def __init__(
-        self, rows: int, cols: int, dtype: str, formats: Sequence[str], device: torch.device, memory: int
+        self, rows: int, cols: int, dtype: str, formats: Sequence[str], device: torch.device, memory: int, dense: bool
     ) -> None:
         self.rows, self.cols, self.dtype, self.memory, self.device = rows, cols, dtype, memory, device
+        self.dense = dense
         self.formats = [name for name in formats if cols % row_multiple(name) == 0]
         self.bytes: dict[str, int] = {}
         self.contenders: dict[str, Contender] = {}
@@ -72,7 +74,9 @@ class Benchmark:
 
         def run(i: int) -> None:
             weight, output = weights[i % len(weights)], self.outputs[i % len(self.outputs)]
-            if name in WHOLE:
+            if self.dense:
+                torch.ops.quillon_kernels.expand_weight_fast(weight, output, qtype)
+            elif name in WHOLE:
                 torch.ops.quillon_kernels.expand_weight(weight, output, qtype)
             else:
                 torch.ops.quillon_kernels.expand_rows_of(weight, output, qtype, self.rows, 0)
@@ -102,20 +106,22 @@ class Benchmark:
 
 def measured_rows(arguments: argparse.Namespace, shapes: str, dtypes: str) -> Iterator[list[str]]:
     """Rows under ``HEADINGS`` for every shape and element type, each as soon as it has been measured."""
-    formats = [name for name in map(format_name, arguments.formats.split(",")) if name in EXPANDED]
+    expanded = DENSE if arguments.dense else WHOLE | TILE
+    formats = [name for name in map(format_name, arguments.formats.split(",")) if name in expanded]
     for shape, dtype in product(shapes.split(","), dtypes.split(",")):
         benchmark = Benchmark(
-            *parse_shape(shape), dtype, formats, torch.device(arguments.device), arguments.rotate << 20
+            *parse_shape(shape), dtype, formats, torch.device(arguments.device), arguments.rotate << 20, arguments.dense
         )
         benchmark.measure(arguments.rounds, arguments.calls, arguments.pause)
         yield from benchmark.table_rows(arguments.statistic)
-        del benchmark  # its weights go before the next one's are made
+        benchmark.contenders.clear()  # they refer to the benchmark, whose weights go before the next one's are made
 
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--shapes", default="4096x4096", help="comma-separated, output size x state size")
     parser.add_argument("--dtype", default="float32", help=f"of the result, comma-separated: {', '.join(DTYPES)}")
+    parser.add_argument("--dense", action="store_true", help="the kernels for large batches")
     add_arguments(parser)
     arguments = parser.parse_args()
     print(how_measured(arguments).split("; bold")[0] + ".\n")
