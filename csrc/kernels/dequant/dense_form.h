@@ -71,12 +71,53 @@ inline auto super_block_of(Piece) {
 }
 #endif
 
+// COUNT halves, rounded after each operation. The host device holds them in floats: its processors widen halves before each
+// operation and narrow them after it. No bit differs (kernels/lanes.h).
+template <int COUNT>
+struct halves {
+#ifdef QUILLON_VECTOR_LANES
+  using held = float;
+#else
+  using held = half;
+#endif
+  simd::vec<held, COUNT> value;
+
+  // Integers of eight bits and a sign.
+  template <typename Integers>
+  static halves exactly(Integers from) {
+    return {simd::convert<held>(from)};
+  }
+  static halves all(half of_all) { return {simd::vec<held, COUNT>(convert<held>(of_all))}; }
+  static halves by_bits(simd::vec<uint16_t, COUNT> bits) { return {simd::convert<held>(simd::bits_as<half>(bits))}; }
+
+  friend halves operator*(halves a, halves b) { return {rounded(multiply(a.value, b.value))}; }
+  friend halves operator+(halves a, halves b) { return {rounded(add(a.value, b.value))}; }
+  friend halves operator-(halves a, halves b) { return {rounded(subtract(a.value, b.value))}; }
+
+ private:
+  static simd::vec<held, COUNT> rounded(simd::vec<held, COUNT> from) {
+    return simd::convert<held>(simd::convert<half>(from));
+  }
+};
+template <int COUNT>
+inline halves<2 * COUNT> joined(halves<COUNT> a, halves<COUNT> b) {
+  return {simd::joined(a.value, b.value)};
+}
+// Each of four sixteen times.
+inline halves<64> in_groups(halves<4> from) {
+  using held = halves<64>::held;
+  const held of_group[4] = {from.value[0], from.value[1], from.value[2], from.value[3]};
+  const auto first = simd::joined(simd::vec<held, 16>(of_group[0]), simd::vec<held, 16>(of_group[1]));
+  const auto second = simd::joined(simd::vec<held, 16>(of_group[2]), simd::vec<held, 16>(of_group[3]));
+  return {simd::joined(first, second)};
+}
+
 // Stores `piece(i)`, 64 halves or floats, for each of a work-item's PIECES.
 template <int PIECES, typename T, typename Piece>
 inline void expand_pieces(T* out, const Piece& piece) {
   static_assert(std::is_same_v<T, float> || std::is_same_v<T, half>);
   out += PIECE * PIECES * sycl::ext::oneapi::this_work_item::get_nd_item<1>().get_group(0);
-  const auto expand = [&](auto i) { simd::store(out + PIECE * i, simd::convert<T>(piece(i))); };
+  const auto expand = [&](auto i) { simd::store(out + PIECE * i, simd::convert<T>(piece(i).value)); };
 #ifdef QUILLON_VECTOR_LANES
 #pragma clang loop unroll(disable)
   for (int i = 0; i < PIECES; ++i) expand(i);
@@ -87,9 +128,12 @@ inline void expand_pieces(T* out, const Piece& piece) {
 
 // ---- pieces -----------------------------------------------------------------------------------------------
 
+// Values that are formed in float.
+struct floats_64 {
+  simd::vec<float, 64> value;
+};
+
 using bytes_32 = simd::vec<uint8_t, 32>;
-using halves_32 = simd::vec<half, 32>;
-using halves_64 = simd::vec<half, 64>;
 
 inline bytes_32 low_nibbles(bytes_32 bytes) {
   return bytes & 15;
@@ -98,14 +142,9 @@ inline bytes_32 high_nibbles(bytes_32 bytes) {
   return bytes >> 4;
 }
 
-// Halves by their bits.
-inline halves_64 halves_of(simd::vec<uint16_t, 64> bits) {
-  return simd::bits_as<half>(bits);
-}
-
 // Sixteen elements four times, of which element i is `at(i)`.
 template <typename At>
-inline auto four_groups(const At& at) {
+inline simd::vec<float, 64> four_groups(const At& at) {
   const auto first = simd::joined(at(std::integral_constant<int, 0>{}), at(std::integral_constant<int, 1>{}));
   const auto second = simd::joined(at(std::integral_constant<int, 2>{}), at(std::integral_constant<int, 3>{}));
   return simd::joined(first, second);
@@ -125,14 +164,14 @@ inline simd::vec<uint32_t, 16> step_words(simd::vec<uint32_t, 4> high, simd::vec
 }
 
 // The halves that codes of fp6 stand for, in their order.
-inline halves_64 fp6_halves(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
+inline halves<64> fp6_halves(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
   using words_16 = simd::vec<uint32_t, 16>;
   using words_4 = simd::vec<uint32_t, 4>;
   static_assert(fp6_byte_of_element(0) == 1 && fp6_byte_of_element(1) == 3 && fp6_byte_of_element(2) == 0);
   const words_16 codes = step_words(high, low, [](words_4 h, words_4 l) { return fp6_step_codes(h, l); });
   const words_16 first_two = (codes & 0x9F009F00u) | 0x00800080u;
   const words_16 last_two = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
-  return simd::bits_as<half>(simd::interleaved(first_two, last_two));
+  return halves<64>::by_bits(simd::bits_as<uint16_t>(simd::interleaved(first_two, last_two)));
 }
 
 }  // namespace quillon

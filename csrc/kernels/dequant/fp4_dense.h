@@ -23,11 +23,11 @@ void dequantize_fp4_kernel(const uint8_t* quants, const uint8_t* scales, T* out)
     const words from_2 = ((wide >> 1) | (wide >> 2)) & 1;
     const words from_1 = (from_2 | wide) & 1;
     const words top = ((wide & 8) << 4) + 0x28 + (from_1 << 4) + 2 * index * from_2;
-    return simd::bits_as<half>(words(top << 8));
+    return halves<32>::by_bits(top << 8);
   };
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const bytes_32 bytes = codes[i];
-    const halves_32 scale = simd::all<half, 32>(d.value(i));
-    return simd::joined(multiply(value(low_nibbles(bytes)), scale), multiply(value(high_nibbles(bytes)), scale));
+    const auto scale = halves<32>::all(d.value(i));
+    return joined(value(low_nibbles(bytes)) * scale, value(high_nibbles(bytes)) * scale);
   });
 }

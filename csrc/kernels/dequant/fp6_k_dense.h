@@ -19,10 +19,8 @@ void dequantize_fp6_k_kernel(const uint8_t* low_plane, const uint8_t* high_plane
   const item_part<int8_t, 4, 4 * BLOCKS> group_scales(scales);
   const item_part<half, 1, BLOCKS> d(super_scales);
   expand_pieces<4 * BLOCKS>(out, [&](auto i) {
-    const halves_64 values = fp6_halves(high[i], low[i]);
-    const auto super_scale = simd::all<half, 4>(d.value(super_block_of(i)));
-    const auto scale = multiply(super_scale, simd::convert<half>(group_scales[i]));
-    return four_groups(
-        [&](auto g) { return multiply(simd::select<16 * g, 16>(values), simd::vec<half, 16>(scale[int{g}])); });
+    const auto values = fp6_halves(high[i], low[i]);
+    const auto scale = halves<4>::all(d.value(super_block_of(i))) * halves<4>::exactly(group_scales[i]);
+    return values * in_groups(scale);
   });
 }

@@ -17,7 +17,7 @@ void dequantize_fp8_e4m3_kernel(const uint8_t* quants, const uint8_t* scales, T*
   const item_part<float, 1, BLOCKS> d(scales);
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const auto wide = simd::convert<uint16_t>(codes[i]);
-    const halves_64 value = halves_of(((wide & 0x80) << 8) | ((wide & 0x7F) << 7) | 0x40);
-    return multiply(value, simd::all<half, 64>(convert<half>(d.value(i))));
+    const auto value = halves<64>::by_bits(((wide & 0x80) << 8) | ((wide & 0x7F) << 7) | 0x40);
+    return value * halves<64>::all(convert<half>(d.value(i)));
   });
 }

@@ -16,6 +16,6 @@ void dequantize_fp8_e5m2_kernel(const uint8_t* quants, T* out) {
   const item_part<uint8_t, 64, BLOCKS> codes(quants);
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const auto wide = simd::convert<uint16_t>(codes[i]);
-    return halves_of((wide << 8) | 0x80);
+    return halves<64>::by_bits((wide << 8) | 0x80);
   });
 }

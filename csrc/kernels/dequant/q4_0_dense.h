@@ -17,8 +17,8 @@ void dequantize_q4_0_kernel(const uint8_t* quants, const uint8_t* scales, T* out
   const item_part<half, 1, BLOCKS> d(scales);
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const bytes_32 bytes = codes[i];
-    const halves_32 scale = simd::all<half, 32>(d.value(i)), zero_point = simd::all<half, 32>(half(8));
-    return simd::joined(multiply(subtract(simd::convert<half>(low_nibbles(bytes)), zero_point), scale),
-                        multiply(subtract(simd::convert<half>(high_nibbles(bytes)), zero_point), scale));
+    const auto scale = halves<32>::all(d.value(i)), zero_point = halves<32>::all(half(8));
+    return joined((halves<32>::exactly(low_nibbles(bytes)) - zero_point) * scale,
+                  (halves<32>::exactly(high_nibbles(bytes)) - zero_point) * scale);
   });
 }

@@ -18,8 +18,7 @@ void dequantize_q4_1_kernel(const uint8_t* quants, const uint8_t* pairs, T* out)
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const bytes_32 bytes = codes[i];
     const auto pair = d_and_m[i];
-    const halves_32 d = halves_32(pair[0]), m = halves_32(pair[1]);
-    return simd::joined(add(multiply(simd::convert<half>(low_nibbles(bytes)), d), m),
-                        add(multiply(simd::convert<half>(high_nibbles(bytes)), d), m));
+    const auto d = halves<32>::all(half(pair[0])), m = halves<32>::all(half(pair[1]));
+    return joined(halves<32>::exactly(low_nibbles(bytes)) * d + m, halves<32>::exactly(high_nibbles(bytes)) * d + m);
   });
 }

@@ -27,9 +27,9 @@ void dequantize_q6_k_kernel(const uint8_t* high_plane, const uint8_t* low_plane,
     const auto codes = simd::bits_as<uint8_t>(steps);
     const floats_4 super_scale = floats_4(convert<float>(d.value(super_block_of(i))));
     const floats_4 scale = multiply(super_scale, simd::convert<float>(group_scales[i]));
-    return four_groups([&](auto g) {
+    return floats_64{four_groups([&](auto g) {
       const auto code = simd::convert<float>(simd::select<16 * g, 16>(codes));
       return multiply(floats_16(scale[int{g}]), subtract(code, floats_16(32.0f)));
-    });
+    })};
   });
 }

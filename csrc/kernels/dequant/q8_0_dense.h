@@ -15,7 +15,6 @@ void dequantize_q8_0_kernel(const uint8_t* quants, const uint8_t* scales, T* out
   using namespace quillon;
   const item_part<int8_t, 64, BLOCKS> codes(quants);
   const item_part<float, 1, BLOCKS> d(scales);
-  expand_pieces<BLOCKS>(out, [&](auto i) {
-    return multiply(simd::convert<half>(codes[i]), simd::all<half, 64>(convert<half>(d.value(i))));
-  });
+  expand_pieces<BLOCKS>(
+      out, [&](auto i) { return halves<64>::exactly(codes[i]) * halves<64>::all(convert<half>(d.value(i))); });
 }
