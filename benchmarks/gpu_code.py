@@ -1,6 +1,7 @@
 """Prints what the inner loop of each kernel costs on each GPU architecture, as the machine code tells.
 
     python benchmarks/gpu_code.py [--kernel TEXT] [--type float --type c10::Half]
+    python benchmarks/gpu_code.py --matrix-engine
 
 Method. Every instantiation is compiled for the architectures whose class uses it, as ``tools/gpu_compile``
 tells, and disassembled. A loop is the code from a label to the branch that jumps back to it; the kernel's
@@ -19,6 +20,17 @@ Architectures with the same numbers share a row. The kernels against q8_1 activa
 many messages; the numbers per byte are then too high, which the table marks by ``*``.
 
 The table says what a kernel asks of a GPU and not how fast it runs: it shows one that asks too much.
+
+With ``--matrix-engine`` it is the page of that product, for row tiles of eight. A pass of its loop takes a block of
+each column of a tile, and there is a loop for each format. Those with a byte for an element are told from q4_0 by the
+size of their loads, and not from each other: the longest counts. Columns are
+
+  systolic / byte   operations of the engine for each packed byte: four in a pass
+  bytes of a group  that a work-group loads at the shape and a batch of eight rows: its columns of the weight, and all
+                    activations
+  microseconds      at the shape, on the device of the class that ``ENGINES`` describes, by three bounds: "memory" has
+                    the weight come from memory once and be in a cache for the other row tiles, with activations and
+                    output; "systolic" is the engine's rate; "issue" an instruction a cycle on each vector engine
 """
 
 from __future__ import annotations
@@ -39,7 +51,8 @@ from gpu_compile.machine_code import Loop, innermost_loops  # noqa: E402
 from gpu_compile.ocloc import assembly, device_argument  # noqa: E402
 
 from quillon._device_table import ARCHITECTURES  # noqa: E402
-from quillon._kernels import ELEMENT_TYPES, KERNELS, Kernel  # noqa: E402
+from quillon._kernels import ELEMENT_TYPES, ENGINE_KERNELS, KERNELS, Kernel  # noqa: E402
+from quillon.formats import get_format  # noqa: E402
 
 HEADINGS = (
     "kernel",
@@ -140,6 +153,88 @@ def by_class(costs: Mapping[Case, Cost]) -> tuple[list[str], list[list[str]]]:
     return ["format", *classes], rows
 
 
+@dataclass(frozen=True)
+class EngineDevice:
+    """A large device of a class with a matrix engine."""
+
+    vector_engines: int
+    gigahertz: float
+    gigabytes_per_second: float
+    cycles_of_operation: int
+    """For eight rows, on one vector engine."""
+
+
+ENGINES = {
+    "oak": EngineDevice(vector_engines=512, gigahertz=2.1, gigabytes_per_second=560, cycles_of_operation=16),
+    "elm": EngineDevice(vector_engines=1024, gigahertz=1.6, gigabytes_per_second=3280, cycles_of_operation=8),
+}
+ENGINE_HEADINGS = ("class", "activations", "formats", "instructions / byte", "systolic / byte", "messages", "GRF")
+ELEMENT_BYTES = {"float": 4, "c10::Half": 2, "c10::BFloat16": 2}
+BLOCK, DEPTH, ROW_TILE = 64, 16, 8
+
+
+def engine_loops(code: str) -> dict[str, Loop]:
+    """The longest loop over K for nibbles and for bytes, which differ in how many 32 bytes a column has."""
+    found: dict[str, Loop] = {}
+    for loop in innermost_loops(code):
+        if any("dpas." in line for line in loop.instructions):
+            nibbles = sum("load.ugm.d64x4t" in message for message in loop.messages) > 0
+            kind = "q4_0" if nibbles else "q8_0, fp8"
+            if kind not in found or len(found[kind].instructions) < len(loop.instructions):
+                found[kind] = loop
+    if set(found) != {"q4_0", "q8_0, fp8"}:
+        raise GpuCompileError(f"loops for {', '.join(found) or 'nothing'} in a kernel of the matrix engine")
+    return found
+
+
+def engine_rows(
+    case: Case, outcome: Compiled | GpuCompileError, rows: int, cols: int, batches: Sequence[int]
+) -> list[list[str]]:
+    """What a kernel asks of the device of its class, a line for each kind of format."""
+    if isinstance(outcome, GpuCompileError):
+        raise outcome
+    device_class = ARCHITECTURES[case.architecture]
+    device, columns = ENGINES[device_class], case.build.geometry.rows
+    element = ELEMENT_BYTES[case.element_type]
+    lines = []
+    for kind, loop in engine_loops(assembly(outcome.module)[outcome.info.entry]).items():
+        block = get_format(kind.split(",")[0]).bytes
+        packed = columns * block
+        group = columns * cols // BLOCK * block + ROW_TILE * cols * element
+        cells = [
+            device_class,
+            case.element_type,
+            kind,
+            f"{len(loop.instructions) / packed:.2f}",
+            f"{BLOCK // DEPTH / packed:.4f}",
+            str(len(loop.messages)),
+            str(outcome.info.grf_count),
+            f"{group / 1024:.0f} KiB",
+        ]
+        for batch in batches:
+            passes = rows // columns * (cols // BLOCK) * -(-batch // ROW_TILE)
+            memory = (
+                (rows * cols // BLOCK * block + batch * (rows + cols) * element) / device.gigabytes_per_second / 1e3
+            )
+            cycles = device.vector_engines * device.gigahertz * 1e3  # in a microsecond
+            systolic = passes * BLOCK // DEPTH * device.cycles_of_operation / cycles
+            issue = passes * len(loop.instructions) / cycles
+            cells.append(f"{memory:.0f} / {systolic:.0f} / {issue:.0f}")
+        lines.append(cells)
+    return lines
+
+
+def engine_page(rows: int, cols: int, batches: Sequence[int]) -> tuple[list[str], list[list[str]]]:
+    """Headings and rows of the page of the product on matrix engines: one architecture of each class."""
+    kernel = next(kernel for kernel in ENGINE_KERNELS if kernel.m_tail == ROW_TILE)
+    first = {device_class: architecture for architecture, device_class in reversed(ARCHITECTURES.items())}
+    wanted = [case for case in cases([kernel]) if case.architecture == first[ARCHITECTURES[case.architecture]]]
+    outcomes = compile_cases(wanted)
+    lines = [line for case in wanted for line in engine_rows(case, outcomes[case], rows, cols, batches)]
+    by_batch = [f"microseconds at {batch}: memory / systolic / issue" for batch in batches]
+    return [*ENGINE_HEADINGS, "bytes of a group", *by_batch], sorted(lines)
+
+
 def markdown(headings: Sequence[str], rows: Sequence[Sequence[str]]) -> str:
     widths = [max(len(cell) for cell in column) for column in zip(headings, *rows, strict=True)]
     rule = ["-" * width for width in widths]
@@ -160,7 +255,11 @@ def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--kernel", default="", help="only kernels whose name holds this text")
     parser.add_argument("--type", action="append", choices=ELEMENT_TYPES, help="default: float and c10::Half")
+    parser.add_argument("--matrix-engine", action="store_true", help="the page of the product on matrix engines")
     arguments = parser.parse_args()
+    if arguments.matrix_engine:
+        print(markdown(*engine_page(4096, 4096, (8, 16, 64))))
+        return 0
     chosen = [kernel for kernel in KERNELS.values() if arguments.kernel in kernel.name]
     if not chosen:
         parser.error(f"no kernel's name holds {arguments.kernel!r}")
