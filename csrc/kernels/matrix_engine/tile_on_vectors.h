@@ -57,12 +57,14 @@ __attribute__((noinline)) void add_block(const float* left, const panel_operands
   unrolled<ROWS>([&](auto i) { totals[i] = add(totals[i], multiply(sums.rows[i], factors)); });
 }
 
-// The scales of the columns of a panel, COLUMNS of which are there, as floats.
+// The scales of the columns of a panel, `columns` of which are there, as floats. By way of memory: an element of a vector
+// is not set without bringing the vector there and back.
 template <typename Scale>
 inline panel_row factors_of(const uint8_t* scales, uint64_t stride, int columns) {
-  panel_row factors = {};
-  for (int c = 0; c < columns; ++c) factors[c] = convert<float>(load<Scale, alignof(Scale)>(scales + c * stride));
-  return factors;
+  alignas(64) Scale stored[PANEL_COLUMNS];
+  for (int c = 0; c < columns; ++c) stored[c] = load<Scale, alignof(Scale)>(scales + c * stride);
+  for (int c = columns; c < PANEL_COLUMNS; ++c) stored[c] = Scale(0.0f);
+  return simd::convert<float>(simd::load<Scale, PANEL_COLUMNS>(stored));
 }
 
 // Blocks `begin` to `end` - 1 of `columns` columns from `column` on, added to the totals of `rows` rows of activations, of
