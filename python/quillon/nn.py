@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import fnmatch
 import functools
+import operator
 import sys
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
@@ -16,7 +17,7 @@ from torch.autograd import forward_ad
 import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
 from quillon._format_table import MAX_ELEMENTS
-from quillon._kernels import KERNELS, LAUNCHER_TABLES
+from quillon._kernels import KERNELS, LAUNCHER_TABLES, MLP_KERNELS
 from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
@@ -24,10 +25,12 @@ from quillon.quantizers import quantize
 from quillon.rwkv import rwkv_attention_v4, rwkv_attention_v5, rwkv_state_v4, rwkv_state_v5, rwkv_time_shift
 
 __all__ = [
+    "FusedMLP",
     "LowBitEmbedding",
     "LowBitExperts",
     "LowBitLinear",
     "QuantizationReport",
+    "fuse_mlps",
     "kernel_row_multiple",
     "quantize_model",
     "rwkv_attention_v4",
@@ -79,8 +82,8 @@ def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]
     seen = torch.compiler.is_compiling() or type(input) is not Tensor or torch._C._len_torch_dispatch_stack() > 0
     if not seen:
         return vesper_linear.forward_new
-    operator: Callable[[Tensor, Tensor, int, int], Tensor] = torch.ops.quillon.forward_new
-    return operator
+    dispatched: Callable[[Tensor, Tensor, int, int], Tensor] = torch.ops.quillon.forward_new
+    return dispatched
 
 
 @functools.cache
@@ -440,6 +443,187 @@ def _expert_layout(module: nn.Module) -> _ExpertLayout | None:
     return _ExpertLayout(experts, columns, inner, up, up_rows, bool(transposed), bool(gated), bool(biased))
 
 
+_ELEMENT_TYPES = (torch.float32, torch.float64, torch.float16, torch.bfloat16)
+_SILU = 0
+"""How the fused kernel's first activation is named in a call."""
+
+
+def _mlp_is_served(format_name: str, device: torch.device, rows: int) -> bool:
+    """Whether a device has a fused kernel of a format that computes all of so many rows."""
+    return device.type == "xpu" and _mlp_fits(format_name, vesper_linear.get_xpu_device_name(device), rows)
+
+
+@functools.cache
+def _mlp_fits(format_name: str, device_class: str, rows: int) -> bool:
+    kernel = MLP_KERNELS.get(format_name)
+    if kernel is None or not kernel.runs_on(device_class):
+        return False
+    return not kernel.leaves_short_tile or rows % kernel.geometry(device_class).rows == 0
+
+
+def _is_silu(activation: nn.Module) -> bool:
+    library = sys.modules.get("transformers.activations")
+    return type(activation) in (nn.SiLU, getattr(library, "SiLUActivation", None))
+
+
+def _has_hooks(module: nn.Module) -> bool:
+    return bool(
+        module._forward_hooks or module._forward_pre_hooks or module._backward_hooks or "forward" in vars(module)
+    )
+
+
+def _operator_for_mlp(input: Tensor) -> Callable[[Tensor, Tensor, Tensor, int, int, int, int, int], Tensor]:
+    if _operator_for(input) is vesper_linear.forward_new:
+        return vesper_linear.mlp_forward_xpu
+    dispatched: Callable[..., Tensor] = torch.ops.quillon.mlp_forward_xpu
+    return dispatched
+
+
+class FusedMLP(nn.Module):
+    """``down_proj(act_fn(gate_proj(x)) * up_proj(x))``, a single row through gate, up and activation in one launch.
+
+    The launch is there for SiLU over two :class:`LowBitLinear` of one shape, without bias, in q4_0, q4_0_woq, fp4,
+    fp6, fp8_e5m2 or, on devices of class elm and legacy, iq2_xxs. Everything else goes through the layers themselves,
+    and gives what they give: several rows, calls that need a derivative, devices without a kernel. The fused sums have
+    the bits of the layers'; the activation is taken of them in float, where between layers each step is rounded.
+
+    The kernel's second activation is not the usual GELU (its cube has a factor of its own), so that models with GELU
+    stay as they are.
+    """
+
+    def __init__(self, gate_proj: LowBitLinear, up_proj: LowBitLinear, down_proj: nn.Module, act_fn: nn.Module) -> None:
+        """Take the layers of an MLP."""
+        super().__init__()
+        if (gate_proj.format, gate_proj.in_features, gate_proj.out_features) != (
+            up_proj.format,
+            up_proj.in_features,
+            up_proj.out_features,
+        ):
+            raise ValueError(f"gate_proj and up_proj must be alike, got {gate_proj} and {up_proj}")
+        self.gate_proj = gate_proj
+        self.up_proj = up_proj
+        self.down_proj = down_proj
+        self.act_fn = act_fn
+        self._silu = type(act_fn) if _is_silu(act_fn) else None
+
+    def forward(self, input: Tensor) -> Tensor:
+        """Apply the MLP to ``input``, (..., in_features)."""
+        if self._is_fused(input):
+            gated = self._gated(input)
+        else:
+            gated = self.act_fn(self.gate_proj(input)) * self.up_proj(input)
+        output: Tensor = self.down_proj(gated)
+        return output
+
+    def _is_fused(self, input: Tensor) -> bool:
+        gate, up = self.gate_proj, self.up_proj
+        return (
+            input.dim() > 0
+            and input.numel() == input.shape[-1] == gate.in_features
+            and input.dtype in _ELEMENT_TYPES
+            and _mlp_is_served(gate.format.name, input.device, gate.out_features)
+            and type(gate) is LowBitLinear
+            and type(up) is LowBitLinear
+            and gate.bias is None
+            and up.bias is None
+            and type(self.act_fn) is self._silu
+            and not (_has_hooks(gate) or _has_hooks(up) or _has_hooks(self.act_fn))
+            and not self._is_differentiated(input)
+        )
+
+    @staticmethod
+    def _is_differentiated(input: Tensor) -> bool:
+        if torch.compiler.is_compiling():  # which cannot follow the question for transforms, and answers yes
+            return input.requires_grad and torch.is_grad_enabled()
+        return _needs_derivatives(input)
+
+    def _gated(self, input: Tensor) -> Tensor:
+        gate, up = self.gate_proj, self.up_proj
+        columns, rows = gate.in_features, gate.out_features
+        row = _as_autocast(input).reshape(1, columns).contiguous()
+        try:
+            gated = _operator_for_mlp(row)(row, gate.packed, up.packed, 1, columns, rows, _SILU, gate.format.code)
+        except RuntimeError:
+            gate._check_packed(input.device)
+            up._check_packed(input.device)
+            raise
+        return gated.view(*input.shape[:-1], rows)
+
+
+class _LeafTracer(torch.fx.Tracer):
+    """Records the calls of a module's children, whatever they are."""
+
+    def is_leaf_module(self, m: nn.Module, module_qualified_name: str) -> bool:
+        return True
+
+
+def _is_gated_mlp(module: nn.Module) -> bool:
+    """Whether a module does what :class:`FusedMLP` does, with children of those names and nothing else."""
+    names = ("gate_proj", "up_proj", "down_proj", "act_fn")
+    if set(module._modules) != set(names) or module._parameters or module._buffers or _has_hooks(module):
+        return False
+    try:
+        graph = _LeafTracer().trace(module)
+    except Exception:  # whatever a forward does with what it is given that is no tensor
+        return False
+    nodes = list(graph.nodes)
+    calls = {node.target: node for node in nodes if node.op == "call_module"}
+    products = [node for node in nodes if node.op == "call_function" and node.target is operator.mul]
+    if len(nodes) != 7 or set(calls) != set(names) or len(products) != 1 or nodes[0].op != "placeholder":
+        return False
+    gate, up, down, activation = (calls[name] for name in names)
+    return (
+        gate.args == up.args == (nodes[0],)
+        and activation.args == (gate,)
+        and set(products[0].args) == {activation, up}
+        and down.args == (products[0],)
+        and nodes[-1].args == (down,)
+        and not any(node.kwargs for node in nodes)
+    )
+
+
+def _is_fusible(module: Any, device_class: str) -> bool:
+    """Whether :class:`FusedMLP` in place of a module would have its launch on devices of a class."""
+    children = module._modules
+    gate, up = children.get("gate_proj"), children.get("up_proj")
+    if type(gate) is not LowBitLinear or type(up) is not LowBitLinear or gate is up:
+        return False
+    return (
+        (gate.format, gate.in_features, gate.out_features) == (up.format, up.in_features, up.out_features)
+        and gate.bias is None
+        and up.bias is None
+        and not (_has_hooks(gate) or _has_hooks(up))
+        and _mlp_fits(gate.format.name, device_class, gate.out_features)
+        and isinstance(children.get("act_fn"), nn.Module)
+        and _is_silu(module.act_fn)
+        and not _has_hooks(module.act_fn)
+        and _is_gated_mlp(module)
+    )
+
+
+def fuse_mlps(model: nn.Module, device_class: str | None = None) -> list[str]:
+    """Put a :class:`FusedMLP` in place of each MLP inside ``model`` that allows it. Returns their names.
+
+    These are modules that do what a :class:`FusedMLP` does and nothing else, over layers that its kernel on devices of
+    ``device_class`` serves (by default that of the current XPU). :func:`quantize_model` does this by itself.
+    """
+    if device_class is None:
+        device_class = chosen_device_class(None, [])
+    fused: dict[nn.Module, FusedMLP] = {}
+    names = []
+    for name, module in list(model.named_modules(remove_duplicate=False)):
+        if not name or type(module) is FusedMLP or not _is_fusible(module, device_class):
+            continue
+        if module not in fused:
+            parts: Any = module
+            layer = FusedMLP(parts.gate_proj, parts.up_proj, parts.down_proj, parts.act_fn)
+            fused[module] = layer.train(module.training)
+        parent_name, _, child = name.rpartition(".")
+        setattr(model.get_submodule(parent_name), child, fused[module])
+        names.append(name)
+    return names
+
+
 @dataclass
 class QuantizationReport:
     """What :func:`quantize_model` did: names of the layers by outcome, and bytes of their weights."""
@@ -448,6 +632,8 @@ class QuantizationReport:
     """Name of each replaced layer -> its format."""
     kept: dict[str, str] = field(default_factory=dict)
     """Name of each dense layer that stayed -> why."""
+    fused: list[str] = field(default_factory=list)
+    """Names of the MLPs that became a :class:`FusedMLP`."""
     dense_bytes: int = 0
     """Bytes of the replaced layers' weights before."""
     packed_bytes: int = 0
@@ -461,6 +647,7 @@ def quantize_model(
     *,
     fallback: str | int | None = None,
     device_class: str | None = None,
+    fuse_mlp: bool = True,
     progress: Callable[[int, int, str], None] | None = None,
 ) -> QuantizationReport:
     """Replace every dense layer inside ``model`` by one that keeps its weight packed, in place.
@@ -470,6 +657,8 @@ def quantize_model(
     fallback      format of the layers whose row length ``format`` does not cover; None keeps them dense
     device_class  the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name`` gives;
                   by default that of the current XPU
+    fuse_mlp      whether MLPs with SiLU whose gate and up projections have been packed alike become a
+                  :class:`FusedMLP`, where devices of the class have a kernel for it
     progress      called as ``progress(done, total, name)`` before each layer
 
     Packed are ``nn.Linear`` and the ``Conv1D`` of transformers (:class:`LowBitLinear`), and modules that keep the
@@ -525,6 +714,8 @@ def quantize_model(
             parent_name, _, child = name.rpartition(".")
             setattr(model.get_submodule(parent_name), child, layer)
             report.replaced[name] = used.name
+    if fuse_mlp:
+        report.fused = fuse_mlps(model, device_class)
     return report
 
 

@@ -30,7 +30,8 @@ def test_demo_generates_text_and_reports() -> None:
     assert "210 of 211 layers to q4_0" in lines["quantized"]
     assert "  in q8_0: lm_head" in printed
     assert lines["embedding"] == "embedding    dense: q4_k has rows of a multiple of 256, these are 576"
-    assert "60 groups" in lines["joined"]
+    assert "30 MLPs" in lines["fused"]
+    assert "30 groups" in lines["joined"]
     assert "class unknown" in lines["device"]
     dense, packed = (float(word) for word in lines["perplexity"].replace("dense", "").split() if word[0].isdigit())
     (with_output,) = (float(line.split()[0]) for line in printed if line.endswith("with the output layer in q4_0 too"))
