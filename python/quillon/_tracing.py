@@ -131,6 +131,14 @@ def _traced_time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor) -> Tensor:
     return result
 
 
+def _class_of_device(device: torch.device) -> str:
+    return vesper_linear.get_xpu_device_name(device)
+
+
+def _traced_device_name(device: torch.device) -> str:
+    return _class_of_device(device)
+
+
 @functools.cache
 def register() -> None:
     """Register all of it. Called by ``import quillon``."""
@@ -151,7 +159,9 @@ def _substitute(_dynamo: Any) -> None:
         (vesper_linear.rwkv_linear_attention_v4, _traced_attention_v4),
         (vesper_linear.rwkv_linear_attention_v5, _traced_attention_v5),
         (vesper_linear.rwkv_time_shift, _traced_time_shift),
+        (vesper_linear.get_xpu_device_name, _traced_device_name),
     ):
         torch.compiler.substitute_in_graph(function, skip_signature_check=True)(traced)
-    for constant in (nn._rows_at_once, nn._mlp_is_served):
+    # What a cache is around, because the dynamo looks through it.
+    for constant in (nn._rows_at_once.__wrapped__, nn._mlp_is_served, _class_of_device):
         torch.compiler.assume_constant_result(constant)  # type: ignore[no-untyped-call]
