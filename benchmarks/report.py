@@ -3,10 +3,11 @@
     python benchmarks/report.py                          # everything: a quarter of an hour
     python benchmarks/report.py --parts times --formats q4_0,q8_0 --rounds 2
 
-Three parts, each a section of either file with the commit, the machine and the date in it; what stands outside the
+Four parts, each a section of either file with the commit, the machine and the date in it; what stands outside the
 sections is written by hand and kept.
 
 times     benchmarks/matvec.py: one shape in float32; in the tables further shapes, and further element types
+batches   benchmarks/batch.py: some formats in float32; in the tables every format, in three element types
 models    examples/generate.py, the demo, and examples/decode_speed.py; in the tables a line for each format
 gpu_code  benchmarks/gpu_code.py: instructions per byte by device class; in the tables everything, by architecture
 """
@@ -45,6 +46,9 @@ INSTRUCTION_SETS = (
     *("amx_int8", "amx_bf16"),
 )
 
+BATCHES = ["benchmarks/batch.py", "--statistic", "min", "--rounds", "3", "--calls", "4"]
+BATCHES_SHORT = [*BATCHES, "--formats", "q4_0,nf4,q4_k,q5_0,q8_0,fp6"]
+BATCHES_ALL = [*BATCHES, "--batches", "1,4,8,64,512", "--dtype", "float32,float16,bfloat16"]
 DEMO = ["examples/generate.py"]
 DECODE_SPEED = ["examples/decode_speed.py"]
 DEMO_BY_FORMAT = ["examples/generate.py", "--format", "all", "--score-tokens", "256", "--new-tokens", "48"]
@@ -116,12 +120,21 @@ def as_markdown(printed: str) -> str:
     return "\n\n".join(parts)
 
 
-def write_models(_arguments: argparse.Namespace) -> None:
-    for file, commands in ((SHORT, (DEMO, DECODE_SPEED)), (TABLES, (DEMO_BY_FORMAT,))):
+def write_printed(name: str, short: list[list[str]], tables: list[list[str]]) -> None:
+    """What commands print, as a section of either file."""
+    for file, commands in ((SHORT, short), (TABLES, tables)):
         parts = [provenance(*host_facts())]
         for command in commands:
             parts += ["    python " + " ".join(command), as_markdown(output_of(command))]
-        write_section(file, "models", "\n\n".join(parts))
+        write_section(file, name, "\n\n".join(parts))
+
+
+def write_batches(_arguments: argparse.Namespace) -> None:
+    write_printed("batches", [BATCHES_SHORT], [BATCHES_ALL])
+
+
+def write_models(_arguments: argparse.Namespace) -> None:
+    write_printed("models", [DEMO, DECODE_SPEED], [DEMO_BY_FORMAT])
 
 
 def write_gpu_code(arguments: argparse.Namespace) -> None:
@@ -140,6 +153,7 @@ def write_gpu_code(arguments: argparse.Namespace) -> None:
 
 PARTS: dict[str, Callable[[argparse.Namespace], None]] = {
     "times": write_times,
+    "batches": write_batches,
     "models": write_models,
     "gpu_code": write_gpu_code,
 }
