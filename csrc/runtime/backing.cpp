@@ -23,6 +23,16 @@ bool has_wide_vectors() {
 
 }  // namespace
 
+bool has_bfloat16_pairs() {
+#if defined(__x86_64__)
+  // Whatever processor the CPU device's compiler is told to build for, it is taken for one without.
+  return std::getenv("CL_CONFIG_CPU_TARGET_ARCH") == nullptr && __builtin_cpu_supports("avx512f") &&
+         __builtin_cpu_supports("avx512bf16");
+#else
+  return false;
+#endif
+}
+
 Backing backing_of(const DeviceFacts& facts) {
   if (!facts.is_cpu) return Backing::items;
   const char* asked = std::getenv("QUILLON_HOST_BACKING");

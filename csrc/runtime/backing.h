@@ -16,4 +16,7 @@ Backing backing_of(const DeviceFacts& facts);
 // The build options of that form.
 std::vector<std::string> backing_options(Backing backing);
 
+// Whether code of the form of vectors may add up products of pairs of bfloat16 in one instruction.
+bool has_bfloat16_pairs();
+
 }  // namespace quillon::runtime

@@ -268,3 +268,23 @@ def test_narrow_registers_give_the_same_bits() -> None:
     narrow = output_of(program, CL_CONFIG_CPU_TARGET_ARCH="core-avx2", **environment)
     assert len(narrow.splitlines()) == 3
     assert narrow == output_of(program)
+
+
+IN_BFLOAT16 = """
+import sys
+sys.path.insert(0, {tests!r})
+import quillon
+from matrix_engine.harness import as_float64, case, run, within
+from matrix_engine.reference import multiply
+for name in ("q4_0", "fp8_e4m3"):
+    weight, x = case(name, 11, 48, 320, "bfloat16")
+    assert within(as_float64(run(name, weight, x, "bfloat16", "elm")), multiply(name, weight, x, "bfloat16"))
+print("good")
+"""
+
+
+@pytest.mark.parametrize("target", ["skx", "core-avx2"])
+def test_processors_without_products_of_bfloat16(target: str) -> None:
+    """They multiply in float; on the machine of the test its own way is that of all other tests."""
+    program = IN_BFLOAT16.format(tests=str(Path(__file__).resolve().parents[1]))
+    assert output_of(program, CL_CONFIG_CPU_TARGET_ARCH=target, SYCL_CACHE_PERSISTENT="0") == "good\n"

@@ -6,9 +6,11 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "formats/registry.h"
 #include "runtime/backing.h"
+#include "runtime/build_options.h"
 #include "runtime/device_facts.h"
 #include "runtime/kernel_library.h"
 #include "runtime/launch_kernel.h"
@@ -40,8 +42,10 @@ runtime::KernelEntry& entry_of(ElementType type, int m_tail, engine_index engine
   auto& slot = known[static_cast<int>(type)][m_tail - 1][engine][static_cast<int>(backing)];
   runtime::KernelEntry* entry = slot.load(std::memory_order_acquire);
   if (entry == nullptr) {
-    entry = &runtime::kernel_entry(engine_kernel.header, instantiation(type, m_tail, engine),
-                                   runtime::backing_options(backing));
+    std::vector<std::string> options = runtime::backing_options(backing);
+    if (backing == Backing::vectors && type == ElementType::bfloat16 && runtime::has_bfloat16_pairs())
+      options.emplace_back(runtime::kBfloat16Pairs);
+    entry = &runtime::kernel_entry(engine_kernel.header, instantiation(type, m_tail, engine), options);
     slot.store(entry, std::memory_order_release);
   }
   return *entry;

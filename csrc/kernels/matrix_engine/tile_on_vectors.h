@@ -27,6 +27,17 @@ using panel_row = simd::vec<float, PANEL_COLUMNS>;
 template <typename MAT_T>
 using panel_operands = simd::right_tile<MAT_T, PANEL_COLUMNS>;
 
+// Whether a processor adds up products of pairs of bfloat16 in one instruction, which takes half as many of them. The
+// device compiler has no name for it and is given the instruction itself; operands are then words of two neighbours along
+// K, as an engine takes them.
+#ifdef QUILLON_BFLOAT16_PAIRS
+template <typename MAT_T>
+inline constexpr bool in_pairs = std::is_same_v<MAT_T, bfloat16>;
+#else
+template <typename MAT_T>
+inline constexpr bool in_pairs = false;
+#endif
+
 // What a work-item keeps of a strip.
 template <typename MAT_T>
 struct strip {
@@ -41,7 +52,9 @@ template <typename MAT_T, typename IN_T>
 inline void load_activations(const IN_T* from, float* to) {
   unrolled<4>([&](auto j) {
     const auto loaded = simd::load<IN_T, 16>(from + 16 * j);
-    if constexpr (std::is_same_v<IN_T, bfloat16>)
+    if constexpr (in_pairs<MAT_T>)
+      simd::store(reinterpret_cast<uint16_t*>(to) + 16 * j, loaded);
+    else if constexpr (std::is_same_v<IN_T, bfloat16>)
       simd::store(to + 16 * j, simd::widened(loaded));
     else
       simd::store(to + 16 * j, simd::convert<float>(simd::convert<MAT_T>(loaded)));
@@ -56,6 +69,54 @@ __attribute__((noinline)) void add_block(const float* left, const panel_operands
   for (int j = 0; j < 4; ++j) sums.multiply_add(simd::left_tile<MAT_T, ROWS, 64>{left + 16 * j}, right[j]);
   unrolled<ROWS>([&](auto i) { totals[i] = add(totals[i], multiply(sums.rows[i], factors)); });
 }
+
+#ifdef QUILLON_BFLOAT16_PAIRS
+
+// Makes words of pairs of the operands of a panel, which are exact in bfloat16, in the front half of their memory.
+inline void pair_operands(float* right) {
+  for (int p = 0; p < 32; ++p) {
+    unrolled<PANEL_COLUMNS / LANES>([&](auto v) {
+      const auto* lower = right + PANEL_COLUMNS * 2 * p + LANES * v;
+      const words low = load_vector<uint32_t, LANES>(lower), high = load_vector<uint32_t, LANES>(lower + PANEL_COLUMNS);
+      const words pairs = (low >> 16) | (high & 0xFFFF0000u);
+      simd::store(reinterpret_cast<uint32_t*>(right) + PANEL_COLUMNS * p + LANES * v, pairs);
+    });
+  }
+}
+
+// A sum and the products of two pairs, in each lane.
+inline lanes<float> add_pairs(lanes<float> sum, words a, words b) {
+  asm("vdpbf16ps %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
+  return sum;
+}
+
+// add_block with operands in pairs.
+template <int ROWS>
+__attribute__((noinline)) void add_block_of_pairs(const float* left, const float* right, const panel_row& factors,
+                                                  panel_row* totals) {
+  constexpr int VECTORS = PANEL_COLUMNS / LANES;
+  lanes<float> sums[ROWS * VECTORS] = {};
+  const auto* words_of_rows = reinterpret_cast<const uint32_t*>(left);
+#pragma clang loop unroll_count(4)
+  for (int p = 0; p < 32; ++p) {
+    words b[VECTORS];
+    unrolled<VECTORS>([&](auto v) { b[v] = load_vector<uint32_t, LANES>(right + PANEL_COLUMNS * p + LANES * v); });
+    unrolled<ROWS>([&](auto i) {
+      const words a = words_of_rows[64 * i + p];
+      unrolled<VECTORS>([&](auto v) { sums[VECTORS * i + v] = add_pairs(sums[VECTORS * i + v], a, b[v]); });
+    });
+  }
+  unrolled<ROWS>([&](auto i) {
+    panel_row of_row;
+    if constexpr (VECTORS == 2)
+      of_row = joined<float, LANES>(sums[2 * i], sums[2 * i + 1]);
+    else
+      of_row = sums[i];
+    totals[i] = add(totals[i], multiply(of_row, factors));
+  });
+}
+
+#endif
 
 // The scales of the columns of a panel, `columns` of which are there, as floats. By way of memory: an element of a vector
 // is not set without bringing the vector there and back.
@@ -85,11 +146,20 @@ inline void add_blocks(const engine_arguments<IN_T>& of, strip<MAT_T>& kept, con
         Operands::decode(of.weight + (first + c * blocks) * Operands::QUANT_BYTES, blocks * Operands::QUANT_BYTES,
                          [=](int e, lanes<float> values) { simd::store(right + PANEL_COLUMNS * e + c, values); });
       const panel_row factors = factors_of<scale>(of.scales + first * sizeof(scale), blocks * sizeof(scale), there);
+      const auto add_rows = [&](auto count, int i) {
+#ifdef QUILLON_BFLOAT16_PAIRS
+        if constexpr (in_pairs<MAT_T>)
+          return add_block_of_pairs<count>(kept.left + 64 * i, right, factors, kept.totals[p] + i);
+#endif
+        add_block<MAT_T, count>(kept.left + 64 * i, kept.right, factors, kept.totals[p] + i);
+      };
+#ifdef QUILLON_BFLOAT16_PAIRS
+      if constexpr (in_pairs<MAT_T>) pair_operands(right);
+#endif
       int i = 0;
-      for (; i + PANEL_ROWS <= rows; i += PANEL_ROWS)
-        add_block<MAT_T, PANEL_ROWS>(kept.left + 64 * i, kept.right, factors, kept.totals[p] + i);
+      for (; i + PANEL_ROWS <= rows; i += PANEL_ROWS) add_rows(std::integral_constant<int, PANEL_ROWS>{}, i);
       if constexpr (TAIL != 0)
-        if (i < rows) add_block<MAT_T, TAIL>(kept.left + 64 * i, kept.right, factors, kept.totals[p] + i);
+        if (i < rows) add_rows(std::integral_constant<int, TAIL>{}, i);
     }
   }
 }
