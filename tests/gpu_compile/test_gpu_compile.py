@@ -20,12 +20,12 @@ from gpu_compile.instantiations import (
     compile_cases,
 )
 from gpu_compile.jobs import GpuCompileError
-from gpu_compile.machine_code import KernelInfo
-from gpu_compile.ocloc import MISSING_OCLOC, compile_for_gpu, device_argument, extensions, find_ocloc
+from gpu_compile.machine_code import KernelInfo, innermost_loops
+from gpu_compile.ocloc import MISSING_OCLOC, assembly, compile_for_gpu, device_argument, extensions, find_ocloc
 from gpu_compile.spirv import dump_spirv
 
 from quillon._device_table import ARCHITECTURES
-from quillon._kernels import EngineKernel
+from quillon._kernels import ENGINE_KERNELS, EngineKernel
 
 pytestmark = [pytest.mark.gpu_compile, pytest.mark.skipif(find_ocloc() is None, reason=MISSING_OCLOC)]
 
@@ -67,6 +67,23 @@ def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | G
     build = case.build
     assert faults(outcome.info, build.sub_group, build.kernel.local_arrays, build.local_memory) == []
     assert outcome.info.has_dpas == isinstance(build.kernel, EngineKernel)
+
+
+@pytest.mark.parametrize("architecture", [0x30DC00800, 0x30F000700], ids=device_argument)
+def test_the_matrix_engine_gets_each_block_by_one_load(architecture: int) -> None:
+    """In each of the loops over K: of q4_0 and three formats with a byte for an element, for 3 and for 8 rows."""
+    (case,) = (
+        one for one in cases([ENGINE_KERNELS[2]]) if (one.architecture, one.element_type) == (architecture, "float")
+    )
+    outcome = compile_cases([case])[case]
+    assert isinstance(outcome, Compiled)
+    columns = case.build.geometry.rows
+    found = []
+    for loop in innermost_loops(assembly(outcome.module)[outcome.info.entry]):
+        operations = sum("dpas." in line and "{Atomic}" not in line for line in loop.instructions)
+        sizes = [sum(f"load.ugm.{size}t.a64" in message for message in loop.messages) for size in ("d64x4", "d64x8")]
+        found.append((operations, *sizes))
+    assert sorted(found) == sorted(2 * [(4, columns, 0), *3 * [(4, 0, columns)]])
 
 
 @pytest.mark.parametrize("architecture", ARCHITECTURES, ids=device_argument)
