@@ -11,6 +11,7 @@ import ctypes
 import functools
 import importlib
 import os
+import platform
 import sys
 from multiprocessing.reduction import ForkingPickler
 from pathlib import Path
@@ -76,13 +77,15 @@ def start() -> None:
     Neither devices nor queues are made before their first use.
 
     Raises:
-        ImportError: the SYCL runtime or its CPU driver is missing, or PyTorch is another than that of the build.
+        ImportError: the SYCL runtime or its CPU driver is missing, the runtime, PyTorch or the C++ library is another
+            than that of the build, or the processor lacks AVX2.
         RuntimeError: PyTorch settled for "no XPU" before, by a backward pass for example.
         ValueError: ``QUILLON_HOST_DEVICES`` is malformed.
     """
     if _native is None and torch._C._has_xpu:
         return
     _check_torch_version()
+    _check_processor()
     os.environ.update(_variables_of_the_runtime())
     native = _native or _load_native()
     native.declared_architectures()
@@ -96,6 +99,7 @@ def start_with_torch() -> None:
     ``QUILLON_HOST_DEVICES`` is read then or by ``import quillon``. Raises as :func:`start` does.
     """
     _check_torch_version()
+    _check_processor()
     variables = _variables_of_the_runtime()
     native = _load_native()
     native.set_environment_at_first_use(list(variables.items()))
@@ -148,18 +152,46 @@ def _variables_of_the_runtime() -> dict[str, str]:
     return variables
 
 
+def _check_processor() -> None:
+    """Refuse a processor for which neither the kernels nor the driver have code: it would stop at an instruction."""
+    if not torch.cpu._is_avx2_supported():
+        raise ImportError(
+            f"quillon needs a processor with AVX2, and this one ({platform.processor() or platform.machine()}) does "
+            "not say that it has it; in a virtual machine, pass the host's processor on"
+        )
+
+
+def _explained(error: ImportError, runtime: Path | None = None) -> ImportError:
+    """The failure to load a library, with what to do about it."""
+    text = str(error)
+    if any(name in text for name in ("GLIBCXX_", "CXXABI_", "GLIBC_")):
+        return ImportError(
+            f"the C++ library of this system is older than that of the build ({text}): install a newer libstdc++, or "
+            "build quillon on this machine"
+        )
+    if runtime is not None and "libsycl" in text:
+        return ImportError(
+            f"quillon was built for another SYCL runtime than {runtime} ({text}): pip install 'quillon[host]' brings "
+            "the one that it needs"
+        )
+    return error
+
+
 def _load_native() -> ModuleType:
     try:
         return importlib.import_module("quillon._host_device")
     except ImportError as error:
         if "libsycl" not in str(error):
-            raise
+            raise _explained(error) from error
         # Not where the package's library path points: a virtual environment that sees a system-wide runtime.
         runtime = _sycl_runtime.find(f"lib/{_SYCL_RUNTIME}")
         if runtime is None:
             raise ImportError(f"{_SYCL_RUNTIME} not found: {_INSTALL_HINT}") from error
-    ctypes.CDLL(str(runtime), mode=ctypes.RTLD_GLOBAL)
-    return importlib.import_module("quillon._host_device")
+    try:
+        ctypes.CDLL(str(runtime), mode=ctypes.RTLD_GLOBAL)
+        return importlib.import_module("quillon._host_device")
+    except (ImportError, OSError) as error:
+        raise _explained(ImportError(str(error)), runtime) from error
 
 
 def _stream_base(native: ModuleType) -> type:

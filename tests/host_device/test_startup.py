@@ -257,3 +257,36 @@ assert set(infer_auto_device_map(torch.nn.Linear(4, 4)).values()) == {0}
 def test_accelerate_counts_the_memory_of_the_machine_once(run_python: Run, imports: str) -> None:
     script = f"import psutil, torch\n{imports}\n{MEMORY_MAP}"
     output_of(run_python(script, QUILLON_HOST_DEVICES="0,0,0"))
+
+
+def test_libraries_that_do_not_fit(monkeypatch: pytest.MonkeyPatch) -> None:
+    """What the dynamic loader says is told with what to do."""
+
+    def failing(text: str) -> None:
+        def refuse(_: str) -> None:
+            raise ImportError(text)
+
+        monkeypatch.setattr(host_device.importlib, "import_module", refuse)
+
+    failing("/lib/libstdc++.so.6: version `GLIBCXX_3.4.32' not found (required by ...)")
+    with pytest.raises(
+        ImportError, match=r"the C\+\+ library of this system is older .*GLIBCXX_3.4.32.* newer libstdc\+\+"
+    ):
+        host_device._load_native()
+    failing("libsycl.so.77: cannot open shared object file: No such file or directory")
+    with pytest.raises(
+        ImportError,
+        match=r"built for another SYCL runtime than \S+libsycl.so \(libsycl.so.77: .*pip install 'quillon\[host\]'",
+    ):
+        host_device._load_native()
+    failing("libother.so: cannot open shared object file")
+    with pytest.raises(ImportError, match=r"^libother.so: cannot open shared object file$"):
+        host_device._load_native()
+
+
+def test_a_processor_without_avx2(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(host_device.torch.cpu, "_is_avx2_supported", lambda: False)
+    with pytest.raises(
+        ImportError, match=r"quillon needs a processor with AVX2, .*in a virtual machine, pass the host"
+    ):
+        host_device.start()
