@@ -8,12 +8,14 @@ from pathlib import Path
 
 import pytest
 
+import quillon
 from quillon._kernels import EXPANSIONS
 from quillon.formats import FORMATS, WEIGHT_FORMATS
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tools"))
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "benchmarks")]
 
+import api_reference  # noqa: E402
 import format_files  # noqa: E402
 from sections import section, with_section, write_section  # noqa: E402
 
@@ -57,3 +59,38 @@ def test_formats_at_a_glance() -> None:
     assert [(int(row[0]), row[1], int(row[2]), int(row[3]), float(row[4]), row[5]) for row in rows] == [
         (f.code, f.name, f.elements, f.bytes, f.bits_per_weight, f.storage) for f in FORMATS.values()
     ]
+
+
+def test_the_reference_is_that_of_the_docstrings() -> None:
+    assert (ROOT / "docs" / "api.md").read_text() == api_reference.page(), "run: python tools/api_reference.py"
+    described = {
+        f"quillon.{name}" for _, module, items in api_reference.GROUPS for name, _ in items if module == "quillon"
+    }
+    modules = {"formats", "nn"}
+    assert {f"quillon.{name}" for name in quillon.__all__ if name not in modules} <= described
+
+
+def test_messages_of_the_troubleshooting_page_exist() -> None:
+    """Each message that the page explains is one that the code gives."""
+    page = (ROOT / "docs" / "troubleshooting.md").read_text()
+    messages = re.findall(r"^\| (?:transformers: )?`([^`]+)` \|", page, re.MULTILINE)
+    assert len(messages) > 25
+    sources = [*ROOT.glob("python/quillon/**/*.py"), *ROOT.glob("csrc/**/*.cpp"), *ROOT.glob("csrc/**/*.h")]
+    # Messages run over several lines of literals.
+    joined = re.sub(r'"\s*\n\s*f?"', "", "\n".join(file.read_text() for file in sources))
+    assert [one for one in messages if one not in joined and "Unknown quantization type" not in one] == []
+
+
+def test_links_of_the_documentation_lead_somewhere() -> None:
+    pages = [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *(ROOT / "docs").glob("*.md")]
+    for page in pages:
+        links = re.findall(r"\]\(([^)#:\s]+)(?:#[^)]*)?\)", page.read_text())
+        assert [link for link in links if not (page.parent / link).exists()] == [], page.name
+
+
+def test_every_format_is_in_the_picture() -> None:
+    import plot
+
+    assert sorted(point.format for point in plot.points()) == sorted(WEIGHT_FORMATS)
+    drawn = (ROOT / "docs" / "formats.svg").read_text()
+    assert [name for name in WEIGHT_FORMATS if f">{name}<" not in drawn] == []
