@@ -23,9 +23,9 @@
 //   local memory  | row 0: total of item 0, of item 1, ... of item 7 | row 1: ... |     RED_T
 //   work-item i adds up row i, from item 0 to item 7 in RED_T, and stores it as IN_T.
 //
-// So a result has passed RED_T, of 16 bits, whatever IN_T is. No scale enters the engine, and no format's environment is
-// read. On the host device a work-item has a strip of columns and all activation rows (tile_on_vectors.h); it does the
-// same in the same order, and the sum of an element does not depend on the batch.
+// So a result has passed RED_T, of 16 bits, whatever IN_T is. On the host device a work-item has a strip of columns and all
+// activation rows (tile_on_vectors.h), of which `row_tiles` tells the number; it does the same in the same order, and the
+// sum of an element does not depend on the batch.
 #pragma once
 
 #include "kernels/matrix_engine/operands.h"

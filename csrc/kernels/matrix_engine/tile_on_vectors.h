@@ -27,9 +27,9 @@ using panel_row = simd::vec<float, PANEL_COLUMNS>;
 template <typename MAT_T>
 using panel_operands = simd::right_tile<MAT_T, PANEL_COLUMNS>;
 
-// Whether a processor adds up products of pairs of bfloat16 in one instruction, which takes half as many of them. The
-// device compiler has no name for it and is given the instruction itself; operands are then words of two neighbours along
-// K, as an engine takes them.
+// Whether a processor adds up products of pairs of bfloat16 in one instruction, which takes half as many of them, and
+// subnormal operands and sums for zeros. The device compiler has no name for it and is given the instruction itself;
+// operands are then words of two neighbours along K, as an engine takes them.
 #ifdef QUILLON_BFLOAT16_PAIRS
 template <typename MAT_T>
 inline constexpr bool in_pairs = std::is_same_v<MAT_T, bfloat16>;
