@@ -256,7 +256,7 @@ def main() -> None:
     """Train, compare and print."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--version", type=int, choices=(4, 5), help="default: both")
-    parser.add_argument("--train-steps", type=int, default=300)
+    parser.add_argument("--train-steps", type=int, default=120)
     parser.add_argument("--new-tokens", type=int, default=60)
     parser.add_argument("--device", default="xpu")
     options = parser.parse_args()
