@@ -19,6 +19,7 @@ from typing import Any
 import torch
 from torch import Tensor
 
+import vesper_linear
 from quillon import host_device
 from quillon.quantizers._progress import Progress
 
@@ -170,7 +171,7 @@ class Bar:
 def load_model(source: Path, config: Any, device: str) -> tuple[Any, Any]:
     """A packed model on a device and its tokenizer: of a packed folder, a dense one, or a GGUF file.
 
-    Layers that read the same input are joined. ``config`` is for what is not packed already.
+    Gated MLPs are fused and layers that read the same input joined. ``config`` is for what is not packed already.
     """
     if not source.exists():
         raise FileNotFoundError(f"{source} does not exist; give a GGUF file or a folder with a model")
@@ -187,6 +188,7 @@ def load_model(source: Path, config: Any, device: str) -> tuple[Any, Any]:
         model = quillon.load_gguf(source, config, device_map=device)
     if host_device.is_active():
         torch.xpu.synchronize()
+    quillon.nn.fuse_mlps(model, vesper_linear.get_xpu_device_name(model.device))
     quillon.join_projections(model)
     return model, _tokenizer_of(source)
 
