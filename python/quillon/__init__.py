@@ -5,13 +5,14 @@ device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
 """
 
 import contextlib
-import importlib
+import importlib.metadata
 import sys
 from typing import TYPE_CHECKING, Any
 
 from quillon import host_device
 
 if TYPE_CHECKING:
+    __version__: str
     from quillon.gguf_model import load_gguf as load_gguf
     from quillon.transformers import QuillonConfig as QuillonConfig
 
@@ -48,7 +49,9 @@ _NEED_TRANSFORMERS = {"QuillonConfig": "quillon.transformers", "load_gguf": "qui
 
 
 def __getattr__(name: str) -> Any:
-    """Import what needs transformers when it is first asked for."""
+    """Import what needs transformers, and look up the version, when it is first asked for."""
+    if name == "__version__":
+        return importlib.metadata.version("quillon")
     if name not in _NEED_TRANSFORMERS:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
     try:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib.metadata
 import re
 import sys
 from pathlib import Path
@@ -94,3 +95,11 @@ def test_every_format_is_in_the_picture() -> None:
     assert sorted(point.format for point in plot.points()) == sorted(WEIGHT_FORMATS)
     drawn = (ROOT / "docs" / "formats.svg").read_text()
     assert [name for name in WEIGHT_FORMATS if f">{name}<" not in drawn] == []
+
+
+def test_changes_name_the_version() -> None:
+    """The newest version of CHANGELOG.md is the one that is built, as the installed package says."""
+    (declared,) = re.findall(r'^version = "([^"]+)"', (ROOT / "pyproject.toml").read_text(), re.MULTILINE)
+    headings = re.findall(r"^## (\d\S*)", (ROOT / "CHANGELOG.md").read_text(), re.MULTILINE)
+    assert headings[0] == declared
+    assert quillon.__version__ == importlib.metadata.version("quillon")
