@@ -12,6 +12,7 @@ import torch
 from torch import Tensor
 
 import vesper_linear
+from quillon import nn as layers
 from quillon._kernels import ALL_KERNELS, EXPANSIONS
 from quillon.formats import WEIGHT_FORMATS, weight_bytes, weight_format
 from quillon.quantizers import quantize
@@ -74,12 +75,16 @@ class Check:
         return not self.problem and self.error <= self.bound
 
 
-_ROWS, _COLS = 10, 1024
+_ROWS, _COLS = 32, 1024
 # Sums of a thousand products, in the element type or in float32, and a store in the element type.
 _BOUNDS = {"float32": 2e-7, "float64": 2e-7, "float16": 5e-4, "bfloat16": 5e-3}
 """Of the error over the lengths of both rows, by element type. A code that is off by one step costs about 1e-3."""
 _EIGHT_BITS = 2e-3
 """What rounding the activations to eight bits costs, of those kernels that do."""
+
+
+_EXPANDED = 5e-4
+"""Of products of several rows, whose road may expand the weight with a rounding to half."""
 
 
 def selftest(device_name: str, formats: list[str]) -> Iterator[Check]:
@@ -88,7 +93,6 @@ def selftest(device_name: str, formats: list[str]) -> Iterator[Check]:
     generator = torch.Generator().manual_seed(1)
     device_class = vesper_linear.get_xpu_device_name(device)
     rounded = {kernel.format for kernel in ALL_KERNELS if "q8_1" in kernel.name}
-    several = {kernel.format for kernel in ALL_KERNELS if kernel.family not in ("matvec", "quantizer")}
     for name in formats:
         code = weight_format(name).code
         packed = quantize(torch.randn(_ROWS, _COLS, generator=generator), name, progress=False)
@@ -96,16 +100,32 @@ def selftest(device_name: str, formats: list[str]) -> Iterator[Check]:
         there = packed.to(device)
         norms = exact.norm(dim=1)
         for dtype_name, dtype in DTYPES.items():
-            for batch in (1, 3) if name in several else (1,):
+            for batch in (1, 3, 40):
                 x = torch.randn(batch, _COLS, generator=generator).to(dtype)
                 bound = _BOUNDS[dtype_name] + (_EIGHT_BITS if name in rounded else 0)
+                if batch > 1:
+                    bound = max(bound, _EXPANDED)
 
-                def product(x: Tensor = x, there: Tensor = there, code: int = code) -> Tensor:
-                    return vesper_linear.forward_new(x.to(device), there, code, _COLS)
+                def product(x: Tensor = x, there: Tensor = there, name: str = name) -> Tensor:
+                    # As a layer has it: in calls of as many rows as the format takes.
+                    return layers._multiply(x.to(device), there, weight_format(name), _ROWS)
 
                 expected = x.double() @ exact.T
                 scale = x.double().norm(dim=1)[:, None] * norms
                 yield _check(f"product, {batch}", name, dtype_name, bound, product, expected, scale)
+            if layers._mlp_is_served(name, device, _ROWS):
+                x = torch.randn(1, _COLS, generator=generator).to(dtype)
+
+                def gated(x: Tensor = x, there: Tensor = there, code: int = code) -> Tensor:
+                    return vesper_linear.mlp_forward_xpu(
+                        x.to(device), there, there, 1, _COLS, _ROWS, layers._SILU, code
+                    )
+
+                weight = dequantize_reference(packed, name, _ROWS, _COLS, torch.float64, apply_scale=True)
+                sums = x.double() @ weight.T
+                scale = (x.double().norm() * weight.norm(dim=1)) ** 2
+                bound = _BOUNDS[dtype_name] + (_EIGHT_BITS if name in rounded else 0)
+                yield _check("gated, 1", name, dtype_name, bound, gated, sums * sums.sigmoid() * sums, scale)
             if any(one.format == name and one.operation == "whole" and one.runs_on(device_class) for one in EXPANSIONS):
 
                 def expansion(there: Tensor = there, code: int = code, dtype: torch.dtype = dtype) -> Tensor:
@@ -160,5 +180,5 @@ def table(checks: list[Check]) -> list[str]:
     for check in wrong:
         why = check.problem or f"off by {check.error:.1e}, {check.bound:.1e} allowed"
         lines.append(f"{check.operation} of {check.format} in {check.dtype}: {why}")
-    lines.append(f"{len(checks) - len(wrong)} of {len(checks)} kernels give what they should")
+    lines.append(f"{len(checks) - len(wrong)} of {len(checks)} calls give what they should")
     return lines
