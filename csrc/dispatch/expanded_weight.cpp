@@ -29,10 +29,11 @@ at::Tensor expanded(int qtype, launcher_table_index table, const at::Tensor& wei
                     std::uint64_t state_size, std::uint64_t output_size) {
   const bool fast = (type == at::kFloat || type == at::kHalf) && has_fast_dense(qtype, state_size, output_size);
   const ExpansionKernel whole = expansion_kernel(expansion::whole, qtype, table);
-  if (!fast && whole.row < 0) throw std::runtime_error("Unsupported input dtype, only fp32 and fp16 are supported");
-  at::Tensor dense = make_dense(weight, type, output_size, state_size);
   const auto* bytes = weight.const_data_ptr<std::uint8_t>();
+  at::Tensor dense;
   dispatch_element_type(type, [&](auto element) {
+    if (!fast && whole.row < 0) throw std::runtime_error("Unsupported input dtype, only fp32 and fp16 are supported");
+    dense = make_dense(weight, type, output_size, state_size);
     const ElementType of_element = element_type_of<decltype(element)>();
     void* to = dense.mutable_data_ptr();
     fill_behind(dense, fast ? expand_dense(qtype, of_element, bytes, to, state_size, output_size, weight.device())

@@ -39,14 +39,14 @@ constexpr MatvecKernel kernel_of() {
   return {ROW, {SUB_GROUP, WORK_GROUP, kernel_table[ROW].rows}};
 }
 
-// Rows that end inside a block, which the kernels admit, make some of them read on: in a larger tensor of which the
-// argument is a part they meet its other elements, behind the end of it nothing may be read.
-void check_reads(const at::Tensor& input, const at::Tensor& weight, const MatvecKernel& kernel, std::uint64_t batch,
-                 std::uint64_t state_size, std::uint64_t output_size) {
-  const int qtype = kernel_table[kernel.row].qtype;
-  if (batch == 0 || state_size % elements_per_block(qtype) == 0) return;
-  ReadExtent extent = read_extent(qtype, kernel.geometry.work_group, state_size, output_size);
+// How far a kernel reads. Rows that end inside a block, which the kernels admit, make some of them read on: in a larger
+// tensor of which the argument is a part they meet its other elements, behind the end of it nothing may be read.
+ReadExtent check_reads(int qtype, const at::Tensor& input, const at::Tensor& weight, const MatvecKernel& kernel,
+                       std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size) {
+  if (batch == 0) return {0, 0};
+  ReadExtent extent = read_extent(kernel_table[kernel.row].qtype, state_size, output_size);
   extent.activations += (batch - 1) * state_size;
+  if (state_size % elements_per_block(qtype) == 0) return extent;
   const std::uint64_t activations = bytes_behind(input) / input.element_size();
   TORCH_CHECK(extent.activations <= activations, "forward_new: rows of ", state_size,
               " elements end inside a block of ", describe_format(qtype), ", whose kernel then reads ",
@@ -54,15 +54,16 @@ void check_reads(const at::Tensor& input, const at::Tensor& weight, const Matvec
   const std::uint64_t blocks = bytes_behind(weight) / bytes_per_block(qtype);
   TORCH_CHECK(extent.blocks <= blocks, "forward_new: rows of ", state_size, " elements end inside a block of ",
               describe_format(qtype), ", whose kernel then reads ", extent.blocks, " blocks, and weight has ", blocks);
+  return extent;
 }
 
-// The packed weight meets the activations as they are.
-at::Tensor multiply_packed(const MatvecKernel& kernel, at::Tensor input, at::Tensor weight, std::uint64_t batch,
-                           std::uint64_t state_size, std::uint64_t output_size) {
+// The packed weight meets the activations as they are. The format is that of the weight, whatever the kernel's own is.
+at::Tensor multiply_packed(int qtype, const MatvecKernel& kernel, at::Tensor input, at::Tensor weight,
+                           std::uint64_t batch, std::uint64_t state_size, std::uint64_t output_size) {
   const kernel_row& row = kernel_table[kernel.row];
-  check_reads(input, weight, kernel, batch, state_size, output_size);
-  input = at_aligned_address(std::move(input));
-  weight = at_aligned_address(std::move(weight));
+  const ReadExtent extent = check_reads(qtype, input, weight, kernel, batch, state_size, output_size);
+  input = at_aligned_address(std::move(input), extent.activations);
+  weight = at_aligned_address(std::move(weight), extent.blocks * bytes_per_block(qtype));
   at::Tensor output = make_dense(weight, input.scalar_type(), batch, output_size);
   at::Tensor blocks;
   if (takes_q8_1(row)) blocks = quantize_input_q8_1(input, 1, state_size);
@@ -86,13 +87,13 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
   const Road road = choose_road(QTYPE, facts);
   if (road == Road::matvec) {
     static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
-    return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
+    return multiply_packed(QTYPE, kernel, std::move(input), std::move(weight), batch, state_size, output_size);
   }
   if constexpr (by_batch_road(QTYPE) != nullptr) {
     static constexpr MatvecKernel kernel =
         kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
     if (road == Road::by_batch)
-      return multiply_packed(kernel, std::move(input), std::move(weight), batch, state_size, output_size);
+      return multiply_packed(QTYPE, kernel, std::move(input), std::move(weight), batch, state_size, output_size);
   }
   if constexpr (QTYPE == qtype_q4_0_woq) {
     if (road == Road::onednn) return linear_xpu_forward_onednn_s4_gemv(input, weight, facts.device_class);

@@ -53,8 +53,7 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
     return linear_xpu_matrix_engine(input, weight, batch, state_size, output_size, input_size, qtype,
                                     device_class == XpuDeviceClass::elm);
   const Launcher launcher = launcher_table(path)[qtype];
-  TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: no kernels for ", describe_format(qtype),
-                              " in this release");
+  TORCH_CHECK_NOT_IMPLEMENTED(launcher != nullptr, "forward_new: there are no kernels for ", describe_format(qtype));
   return launcher(input, weight, batch, state_size, output_size, input_size);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "dispatch/device_class.h"
+#include "formats/registry.h"
 
 namespace quillon {
 
@@ -20,14 +21,14 @@ struct MatrixEngineRange {
 };
 
 inline constexpr std::array<MatrixEngineRange, 8> kMatrixEngineRanges = {{
-    {XpuDeviceClass::elm, 2, 2, 16},   // q4_0
-    {XpuDeviceClass::elm, 8, 2, 16},   // q8_0
-    {XpuDeviceClass::elm, 15, 2, 16},  // fp8_e4m3
-    {XpuDeviceClass::elm, 19, 2, 16},  // fp8_e5m2
-    {XpuDeviceClass::oak, 15, 2, 64},  // fp8_e4m3 alone starts below 7 on oak
-    {XpuDeviceClass::oak, 2, 7, 64},
-    {XpuDeviceClass::oak, 8, 7, 64},
-    {XpuDeviceClass::oak, 19, 7, 64},
+    {XpuDeviceClass::elm, qtype_q4_0, 2, 16},
+    {XpuDeviceClass::elm, qtype_q8_0, 2, 16},
+    {XpuDeviceClass::elm, qtype_fp8_e4m3, 2, 16},
+    {XpuDeviceClass::elm, qtype_fp8_e5m2, 2, 16},
+    {XpuDeviceClass::oak, qtype_fp8_e4m3, 2, 64},  // fp8_e4m3 alone starts below 7 on oak
+    {XpuDeviceClass::oak, qtype_q4_0, 7, 64},
+    {XpuDeviceClass::oak, qtype_q8_0, 7, 64},
+    {XpuDeviceClass::oak, qtype_fp8_e5m2, 7, 64},
 }};
 
 // The matrix engine writes tiles of this many output columns.

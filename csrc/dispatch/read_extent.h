@@ -22,10 +22,8 @@ struct ReadExtent {
   std::uint64_t blocks;  // of the weight
 };
 
-// `work_items`, of a work-group, split a row among them; no kernel reads further for more of them. A `state_size` that
-// the kernel's own check refuses gives no more than the row.
-constexpr ReadExtent read_extent(int qtype, std::uint64_t /*work_items*/, std::uint64_t state_size,
-                                 std::uint64_t output_size) {
+// A `state_size` that the kernel's own check refuses gives no more than the row.
+constexpr ReadExtent read_extent(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
   constexpr std::uint64_t kBlock = 64;
   const auto elements = static_cast<std::uint64_t>(elements_per_block(qtype));
   ReadExtent extent{state_size, (state_size * output_size + elements - 1) / elements};

@@ -40,13 +40,13 @@ at::Tensor make_output(const Operands& operands) {
 }
 
 // Nothing behind the tensors' memory may be read, also of rows that end inside a block, of which some kernels read on.
-void check_operands(const Operands& operands, const MatvecKernel& kernel) {
-  const int qtype = kernel_table[kernel.row].qtype;
-  const ReadExtent extent = read_extent(qtype, kernel.geometry.work_group, operands.state_size, operands.output_size);
+ReadExtent check_operands(const Operands& operands, int qtype) {
+  const ReadExtent extent = read_extent(qtype, operands.state_size, operands.output_size);
   check_memory(NAME, {{"input", operands.input}},
                {extent.activations, static_cast<std::uint64_t>(operands.input.element_size())});
   check_memory(NAME, {{"weight1", operands.weight1}, {"weight2", operands.weight2}},
                {extent.blocks, static_cast<std::uint64_t>(bytes_per_block(qtype))});
+  return extent;
 }
 
 // The element type, or an error in the words of PyTorch's dispatch, whose macro would fix the launcher's name.
@@ -70,9 +70,14 @@ at::Tensor launch(const MatvecKernel& kernel, Operands operands) {
   const kernel_row& row = kernel_table[kernel.row];
   const bool quantized = takes_q8_1(row);
   at::Tensor blocks;
+  ReadExtent extent{};
   if (quantized) {
-    check_operands(operands, kernel);
-    operands.input = at_aligned_address(std::move(operands.input));
+    TORCH_CHECK(operands.state_size == 0 ||
+                    static_cast<std::uint64_t>(operands.batch_size) <= max_elements / operands.state_size,
+                NAME, ": ", operands.batch_size, " rows of ", operands.state_size,
+                " activations are too many for one call");
+    extent = check_operands(operands, row.qtype);
+    operands.input = at_aligned_address(std::move(operands.input), extent.activations);
     blocks = quantize_input_q8_1(operands.input, operands.batch_size, operands.state_size);
   }
   at::Tensor output = make_output(operands);
@@ -83,11 +88,12 @@ at::Tensor launch(const MatvecKernel& kernel, Operands operands) {
   if (row.row_unit != 0 && operands.state_size % row.row_unit != 0)
     c10::detail::torchCheckFail(row.name, __FILE__, __LINE__,
                                 c10::str("%d must be a multiple of %d", operands.state_size, row.row_unit));
-  if (!quantized) check_operands(operands, kernel);
+  if (!quantized) extent = check_operands(operands, row.qtype);
   if (operands.batch_size == 0) return output;
-  operands.input = at_aligned_address(std::move(operands.input));
-  operands.weight1 = at_aligned_address(std::move(operands.weight1));
-  operands.weight2 = at_aligned_address(std::move(operands.weight2));
+  const std::uint64_t weight_bytes = extent.blocks * bytes_per_block(row.qtype);
+  operands.input = at_aligned_address(std::move(operands.input), extent.activations);
+  operands.weight1 = at_aligned_address(std::move(operands.weight1), weight_bytes);
+  operands.weight2 = at_aligned_address(std::move(operands.weight2), weight_bytes);
   launch_mlp(kernel, type, (quantized ? blocks : operands.input).const_data_ptr(),
              operands.weight1.const_data_ptr<std::uint8_t>(), operands.weight2.const_data_ptr<std::uint8_t>(),
              operands.act_type, output.mutable_data_ptr(), operands.state_size, operands.output_size,
@@ -138,8 +144,6 @@ void check_sizes(std::int64_t batch_size, std::int64_t state_size, std::int64_t 
   TORCH_CHECK(state_size <= max_elements && (state_size == 0 || output_size <= max_elements / state_size), NAME,
               ": a weight of ", output_size, " rows of ", state_size, " elements is too large; a weight has at most ",
               max_elements, " elements");
-  TORCH_CHECK(state_size == 0 || batch_size <= max_elements / state_size, NAME, ": ", batch_size, " rows of ",
-              state_size, " activations are too many for one call");
 }
 
 }  // namespace

@@ -52,16 +52,16 @@ def test_rule(spine: SpineShim, name: str, work_items: int) -> None:
     lengths = LENGTHS + (ANY_LENGTHS if name in FIVE_BITS else [])
     for state_size in lengths:
         for output_size in (1, 2, 3, 8):
-            found = spine.read_extent(get_format(name).code, work_items, state_size, output_size)
+            found = spine.read_extent(get_format(name).code, state_size, output_size)
             assert found == brute_force(name, work_items, state_size, output_size), (state_size, output_size)
 
 
 def test_the_rule_bites(spine: SpineShim) -> None:
-    assert spine.read_extent(2, 32, 16, 1) == (40, 1)
-    assert spine.read_extent(2, 32, 112, 1) == (120, 2)
-    assert spine.read_extent(2, 32, 40, 1) == (40, 1)
-    assert spine.read_extent(6, 32, 96, 2) == (96, 3)
-    assert spine.read_extent(6, 64, 127, 1) == (127, 2)
+    assert spine.read_extent(2, 16, 1) == (40, 1)
+    assert spine.read_extent(2, 112, 1) == (120, 2)
+    assert spine.read_extent(2, 40, 1) == (40, 1)
+    assert spine.read_extent(6, 96, 2) == (96, 3)
+    assert spine.read_extent(6, 127, 1) == (127, 2)
 
 
 @pytest.mark.parametrize("device", ["xpu:7", "xpu:1"])
@@ -77,6 +77,32 @@ def test_message(device: str) -> None:
     assert vesper_linear.forward_new(held[280:392].view(1, 112), weight, 2, 0).shape == (1, 4)
     with pytest.raises(RuntimeError, match="reads 120 activations, and input has 119"):
         vesper_linear.forward_new(held[281:393].view(1, 112), weight, 2, 0)
+
+
+@pytest.mark.parametrize("batch", [1, 3])
+@pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.float64])
+@pytest.mark.parametrize("name", sorted(SPLIT))
+def test_elements_behind_the_row_at_an_odd_address(name: str, dtype: torch.dtype, batch: int) -> None:
+    """The result depends on what lies in memory behind the argument, not on where that starts."""
+    fmt, columns = get_format(name), 80
+    memory = torch.randn(batch * columns + 64, dtype=dtype)
+    weight = torch.randint(0, 0x3C, (5 * fmt.bytes,), dtype=torch.uint8)
+    results = []
+    for first in (0, 1):
+        held = torch.cat([torch.zeros(first, dtype=dtype), memory]).to("xpu:7")
+        bytes_held = torch.cat([torch.zeros(first, dtype=torch.uint8), weight]).to("xpu:7")
+        row = held[first:][:columns].view(1, columns)
+        if batch > 1 and name in ("q4_0", "nf4"):
+            row = held[first:][: batch * columns].view(batch, columns)
+        results.append(vesper_linear.forward_new(row, bytes_held[first:], fmt.code, 0).cpu())
+    assert torch.equal(*results)
+
+
+def test_the_message_names_the_format_of_the_weight() -> None:
+    """And not the one whose kernel serves several rows of it."""
+    weight = torch.zeros(34 * 5, dtype=torch.uint8, device="xpu:7")
+    with pytest.raises(RuntimeError, match=r"end inside a block of q4_0_woq \(qtype 34\), whose kernel then reads"):
+        vesper_linear.forward_new(torch.zeros(2, 80, device="xpu:7"), weight, 34, 0)
 
 
 GUARDED = """

@@ -297,7 +297,7 @@ def test_tiles_of_no_rows(monkeypatch: pytest.MonkeyPatch) -> None:
 
 @pytest.mark.parametrize("name", ["q4_0", "fp6"])
 def test_the_environment_is_read_by_launchers_alone(name: str, monkeypatch: pytest.MonkeyPatch) -> None:
-    """A bad number fails a call that a launcher takes; those of the matrix engine never see it."""
+    """A bad number fails each call that a launcher takes."""
     call = Call(name, "elm", "float32", 1, 512, 16)
     monkeypatch.setenv("TILE_SIZE", "many")
     packed = torch.from_numpy(random_weight(name, 128, 1)).to("xpu:1")

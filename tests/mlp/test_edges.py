@@ -124,3 +124,20 @@ def test_one_weight_for_both(name: str) -> None:
     device, k = device_of("elm"), 256
     x, (gate, _) = on_device(name, 24, k, "float32", device)
     assert torch.equal(call(name, x, (gate, gate), 24, k), call(name, x, (gate, gate.clone()), 24, k))
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_no_rows(name: str) -> None:
+    x, weights = on_device(name, 24, 256, "float32", device_of("elm"))
+    result = vesper_linear.mlp_forward_xpu(x, *weights, 0, 256, 24, 0, code_of(name))
+    assert result.shape == (0, 24)
+
+
+def test_what_lies_behind_an_input_at_an_odd_address() -> None:
+    """Elements are read from the first one on, whatever strides and shape say, and wherever that is."""
+    device, k = device_of("elm"), 256
+    x, weights = on_device("q4_0", 24, k, "float32", device)
+    expected = call("q4_0", x, weights, 24, k)
+    moved = torch.cat([x.new_zeros(1), x.reshape(-1), x.new_ones(k)])
+    assert torch.equal(call("q4_0", moved[1:2], weights, 24, k), expected)
+    assert torch.equal(call("q4_0", moved[1 : 2 * k : 2], weights, 24, k), expected)

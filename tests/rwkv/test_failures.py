@@ -103,11 +103,11 @@ def test_devices(name: str, argument: str) -> None:
         assert text == expected
 
 
-@each_argument
+@pytest.mark.parametrize(
+    ("name", "argument"), [(name, argument) for name in LEADING for argument in good(name) if argument != LEADING[name]]
+)
 def test_too_little_memory(name: str, argument: str) -> None:
     """Shapes are not compared, but nothing behind a tensor is read or written."""
-    if argument == LEADING[name]:
-        return
     arguments = good(name)
     whole = arguments[argument]
     short = torch.rand(whole.numel() - 1, device=DEVICE)

@@ -29,7 +29,7 @@ class SpineShim:
         self._activations = library.shim_activations_read
         self._blocks = library.shim_blocks_read
         for function in (self._activations, self._blocks):
-            function.argtypes = [ctypes.c_int, *[ctypes.c_uint64] * 3]
+            function.argtypes = [ctypes.c_int, *[ctypes.c_uint64] * 2]
             function.restype = ctypes.c_uint64
         self.qtype_count: int = library.shim_qtype_count()
 
@@ -51,7 +51,7 @@ class SpineShim:
     def path(self, device_class: int, qtype: int, batch: int, output_size: int) -> str:
         return PATHS[self._path(device_class, qtype, batch, output_size)]
 
-    def read_extent(self, qtype: int, work_items: int, state_size: int, output_size: int) -> tuple[int, int]:
+    def read_extent(self, qtype: int, state_size: int, output_size: int) -> tuple[int, int]:
         """Activations and weight blocks that the kernel of one activation row reads up to."""
-        arguments = (qtype, work_items, state_size, output_size)
+        arguments = (qtype, state_size, output_size)
         return int(self._activations(*arguments)), int(self._blocks(*arguments))

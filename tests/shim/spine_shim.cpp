@@ -46,13 +46,11 @@ int shim_path(int device_class, int qtype, std::uint64_t batch, std::uint64_t ou
   return -1;
 }
 
-std::uint64_t shim_activations_read(int qtype, std::uint64_t work_items, std::uint64_t state_size,
-                                    std::uint64_t output_size) {
-  return quillon::read_extent(qtype, work_items, state_size, output_size).activations;
+std::uint64_t shim_activations_read(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
+  return quillon::read_extent(qtype, state_size, output_size).activations;
 }
-std::uint64_t shim_blocks_read(int qtype, std::uint64_t work_items, std::uint64_t state_size,
-                               std::uint64_t output_size) {
-  return quillon::read_extent(qtype, work_items, state_size, output_size).blocks;
+std::uint64_t shim_blocks_read(int qtype, std::uint64_t state_size, std::uint64_t output_size) {
+  return quillon::read_extent(qtype, state_size, output_size).blocks;
 }
 
 int shim_qtype_count() {

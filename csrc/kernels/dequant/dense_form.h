@@ -72,7 +72,7 @@ inline auto super_block_of(Piece) {
 #endif
 
 // COUNT halves, rounded after each operation. The host device holds them in floats: its processors widen halves before each
-// operation and narrow them after it. No bit differs (kernels/lanes.h).
+// operation and narrow them after it. But for those of a NaN no bit differs (kernels/lanes.h).
 template <int COUNT>
 struct halves {
 #ifdef QUILLON_VECTOR_LANES

@@ -23,6 +23,7 @@ at::Tensor quantize_input_q8_1(const at::Tensor& input, std::uint64_t batch, std
     // divide.
     TORCH_CHECK(state_size % WG_SIZE == 0, "quantize_input_q8_1: state_size must be a multiple of ", WG_SIZE,
                 ", the size of a super-block, got ", state_size);
+    if (blocks == 0) return;
     static runtime::KernelEntry& entry =
         runtime::kernel_entry("kernels/matvec/quantize_q8_1.h",
                               std::string("quantize_xpu_kernel_q8_1<") + facts_of(element_type_of<T>()).name + ">", {});
