@@ -13,6 +13,7 @@ from matvec.guards import output_guard
 from matvec.harness import TORCH, device_of
 from shim.process import output_of, run_python
 
+import quillon
 import vesper_linear
 from quillon._kernels import ENGINE_BATCHES
 
@@ -51,17 +52,24 @@ def test_values(name: str, dtype: str, device_class: str) -> None:
 @pytest.mark.parametrize("dtype", TYPES)
 @pytest.mark.parametrize("device_class", CLASSES)
 def test_every_batch(device_class: str, dtype: str, batch: int) -> None:
-    """Batches of the table have the engine's values; the others, where they are served, have other ones."""
+    """Batches of the table are launched in one tile for each eight rows; no others are."""
     n, k = 32, 64 * 9
     for name in NAMES:
         weight, x = case(name, batch, n, k, dtype)
-        interval = multiply(name, weight, x, dtype)
-        if goes_to_engine(device_class, name, batch):
-            assert within(as_float64(run(name, weight, x, dtype, device_class)), interval), name
-        elif dtype == "float32":  # in sixteen bits the values may agree
+        engine = goes_to_engine(device_class, name, batch)
+        if not engine and dtype == "bfloat16" and name == "fp8_e4m3" and batch > 1:
+            continue  # has no other road
+        with quillon.record_launches() as launches:
             result = as_float64(run(name, weight, x, dtype, device_class))
-            assert not within(result, interval), name
-            assert not np.array_equal(rounded(result, "float16"), result), name
+        kernels = [launch.kernel for launch in launches]
+        if engine:
+            of_type = {"float32": "float,c10::Half", "float16": "c10::Half,c10::Half"}
+            types = of_type.get(dtype, "c10::BFloat16,c10::BFloat16")
+            constants = f"{(batch - 1) % 8 + 1},{16 if device_class == 'elm' else 8},8"
+            assert kernels == [f"loom_forward_kernel<{types},float,{types.split(',')[1]},{constants}>"]
+            assert within(result, multiply(name, weight, x, dtype)), name
+        else:
+            assert not any("loom" in kernel for kernel in kernels), kernels
 
 
 def test_the_table_of_batches() -> None:
