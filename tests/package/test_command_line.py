@@ -352,7 +352,10 @@ def test_from_a_gguf_file(tmp_path: Path, capsys: pytest.CaptureFixture[str]) ->
 
     write_llama(tmp_path / "model.gguf", {"token_embd": "F32", "ffn_up": "Q8_0", "w": "Q4_K"})
     assert command_line.main(["quantize", str(tmp_path / "model.gguf"), "q4_0", str(tmp_path / "packed")]) == 0
-    assert "15 layers packed, 13 with the very values of the file, 0 dense" in capsys.readouterr().out
+    assert (
+        "15 layers packed, 13 with the very values of the file and 2 quantized again, 0 dense"
+        in capsys.readouterr().out
+    )
     texts = []
     for source in ("model.gguf", "packed"):
         options = ["--device", "xpu:7", "--new-tokens", "4"]

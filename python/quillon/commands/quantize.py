@@ -134,7 +134,10 @@ def quantize_model_files(
     said = model.config.quantization_config
     size = sum(file.stat().st_size for file in target.iterdir())
     before = f", {journal.reused} of them before" if journal.reused else ""
-    exact = f", {len(said.exact)} with the very values of the file" if said.exact else ""
+    exact = ""
+    if source.is_file():
+        again = len(said.packed) - len(said.exact)
+        exact = f", {len(said.exact)} with the very values of the file and {again} quantized again"
     return f"{len(said.packed)} layers packed{before}{exact}, {len(said.dense)} dense, {size / 1e6:.1f} MB in {target}"
 
 
