@@ -518,12 +518,13 @@ class FusedMLP(nn.Module):
     def _is_fused(self, input: Tensor) -> bool:
         gate, up = self.gate_proj, self.up_proj
         return (
-            input.dim() > 0
+            type(gate) is LowBitLinear
+            and type(up) is LowBitLinear
+            and (gate.format, gate.in_features, gate.out_features) == (up.format, up.in_features, up.out_features)
+            and input.dim() > 0
             and input.numel() == input.shape[-1] == gate.in_features
             and input.dtype in _ELEMENT_TYPES
             and _mlp_is_served(gate.format.name, input.device, gate.out_features)
-            and type(gate) is LowBitLinear
-            and type(up) is LowBitLinear
             and gate.bias is None
             and up.bias is None
             and type(self.act_fn) is self._silu

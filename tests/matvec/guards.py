@@ -7,6 +7,7 @@ the same size.
 from __future__ import annotations
 
 import ctypes
+import gc
 from collections.abc import Iterator
 from contextlib import contextmanager
 
@@ -23,6 +24,7 @@ def output_guard(elements: int, dtype: torch.dtype, device: torch.device) -> Ite
     block and to nobody else.
     """
     size = torch.empty(0, dtype=dtype).element_size() * elements
+    gc.collect()  # what earlier tests left in cycles must not go in between
     before = torch.xpu.memory_allocated(device)
     block = torch.zeros(1, elements, dtype=dtype, device=device)
     assert torch.xpu.memory_allocated(device) - before >= size + len(GUARD)

@@ -380,3 +380,21 @@ def test_models_of_transformers(family: str, launches: list[str]) -> None:
         texts.append(model.generate(tokens, max_new_tokens=4, min_new_tokens=4, do_sample=False))
     assert torch.equal(*texts)
     assert launches.count("mlp_forward_xpu") == 3 * 2  # a launch in each layer for each token behind the prompt
+
+
+def test_layers_that_were_replaced(launches: list[str]) -> None:
+    """By an adapter, by a dense layer, by a layer in another format: each is asked itself."""
+    x = torch.randn(1, COLUMNS, device=DEVICE)
+    for replace in (
+        lambda up: nn.Sequential(up),
+        lambda up: nn.Linear(COLUMNS, INNER, bias=False).to(DEVICE),
+        lambda up: LowBitLinear.from_linear(nn.Linear(COLUMNS, INNER, bias=False), "q8_0").to(DEVICE),
+    ):
+        plain, fused = pair()
+        replaced = replace(plain.mlp.up_proj)
+        plain.mlp.up_proj = fused.mlp.up_proj = replaced
+        launches.clear()
+        assert torch.equal(fused(x), plain(x))
+        assert "mlp_forward_xpu" not in launches
+        plain.mlp.gate_proj = fused.mlp.gate_proj = nn.Sequential(plain.mlp.gate_proj)
+        assert torch.equal(fused(x), plain(x))
