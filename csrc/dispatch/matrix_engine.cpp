@@ -1,12 +1,11 @@
 #include "dispatch/matrix_engine.h"
 
-#include <ATen/ops/empty.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
 
 #include "dispatch/aligned_tensor.h"
+#include "dispatch/expanded_weight.h"
 #include "dispatch/scalar_type_dispatch.h"
 #include "kernels/matrix_engine/host_entry.h"
 
@@ -26,8 +25,7 @@ at::Tensor linear_xpu_matrix_engine(at::Tensor input, at::Tensor weight, std::ui
                                     std::uint64_t output_size, std::int64_t /*input_size*/, int qtype, bool is_elm) {
   input = at_aligned_address(std::move(input));
   weight = at_aligned_address(std::move(weight));
-  at::Tensor output = at::empty({static_cast<std::int64_t>(batch), static_cast<std::int64_t>(output_size)},
-                                weight.options().dtype(input.scalar_type()));
+  at::Tensor output = make_dense(weight, input.scalar_type(), batch, output_size);
   const at::ScalarType type = input.scalar_type();
   if (type != at::kFloat && type != at::kHalf && type != at::kBFloat16) end_for_unsupported_type();
   dispatch_element_type(type, [&](auto element) {

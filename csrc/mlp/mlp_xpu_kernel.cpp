@@ -1,7 +1,6 @@
 #include "mlp/mlp_xpu_kernel.h"
 
 #include <ATen/core/ivalue.h>
-#include <ATen/ops/empty.h>
 #include <ATen/record_function.h>
 #include <c10/util/Exception.h>
 
@@ -11,6 +10,7 @@
 
 #include "dispatch/aligned_tensor.h"
 #include "dispatch/device_class_query.h"
+#include "dispatch/expanded_weight.h"
 #include "dispatch/format_check.h"
 #include "dispatch/read_extent.h"
 #include "dispatch/tensor_memory.h"
@@ -33,11 +33,6 @@ struct Operands {
   std::uint64_t output_size;
   std::int32_t act_type;
 };
-at::Tensor make_output(const Operands& operands) {
-  return at::empty(
-      {operands.batch_size, static_cast<std::int64_t>(operands.output_size)},
-      operands.weight1.options().dtype(operands.input.scalar_type()).memory_format(at::MemoryFormat::Contiguous));
-}
 
 // Nothing behind the tensors' memory may be read, also of rows that end inside a block, of which some kernels read on.
 ReadExtent check_operands(const Operands& operands, int qtype) {
@@ -80,7 +75,8 @@ at::Tensor launch(const MatvecKernel& kernel, Operands operands) {
     operands.input = at_aligned_address(std::move(operands.input), extent.activations);
     blocks = quantize_input_q8_1(operands.input, operands.batch_size, operands.state_size);
   }
-  at::Tensor output = make_output(operands);
+  at::Tensor output =
+      make_dense(operands.weight1, operands.input.scalar_type(), operands.batch_size, operands.output_size);
   const ElementType type = element_type(operands.input.scalar_type(), row);
   // An error of the weights' types is told before others.
   operands.weight1.const_data_ptr<std::uint8_t>();

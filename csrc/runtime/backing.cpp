@@ -39,6 +39,10 @@ Backing backing_of(const DeviceFacts& facts) {
   return asked != nullptr && std::string_view(asked) == "items" ? Backing::items : Backing::vectors;
 }
 
+Backing backing_on(c10::DeviceIndex index) {
+  return backing_of(device_facts(index));
+}
+
 std::vector<std::string> backing_options(Backing backing) {
   if (backing == Backing::items) return {};
   std::vector<std::string> options = {kVectorBacking};

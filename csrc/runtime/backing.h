@@ -13,6 +13,9 @@ enum class Backing : int { items, vectors };
 // Vectors on the host device, unless a developer compares the two and sets QUILLON_HOST_BACKING to "items".
 Backing backing_of(const DeviceFacts& facts);
 
+// The same by the number of a device.
+Backing backing_on(c10::DeviceIndex index);
+
 // The build options of that form.
 std::vector<std::string> backing_options(Backing backing);
 

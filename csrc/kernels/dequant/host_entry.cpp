@@ -112,10 +112,6 @@ void launch(const ExpansionKernel& kernel, ElementType type, Backing backing, co
   launch_kernel(entry_of(kernel, type, backing), device, range, arguments, row.waits ? Wait::yes : Wait::no);
 }
 
-Backing backing_on(c10::Device device) {
-  return runtime::backing_of(runtime::device_facts(device.index()));
-}
-
 // The range of `groups` work-groups; a work-item of the vector backing has what a work-group has otherwise.
 LaunchRange range_of(std::size_t groups, std::size_t work_group, Backing backing) {
   return backing == Backing::vectors ? LaunchRange{groups, 1} : LaunchRange{groups * work_group, work_group};
@@ -127,7 +123,7 @@ std::uint64_t expand_whole(const ExpansionKernel& kernel, ElementType type, cons
                            std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   const expansion_row& row = expansion_table[kernel.row];
   check_row_length(row, state_size);
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   const Expansion expansion{
       weight, nullptr, output, state_size, output_size, 0, regions_of(row.qtype, state_size, output_size)};
   const auto elements = static_cast<std::uint64_t>(element_count_32(state_size, output_size));
@@ -180,7 +176,7 @@ void expand_tile(const ExpansionKernel& kernel, ElementType type, const std::uin
                  c10::Device device) {
   const expansion_row& row = expansion_table[kernel.row];
   check_row_length(row, state_size);
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   Expansion expansion{weight,
                       nullptr,
                       output,
@@ -200,7 +196,7 @@ void expand_rows(const ExpansionKernel& kernel, const std::uint8_t* weight, std:
                  std::uint64_t state_size, std::uint64_t output_size, c10::Device device) {
   const expansion_row& row = expansion_table[kernel.row];
   check_row_length(row, state_size);
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   const Expansion expansion{
       weight, index, output, state_size, output_size, weight_blocks, regions_of(row.qtype, state_size, output_size)};
   const auto groups = static_cast<std::uint32_t>(rows0 * rows1 * (state_size / kSuperBlock));

@@ -41,16 +41,12 @@ runtime::KernelEntry& entry_of(rwkv_kernel kernel, RwkvElement type, Backing bac
   return *entry;
 }
 
-Backing backing_on(c10::Device device) {
-  return runtime::backing_of(runtime::device_facts(device.index()));
-}
-
 }  // namespace
 
 void launch_attention_v4(RwkvElement type, const void* time_decay, const void* time_first, const void* key,
                          const void* value, void* output, float* num_state, float* den_state, float* max_state,
                          std::uint64_t batches, std::uint64_t steps, std::uint64_t channels, c10::Device device) {
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   const LaunchRange range = backing == Backing::vectors ? LaunchRange({batches, channels / kVectorLanes}, {1, 1})
                                                         : LaunchRange({batches, channels}, {1, kChannelsOfAttentionV4});
   const void* const to = output;
@@ -62,7 +58,7 @@ void launch_attention_v5(const float* time_decay, const float* time_first, const
                          const float* value, const StridesV5& strides, float* output, float* state,
                          std::uint64_t batches, std::uint64_t heads, std::uint64_t steps, c10::Device device) {
   constexpr std::uint64_t SIZE = kHeadSizeV5;
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   const std::size_t columns = row_of(rwkv_kernel::attention_v5).work_group;
   const LaunchRange range = backing == Backing::vectors
                                 ? LaunchRange::of_three({batches, heads, 1}, {1, 1, 1})
@@ -75,7 +71,7 @@ void launch_attention_v5(const float* time_decay, const float* time_first, const
 void launch_time_shift(RwkvElement type, const void* hidden, const void* shifted, const void* mix, void* output,
                        std::uint64_t mixes, std::uint64_t batches, std::uint64_t steps, std::uint64_t channels,
                        c10::Device device) {
-  const Backing backing = backing_on(device);
+  const Backing backing = runtime::backing_on(device.index());
   const LaunchRange range = backing == Backing::vectors
                                 ? LaunchRange::of_three({batches, steps, channels == 0 ? 0u : 1u}, {1, 1, 1})
                                 : LaunchRange::of_three({batches, steps, channels}, {1, 1, kChannelsOfTimeShift});
