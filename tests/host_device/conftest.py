@@ -47,8 +47,11 @@ def fill_slowly(fill_library: Path) -> Fill:
     native = ctypes.CDLL(str(fill_library)).fill_slowly
     native.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int, ctypes.c_size_t, ctypes.c_int]
 
+    native.restype = ctypes.c_char_p
+
     def fill(tensor: torch.Tensor, value: int, stream: torch.xpu.Stream) -> None:
-        native(stream.sycl_queue, tensor.data_ptr(), value, tensor.nbytes, 30)
+        error = native(stream.sycl_queue, tensor.data_ptr(), value, tensor.nbytes, 30)
+        assert error is None, error.decode()
         assert not stream.query(), "the work was over before it could be waited for"
 
     return fill
