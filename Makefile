@@ -30,7 +30,7 @@ demo: $(VENV)/.built $(VENV)/.demo-packages
 	$(BIN)/python examples/generate.py $(DEMO_ARGS)
 
 test: $(VENV)/.built $(VENV)/.test-packages $(VENV)/.demo-packages $(GPU_COMPILER)/.tried
-	$(BIN)/python -m pytest $(PYTEST_ARGS)
+	$(BIN)/python -m pytest --numprocesses 2 --dist loadfile --no-loadscope-reorder $(PYTEST_ARGS)
 
 bench: $(VENV)/.built
 	$(BIN)/python benchmarks/matvec.py $(BENCH_ARGS)

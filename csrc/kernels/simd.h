@@ -244,6 +244,38 @@ inline auto odd(Vec from) {
   return select<1, count_of<Vec> / 2, 2>(from);
 }
 
+// COUNT elements, the VALUES in turns.
+template <typename E, int COUNT, E... VALUES>
+inline vec<E, COUNT> in_turns() {
+  constexpr int LENGTH = sizeof...(VALUES);
+#ifdef QUILLON_VECTOR_LANES
+  constexpr E values[LENGTH] = {VALUES...};
+  vec<E, COUNT> result;
+  for (int i = 0; i < COUNT; ++i) result[i] = values[i % LENGTH];
+  return result;
+#else
+  const vec<E, LENGTH> once({VALUES...});
+  return once.template replicate<COUNT / LENGTH>();
+#endif
+}
+
+// Each element of a vector TIMES times.
+#ifdef QUILLON_VECTOR_LANES
+template <int TIMES, typename Vec, int... I>
+inline auto repeated(Vec from, constants<I...>) {
+  return __builtin_shufflevector(from, from, (I / TIMES)...);
+}
+#endif
+template <int TIMES, typename Vec>
+inline vec<element_of_vec<Vec>, TIMES * count_of<Vec>> repeated(Vec from) {
+  constexpr int COUNT = count_of<Vec>;
+#ifdef QUILLON_VECTOR_LANES
+  return repeated<TIMES>(from, first_constants<TIMES * COUNT>{});
+#else
+  return from.template replicate_vs_w_hs<COUNT, 1, TIMES, 0>(0);
+#endif
+}
+
 // The elements of one vector and then those of another; or in turns, a[0], b[0], a[1], ...
 template <typename Vec>
 inline vec<element_of_vec<Vec>, 2 * count_of<Vec>> joined(Vec a, Vec b) {

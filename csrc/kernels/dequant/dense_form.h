@@ -92,7 +92,8 @@ struct halves {
 
   friend halves operator*(halves a, halves b) { return {rounded(multiply(a.value, b.value))}; }
   friend halves operator+(halves a, halves b) { return {rounded(add(a.value, b.value))}; }
-  friend halves operator-(halves a, halves b) { return {rounded(subtract(a.value, b.value))}; }
+  // Of numbers whose difference is a half: there is nothing to round.
+  friend halves exact_difference(halves a, halves b) { return {subtract(a.value, b.value)}; }
 
  private:
   static simd::vec<held, COUNT> rounded(simd::vec<held, COUNT> from) {
@@ -154,21 +155,18 @@ inline simd::vec<float, 64> four_groups(const At& at) {
 // (readers/six_bits.h), turned into a word for each step of four elements, group by group. `codes` is the format's rule.
 template <typename Codes>
 inline simd::vec<uint32_t, 16> step_words(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low, const Codes& codes) {
-  using words_4 = simd::vec<uint32_t, 4>;
-  const words_4 low0 = simd::even(low), low1 = simd::odd(low);
-  const words_4 step0 = codes(high, low0);
-  const words_4 step1 = codes(words_4(high << 2), words_4(low0 << 4));
-  const words_4 step2 = codes(words_4(high << 4), low1);
-  const words_4 step3 = codes(words_4(high << 6), words_4(low1 << 4));
-  return simd::interleaved(simd::interleaved(step0, step2), simd::interleaved(step1, step3));
+  using words_16 = simd::vec<uint32_t, 16>;
+  const words_16 high_shift = simd::in_turns<uint32_t, 16, 0, 2, 4, 6>();
+  const words_16 low_shift = simd::in_turns<uint32_t, 16, 0, 4>();
+  const words_16 high_steps = simd::repeated<4>(high) << high_shift, low_steps = simd::repeated<2>(low) << low_shift;
+  return codes(high_steps, low_steps);
 }
 
 // The halves that codes of fp6 stand for, in their order.
 inline halves<64> fp6_halves(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
   using words_16 = simd::vec<uint32_t, 16>;
-  using words_4 = simd::vec<uint32_t, 4>;
   static_assert(fp6_byte_of_element(0) == 1 && fp6_byte_of_element(1) == 3 && fp6_byte_of_element(2) == 0);
-  const words_16 codes = step_words(high, low, [](words_4 h, words_4 l) { return fp6_step_codes(h, l); });
+  const words_16 codes = step_words(high, low, [](words_16 h, words_16 l) { return fp6_step_codes(h, l); });
   const words_16 first_two = (codes & 0x9F009F00u) | 0x00800080u;
   const words_16 last_two = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
   return halves<64>::by_bits(simd::bits_as<uint16_t>(simd::interleaved(first_two, last_two)));

@@ -18,7 +18,7 @@ void dequantize_q4_0_kernel(const uint8_t* quants, const uint8_t* scales, T* out
   expand_pieces<BLOCKS>(out, [&](auto i) {
     const bytes_32 bytes = codes[i];
     const auto scale = halves<32>::all(d.value(i)), zero_point = halves<32>::all(half(8));
-    return joined((halves<32>::exactly(low_nibbles(bytes)) - zero_point) * scale,
-                  (halves<32>::exactly(high_nibbles(bytes)) - zero_point) * scale);
+    return joined(exact_difference(halves<32>::exactly(low_nibbles(bytes)), zero_point) * scale,
+                  exact_difference(halves<32>::exactly(high_nibbles(bytes)), zero_point) * scale);
   });
 }

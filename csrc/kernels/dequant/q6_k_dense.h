@@ -20,10 +20,10 @@ void dequantize_q6_k_kernel(const uint8_t* high_plane, const uint8_t* low_plane,
   const item_part<int8_t, 4, 4 * BLOCKS> group_scales(scales);
   const item_part<half, 1, BLOCKS> d(super_scales);
   expand_pieces<4 * BLOCKS>(out, [&](auto i) {
-    using words_4 = simd::vec<uint32_t, 4>;
+    using words_16 = simd::vec<uint32_t, 16>;
     using floats_4 = simd::vec<float, 4>;
     using floats_16 = simd::vec<float, 16>;
-    const auto steps = step_words(high[i], low[i], [](words_4 h, words_4 l) { return q6_k_step_codes(h, l); });
+    const auto steps = step_words(high[i], low[i], [](words_16 h, words_16 l) { return q6_k_step_codes(h, l); });
     const auto codes = simd::bits_as<uint8_t>(steps);
     const floats_4 super_scale = floats_4(convert<float>(d.value(super_block_of(i))));
     const floats_4 scale = multiply(super_scale, simd::convert<float>(group_scales[i]));
