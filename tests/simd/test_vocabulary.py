@@ -97,8 +97,8 @@ def test_arrangements(element: str) -> None:
     dtype = np.dtype(NUMPY[element])
     a, b = random_bytes(32 * dtype.itemsize, 5).view(dtype).reshape(2, 16)
     size = dtype.itemsize
-    result = run(HEADER, f"arranged<{element}>", np.concatenate([a, b]), 176 * size + 8 * size)
-    whole = result[: 176 * size].view(dtype)
+    result = run(HEADER, f"arranged<{element}>", np.concatenate([a, b]), 208 * size + 8 * size)
+    whole = result[: 208 * size].view(dtype)
     expected = {
         0: np.stack([a, b], 1).reshape(-1),
         32: np.concatenate([b, a]),
@@ -109,10 +109,12 @@ def test_arrangements(element: str) -> None:
         128: (a << dtype.type(3)) | dtype.type(1),
         144: np.full(16, a[5]),
         160: a,
+        176: np.repeat(a[3:7], 4),
+        192: a << np.resize([0, 2, 4, 6], 16).astype(dtype),
     }
     for at, values in expected.items():
         assert np.array_equal(whole[at : at + values.size], values), at
-    assert np.array_equal(result[176 * size :], a.view(np.uint8)[::2])
+    assert np.array_equal(result[208 * size :], a.view(np.uint8)[::2])
 
 
 @pytest.mark.parametrize("element", ["c10::Half", "float"])

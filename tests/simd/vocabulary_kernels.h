@@ -104,7 +104,10 @@ void arranged(const uint8_t* input, uint8_t* output) {
   simd::store(to + 144, simd::all<T, 16>(from[5]));
   const auto bytes = simd::bits_as<uint8_t>(a);
   simd::store(to + 160, simd::bits_as<T>(bytes));
-  simd::store(reinterpret_cast<uint8_t*>(to + 176), simd::even(bytes));
+  simd::store(to + 176, simd::repeated<4>(simd::select<3, 4>(a)));
+  const words shifted = a << simd::in_turns<T, 16, 0, 2, 4, 6>();
+  simd::store(to + 192, shifted);
+  simd::store(reinterpret_cast<uint8_t*>(to + 208), simd::even(bytes));
 }
 
 // a * b + c and a * b - c in T, each operation rounded.
