@@ -17,6 +17,7 @@
 #include <tuple>
 #include <vector>
 
+#include "guarded_blocks.h"
 #include "host_device.h"
 #include "platform.h"
 
@@ -33,6 +34,7 @@ constexpr size_t kSmallClass = 512;  // smallest block
 constexpr size_t kMaxIdleBytes = size_t{2} << 30;
 
 size_t size_class(size_t size) {
+  if (guard() != Guard::kNone) return size;
   if (size <= kSmallClass) return kSmallClass;
   const size_t step = std::max(size_t{1} << (c10::llvm::Log2_64(size - 1) - 3), kAlignment);
   return (size + step - 1) / step * step;
@@ -201,6 +203,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
   void* allocate_block(size_t size, c10::DeviceIndex device) {
     Platform& sycl_platform = platform();
     const auto attempt = [&] {
+      if (guard() != Guard::kNone) return allocate_guarded(size);
       return sycl::aligned_alloc_shared(kAlignment, size, sycl_platform.device, sycl_platform.context);
     };
     void* pointer = attempt();
@@ -217,7 +220,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
       TORCH_CHECK_WITH(OutOfMemoryError, false, "XPU out of memory. Tried to allocate ", size, " bytes on host device ",
                        static_cast<int>(device), "; the machine has ", free_bytes, " of ", total_bytes, " bytes free.");
     }
-    ask_for_huge_pages(pointer, size);
+    if (guard() == Guard::kNone) ask_for_huge_pages(pointer, size);
     ++stats.num_device_alloc;
     increase(stats.segment, 1);
     increase(stats.reserved_bytes, size);
@@ -228,7 +231,7 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     DeviceStats& stats = stats_[block.device];
     decrease(stats.active, 1);
     decrease(stats.active_bytes, block.size);
-    if (idle_bytes_ + block.size > kMaxIdleBytes) {
+    if (guard() != Guard::kNone || idle_bytes_ + block.size > kMaxIdleBytes) {
       release(pointer, block.device, block.stream, block.size);
       return;
     }
@@ -239,7 +242,11 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
   void release(void* pointer, c10::DeviceIndex device, c10::StreamId stream, size_t size) {
     if (in_bad_fork()) return;
     wait_for_stream(device, stream);
-    sycl::free(pointer, platform().context);
+    if (guard() != Guard::kNone) {
+      free_guarded(pointer, size);
+    } else {
+      sycl::free(pointer, platform().context);
+    }
     DeviceStats& stats = stats_[device];
     ++stats.num_device_free;
     decrease(stats.segment, 1);
