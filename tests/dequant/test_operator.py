@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from collections.abc import Callable
 
 import numpy as np
@@ -203,6 +204,7 @@ def is_waited_for(kernel: str, device_class: str) -> bool:
     return bool(done)
 
 
+@pytest.mark.skipif("QUILLON_HOST_GUARD" in os.environ, reason="memory that is freed waits for its stream there")
 @pytest.mark.parametrize("kernel", [kernel.name for kernel in EXPANSIONS])
 def test_who_waits(kernel: str) -> None:
     device_class = next(name for name in BOTH_CLASSES for k in EXPANSIONS if k.name == kernel and k.runs_on(name))

@@ -18,16 +18,17 @@ GUARD = bytes(range(1, 65))
 
 
 @contextmanager
-def output_guard(elements: int, dtype: torch.dtype, device: torch.device) -> Iterator[int]:
-    """Put a guard behind the block that the next tensor of `elements` gets; gives the block's address.
+def output_guard(elements: int, dtype: torch.dtype, device: torch.device) -> Iterator[int | None]:
+    """Put a guard behind the block that the next tensor of `elements` gets; gives the block's address. None where
+    the allocator puts each block between unreadable pages.
 
     At the end nothing but the elements may have changed. Allocations are rounded up, so that the guard belongs to the
     block and to nobody else.
     """
     size = torch.empty(0, dtype=dtype).element_size() * elements
     gc.collect()  # what earlier tests left in cycles must not go in between
-    if os.environ.get("QUILLON_HOST_GUARD"):  # the allocator looks after the bytes behind each block by itself
-        yield 0
+    if os.environ.get("QUILLON_HOST_GUARD"):
+        yield None
         return
     before = torch.xpu.memory_allocated(device)
     block = torch.zeros(1, elements, dtype=dtype, device=device)

@@ -64,7 +64,7 @@ def run(name: str, weight: Array, x: Array, k: int, dtype: str, device: torch.de
         return out.cpu().to(torch.float64).numpy()[0]
     with output_guard(rows, TORCH[dtype], device) as address:
         out = vesper_linear.forward_new(row, packed, FORMATS[name].qtype, 0)
-        assert out.data_ptr() == address
+        assert address in (None, out.data_ptr())
         result = out.cpu().to(torch.float64).numpy()[0]
     return result
 

@@ -283,7 +283,7 @@ def test_odd_row_counts_touch_nothing_else(device_class: str, name: str) -> None
         with output_guard(3, TORCH[dtype], device) as address:
             out = vesper_linear.forward_new(row, inside, entry.qtype, 0)
             result = out.cpu().to(torch.float64).numpy()[0]
-            assert out.data_ptr() == address
+            assert address in (None, out.data_ptr())
         assert not outside(result, multiply(name, Tracked, dtype, fields, x, WG_SIZE[device_class])).any()
 
 
