@@ -130,13 +130,6 @@ def test_packed_layers(format: str, rows: int) -> None:
             torch.testing.assert_close(function(x), expected)
 
 
-@pytest.mark.parametrize("format", ["q4_0", "q6_k", "nf3"])
-def test_operator_as_tracing_sees_it(format: str) -> None:
-    layer = quillon.nn.LowBitLinear.from_linear(torch.nn.Linear(512, 64), format).to(DEVICE)
-    arguments = torch.randn(1, 512, device=DEVICE), layer.packed, layer.format.code, 512
-    torch.library.opcheck(torch.ops.quillon.forward_new.default, arguments)
-
-
 def test_graph_of_several_devices_is_refused() -> None:
     def function(x: torch.Tensor) -> torch.Tensor:
         return x.to("xpu:2") + 1

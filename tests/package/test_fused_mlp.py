@@ -245,13 +245,6 @@ def test_compiled() -> None:
         assert torch.equal(torch.compile(fused, fullgraph=True, backend="aot_eager")(input), expected)
 
 
-def test_as_tracing_sees_it() -> None:
-    layer = packed().to(DEVICE).mlp
-    gate, up = layer.gate_proj, layer.up_proj
-    arguments = (torch.ones(1, COLUMNS, device=DEVICE), gate.packed, up.packed, 1, COLUMNS, INNER, 0, 2)
-    torch.library.opcheck(torch.ops.quillon.mlp_forward_xpu.default, arguments)
-
-
 # ---- where it is put -------------------------------------------------------------------------------------------------
 
 

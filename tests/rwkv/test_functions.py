@@ -102,15 +102,18 @@ def test_a_state_must_be_contiguous() -> None:
         nn.rwkv_attention_v5(*given)
 
 
-@pytest.mark.parametrize("backend", ["aot_eager", "inductor"])
-@pytest.mark.parametrize("direct", [False, True])
+@pytest.mark.parametrize(
+    ("way", "backend"),
+    [("nn", "inductor"), ("vesper_linear", "aot_eager"), ("torch.ops", "aot_eager"), ("torch.ops", "inductor")],
+)
 @each
-def test_compiled(name: str, direct: bool, backend: str, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    """Two calls in a graph, the second on what the first has made of the states; by either way to the operator."""
+def test_compiled(name: str, way: str, backend: str, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """Two calls in a graph, the second on what the first has made of the states, whose writes no schema tells."""
     monkeypatch.setenv("TORCHINDUCTOR_CACHE_DIR", str(tmp_path))
     torch.compiler.reset()
     function, operator, arguments = FUNCTIONS[name]
-    called = operator if direct else function
+    of_the_library = getattr(torch.ops.quillon, operator.__name__)
+    called = {"nn": function, "vesper_linear": operator, "torch.ops": of_the_library}[way]
 
     def twice(*given: Any) -> Tensor:
         return called(*given) + 2 * called(*given)
