@@ -181,16 +181,18 @@ def _bench(options: argparse.Namespace) -> int:
 
 
 def _selftest(options: argparse.Namespace) -> int:
-    from quillon.commands import measure
+    from quillon.commands import selftest
 
-    formats, checks = _formats_of(options.formats), []
-    for check in measure.selftest(options.device, formats):
+    names = options.formats.split(",") if options.formats else selftest.SUBJECTS
+    subjects = [name if name == selftest.RWKV else _format(name) for name in names]
+    checks = []
+    for check in selftest.selftest(options.device, subjects):
         checks.append(check)
         if sys.stderr.isatty():
-            sys.stderr.write(f"\r{check.format:10} {check.operation:12} {check.dtype:10}")
+            sys.stderr.write(f"\r{check.subject:10} {check.operation:14} {check.dtype:10}")
     if sys.stderr.isatty():
         sys.stderr.write("\r" + " " * 40 + "\r")
-    print("\n".join(measure.table(checks)))
+    print("\n".join(selftest.table(checks)))
     return 0 if all(check.passed for check in checks) else 1
 
 
@@ -290,8 +292,11 @@ def _parser() -> argparse.ArgumentParser:
         "run every kernel on the device against the reference; the exit code is 0 if all give what they should",
         "selftest --device xpu:0",
     )
+    timing.add_argument("--formats", metavar="FORMAT,...", help="default: all")
+    testing.add_argument(
+        "--formats", metavar="FORMAT,...", help="rwkv stands for the operators without one (default: all)"
+    )
     for command in (timing, testing):
-        command.add_argument("--formats", metavar="FORMAT,...", help="default: all")
         command.add_argument("--device", default="xpu", help="default: %(default)s")
 
     running = add(

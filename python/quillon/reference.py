@@ -93,9 +93,9 @@ def _as_half(pattern: Tensor) -> Tensor:
     return pattern.to(torch.int16).view(torch.float16)
 
 
-def _fp8_e4m3(f: Fields, dtype: torch.dtype) -> Tensor:
+def _fp8_e4m3(f: Fields, dtype: torch.dtype, bit: int = 0x40) -> Tensor:
     byte = f["qs"].int()
-    pattern = (byte & 0x80) << 8 | (byte & 0x7F) << 7 | 0x40
+    pattern = (byte & 0x80) << 8 | (byte & 0x7F) << 7 | bit
     return _as_half(pattern).to(dtype) * _float(f["d"]).to(dtype)
 
 
@@ -259,6 +259,7 @@ def dequantize_reference(
     dtype: torch.dtype = torch.float32,
     *,
     apply_scale: bool = False,
+    midpoints: bool = True,
 ) -> Tensor:
     """Expand a packed weight.
 
@@ -267,6 +268,8 @@ def dequantize_reference(
     apply_scale  only of use for fp8_e5m2, where the readers disagree: products of a single activation row and
                  the dense expansions ignore the stored scale (False), the fused MLP and the matrix engine
                  apply it (True)
+    midpoints    only of use for fp8_e4m3: the matrix engine takes its codes as they are (False), all other readers
+                 set a bit behind each (True)
 
     Returns (rows, cols) of ``dtype`` on the CPU, with the rounding that the format prescribes for that type.
     Raises ``TypeError`` for wrong element types and ``ValueError`` for sizes that do not fit.
@@ -285,7 +288,8 @@ def dequantize_reference(
             )
             for name, (offset, stride) in places.items()
         }
-        values = _DECODERS[fmt.name](fields, dtype)
+        bare = fmt.name == "fp8_e4m3" and not midpoints
+        values = _fp8_e4m3(fields, dtype, bit=0) if bare else _DECODERS[fmt.name](fields, dtype)
         if apply_scale and fmt.name == "fp8_e5m2":
             values = values * _float(fields["d"]).to(dtype)
         out[first:last] = values

@@ -47,6 +47,18 @@ def test_random_bytes_decode_alike(name: str, dtype: str) -> None:
     assert np.unique(actual[~nan]).size > 100
 
 
+def test_fp8_as_the_matrix_engine_reads_it() -> None:
+    packed = np.random.default_rng(7).integers(
+        0, 256, quillon.formats.weight_bytes("fp8_e4m3", ROWS, COLUMNS), dtype=np.uint8
+    )
+    fields = decoders.split(decoders.FORMATS["fp8_e4m3"], packed)
+    with np.errstate(all="ignore"):
+        expected = decoders.product(decoders.values_fp8_e4m3_bare(fields["qs"]), fields["d"], "float64").reshape(-1)
+        data = torch.from_numpy(packed)
+        actual = quillon.dequantize_reference(data, "fp8_e4m3", ROWS, COLUMNS, torch.float64, midpoints=False)
+    assert np.array_equal(actual.reshape(-1).numpy(), expected, equal_nan=True)
+
+
 def test_a_swapped_nibble_is_seen() -> None:
     packed = np.random.default_rng(8).integers(0, 256, quillon.formats.weight_bytes("q4_0", 1, 64), dtype=np.uint8)
     swapped = packed.copy()

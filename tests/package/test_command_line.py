@@ -17,6 +17,8 @@ import quillon
 import vesper_linear
 from quillon import __main__ as command_line
 from quillon._device_table import DEVICE_CLASSES
+from quillon._kernels import ALL_KERNELS, ENGINE_KERNELS, EXPANSIONS, RWKV_KERNELS
+from quillon.commands import selftest
 
 
 def test_info_names_versions_layer_and_every_device(capsys: pytest.CaptureFixture[str]) -> None:
@@ -379,12 +381,35 @@ def test_bench_has_a_line_for_each_format(capsys: pytest.CaptureFixture[str]) ->
     assert "--shape must be ROWSxCOLUMNS, 4096x4096 for example, got '64'" in capsys.readouterr().err
 
 
-def test_selftest_passes_and_sees_a_wrong_kernel(
-    capsys: pytest.CaptureFixture[str], monkeypatch: pytest.MonkeyPatch
-) -> None:
-    command = ["selftest", "--device", "xpu:7", "--formats", "q4_0,q4_k,q2_k"]
-    assert command_line.main(command) == 0
-    assert capsys.readouterr().out.splitlines()[-1] == "54 of 54 calls give what they should"
+@pytest.mark.grid(0.25)
+@pytest.mark.parametrize("subject", selftest.SUBJECTS)
+def test_selftest_runs_every_kernel(subject: str, capsys: pytest.CaptureFixture[str]) -> None:
+    with quillon.record_launches() as launches:
+        assert command_line.main(["selftest", "--device", "xpu:7", "--formats", subject]) == 0
+    launched = {launch.kernel.partition("<")[0] for launch in launches}
+    kernels = {
+        kernel.name
+        for kernel in (*ALL_KERNELS, *EXPANSIONS, *RWKV_KERNELS)
+        if getattr(kernel, "format", selftest.RWKV) == subject and kernel.runs_on("unknown")
+    }
+    assert kernels
+    assert launched >= kernels
+    *table, last = capsys.readouterr().out.splitlines()
+    assert re.fullmatch(r"(\d+) of \1 calls give what they should", last)
+    assert {line.split()[0] for line in table[1:]} == {subject}
+
+
+@pytest.mark.parametrize("index", [0, 1])
+def test_selftest_of_a_matrix_engine(index: int, capsys: pytest.CaptureFixture[str]) -> None:
+    """Which does not read every format as the other kernels do."""
+    with quillon.record_launches() as launches:
+        assert command_line.main(["selftest", "--device", f"xpu:{index}", "--formats", "fp8_e4m3"]) == 0
+    assert any(launch.kernel.startswith(ENGINE_KERNELS[0].name) for launch in launches)
+    assert capsys.readouterr().out.splitlines()[-1] == "14 of 14 calls give what they should"
+
+
+def test_selftest_sees_a_wrong_kernel(capsys: pytest.CaptureFixture[str], monkeypatch: pytest.MonkeyPatch) -> None:
+    command = ["selftest", "--device", "xpu:7"]
     real = vesper_linear.forward_new
 
     def one_code_off(x: torch.Tensor, packed: torch.Tensor, code: int, columns: int) -> torch.Tensor:
@@ -393,7 +418,7 @@ def test_selftest_passes_and_sees_a_wrong_kernel(
         return real(x, changed, code, columns)
 
     monkeypatch.setattr(vesper_linear, "forward_new", one_code_off)
-    assert command_line.main([*command[:3], "--formats", "q4_0"]) == 1
+    assert command_line.main([*command, "--formats", "q4_0"]) == 1
     printed = capsys.readouterr().out
     (off,) = re.findall(r"product, 1 of q4_0 in float32: off by (\S+), 2.0e-07 allowed", printed)
     assert 1e-5 < float(off) < 1e-2
@@ -402,8 +427,23 @@ def test_selftest_passes_and_sees_a_wrong_kernel(
         raise RuntimeError("out of resources\nmore")
 
     monkeypatch.setattr(vesper_linear, "forward_new", fails)
-    assert command_line.main([*command[:3], "--formats", "q4_0"]) == 1
+    assert command_line.main([*command, "--formats", "q4_0"]) == 1
     assert "product, 1 of q4_0 in bfloat16: out of resources\n" in capsys.readouterr().out
+
+
+@pytest.mark.parametrize("name", ["rwkv_attention_v4", "rwkv_attention_v5", "rwkv_time_shift"])
+def test_selftest_sees_a_wrong_rwkv_kernel(
+    name: str, capsys: pytest.CaptureFixture[str], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    real = getattr(quillon.nn, name)
+
+    def of_another_decay(first: torch.Tensor, *others: torch.Tensor) -> torch.Tensor:
+        return real(first * 1.01, *others)
+
+    monkeypatch.setattr(quillon.nn, name, of_another_decay)
+    assert command_line.main(["selftest", "--device", "xpu:7", "--formats", "rwkv"]) == 1
+    operation = name.removeprefix("rwkv_").replace("_", " ")
+    assert f"{operation} of rwkv in float32: off by " in capsys.readouterr().out
 
 
 @pytest.mark.parametrize(
