@@ -6,7 +6,6 @@ device, so that ``torch.device("xpu")`` works everywhere. It touches no device.
 
 import contextlib
 import importlib.metadata
-import sys
 from typing import TYPE_CHECKING, Any
 
 from quillon import host_device
@@ -20,6 +19,7 @@ host_device.start()
 
 import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
 from quillon import _build_log, _tracing, formats, nn  # noqa: E402
+from quillon._patch_after_import import patch_after_import  # noqa: E402
 from quillon.expansion import dequantize  # noqa: E402
 from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
 from quillon.joined import join_projections  # noqa: E402
@@ -63,7 +63,10 @@ def __getattr__(name: str) -> Any:
     return getattr(module, name)
 
 
-if "transformers" in sys.modules:
-    with contextlib.suppress(ImportError):  # an older one, or one that lacks what it needs
-        # It may be about to load a packed model.
-        from quillon import transformers as transformers
+def _register_quantizer(_: Any) -> None:
+    with contextlib.suppress(ImportError):  # an older transformers, or one that lacks what it needs
+        importlib.import_module("quillon.transformers")
+
+
+# The module that loads models: whoever does finds the quantizer, and nobody else waits for transformers.
+patch_after_import("transformers.modeling_utils", _register_quantizer)

@@ -1,8 +1,7 @@
 """The quantizer for transformers: ``quantization_config=quillon.QuillonConfig(...)`` packs a model while it loads.
 
-Importing this module registers it; ``quillon.QuillonConfig`` imports it, and so does ``import quillon`` in a program
-that has imported transformers before. A folder that ``save_pretrained`` wrote from a packed model loads packed, without
-being quantized again.
+Importing this module registers it. ``quillon.QuillonConfig`` does, and after ``import quillon`` so does whoever loads a
+model. A folder that ``save_pretrained`` wrote from a packed model loads packed, without being quantized again.
 """
 
 from __future__ import annotations
