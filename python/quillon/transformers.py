@@ -22,6 +22,7 @@ from quillon import nn as layers
 from quillon._modes import plain_modes
 from quillon.embedding import LowBitEmbedding
 from quillon.formats import weight_bytes, weight_format
+from quillon.joined import join_projections
 from quillon.nn import LowBitExperts, LowBitLinear
 from quillon.recipe import Recipe, pack
 
@@ -61,6 +62,9 @@ class QuillonConfig(QuantizationConfigMixin):
                       that matches counts, ahead of all the others
     device_class      the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name``
                       gives; by default that of the device it is loaded on
+    fuse_mlp          whether :func:`quillon.nn.fuse_mlps` follows each loading: a token of generation takes gate, up
+                      and activation in one launch
+    join_projections  whether :func:`quillon.join_projections` follows each loading, for models that are not compiled
 
     A loaded model's ``config.quantization_config`` also says what became of each layer:
 
@@ -79,6 +83,8 @@ class QuillonConfig(QuantizationConfigMixin):
         fallback: str | None = "q8_0",
         recipe: Mapping[str, str | None] | None = None,
         device_class: str | None = None,
+        fuse_mlp: bool = False,
+        join_projections: bool = False,
         packed: Mapping[str, str] | None = None,
         replaced: Mapping[str, str] | None = None,
         dense: Mapping[str, str] | None = None,
@@ -97,6 +103,8 @@ class QuillonConfig(QuantizationConfigMixin):
         self.fallback = fallback
         self.recipe = dict(recipe or {})
         self.device_class = device_class
+        self.fuse_mlp = fuse_mlp
+        self.join_projections = join_projections
         self.packed = dict(packed or {})
         self.replaced = dict(replaced or {})
         self.dense = dict(dense or {})
@@ -402,8 +410,16 @@ class QuillonQuantizer(HfQuantizer):
     # ---- after that --------------------------------------------------------------------------------------------------
 
     def _process_model_after_weight_loading(self, model: Any, **_: Any) -> Any:
-        if self.pre_quantized:
-            return model
+        if not self.pre_quantized:
+            self._pack_the_rest(model)
+        config = self.quantization_config
+        if config.fuse_mlp:
+            layers.fuse_mlps(model, config.device_class or config.rules().device_class(_xpus_of({"": model.device})))
+        if config.join_projections:
+            join_projections(model)
+        return model
+
+    def _pack_the_rest(self, model: Any) -> None:
         if self._problem is not None:
             raise self._problem
         output = getattr(model, "get_output_embeddings", lambda: None)()
@@ -425,7 +441,6 @@ class QuillonQuantizer(HfQuantizer):
                 target.take(leaf, parameter)
             self._finish(model, target)
         self.quantization_config._job = Job()
-        return model
 
     def _dequantize(self, model: Any, dtype: torch.dtype | None = None) -> Any:
         """Put dense layers in the place of the packed ones."""

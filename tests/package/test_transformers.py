@@ -13,7 +13,8 @@ import pytest
 import torch
 
 import quillon
-from quillon.nn import LowBitExperts, LowBitLinear
+from quillon.joined import JoinedLinear
+from quillon.nn import FusedMLP, LowBitExperts, LowBitLinear
 
 transformers = pytest.importorskip("transformers", reason="the demo's packages are not installed: make demo")
 pytest.importorskip("accelerate", reason="the demo's packages are not installed: make demo")
@@ -106,6 +107,28 @@ def test_a_packed_model_is_saved_and_loads_without_being_quantized_again(
     again.save_pretrained(tmp_path / "again")
     third = load(tmp_path / "again")
     assert torch.equal(logits(third), logits(model))
+
+
+@pytest.mark.parametrize("kind", ["llama", "qwen2"])
+def test_fused_and_joined_whenever_it_is_loaded(kind: str, folder: Any, tmp_path: Path) -> None:
+    plain = load(folder(kind), quillon.QuillonConfig("q4_0"))
+    model = load(folder(kind), quillon.QuillonConfig("q4_0", fuse_mlp=True, join_projections=True))
+    model.save_pretrained(tmp_path)
+    again = load(tmp_path)
+    for one in (model, again):
+        block = one.model.layers[1]
+        assert isinstance(block.mlp, FusedMLP)
+        assert [type(block.self_attn.get_submodule(name)) for name in ("q_proj", "k_proj", "v_proj")] == [
+            JoinedLinear
+        ] * 3
+        with quillon.record_launches() as launches:
+            single = logits(one, 1)
+        assert sum("mlp_forward" in launch.kernel for launch in launches) == 2
+        assert torch.equal(single, logits(model, 1))
+        assert torch.equal(logits(one), logits(plain))  # several rows go through the layers
+    state, expected = again.state_dict(), plain.state_dict()
+    assert state.keys() == expected.keys()
+    assert all(torch.equal(state[name], expected[name]) for name in expected)
 
 
 def test_recipe(folder: Any, tmp_path: Path) -> None:
