@@ -1,13 +1,10 @@
 """Quantizers: a dense weight matrix to the flat bytes of a storage format.
 
-One module for each kind of format, with functions ``(x, w) -> fields`` of an element-major piece ``x``
-(elements of a block, blocks) in float32, an importance ``w`` of the same shape or None, and gives each
-field's bytes as uint8 (blocks, bytes of the field). Here they are cut into pieces and laid out.
+One module for each kind of format says how it rounds, of element-major pieces (elements of a block, blocks) in float32
+with an importance of the same shape or None. Here weights are cut into pieces and the bytes laid out.
 """
 
 from __future__ import annotations
-
-from collections.abc import Callable
 
 import torch
 from torch import Tensor
@@ -18,12 +15,12 @@ from quillon.formats import check_shape
 from quillon.quantizers import codebook, grid, integer, superblock
 from quillon.quantizers._layout import field_views
 from quillon.quantizers._progress import Progress
+from quillon.quantizers._rounding import Fields, Rounding, quantize_blocks
+from quillon.quantizers.grid import GridRounding
 
 __all__ = ["quantize"]
 
-Quantizer = Callable[[Tensor, "Tensor | None"], dict[str, Tensor]]
-
-_QUANTIZERS: dict[str, Quantizer] = {
+_ROUNDINGS: dict[str, Rounding | GridRounding] = {
     "q4_0": integer.q4_0,
     "q4_1": integer.q4_1,
     "q5_0": integer.q5_0,
@@ -69,6 +66,13 @@ def _check_importance(importance: Tensor, cols: int) -> Tensor:
     return importance.clamp_(min=1e-6).float()
 
 
+def _fields(rounding: Rounding | GridRounding, x: Tensor, w: Tensor | None) -> Fields:
+    if isinstance(rounding, Rounding):
+        return quantize_blocks(rounding, x, w)
+    scales, points, _ = rounding.search(x, w)
+    return rounding.pack(points, scales)
+
+
 @plain_modes()
 def quantize(
     weight: Tensor,
@@ -101,7 +105,7 @@ def quantize(
         raise ValueError(f"weight must have two dimensions (rows, cols), got shape {tuple(weight.shape)}")
     rows, cols = weight.shape
     fmt = check_shape(format, rows, cols)
-    quantizer = _QUANTIZERS[fmt.name]
+    rounding = _ROUNDINGS[fmt.name]
     weight = weight.detach().cpu().contiguous()
     column_weights = None if importance is None else _check_importance(importance, cols)
 
@@ -123,7 +127,7 @@ def quantize(
         if column_weights is not None:
             w = column_weights.view(-1, fmt.elements).repeat(last - first, 1).t().contiguous()
         start = first * cols // fmt.elements
-        for name, field in quantizer(x, w).items():
+        for name, field in _fields(rounding, x, w).items():
             views[name][start : start + x.shape[1]] = field
 
     bar = Progress(f"quantize {fmt.name}", rows, progress)

@@ -7,18 +7,19 @@ mantissa bit, so no code is zero and each value is the middle of the interval th
 from __future__ import annotations
 
 from collections.abc import Sequence
+from dataclasses import replace
 from functools import cache
 
 import torch
 from torch import Tensor
 
 from quillon.quantizers._pack import FLOAT_ORDER, bit_plane, nibbles, six_bit_planes
+from quillon.quantizers._rounding import Fields, Pack, Rounding, Scales
 from quillon.quantizers._search import (
     CodeBook,
     float_bytes,
     half_bytes,
     largest,
-    reciprocal,
     search_scale,
     to_half,
     to_short_float,
@@ -83,47 +84,46 @@ _FACTORS = {
 FP6_FACTORS = _FACTORS["fp6"]
 
 
-def _quantize(name: str, x: Tensor, w: Tensor | None, half: bool = True) -> tuple[Tensor, Tensor]:
-    """Codes (64, blocks) as uint8 and scales as stored."""
-    book = _book(name)
-    d = search_scale(x, w, book.nearest, largest(x), _FACTORS[name])
-    d = to_half(d) if half else to_short_float(d)
-    return book.codes(x * reciprocal(d)), d
+def _rounding(name: str, pack: Pack, half: bool = True) -> Rounding:
+    """Value = d * level."""
+
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        d = search_scale(x, w, _book(name).nearest, largest(x), _FACTORS[name])
+        return Scales((to_half(d) if half else to_short_float(d))[None])
+
+    return Rounding(fit, lambda q: _book(name).nearest(q), lambda levels: _book(name).codes(levels), pack)
 
 
-def nf4(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = table[code] * d; byte j holds elements j (high nibble) and j + 32 (low nibble)."""
-    codes, d = _quantize("nf4", x, w)
-    return {"qs": nibbles(codes[32:], codes[:32]), "d": half_bytes(d)}
+def _high_first(codes: Tensor, scales: Scales) -> Fields:
+    """Byte j holds elements j (high nibble) and j + 32 (low nibble)."""
+    return {"qs": nibbles(codes[32:], codes[:32]), "d": half_bytes(scales.step[0])}
 
 
-def nf3(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = table[code] * d; top bits in a 64-bit word, low bits four to a byte from the top down."""
-    codes, d = _quantize("nf3", x, w)
+def _low_first(codes: Tensor, scales: Scales) -> Fields:
+    """Byte j holds elements j (low nibble) and j + 32 (high nibble)."""
+    return {"qs": nibbles(codes[:32], codes[32:]), "d": half_bytes(scales.step[0])}
+
+
+def _three_bits(codes: Tensor, scales: Scales) -> Fields:
+    """Top bits in a 64-bit word, low bits four to a byte from the top down."""
     low = (codes & 3).view(16, 4, -1)
     packed = low[:, 0] << 6 | low[:, 1] << 4 | low[:, 2] << 2 | low[:, 3]
-    return {"qs": torch.cat((bit_plane(codes >> 2), packed.t()), dim=1), "d": half_bytes(d)}
+    return {"qs": torch.cat((bit_plane(codes >> 2), packed.t()), dim=1), "d": half_bytes(scales.step[0])}
 
 
-def fp4(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * level; nibbles as q4_0."""
-    codes, d = _quantize("fp4", x, w)
-    return {"qs": nibbles(codes[:32], codes[32:]), "d": half_bytes(d)}
-
-
-def fp6(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * level, in two bit planes."""
-    codes, d = _quantize("fp6", x, w)
+def _six_bits(codes: Tensor, scales: Scales) -> Fields:
     low, high = six_bit_planes(codes, FLOAT_ORDER)
-    return {"ql": low, "qh": high, "d": half_bytes(d)}
+    return {"ql": low, "qh": high, "d": half_bytes(scales.step[0])}
 
 
-def fp8_e4m3(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * level, with a float32 scale."""
-    codes, d = _quantize("fp8_e4m3", x, w, half=False)
-    return {"qs": codes.t(), "d": float_bytes(d)}
+def _bytes(codes: Tensor, scales: Scales) -> Fields:
+    return {"qs": codes.t(), "d": float_bytes(scales.step[0])}
 
 
-def fp8_e5m2(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = level. Products do not read the scale, so it cannot help and is stored as 1."""
-    return {"qs": _book("fp8_e5m2").codes(x).t(), "d": float_bytes(torch.ones_like(x[0]))}
+nf4 = _rounding("nf4", _high_first)
+nf3 = _rounding("nf3", _three_bits)
+fp4 = _rounding("fp4", _low_first)
+fp6 = _rounding("fp6", _six_bits)
+fp8_e4m3 = _rounding("fp8_e4m3", _bytes, half=False)
+# Products do not read the scale of fp8_e5m2, so it cannot help and is stored as 1.
+fp8_e5m2 = replace(_rounding("fp8_e5m2", _bytes), fit=lambda x, w: Scales(torch.ones_like(x[:1])))

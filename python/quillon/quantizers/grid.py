@@ -7,11 +7,13 @@ vector's distances to all grid points are one row of a matrix product.
 from __future__ import annotations
 
 from collections.abc import Callable
+from dataclasses import dataclass
 from functools import cache
 
 import torch
 from torch import Tensor
 
+from quillon.quantizers._rounding import Fields, Scales
 from quillon.quantizers._search import (
     CodeBook,
     half_bytes,
@@ -50,6 +52,11 @@ def nearest_points(y: Tensor, w: Tensor | None, grid: Tensor) -> Tensor:
 def _vectors(x: Tensor) -> Tensor:
     """Element-major (256, blocks) to (blocks, 8, 4, 8)."""
     return x.t().contiguous().view(-1, 8, 4, 8)
+
+
+def _elements(values: Tensor, d: Tensor) -> Tensor:
+    """Values at d = 1 (blocks, 8, 4, 8) to those at d, element-major (256, blocks)."""
+    return (values.view(-1, 256) * d[:, None]).t()
 
 
 def _group_sum(*factors: Tensor | None) -> Tensor:
@@ -111,6 +118,20 @@ def _fit_and_refit(
     return fitted(best_fields[-1]), best_fields
 
 
+@dataclass(frozen=True)
+class GridRounding:
+    """The steps of a format whose elements are rounded eight at a time.
+
+    search  a piece and its importance -> scales, what is stored of each vector, int64 (32, blocks), and the values
+    choose  vectors (blocks, 8) of a group of 32, their importance -> values (blocks, 8), what is stored (blocks,)
+    pack    what is stored of the vectors, and scales -> bytes
+    """
+
+    search: Callable[[Tensor, Tensor | None], tuple[Scales, Tensor, Tensor]]
+    choose: Callable[[Tensor, Tensor | None, Scales, int], tuple[Tensor, Tensor]]
+    pack: Callable[[Tensor, Scales], Fields]
+
+
 # iq2_xxs --------------------------------------------------------------------------------------------------
 
 _IQ2_LEVELS = (8.0, 25.0, 43.0)
@@ -132,7 +153,7 @@ def _even_signs(x: Tensor, w: Tensor | None) -> Tensor:
     return signs.scatter(-1, cheapest, turned)
 
 
-def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
+def _iq2_search(x: Tensor, w: Tensor | None) -> tuple[Scales, Tensor, Tensor]:
     """Value = sign * ((scale + 0.5) * d) * 0.25 * grid; each 8 elements have an even number of minuses."""
     groups = x.view(8, 32, -1).transpose(0, 1)
     group_w = None if w is None else w.view(8, 32, -1).transpose(0, 1)
@@ -159,13 +180,38 @@ def iq2_xxs(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
             found.offer(_group_sum(residual, residual, w), scale, index.view(-1, 8, 4), values)
         return found
 
-    d, (scale, index, _) = _fit_and_refit(target.amax(1) * (4 / 15.5), x, w, encode, rounds=1)
+    d, (scale, index, values) = _fit_and_refit(target.amax(1) * (4 / 15.5), x, w, encode, rounds=1)
+    step = ((scale + 0.5) * d[:, None] * 0.25).t().contiguous()
+    points = (index | _sign_patterns(signs) << 8).view(-1, 32).t()
+    return Scales(step, None, (d, scale.to(torch.int64))), points, _elements(values, d)
+
+
+def _sign_patterns(signs: Tensor) -> Tensor:
+    """The seven bits that are stored of signs (..., 8)."""
     negative = (signs < 0).to(torch.int64)
     patterns = (negative[..., :7] << torch.arange(7)).sum(-1)
-    word = scale.to(torch.int64) << 28 | (patterns << torch.arange(0, 28, 7)).sum(-1)
     assert bool((ksigns_iq2xs()[patterns] >> 7 == negative[..., 7]).all())
+    return patterns
+
+
+def _iq2_choose(y: Tensor, w: Tensor | None, scales: Scales, group: int) -> tuple[Tensor, Tensor]:
+    grid = iq2xxs_grid()
+    step = scales.step[group][:, None]
+    signs = _even_signs(y, w)
+    index = nearest_points(y * signs * reciprocal(step), w, grid)
+    return grid[index] * signs * step, index | _sign_patterns(signs) << 8
+
+
+def _iq2_pack(points: Tensor, scales: Scales) -> Fields:
+    d, scale = scales.stored
+    points = points.t().reshape(-1, 8, 4)
+    word = scale << 28 | (points >> 8 << torch.arange(0, 28, 7)).sum(-1)
     word_bytes = word[..., None] >> torch.arange(0, 32, 8) & 255
-    return {"d": half_bytes(d), "qs": torch.cat((index, word_bytes), dim=2).to(torch.uint8).view(-1, 64)}
+    qs = torch.cat((points & 255, word_bytes), dim=2).to(torch.uint8)
+    return {"d": half_bytes(d), "qs": qs.view(-1, 64)}
+
+
+iq2_xxs = GridRounding(_iq2_search, _iq2_choose, _iq2_pack)
 
 
 # iq1_s ----------------------------------------------------------------------------------------------------
@@ -179,7 +225,7 @@ def _iq1_books() -> tuple[CodeBook, ...]:
     return tuple(CodeBook({q: q + shift for q in range(3)}) for shift in _IQ1_SHIFTS)
 
 
-def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
+def _iq1_search(x: Tensor, w: Tensor | None) -> tuple[Scales, Tensor, Tensor]:
     """Value = d * (2 scale + 1) * (shift + grid), with one shift of two for a group."""
     groups = x.view(8, 32, -1).transpose(0, 1).contiguous()
     group_w = None if w is None else w.view(8, 32, -1).transpose(0, 1).contiguous()
@@ -213,12 +259,29 @@ def iq1_s(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
                 found.offer(_group_sum(residual, residual, w), scale, bits, index.view(-1, 8, 4), values)
         return found
 
-    d, (scale, bits, index, _) = _fit_and_refit(target.amax(1) / 14, x, w, encode, rounds=0)
-    word = (index >> 8 << torch.arange(0, 12, 3)).sum(-1)
-    word |= scale.to(torch.int64) << 12 | bits.to(torch.int64) << 15
-    word_bytes = torch.stack((word & 255, word >> 8), dim=2).view(-1, 16)
+    d, (scale, bits, index, values) = _fit_and_refit(target.amax(1) / 14, x, w, encode, rounds=0)
+    step = (d[:, None] * (2 * scale + 1)).t().contiguous()
+    stored = d, scale.to(torch.int64), bits.to(torch.int64)
+    return Scales(step, None, stored), index.view(-1, 32).t(), _elements(values, d)
+
+
+def _iq1_choose(y: Tensor, w: Tensor | None, scales: Scales, group: int) -> tuple[Tensor, Tensor]:
+    grid = iq1s_grid()
+    step = scales.step[group][:, None]
+    shift = torch.tensor(_IQ1_SHIFTS)[scales.stored[2][:, group]][:, None]
+    index = nearest_points(y * reciprocal(step) - shift, w, grid)
+    return (grid[index] + shift) * step, index
+
+
+def _iq1_pack(points: Tensor, scales: Scales) -> Fields:
+    d, scale, bits = scales.stored
+    index = points.t().reshape(-1, 8, 4)
+    word = (index >> 8 << torch.arange(0, 12, 3)).sum(-1) | scale << 12 | bits << 15
     return {
         "d": half_bytes(d),
         "qs": (index & 255).to(torch.uint8).view(-1, 32),
-        "qh": word_bytes.to(torch.uint8),
+        "qh": torch.stack((word & 255, word >> 8), dim=2).view(-1, 16).to(torch.uint8),
     }
+
+
+iq1_s = GridRounding(_iq1_search, _iq1_choose, _iq1_pack)

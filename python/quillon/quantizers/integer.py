@@ -6,12 +6,12 @@ import torch
 from torch import Tensor
 
 from quillon.quantizers._pack import bit_plane, nibbles
+from quillon.quantizers._rounding import Fields, Pack, Rounding, Scales
 from quillon.quantizers._search import (
     float_bytes,
     half_bytes,
     integers,
     largest,
-    reciprocal,
     search_affine,
     search_scale,
     to_half,
@@ -35,65 +35,64 @@ _TRIM_SHARES = (0.0, 0.03, 0.06, 0.09, 0.12)
 _TRIMS = tuple((low, high) for low in _TRIM_SHARES for high in _TRIM_SHARES)
 
 
-def _symmetric(
-    x: Tensor, w: Tensor | None, low: int, high: int, factors: tuple[float, ...], half: bool = True
-) -> tuple[Tensor, Tensor]:
-    """Signed codes ``low`` to ``high`` as float32 (64, blocks), and the scales as stored."""
+def _symmetric(low: int, high: int, factors: tuple[float, ...], pack: Pack, half: bool = True) -> Rounding:
+    """Value = d * (code + low), with codes around the block's largest element."""
     nearest = integers(low, high)
-    d = search_scale(x, w, nearest, largest(x), factors)
-    d = to_half(d) if half else to_short_float(d)
-    return nearest(x * reciprocal(d)), d
+
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        d = search_scale(x, w, nearest, largest(x), factors)
+        return Scales((to_half(d) if half else to_short_float(d))[None])
+
+    return Rounding(fit, nearest, lambda levels: levels.sub_(low).to(torch.uint8), pack)
 
 
-def _affine(x: Tensor, w: Tensor | None, top: int) -> tuple[Tensor, Tensor, Tensor]:
-    """Codes 0 to ``top`` as uint8 (64, blocks), scales and minima as stored."""
-    s, o = search_affine(x, w, top, _TRIMS)
-    d, m = to_half(s), to_half(o)
-    return ((x - m) * reciprocal(d)).round_().clamp_(0, top).to(torch.uint8), d, m
+def _affine(top: int, pack: Pack) -> Rounding:
+    """Value = d * code + m, with codes from 0 to ``top``."""
+
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        s, o = search_affine(x, w, top, _TRIMS)
+        return Scales(to_half(s)[None], to_half(o)[None])
+
+    return Rounding(fit, integers(0, top), lambda levels: levels.to(torch.uint8), pack)
 
 
-def q4_0(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * (code - 8); byte j holds elements j (low nibble) and j + 32 (high nibble)."""
-    v, d = _symmetric(x, w, -8, 7, _FACTORS_4BIT)
-    codes = v.add_(8).to(torch.uint8)
-    return {"qs": nibbles(codes[:32], codes[32:]), "d": half_bytes(d)}
+def _minima(scales: Scales) -> Tensor:
+    return torch.zeros_like(scales.step[0]) if scales.offset is None else scales.offset[0]
 
 
-def q4_0_woq(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """q4_0 with neighbours in a byte: byte j holds elements 2 j (low nibble) and 2 j + 1 (high nibble)."""
-    v, d = _symmetric(x, w, -8, 7, _FACTORS_4BIT)
-    codes = v.add_(8).to(torch.uint8)
-    return {"qs": nibbles(codes[0::2], codes[1::2]), "d": half_bytes(d)}
+def _halves(codes: Tensor, scales: Scales) -> Fields:
+    """Byte j holds elements j (low nibble) and j + 32 (high nibble)."""
+    return {"qs": nibbles(codes[:32], codes[32:]), "d": half_bytes(scales.step[0])}
 
 
-def q4_1(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * code + m; nibbles as q4_0."""
-    codes, d, m = _affine(x, w, 15)
-    return {"qs": nibbles(codes[:32], codes[32:]), "dm": half_bytes(d, m)}
+def _halves_with_minimum(codes: Tensor, scales: Scales) -> Fields:
+    return {"qs": nibbles(codes[:32], codes[32:]), "dm": half_bytes(scales.step[0], _minima(scales))}
 
 
-def _five_bit_record(codes: Tensor, d: Tensor, m: Tensor) -> dict[str, Tensor]:
+def _neighbours(codes: Tensor, scales: Scales) -> Fields:
+    """Byte j holds elements 2 j (low nibble) and 2 j + 1 (high nibble)."""
+    return {"qs": nibbles(codes[0::2], codes[1::2]), "d": half_bytes(scales.step[0])}
+
+
+def _five_bit_record(codes: Tensor, scales: Scales) -> Fields:
+    """Without a minimum its two bytes are there and zero."""
     low = codes & 15
     return {
-        "d": half_bytes(d),
-        "m": half_bytes(m),
+        "d": half_bytes(scales.step[0]),
+        "m": half_bytes(_minima(scales)),
         "qh": bit_plane(codes >> 4),
         "qs": nibbles(low[:32], low[32:]),
     }
 
 
-def q5_0(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * (code - 16); the two bytes of a minimum are there and stay zero."""
-    v, d = _symmetric(x, w, -16, 15, _FACTORS_5BIT)
-    return _five_bit_record(v.add_(16).to(torch.uint8), d, torch.zeros_like(d))
+def _bytes(codes: Tensor, scales: Scales) -> Fields:
+    """Signed bytes, a float32 scale."""
+    return {"qs": (codes ^ 128).t(), "d": float_bytes(scales.step[0])}
 
 
-def q5_1(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * code + m."""
-    return _five_bit_record(*_affine(x, w, 31))
-
-
-def q8_0(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = d * code with signed bytes and a float32 scale."""
-    v, d = _symmetric(x, w, -128, 127, _FACTORS_8BIT, half=False)
-    return {"qs": v.to(torch.int8).view(torch.uint8).t(), "d": float_bytes(d)}
+q4_0 = _symmetric(-8, 7, _FACTORS_4BIT, _halves)
+q4_0_woq = _symmetric(-8, 7, _FACTORS_4BIT, _neighbours)
+q4_1 = _affine(15, _halves_with_minimum)
+q5_0 = _symmetric(-16, 15, _FACTORS_5BIT, _five_bit_record)
+q5_1 = _affine(31, _five_bit_record)
+q8_0 = _symmetric(-128, 127, _FACTORS_8BIT, _bytes, half=False)

@@ -14,6 +14,7 @@ import torch
 from torch import Tensor
 
 from quillon.quantizers._pack import FLOAT_ORDER, MEMORY_ORDER, nibbles, six_bit_planes
+from quillon.quantizers._rounding import Fields, Pack, Rounding, Scales
 from quillon.quantizers._search import (
     HALF_MAX,
     Nearest,
@@ -34,11 +35,6 @@ from quillon.quantizers.codebook import FP6_FACTORS, fp6_book
 def _sub_blocks(x: Tensor, size: int) -> Tensor:
     """(256, blocks) to (size, 256 / size, blocks)."""
     return x.view(-1, size, x.shape[-1]).transpose(0, 1).contiguous()
-
-
-def _whole(codes: Tensor) -> Tensor:
-    """(size, sub-blocks, blocks) to element-major (256, blocks)."""
-    return codes.transpose(0, 1).reshape(256, -1)
 
 
 # Symmetric: q6_k and fp6_k --------------------------------------------------------------------------------
@@ -98,34 +94,40 @@ def _symmetric(
     return product(d, scales), scales, d
 
 
-def _signed_bytes(scales: Tensor) -> Tensor:
-    return scales.to(torch.int8).view(torch.uint8).t()
-
-
 _Q6_FACTORS = tuple(
     1.0 / peak for peak in (*(-32.0 + i for i in range(12)), *(31.0 - i for i in range(11)), -33.0, 32.0)
 )
 
 
-def q6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = (d * scale) * (code - 32), scale a signed byte per 16 elements."""
-    x = _sub_blocks(x, 16)
-    w = None if w is None else _sub_blocks(w, 16)
-    nearest = integers(-32, 31)
-    effective, scales, d = _symmetric(x, w, nearest, _Q6_FACTORS, _float_product)
-    codes = _whole(nearest(x * reciprocal(effective)).add_(32).to(torch.uint8))
-    low, high = six_bit_planes(codes, MEMORY_ORDER)
-    return {"qh": high, "ql": low, "scales": _signed_bytes(scales), "d": half_bytes(d)}
+def _symmetric_rounding(
+    nearest: Nearest,
+    codes: Callable[[Tensor], Tensor],
+    factors: Sequence[float],
+    product: Callable[[Tensor, Tensor], Tensor],
+    order: Sequence[int],
+) -> Rounding:
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        w = None if w is None else _sub_blocks(w, 16)
+        effective, scales, d = _symmetric(_sub_blocks(x, 16), w, nearest, factors, product)
+        return Scales(effective, None, (scales, d))
+
+    def pack(codes: Tensor, scales: Scales) -> Fields:
+        stored, d = scales.stored
+        low, high = six_bit_planes(codes, order)
+        return {"qh": high, "ql": low, "scales": stored.to(torch.int8).view(torch.uint8).t(), "d": half_bytes(d)}
+
+    return Rounding(fit, nearest, codes, pack)
 
 
-def fp6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = half(d * scale) * level, scale a signed byte per 16 elements, levels those of fp6."""
-    x = _sub_blocks(x, 16)
-    w = None if w is None else _sub_blocks(w, 16)
-    book = fp6_book()
-    effective, scales, d = _symmetric(x, w, book.nearest, FP6_FACTORS, _half_product)
-    low, high = six_bit_planes(_whole(book.codes(x * reciprocal(effective))), FLOAT_ORDER)
-    return {"ql": low, "qh": high, "scales": _signed_bytes(scales), "d": half_bytes(d)}
+# Value = (d * scale) * (code - 32), scale a signed byte per 16 elements.
+q6_k = _symmetric_rounding(
+    integers(-32, 31), lambda levels: levels.add_(32).to(torch.uint8), _Q6_FACTORS, _float_product, MEMORY_ORDER
+)
+
+# Value = half(d * scale) * level, scale a signed byte per 16 elements, levels those of fp6.
+fp6_k = _symmetric_rounding(
+    lambda q: fp6_book().nearest(q), lambda levels: fp6_book().codes(levels), FP6_FACTORS, _half_product, FLOAT_ORDER
+)
 
 
 # Affine: q2_k, q4_k and q5_k ------------------------------------------------------------------------------
@@ -133,11 +135,10 @@ def fp6_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
 
 def _affine(
     x: Tensor, w: Tensor | None, top: int, scale_top: int, min_top: int, shares: Sequence[float], rounds: int
-) -> tuple[Tensor, Tensor, Tensor, Tensor, Tensor]:
-    """Codes for values ``(d * scale) * code - dmin * minimum``, x (size, sub-blocks, blocks).
+) -> tuple[Tensor, Tensor, Tensor, Tensor]:
+    """Scales for values ``(d * scale) * code - dmin * minimum``, code 0 to ``top``, x (size, sub-blocks, blocks).
 
-    Returns codes 0 to ``top`` as uint8 (256, blocks), scales and minima (sub-blocks, blocks) as float32 whole
-    numbers from 0, d and dmin (blocks,) as stored.
+    Returns scales and minima (sub-blocks, blocks) as float32 whole numbers from 0, d and dmin (blocks,) as stored.
     """
     s, o = search_affine(x, w, top, tuple((a, b) for a in shares for b in shares))
     # All offsets of a super-block share the sign of -dmin. Negative ones are the rule; where every one is
@@ -190,53 +191,56 @@ def _affine(
         d, dmin = torch.where(better, new_d, d), torch.where(better, new_dmin, dmin)
         scales, minima = torch.where(better, new_scales, scales), torch.where(better, new_minima, minima)
         error = torch.minimum(error, new_error)
-    return _whole(encode(d, dmin, scales, minima).to(torch.uint8)), scales, minima, d, dmin
+    return scales, minima, d, dmin
 
 
 _SHARES_FINE = (0.0, 0.03, 0.06, 0.1)
 _SHARES_COARSE = (0.0, 0.06, 0.12, 0.18, 0.24)
 
 
-def q2_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = (d * scale) * code - dmin * minimum; 16 sub-blocks of 16 with 4-bit scale and minimum."""
-    x = _sub_blocks(x, 16)
-    w = None if w is None else _sub_blocks(w, 16)
-    codes, scales, minima, d, dmin = _affine(x, w, 3, 15, 15, _SHARES_COARSE, rounds=3)
+def _affine_rounding(
+    size: int, top: int, scale_top: int, min_top: int, shares: Sequence[float], rounds: int, pack: Pack
+) -> Rounding:
+    """Value = (d * scale) * code - dmin * minimum, scale and minimum for each ``size`` elements."""
+
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        w = None if w is None else _sub_blocks(w, size)
+        scales, minima, d, dmin = _affine(_sub_blocks(x, size), w, top, scale_top, min_top, shares, rounds)
+        stored = scales.to(torch.uint8), minima.to(torch.uint8), d, dmin
+        return Scales(d * scales, -(dmin * minima), stored)
+
+    return Rounding(fit, integers(0, top), lambda levels: levels.to(torch.uint8), pack)
+
+
+def _two_bits(codes: Tensor, scales: Scales) -> Fields:
+    stored, minima, d, dmin = scales.stored
     quarters = codes.view(2, 4, 32, -1)
     packed = quarters[:, 0] | quarters[:, 1] << 2 | quarters[:, 2] << 4 | quarters[:, 3] << 6
     return {
-        "scales": nibbles(scales.to(torch.uint8), minima.to(torch.uint8)),
+        "scales": nibbles(stored, minima),
         "qs": packed.view(64, -1).t(),
         "d": half_bytes(d),
         "dmin": half_bytes(dmin),
     }
 
 
-def q4_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = (d * scale) * code - dmin * minimum; 8 sub-blocks of 32 with 8-bit scale and minimum."""
-    x = _sub_blocks(x, 32)
-    w = None if w is None else _sub_blocks(w, 32)
-    codes, scales, minima, d, dmin = _affine(x, w, 15, 255, 255, _SHARES_FINE, rounds=1)
+def _four_bits(codes: Tensor, scales: Scales) -> Fields:
+    stored, minima, d, dmin = scales.stored
     halves = codes.view(8, 2, 16, -1)
-    pairs = torch.stack((scales, minima), dim=1).view(16, -1)
     return {
         "qs": nibbles(halves[:, 0], halves[:, 1]),
-        "scales": pairs.to(torch.uint8).t(),
+        "scales": torch.stack((stored, minima), dim=1).view(16, -1).t(),
         "dm": half_bytes(d, dmin),
     }
 
 
-def _six_bit_scales(scales: Tensor, minima: Tensor) -> Tensor:
+def _six_bit_scales(s: Tensor, m: Tensor) -> Tensor:
     """Eight scales and eight minima of 6 bits in 12 bytes; the last four of each are split in two."""
-    s, m = scales.to(torch.uint8), minima.to(torch.uint8)
     return torch.cat((s[:4] | s[4:] >> 4 << 6, m[:4] | m[4:] >> 4 << 6, s[4:] & 15 | (m[4:] & 15) << 4)).t()
 
 
-def q5_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
-    """Value = (d * scale) * code - dmin * minimum; 8 sub-blocks of 32 with 6-bit scale and minimum."""
-    x = _sub_blocks(x, 32)
-    w = None if w is None else _sub_blocks(w, 32)
-    codes, scales, minima, d, dmin = _affine(x, w, 31, 63, 63, _SHARES_FINE, rounds=1)
+def _five_bits(codes: Tensor, scales: Scales) -> Fields:
+    stored, minima, d, dmin = scales.stored
     pairs = (codes & 15).view(4, 2, 32, -1)
     fifth = (codes >> 4).view(8, 32, -1)
     high = fifth[0].clone()
@@ -245,7 +249,12 @@ def q5_k(x: Tensor, w: Tensor | None) -> dict[str, Tensor]:
     return {
         "d": half_bytes(d),
         "dmin": half_bytes(dmin),
-        "scales": _six_bit_scales(scales, minima),
+        "scales": _six_bit_scales(stored, minima),
         "qh": high.t(),
         "qs": nibbles(pairs[:, 0], pairs[:, 1]),
     }
+
+
+q2_k = _affine_rounding(16, 3, 15, 15, _SHARES_COARSE, 3, _two_bits)
+q4_k = _affine_rounding(32, 15, 255, 255, _SHARES_FINE, 1, _four_bits)
+q5_k = _affine_rounding(32, 31, 63, 63, _SHARES_FINE, 1, _five_bits)
