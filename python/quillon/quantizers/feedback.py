@@ -1,0 +1,285 @@
+"""Quantization with error feedback: what rounding a column costs is made good by the columns that are still to come.
+
+For second moments ``H`` of a layer's inputs, the mean squared error of an output is ``e H e^T`` for the errors ``e``
+of its row. Blocks are taken in the order of the activations that meet them. Of each block the scales are chosen first,
+for the weights as feedback has left them, and then its elements are rounded one by one, or eight by eight, each step's
+error being passed on to all columns behind it. A sweep afterwards takes each element again with all others fixed.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from dataclasses import dataclass
+from typing import TYPE_CHECKING
+
+import torch
+from torch import Tensor
+
+from quillon._pieces import for_each_piece
+from quillon.quantizers._rounding import Fields, Rounding, round_blocks
+from quillon.quantizers._search import reciprocal
+from quillon.quantizers.grid import GridRounding
+
+if TYPE_CHECKING:
+    from quillon.quantizers.moments import InputMoments
+
+# Rows do not know of one another; a piece of them keeps the calls few and its columns in the cache.
+_PIECE_ROWS = 768
+# Columns whose errors are collected before they are passed on to all that follow.
+_CHUNK = 32
+
+
+@dataclass(frozen=True)
+class Feedback:
+    """What the second moments of a layer's inputs say of how its columns are taken.
+
+    order    the columns in the order in which they are rounded: whole blocks
+    upper    (columns, columns) in that order: row i over its diagonal element is what an error of column i adds to the
+             columns behind it, with the sign turned
+    moments  (columns, columns) in that order
+    """
+
+    order: Tensor
+    upper: Tensor
+    moments: Tensor
+
+
+def prepare(moments: Tensor, damping: float, mixing: float, elements: int, unit: int) -> Feedback:
+    """Order the columns, and factor the moments.
+
+    moments   (columns, columns) float64, mean products of the inputs
+    damping   this times the mean of the diagonal is added to the diagonal
+    mixing    share of the diagonal that is mixed in: 0 leaves the moments, 1 keeps nothing else
+    elements  of a block; ``unit`` of them are rounded together
+    """
+    diagonal = moments.diagonal()
+    blocks = diagonal.view(-1, elements).sum(1).argsort(descending=True, stable=True)
+    inside = diagonal.view(-1, elements // unit, unit).sum(2).argsort(dim=1, descending=True, stable=True)[blocks]
+    order = (blocks[:, None] * (elements // unit) + inside).view(-1, 1) * unit + torch.arange(unit)
+    order = order.view(-1)
+    mixed = moments[order][:, order] * (1 - mixing)
+    mixed.diagonal().add_(diagonal[order] * mixing + damping * diagonal.mean())
+    # From H = M M^T with M upper triangular, which is the factor of H with rows and columns turned round.
+    factor = torch.linalg.cholesky(mixed.flip(0, 1)).flip(0, 1)
+    upper = torch.linalg.solve_triangular(factor, torch.eye(len(order), dtype=torch.float64), upper=True)
+    return Feedback(order, upper.float(), mixed.float())
+
+
+class _Elements:
+    """A block of some rows whose elements are rounded one by one. The loop over columns makes few and small calls."""
+
+    unit = 1
+
+    def __init__(self, rounding: Rounding, x: Tensor, w: Tensor) -> None:
+        self._rounding = rounding
+        self._scales = rounding.fit(x, w.expand_as(x))
+        self._levels = torch.empty_like(x)
+        self._rows = self._levels.unbind(0)
+        size = len(x) // len(self._scales.step)
+        groups = [place // size for place in range(len(x))]
+        self._steps = [self._scales.step[group] for group in groups]
+        inverse = reciprocal(self._scales.step)
+        self._inverses = [inverse[group] for group in groups]
+        offset = self._scales.offset
+        self._offsets = None if offset is None else [offset[group] for group in groups]
+
+    def round(self, place: int, y: Tensor, values: Tensor) -> None:
+        """Round the column ``y`` (rows,) at ``place`` of the block, and write what it becomes to ``values``."""
+        levels = self._rows[place]
+        if self._offsets is None:
+            torch.mul(y, self._inverses[place], out=levels)
+        else:
+            torch.sub(y, self._offsets[place], out=levels).mul_(self._inverses[place])
+        found = self._rounding.nearest(levels)
+        if found is not levels:
+            levels.copy_(found)
+        torch.mul(levels, self._steps[place], out=values)
+        if self._offsets is not None:
+            values.add_(self._offsets[place])
+
+    def fields(self) -> Fields:
+        """The bytes."""
+        return self._rounding.pack(self._rounding.codes(self._levels).view(torch.uint8), self._scales)
+
+
+class _Vectors:
+    """A block of some rows whose elements are rounded eight at a time."""
+
+    unit = 8
+
+    def __init__(self, rounding: GridRounding, x: Tensor, w: Tensor) -> None:
+        self._rounding, self._w = rounding, w
+        self._scales, self._points, _ = rounding.search(x, w.expand_as(x).contiguous())
+
+    def choose(self, place: int, y: Tensor) -> tuple[Tensor, Tensor]:
+        """Values for the columns ``y`` (8, rows) from ``place`` of the block on, and what is stored of them."""
+        w = self._w[place : place + 8].t().expand(y.shape[1], 8)
+        values, points = self._rounding.choose(y.t(), w, self._scales, place // 32)
+        return values.t(), points
+
+    def keep(self, place: int, points: Tensor, where: Tensor | None = None) -> None:
+        """Store what :meth:`choose` gave, in the rows ``where``."""
+        old = self._points[place // 8]
+        self._points[place // 8] = points if where is None else torch.where(where, points, old)
+
+    def fields(self) -> Fields:
+        """The bytes."""
+        return self._rounding.pack(self._points, self._scales)
+
+
+_Block = _Elements | _Vectors
+
+
+def _block(rounding: Rounding | GridRounding, x: Tensor, w: Tensor) -> _Block:
+    return _Elements(rounding, x, w) if isinstance(rounding, Rounding) else _Vectors(rounding, x, w)
+
+
+def _pass_on(block: _Block, at: list[int], x: Tensor, upper: Tensor, final: Tensor, errors: Tensor) -> None:
+    """Round the columns ``x`` at the places ``at`` of a block, each step's error passed on to those behind it here."""
+    if isinstance(block, _Vectors):
+        for i in range(0, len(x), 8):
+            here, behind = slice(i, i + 8), slice(i + 8, None)
+            values, points = block.choose(at[i], x[here])
+            block.keep(at[i], points)
+            final[here] = values
+            errors[here] = torch.linalg.solve_triangular(upper[here, here].t(), x[here] - values, upper=False)
+            x[behind].addmm_(upper[here, behind].t(), errors[here], alpha=-1)
+        return
+    rows = zip(at, x.unbind(0), upper.unbind(0), final.unbind(0), errors.unbind(0), strict=True)
+    inverses = upper.diagonal().reciprocal().tolist()
+    for i, (place, y, passed, values, error) in enumerate(rows):
+        block.round(place, y, values)
+        torch.sub(y, values, out=error).mul_(inverses[i])
+        x[i + 1 :].addr_(passed[i + 1 :], error, alpha=-1)
+
+
+def _take_again(block: _Block, at: list[int], pull: Tensor, moments: Tensor, final: Tensor, wrong: Tensor) -> None:
+    """Round the columns at the places ``at`` of a block again, each with all others fixed."""
+    if isinstance(block, _Vectors):
+        for i in range(0, len(pull), 8):
+            here = slice(i, i + 8)
+            old, own = final[here], moments[here, here]
+            values, points = block.choose(at[i], old + torch.linalg.solve(own, pull[here]))
+            # The nearest point by each column's own weight need not be the best one of all.
+            step = values - old
+            better = (step * (own @ step - 2 * pull[here])).sum(0) < 0
+            block.keep(at[i], points, better)
+            step = step * better
+            final[here] = torch.where(better, values, old)
+            wrong[here] -= step
+            pull.addmm_(moments[:, here], step, alpha=-1)
+        return
+    rows = zip(at, pull.unbind(0), moments.unbind(0), final.unbind(0), wrong.unbind(0), strict=True)
+    inverses = moments.diagonal().reciprocal().tolist()
+    step = torch.empty_like(final[0])
+    for i, (place, pulled, shared, values, error) in enumerate(rows):
+        best = torch.add(values, pulled, alpha=inverses[i])
+        step.copy_(values)
+        block.round(place, best, values)
+        torch.sub(values, step, out=step)
+        error.sub_(step)
+        pull.addr_(shared, step, alpha=-1)
+
+
+def _piece(
+    x: Tensor, rounding: Rounding | GridRounding, feedback: Feedback, elements: int, sweeps: int
+) -> tuple[list[_Block], Tensor]:
+    """Round ``x`` (columns, rows), in the order of the feedback. Returns the blocks and values, in that order."""
+    order, upper, moments = feedback.order, feedback.upper, feedback.moments
+    columns = len(order)
+    # What an error costs that the columns behind it have made good as far as they can.
+    weights = upper.diagonal().double().pow(-2)
+    weights = (weights / weights.max()).clamp_(min=1e-6).float()
+    wrong = x.clone()
+    errors, final = torch.empty_like(x), torch.empty_like(x)
+    blocks: list[_Block] = []
+    places = (order % elements).tolist()
+    chunks = [(first, first + _CHUNK) for first in range(0, columns, _CHUNK)]
+    for first, last in chunks:
+        if first % elements == 0:
+            natural = order[first : first + elements].argsort()
+            part = slice(first, first + elements)
+            blocks.append(_block(rounding, x[part][natural], weights[part][natural][:, None]))
+        part = slice(first, last)
+        _pass_on(blocks[-1], places[first:last], x[part], upper[part, part], final[part], errors[part])
+        if last < columns:
+            x[last:].addmm_(upper[part, last:].t(), errors[part], alpha=-1)
+    wrong -= final
+    for _ in range(sweeps):
+        for first, last in chunks:
+            part = slice(first, last)
+            block, pull = blocks[first // elements], moments[part] @ wrong
+            _take_again(block, places[first:last], pull, moments[part, part], final[part], wrong[part])
+    return blocks, final
+
+
+def with_feedback(
+    weight: Tensor,
+    rounding: Rounding | GridRounding,
+    elements: int,
+    feedback: Feedback,
+    *,
+    sweeps: int = 1,
+    store: Callable[[int, int, int, Fields], None] | None = None,
+    advance: Callable[[int], None] = lambda _: None,
+) -> Tensor:
+    """Round a weight (rows, columns), and return its values, float32.
+
+    ``store`` is given the number of a row's block, the first and the last of some rows, and the bytes of that block in
+    these rows.
+    """
+    rows = weight.shape[0]
+    result = torch.empty(weight.shape)
+
+    def work(first: int, last: int) -> None:
+        blocks, final = _piece(weight[first:last].float().t()[feedback.order], rounding, feedback, elements, sweeps)
+        back = torch.empty_like(final)
+        back[feedback.order] = final
+        result[first:last] = back.t()
+        if store is not None:
+            for number, block in enumerate(blocks):
+                store(int(feedback.order[number * elements]) // elements, first, last, block.fields())
+
+    for_each_piece(rows, _PIECE_ROWS, work, advance)
+    return result
+
+
+# Damping and mixing that are tried on the held-out part of a text: the less text there is for a column, the more of
+# either is right.
+_SETTINGS = ((0.1, 0.0), (0.1, 0.2), (0.1, 0.4))
+_SAMPLE_ROWS = 96
+
+
+def _by_importance(x: Tensor, rounding: Rounding | GridRounding, importance: Tensor, elements: int) -> Tensor:
+    """The values of the plain quantizer for rows ``x``."""
+    parts = x.view(-1, elements).t().contiguous()
+    w = importance.view(-1, elements).repeat(len(x), 1).t().contiguous()
+    values = round_blocks(rounding, parts, w) if isinstance(rounding, Rounding) else rounding.search(parts, w)[2]
+    return values.t().reshape(x.shape)
+
+
+def chosen_feedback(
+    weight: Tensor, rounding: Rounding | GridRounding, elements: int, moments: InputMoments
+) -> Feedback | None:
+    """The feedback that serves a weight best, by a sample of its rows; None where importance alone serves it better.
+
+    What is fitted to one part of the text is judged by the mean squared error of the outputs on the held-out part.
+    """
+    unit = 1 if isinstance(rounding, Rounding) else 8
+    if min(moments.tokens) == 0:
+        return None
+    rows = torch.arange(0, weight.shape[0], max(1, weight.shape[0] // _SAMPLE_ROWS))
+    sample, fitted, held = weight[rows].float(), moments.mean("fitted"), moments.mean("held")
+    importance = (fitted.diagonal() / fitted.diagonal().max()).clamp(min=1e-6).float()
+
+    def error(values: Tensor) -> float:
+        wrong = (sample - values).double()
+        return float((wrong @ held).mul_(wrong).sum())
+
+    best, lowest = None, error(_by_importance(sample, rounding, importance, elements))
+    for setting in _SETTINGS:
+        feedback = moments.feedback("fitted", *setting, elements, unit)
+        found = error(with_feedback(sample, rounding, elements, feedback, sweeps=0))
+        if found < lowest:
+            best, lowest = setting, found
+    return None if best is None else moments.feedback("all", *best, elements, unit)
