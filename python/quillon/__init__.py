@@ -20,6 +20,7 @@ host_device.start()
 import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
 from quillon import _build_log, _tracing, formats, nn  # noqa: E402
 from quillon._patch_after_import import patch_after_import  # noqa: E402
+from quillon.calibration import Calibration, calibrate  # noqa: E402
 from quillon.expansion import dequantize  # noqa: E402
 from quillon.gguf_import import ImportedTensor, from_gguf  # noqa: E402
 from quillon.joined import join_projections  # noqa: E402
@@ -32,7 +33,9 @@ _build_log.install()
 _tracing.register()
 
 __all__ = [
+    "Calibration",
     "ImportedTensor",
+    "calibrate",
     "dequantize",
     "dequantize_reference",
     "formats",

@@ -10,7 +10,7 @@ import torch
 
 
 @contextmanager
-def _serial_operators() -> Iterator[int]:
+def serial_operators() -> Iterator[int]:
     """Operators of threads started inside run on one core each; gives the number of threads to start."""
     threads = torch.get_num_threads()
     torch.set_num_threads(1)
@@ -31,7 +31,7 @@ def for_each_piece(
     called, in order, for every n items done. The first exception, in order, is raised.
     """
     ranges = [(first, min(first + step, count)) for first in range(0, count, step)]
-    with _serial_operators() as threads:
+    with serial_operators() as threads:
         if len(ranges) == 1 or threads == 1:
             for first, last in ranges:
                 work(first, last)
