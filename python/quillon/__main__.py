@@ -20,6 +20,7 @@ import quillon
 import vesper_linear
 from quillon import host_device
 from quillon._device_table import DEVICE_CLASSES
+from quillon.calibration import calibration_text
 from quillon.nn import chosen_device_class
 
 _DTYPES = ("float32", "float64", "float16", "bfloat16")
@@ -145,15 +146,21 @@ def _quantize(options: argparse.Namespace) -> int:
     from quillon.commands import quantize
 
     if options.tensors:
+        if options.calibrate is not None:
+            raise ValueError("--calibrate runs the model, of which --tensors packs the matrices alone; leave one out")
         fallback = None if options.fallback == _DENSE else options.fallback
         print(quantize_file(options.source, options.format, options.target, fallback, options.device_class))
         return 0
     source, target = Path(options.source), Path(options.target)
     quantize.check_target(source, target)
     config = _configuration(options)
-    print(
-        quantize.quantize_model_files(source, target, config, keep=not options.anew, max_shard_size=options.shard_size)
+    text = None
+    if options.calibrate is not None:
+        text = calibration_text() if options.calibrate == "" else Path(options.calibrate).read_text(encoding="utf-8")
+    said = quantize.quantize_model_files(
+        source, target, config, keep=not options.anew, max_shard_size=options.shard_size, calibrate_on=text
     )
+    print(said)
     return 0
 
 
@@ -256,6 +263,14 @@ def _parser() -> argparse.ArgumentParser:
     add_packing(packing)
     packing.add_argument(
         "--anew", action="store_true", help="quantize also what a format could hold as the file has it"
+    )
+    packing.add_argument(
+        "--calibrate",
+        nargs="?",
+        const="",
+        metavar="TEXT",
+        help="run the model over a text first, a file or else one that comes with this, and let columns make good what "
+        "rounding others costs",
     )
     packing.add_argument("--shard-size", default="5GB", help="largest file (%(default)s)")
     packing.add_argument(

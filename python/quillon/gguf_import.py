@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Mapping
 from dataclasses import dataclass
 from fnmatch import fnmatchcase
 from os import PathLike
@@ -15,7 +15,7 @@ from quillon._modes import plain_modes
 from quillon.formats import weight_format
 from quillon.gguf_blocks import EQUAL_FORMATS, rearrange
 from quillon.nn import chosen_device_class, kernel_row_multiple
-from quillon.quantizers import quantize
+from quillon.quantizers import InputMoments, quantize
 from quillon.quantizers._progress import Progress
 from quillon.reference import dequantize_reference
 
@@ -70,6 +70,21 @@ def open_gguf(path: str | PathLike[str]) -> tuple[Any, Any]:
         ) from problem
 
 
+def _by_tensor(calibration: Mapping[str, InputMoments], reader: Any) -> dict[str, InputMoments]:
+    """The moments by the names of the file's tensors."""
+    import gguf
+
+    architecture = str(reader.fields["general.architecture"].contents())
+    number = next((key for key, name in gguf.MODEL_ARCH_NAMES.items() if name == architecture), None)
+    count = reader.fields.get(f"{architecture}.block_count")
+    names = gguf.get_tensor_name_map(number, int(count.contents())) if number is not None and count else None
+    found = {}
+    for name in calibration:
+        own = None if names is None else names.get_name(name)
+        found[f"{own or name.removesuffix('.weight')}.weight"] = calibration[name]
+    return found
+
+
 @plain_modes()
 def from_gguf(
     path: str | PathLike[str],
@@ -79,6 +94,7 @@ def from_gguf(
     dense: str | Iterable[str] = (),
     fallback: str | int | None = None,
     keep: bool = False,
+    calibration: Mapping[str, InputMoments] | None = None,
     device_class: str | None = None,
     progress: bool | None = None,
 ) -> dict[str, ImportedTensor]:
@@ -95,6 +111,7 @@ def from_gguf(
     fallback      format for matrices whose row length is not a multiple of what the kernels of ``format`` need
                   (:func:`quillon.nn.kernel_row_multiple`); without one such a matrix is an error
     keep          where a format holds a matrix's block type as it is, use that format and not ``format``
+    calibration   what :func:`quillon.calibrate` has found of the model, under its names of layers or the file's
     device_class  the class of the device that the weights will be used on, as ``vesper_linear.get_xpu_device_name``
                   gives; by default that of the current XPU
     progress      as for :func:`quillon.quantize`
@@ -137,6 +154,7 @@ def from_gguf(
         if any(fnmatchcase(tensor.name, pattern) for pattern in wanted)
         for shape in [tuple(int(n) for n in reversed(tensor.shape))]
     ]
+    moments = {} if calibration is None else _by_tensor(calibration, reader)
     bar = Progress(f"repack as {target}", sum(int(tensor.n_elements) for tensor, _, _ in chosen), progress)
     result = {}
     for tensor, shape, name in chosen:
@@ -146,7 +164,8 @@ def from_gguf(
                 data = rearrange(torch.tensor(tensor.data), name, *shape)
             else:
                 values = torch.tensor(decode(tensor.data, tensor.tensor_type), dtype=torch.float32).view(shape)
-                data = values if name is None else quantize(values, name, progress=False)
+                found = moments.get(tensor.name)
+                data = values if name is None else quantize(values, name, moments=found, progress=False)
         except (ValueError, NotImplementedError) as problem:
             raise ValueError(f"{tensor.name} of {path}, type {tensor.tensor_type.name}: {problem}") from problem
         result[tensor.name] = ImportedTensor(name, shape, data, exact=rearranged or name is None)

@@ -108,6 +108,7 @@ def load_gguf(
     given, config = config, QuillonConfig() if config is None else QuillonConfig(**config.to_dict())
     if given is not None:
         config._job.journal, config._job.progress = given._job.journal, given._job.progress
+        config._job.moments = given._job.moments
     state: dict[str, Any]
     if type(processor) in _ONE_BY_ONE:
         names = get_gguf_hf_weights_map(shell, processor)

@@ -6,7 +6,7 @@ import fnmatch
 import functools
 import operator
 import sys
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass, field
 from typing import Any
 
@@ -21,7 +21,7 @@ from quillon._kernels import KERNELS, LAUNCHER_TABLES, MLP_KERNELS
 from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
-from quillon.quantizers import quantize
+from quillon.quantizers import InputMoments, quantize
 from quillon.rwkv import rwkv_attention_v4, rwkv_attention_v5, rwkv_state_v4, rwkv_state_v5, rwkv_time_shift
 
 __all__ = [
@@ -239,22 +239,44 @@ class LowBitLinear(nn.Module):
         self._checked_devices: set[torch.device] = set()
 
     @classmethod
-    def from_linear(cls, linear: nn.Linear, format: str | int, *, importance: Tensor | None = None) -> LowBitLinear:
+    def from_linear(
+        cls,
+        linear: nn.Linear,
+        format: str | int,
+        *,
+        importance: Tensor | None = None,
+        moments: InputMoments | None = None,
+    ) -> LowBitLinear:
         """Pack the weight of a dense layer. The result lies on the device of ``linear``.
 
-        ``importance``: (in_features,), how much each column counts in the quantizer's squared error.
+        importance  (in_features,), how much each column counts in the quantizer's squared error
+        moments     in its place what :func:`quillon.calibrate` found of the layer's inputs
         """
-        layer = cls.from_weight(linear.weight, linear.bias, format, importance=importance)
+        layer = cls.from_weight(linear.weight, linear.bias, format, importance=importance, moments=moments)
         return layer.train(linear.training)
 
     @classmethod
     def from_weight(
-        cls, weight: Tensor, bias: Tensor | None, format: str | int, *, importance: Tensor | None = None
+        cls,
+        weight: Tensor,
+        bias: Tensor | None,
+        format: str | int,
+        *,
+        importance: Tensor | None = None,
+        moments: InputMoments | None = None,
     ) -> LowBitLinear:
         """Pack a weight, (out_features, in_features). The result lies on its device.
 
-        ``importance``: as for :meth:`from_linear`.
+        ``importance`` and ``moments``: as for :meth:`from_linear`.
         """
+        packed = functools.partial(quantize, weight.detach(), importance=importance, moments=moments)
+        return cls._around(packed, weight, bias, format)
+
+    @classmethod
+    def _around(
+        cls, pack: Callable[[str], Tensor], weight: Tensor, bias: Tensor | None, format: str | int
+    ) -> LowBitLinear:
+        """The layer of a dense weight that ``pack`` gives the bytes of, in a format."""
         if weight.dim() != 2:
             raise ValueError(
                 f"weight must have two dimensions (out_features, in_features), got shape {tuple(weight.shape)}"
@@ -263,7 +285,7 @@ class LowBitLinear(nn.Module):
         if bias is not None and bias.shape != (out_features,):
             raise ValueError(f"bias must have shape ({out_features},), got {tuple(bias.shape)}")
         layer = cls(in_features, out_features, format, bias=bias is not None)
-        layer.packed = quantize(weight.detach(), layer.format.name, importance=importance).to(weight.device)
+        layer.packed = pack(layer.format.name).to(weight.device)
         if bias is not None:
             layer.bias = bias.detach().clone()
         return layer
@@ -633,6 +655,9 @@ class QuantizationReport:
     """Name of each replaced layer -> its format."""
     kept: dict[str, str] = field(default_factory=dict)
     """Name of each dense layer that stayed -> why."""
+    uncalibrated: list[str] = field(default_factory=list)
+    """Names of the replaced layers of which a calibration says nothing: the text never reached them, or they are
+    experts kept as parameters of three dimensions. They are packed as without one."""
     fused: list[str] = field(default_factory=list)
     """Names of the MLPs that became a :class:`FusedMLP`."""
     dense_bytes: int = 0
@@ -647,6 +672,7 @@ def quantize_model(
     skip: str | Iterable[str] = (),
     *,
     fallback: str | int | None = None,
+    calibration: Mapping[str, InputMoments] | Iterable[Any] | None = None,
     device_class: str | None = None,
     fuse_mlp: bool = True,
     progress: Callable[[int, int, str], None] | None = None,
@@ -656,6 +682,10 @@ def quantize_model(
     skip          names of layers that stay dense, as in ``model.named_modules()``; shell patterns are allowed
                   (``"lm_head"``, ``"*.mlp.*"``)
     fallback      format of the layers whose row length ``format`` does not cover; None keeps them dense
+    calibration   what :func:`quillon.calibrate` has found, by which errors of columns are made good by others; or the
+                  batches themselves, as for that function, which are then taken through the model block by block, each
+                  layer being packed by what meets it behind those that are packed already. Experts kept as parameters
+                  of three dimensions are packed without
     device_class  the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name`` gives;
                   by default that of the current XPU
     fuse_mlp      whether MLPs with SiLU whose gate and up projections have been packed alike become a
@@ -689,25 +719,32 @@ def quantize_model(
             f"model is a {type(model).__name__} itself, which has no place to be replaced in; "
             "give the module that holds it, or use LowBitLinear.from_linear"
         )
-    for done, (module, names, shapes) in enumerate(candidates):
-        if progress is not None:
-            progress(done, len(candidates), names[0])
+    chosen: dict[nn.Module, Format] = {}
+    for module, names, shapes in candidates:
+        problems = [_problem_of_shapes(one, shapes, device_class) for one in formats]
         if any(fnmatch.fnmatchcase(name, pattern) for name in names for pattern in patterns):
             report.kept |= dict.fromkeys(names, "skipped by name")
-            continue
-        problems = [_problem_of_shapes(one, shapes, device_class) for one in formats]
-        if all(problems):
+        elif all(problems):
             report.kept |= dict.fromkeys(names, str(problems[0]))
-            continue
-        if any(weight.is_meta for weight in _weights(module)):
+        elif any(weight.is_meta for weight in _weights(module)):
             report.kept |= dict.fromkeys(names, "its weight holds no data, being on the meta device")
+        else:
+            chosen[module] = formats[problems.index(None)]
+    by_name = {places[module][0]: (module, used) for module, used in chosen.items()}
+    moments, bytes_of = _calibrated(model, by_name, calibration)
+    for done, (module, names, _) in enumerate(candidates):
+        if progress is not None:
+            progress(done, len(candidates), names[0])
+        if module not in chosen:
             continue
-        used = formats[problems.index(None)]
+        used = chosen[module]
         report.dense_bytes += sum(weight.numel() * weight.element_size() for weight in _weights(module))
         try:
-            layer = _pack(module, used)
+            layer = _pack(module, used, moments.get(names[0]), bytes_of.get(names[0]))
         except (TypeError, ValueError) as problem:
             raise type(problem)(f"{names[0]}: {problem}") from problem
+        if calibration is not None and names[0] not in bytes_of and not _is_calibrated(moments, names[0]):
+            report.uncalibrated += names
         report.packed_bytes += sum(
             buffer.numel() for name, buffer in layer.named_buffers() if name.startswith("packed")
         )
@@ -718,6 +755,37 @@ def quantize_model(
     if fuse_mlp:
         report.fused = fuse_mlps(model, device_class)
     return report
+
+
+def _calibrated(
+    model: nn.Module, chosen: Mapping[str, tuple[nn.Module, Format]], calibration: Any
+) -> tuple[Mapping[str, InputMoments], dict[str, Tensor]]:
+    """The moments of layers that are still to be packed by them, and the bytes of those that are packed already."""
+    if calibration is None:
+        return {}, {}
+    if isinstance(calibration, Mapping):
+        return calibration, {}
+    from quillon.calibration import pack_in_step
+
+    layers = {name: module for name, (module, _) in chosen.items() if len(_packed_shapes(module) or ()) == 1}
+    formats = {name: chosen[name][1].name for name in layers}
+    bytes_of: dict[str, Tensor] = {}
+    useless: set[str] = set()
+
+    def look(groups: Mapping[str, str], found: Mapping[str, InputMoments]) -> None:
+        useless.update(name for name, group in groups.items() if not found[group].usable())
+
+    def keep(name: str, _: str, packed: Tensor) -> None:
+        if name not in useless:
+            bytes_of[name] = packed
+
+    pack_in_step(model, calibration, layers, formats, look=look, keep=keep)
+    return {}, bytes_of
+
+
+def _is_calibrated(moments: Mapping[str, InputMoments], name: str) -> bool:
+    found = moments.get(name)
+    return found is not None and found.usable()
 
 
 def _is_conv1d(module: nn.Module) -> bool:
@@ -753,13 +821,19 @@ def _problem_of_shapes(format: Format, shapes: Iterable[tuple[int, int]], device
     return None
 
 
-def _pack(module: Any, format: Format) -> nn.Module:
-    """The packed module in place of one that :func:`_packed_shapes` has shapes of."""
-    if type(module) is nn.Linear:
-        return LowBitLinear.from_linear(module, format.name)
-    if _is_conv1d(module):
-        return LowBitLinear.from_weight(module.weight.T, module.bias, format.name).train(module.training)
-    return LowBitExperts.from_experts(module, format.name)
+def _pack(module: Any, format: Format, moments: InputMoments | None = None, packed: Tensor | None = None) -> nn.Module:
+    """The packed module in place of one that :func:`_packed_shapes` has shapes of.
+
+    By the moments of its inputs; ``packed``, where given, is what the matrix of a linear layer is packed to already.
+    """
+    if type(module) is not nn.Linear and not _is_conv1d(module):
+        return LowBitExperts.from_experts(module, format.name)
+    weight = module.weight.detach() if type(module) is nn.Linear else module.weight.detach().T
+
+    def pack(name: str) -> Tensor:
+        return quantize(weight, name, moments=moments) if packed is None else packed
+
+    return LowBitLinear._around(pack, weight, module.bias, format.name).train(module.training)
 
 
 def _holds_a_matrix(module: nn.Module) -> bool:

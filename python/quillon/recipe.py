@@ -13,6 +13,7 @@ import vesper_linear
 from quillon import nn as layers
 from quillon.embedding import EMBEDDING_FORMATS, LowBitEmbedding
 from quillon.formats import Format, format_name, weight_format
+from quillon.quantizers import InputMoments
 
 __all__ = ["Plan", "Recipe"]
 
@@ -40,11 +41,11 @@ def _problem(module: nn.Module, format: Format, device_class: str) -> str | None
     return None
 
 
-def pack(module: nn.Module, format: str) -> nn.Module:
-    """The packed module in place of a dense one."""
+def pack(module: nn.Module, format: str, moments: InputMoments | None = None) -> nn.Module:
+    """The packed module in place of a dense one; ``moments`` are those of a linear layer's inputs."""
     if isinstance(module, nn.Embedding):
         return LowBitEmbedding.from_embedding(module, format)
-    return layers._pack(module, weight_format(format))
+    return layers._pack(module, weight_format(format), moments)
 
 
 @dataclass(frozen=True)

@@ -7,6 +7,7 @@ model. A folder that ``save_pretrained`` wrote from a packed model loads packed,
 from __future__ import annotations
 
 import copy
+import os
 from collections.abc import Callable, Iterable, Mapping
 from typing import Any
 
@@ -20,10 +21,12 @@ from transformers.utils.quantization_config import QuantizationConfigMixin
 from quillon import host_device
 from quillon import nn as layers
 from quillon._modes import plain_modes
+from quillon.calibration import Calibration
 from quillon.embedding import LowBitEmbedding
 from quillon.formats import weight_bytes, weight_format
 from quillon.joined import join_projections
 from quillon.nn import LowBitExperts, LowBitLinear
+from quillon.quantizers import InputMoments
 from quillon.recipe import Recipe, pack
 
 __all__ = ["METHOD", "QuillonConfig", "QuillonQuantizer"]
@@ -36,12 +39,14 @@ class Job:
     """What accompanies one loading of a model, and is no part of its configuration.
 
     sources   parameter name -> a format, and what gives the weight packed in it
+    moments   layer name -> second moments of its inputs
     journal   keeps packed layers on disk (:class:`quillon.commands.quantize.Journal`), or None
     progress  is told how many weights are packed (:class:`quillon.commands.quantize.Bar`), or None
     """
 
     def __init__(self) -> None:
         self.sources: dict[str, tuple[str, Callable[[], Tensor]]] = {}
+        self.moments: Mapping[str, InputMoments] = {}
         self.journal: Any = None
         self.progress: Any = None
 
@@ -65,6 +70,8 @@ class QuillonConfig(QuantizationConfigMixin):
     fuse_mlp          whether :func:`quillon.nn.fuse_mlps` follows each loading: a token of generation takes gate, up
                       and activation in one launch
     join_projections  whether :func:`quillon.join_projections` follows each loading, for models that are not compiled
+    calibration       what :func:`quillon.calibrate` has found of this model, or the folder that it was written to: by
+                      it errors of columns are made good by others. It is not saved with the model
 
     A loaded model's ``config.quantization_config`` also says what became of each layer:
 
@@ -85,6 +92,7 @@ class QuillonConfig(QuantizationConfigMixin):
         device_class: str | None = None,
         fuse_mlp: bool = False,
         join_projections: bool = False,
+        calibration: Mapping[str, InputMoments] | str | os.PathLike[str] | None = None,
         packed: Mapping[str, str] | None = None,
         replaced: Mapping[str, str] | None = None,
         dense: Mapping[str, str] | None = None,
@@ -110,6 +118,9 @@ class QuillonConfig(QuantizationConfigMixin):
         self.dense = dict(dense or {})
         self.exact = list(exact)
         self._job = Job()
+        if isinstance(calibration, str | os.PathLike):
+            calibration = Calibration.load(calibration)
+        self._job.moments = calibration or {}
         self.rules()
 
     def rules(self) -> Recipe:
@@ -364,14 +375,15 @@ class QuillonQuantizer(HfQuantizer):
                 self._problem = problem  # raised here, it would end in a report among the traces of other things
 
     def _finish(self, model: Any, target: _Target) -> None:
-        journal = self.quantization_config._job.journal
+        config = self.quantization_config
+        journal = config._job.journal
         saved = None if journal is None else journal.find(target.name, target.format)
         if saved is not None:
             self._place_packed(model, target, saved, target.device)
             return
         with plain_modes():
             try:
-                layer = pack(target.module, target.format)
+                layer = pack(target.module, target.format, config._job.moments.get(target.name))
                 if journal is not None:
                     journal.store(target.name, target.format, _bytes_of(layer))
                 layer = layer.to(target.device)

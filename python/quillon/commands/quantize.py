@@ -32,10 +32,13 @@ class Journal:
     def __init__(self, folder: Path, job: dict[str, Any]) -> None:
         """Go on with the work in ``folder`` if it is the same job, else begin anew."""
         self.folder, self.reused = folder, 0
+        self.begun = False
+        """Whether it is a new job."""
         described = json.dumps(job, sort_keys=True)
         with contextlib.suppress(OSError):
             if (folder / _JOB).read_text() == described:
                 return
+        self.begun = True
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir(parents=True)
         (folder / _JOB).write_text(described)
@@ -100,9 +103,18 @@ def check_target(source: Path, target: Path) -> Path:
 
 
 def quantize_model_files(
-    source: Path, target: Path, config: Any, *, keep: bool = True, max_shard_size: str = "5GB"
+    source: Path,
+    target: Path,
+    config: Any,
+    *,
+    keep: bool = True,
+    max_shard_size: str = "5GB",
+    calibrate_on: str | None = None,
 ) -> str:
-    """Pack a model and write it; return a sentence about the result. ``config`` is a ``QuillonConfig``."""
+    """Pack a model and write it; return a sentence about the result.
+
+    ``config`` is a ``QuillonConfig``, and ``calibrate_on`` a text by which layers are packed.
+    """
     part = check_target(source, target)
     from quillon.gguf_model import load_gguf
     from quillon.transformers import QuillonConfig
@@ -110,9 +122,14 @@ def quantize_model_files(
     transformers = _transformers()
     transformers.utils.logging.disable_progress_bar()
     job = {"source": str(source.resolve()), "files": _fingerprint(source), "config": config.to_dict(), "keep": keep}
+    if calibrate_on is not None:
+        job["text"] = hashlib.sha256(calibrate_on.encode()).hexdigest()
     with _readable_failures(part):
         journal = Journal(part / "layers", job)
-        config = QuillonConfig(**config.to_dict())
+        if journal.begun and calibrate_on is not None:
+            shutil.rmtree(part / "statistics", ignore_errors=True)
+        found = None if calibrate_on is None else _calibrated(source, config, calibrate_on, part / "statistics")
+        config = QuillonConfig(**config.to_dict(), calibration=found)
         bar = Bar()
         config._job.journal, config._job.progress = journal, bar
         if source.is_dir():
@@ -139,6 +156,32 @@ def quantize_model_files(
         again = len(said.packed) - len(said.exact)
         exact = f", {len(said.exact)} with the very values of the file and {again} quantized again"
     return f"{len(said.packed)} layers packed{before}{exact}, {len(said.dense)} dense, {size / 1e6:.1f} MB in {target}"
+
+
+def _calibrated(source: Path, config: Any, text: str, folder: Path) -> Path:
+    """Statistics of a model's layers on a text, behind layers packed as ``config`` says; made once."""
+    from quillon.calibration import calibrate, windows
+
+    if (folder / "calibration.json").exists():
+        return folder
+    shutil.rmtree(folder, ignore_errors=True)
+    tokens = _tokenizer_of(source)(text, return_tensors="pt").input_ids
+    if tokens.shape[1] < _LEAST_TOKENS:
+        raise ValueError(f"the text to calibrate on has {tokens.shape[1]} tokens, too few: {_LEAST_TOKENS} at least")
+    where: dict[str, Any] = {"pretrained_model_name_or_path": source}
+    if source.is_file():
+        where = {"pretrained_model_name_or_path": source.parent, "gguf_file": source.name}
+    model = _transformers().AutoModelForCausalLM.from_pretrained(**where, dtype=torch.float32, device_map="cpu")
+    plan = config.rules().plan(model, config.device_class)
+    part = folder.with_suffix(".part")
+    shutil.rmtree(part, ignore_errors=True)
+    calibrate(model, windows(tokens), layers=list(plan.packed), behind=plan.packed, folder=part)
+    os.replace(part, folder)
+    return folder
+
+
+# Fewer say nothing of a layer's columns.
+_LEAST_TOKENS = 256
 
 
 def _tokenizer_of(source: Path) -> Any:
