@@ -54,6 +54,11 @@ class Format:
         return sum(size for _, size in self.fields)
 
     @property
+    def arrays(self) -> tuple[int, ...]:
+        """Bytes of a block in each array of a weight, which follow one another: one of records, or the regions."""
+        return (self.bytes,) if self.storage == "records" else tuple(size for _, size in self.fields)
+
+    @property
     def bits_per_weight(self) -> float:
         """Stored bits per element, scales included."""
         return 8 * self.bytes / self.elements
