@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from typing import TYPE_CHECKING
+
 import torch
 from torch import Tensor, nn
 
@@ -9,6 +11,9 @@ from quillon._kernels import EXPANSIONS
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import quantize
+
+if TYPE_CHECKING:
+    from quillon.parallel import Split
 
 __all__ = ["EMBEDDING_FORMATS", "LowBitEmbedding"]
 
@@ -30,6 +35,8 @@ class LowBitEmbedding(nn.Module):
 
     packed: Tensor
     like: Tensor
+    split: Split | None = None
+    """Which of the rows this process has, if several share the table (:mod:`quillon.parallel`)."""
 
     def __init__(self, num_embeddings: int, embedding_dim: int, format: str | int) -> None:
         """Make a table of zero bytes.
@@ -74,12 +81,18 @@ class LowBitEmbedding(nn.Module):
             raise ValueError(
                 f"input is on {input.device} and the layer on {self.packed.device}; both must be on one device"
             )
-        index = input.reshape(1, -1).to(torch.int64).contiguous()
-        rows = torch.ops.quillon.dequantize_rows(
-            index, self.packed, self.format.code, self.embedding_dim, self.num_embeddings
-        )
+        index, split = input.reshape(1, -1).to(torch.int64).contiguous(), self.split
+        count, elsewhere = self.num_embeddings, None
+        if split is not None:
+            count = len(split.share)
+            local = index - split.share.start
+            elsewhere = ((local < 0) | (local >= count)) & (index >= 0) & (index < split.size)
+            index = torch.where(elsewhere, 0, local)
+        rows = torch.ops.quillon.dequantize_rows(index, self.packed, self.format.code, self.embedding_dim, count)
         output: Tensor = rows.view(*input.shape, self.embedding_dim).to(self.like.dtype)
-        return output
+        if split is None or elsewhere is None:
+            return output
+        return split.sum(output.masked_fill(elsewhere.view(*input.shape, 1), 0))
 
     def dequantize(self, dtype: torch.dtype = torch.float32) -> Tensor:
         """Return the table that the layer stands for, (num_embeddings, embedding_dim), on the layer's device."""
@@ -87,7 +100,8 @@ class LowBitEmbedding(nn.Module):
 
     def extra_repr(self) -> str:
         """Return the shape and format for ``repr``."""
-        return f"{self.num_embeddings}, {self.embedding_dim}, format={self.format.name}"
+        text = f"{self.num_embeddings}, {self.embedding_dim}, format={self.format.name}"
+        return text if self.split is None else f"{text}, {self.split}"
 
 
 def _row_format(format: str | int) -> Format:

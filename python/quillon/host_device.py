@@ -123,6 +123,7 @@ def _connect(native: ModuleType) -> None:
     _connect_processes(native)
     _compile.connect(native)
     patch_after_import("accelerate.utils.modeling", _count_memory_once)
+    patch_after_import("transformers.distributed.utils", _name_the_way_between_processes)
     atexit.register(native.shut_down)
     _native = native
 
@@ -304,6 +305,11 @@ def _count_memory_once(modeling: Any) -> None:
         for name in ("get_max_memory", "accelerate_max_memory"):
             if getattr(module, "__dict__", {}).get(name) is stock:
                 setattr(module, name, get_max_memory)
+
+
+def _name_the_way_between_processes(utils: Any) -> None:
+    """Have transformers start processes with the backend that PyTorch itself takes for the device."""
+    utils.DISTRIBUTED_BACKEND_MAP["xpu"] = torch.distributed.get_default_backend_for_device("xpu")
 
 
 def _attention_of_any_device(query: torch.Tensor, *args: Any, **kwargs: Any) -> torch.Tensor:

@@ -17,7 +17,7 @@ import torch
 from torch import Tensor, nn
 
 from quillon.formats import MAX_ELEMENTS, Format, field_offsets
-from quillon.nn import FusedMLP, LowBitLinear, _has_hooks, apply_packed
+from quillon.nn import FusedMLP, LowBitLinear, _gives_its_rows, _has_hooks, apply_packed
 
 __all__ = ["JoinedLinear", "join_projections"]
 
@@ -92,6 +92,7 @@ class JoinedLinear(LowBitLinear):
         self.format = layer.format
         self.in_features = layer.in_features
         self.out_features = layer.out_features
+        self.split = layer.split
         self.register_buffer("bias", layer.bias)
         self._checked_devices = set()
         self._shared = shared
@@ -201,6 +202,8 @@ def _joinable(parent: nn.Module, siblings: Sequence[str]) -> list[LowBitLinear]:
     if any(name in inspect.signature(parent.forward).parameters for name in _SECOND_INPUTS):
         return []
     if len({(layer.format, layer.in_features, layer.packed.device) for layer in layers}) > 1:
+        return []
+    if not all(_gives_its_rows(layer) for layer in layers):
         return []
     elements = sum(layer.in_features * layer.out_features for layer in layers)
     return layers if elements <= MAX_ELEMENTS else []

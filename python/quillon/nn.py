@@ -8,7 +8,7 @@ import operator
 import sys
 from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass, field
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import torch
 from torch import Tensor, nn
@@ -23,6 +23,9 @@ from quillon.expansion import dequantize_where_it_is
 from quillon.formats import Format, weight_bytes, weight_format
 from quillon.quantizers import InputMoments, quantize
 from quillon.rwkv import rwkv_attention_v4, rwkv_attention_v5, rwkv_state_v4, rwkv_state_v5, rwkv_time_shift
+
+if TYPE_CHECKING:
+    from quillon.parallel import Split
 
 __all__ = [
     "FusedMLP",
@@ -217,6 +220,8 @@ class LowBitLinear(nn.Module):
 
     packed: Tensor
     bias: Tensor | None
+    split: Split | None = None
+    """Which part of the layer this process has, if several share it (:mod:`quillon.parallel`). Sizes are the part's."""
 
     def __init__(self, in_features: int, out_features: int, format: str | int, bias: bool = True) -> None:
         """Make a layer of zero bytes.
@@ -292,6 +297,9 @@ class LowBitLinear(nn.Module):
 
     def forward(self, input: Tensor) -> Tensor:
         """Apply the layer to ``input``, (..., in_features); gives (..., out_features)."""
+        split = self.split
+        if split is not None:
+            input = split.enter(input)
         if input.dim() == 0 or input.shape[-1] != self.in_features:
             raise ValueError(
                 f"input must have {self.in_features} columns (in_features), got shape {tuple(input.shape)}"
@@ -304,8 +312,12 @@ class LowBitLinear(nn.Module):
         except RuntimeError:
             self._check_packed(input.device)
             raise
+        if split is not None and split.dim == "columns":
+            output = split.sum(output)
         if self.bias is not None:
             output += self.bias
+        if split is not None and split.dim == "rows" and split.output == "whole":
+            output = split.gather(output)
         return output
 
     def _product(self, input: Tensor) -> Tensor:
@@ -330,7 +342,7 @@ class LowBitLinear(nn.Module):
         """Return the shape and format for ``repr``."""
         return (
             f"in_features={self.in_features}, out_features={self.out_features}, format={self.format.name}, "
-            f"bias={self.bias is not None}"
+            f"bias={self.bias is not None}" + (f", {self.split}" if self.split is not None else "")
         )
 
 
@@ -345,6 +357,8 @@ class LowBitExperts(nn.Module):
 
     packed_up: Tensor
     packed_down: Tensor
+    split: Split | None = None
+    """As of a :class:`LowBitLinear`; each process has a part of every expert."""
 
     def __init__(
         self, shell: nn.Module, packed_up: Tensor, packed_down: Tensor, layout: _ExpertLayout, format: Format
@@ -386,8 +400,10 @@ class LowBitExperts(nn.Module):
         hidden_states (tokens, columns); top_k_index (tokens, slots), numbers of experts, where the number of experts
         itself stands for none; top_k_weights (tokens, slots). Returns (tokens, columns).
         """
-        layout, device = self.layout, hidden_states.device
+        layout, device, split = self.layout, hidden_states.device, self.split
         shell: Any = self.shell
+        if split is not None:
+            hidden_states, top_k_weights = split.enter_whole(hidden_states), split.enter_whole(top_k_weights)
         if hidden_states.dim() != 2 or hidden_states.shape[1] != layout.columns:
             raise ValueError(
                 f"hidden_states must have shape (tokens, {layout.columns}), got {tuple(hidden_states.shape)}"
@@ -414,16 +430,17 @@ class LowBitExperts(nn.Module):
                 up = up + getattr(shell, layout.up + "_bias")[expert].to(up.dtype)
             inner = shell._apply_gate(up) if layout.gated else shell.act_fn(up)
             output = apply_packed(inner, self.packed_down[expert], self.format, layout.columns)
-            if layout.biased:
+            if layout.biased and (split is None or split.is_first):
                 output = output + shell.down_proj_bias[expert].to(output.dtype)
             output = output * top_k_weights[token, slot, None]
             result.index_add_(0, token, output.to(result.dtype))
-        return result
+        return result if split is None else split.sum(result)
 
     def extra_repr(self) -> str:
         """Return the shape and format for ``repr``."""
         layout = self.layout
-        return f"experts={layout.experts}, columns={layout.columns}, inner={layout.inner}, format={self.format.name}"
+        text = f"experts={layout.experts}, columns={layout.columns}, inner={layout.inner}, format={self.format.name}"
+        return text if self.split is None else f"{text}, {self.split}"
 
 
 @dataclass(frozen=True)
@@ -494,6 +511,11 @@ def _has_hooks(module: nn.Module) -> bool:
     )
 
 
+def _gives_its_rows(layer: LowBitLinear) -> bool:
+    """Whether the output of a layer is the product of its weight and the input, and no more is to be done."""
+    return layer.split is None or (layer.split.dim == "rows" and layer.split.output == "split")
+
+
 def _operator_for_mlp(input: Tensor) -> Callable[[Tensor, Tensor, Tensor, int, int, int, int, int], Tensor]:
     if _operator_for(input) is vesper_linear.forward_new:
         return vesper_linear.mlp_forward_xpu
@@ -549,6 +571,8 @@ class FusedMLP(nn.Module):
             and _mlp_is_served(gate.format.name, input.device, gate.out_features)
             and gate.bias is None
             and up.bias is None
+            and _gives_its_rows(gate)
+            and _gives_its_rows(up)
             and type(self.act_fn) is self._silu
             and not (_has_hooks(gate) or _has_hooks(up) or _has_hooks(self.act_fn))
             and not self._is_differentiated(input)
@@ -615,6 +639,8 @@ def _is_fusible(module: Any, device_class: str) -> bool:
         (gate.format, gate.in_features, gate.out_features) == (up.format, up.in_features, up.out_features)
         and gate.bias is None
         and up.bias is None
+        and _gives_its_rows(gate)
+        and _gives_its_rows(up)
         and not (_has_hooks(gate) or _has_hooks(up))
         and _mlp_fits(gate.format.name, device_class, gate.out_features)
         and isinstance(children.get("act_fn"), nn.Module)

@@ -16,7 +16,7 @@ from torch import Tensor
 
 from quillon.formats import check_shape
 
-__all__ = ["Strip", "cut", "cut_columns", "cut_rows", "join_columns", "read_strips", "strips_of"]
+__all__ = ["Strip", "cut", "cut_columns", "cut_rows", "paste", "read_strips", "strips_of"]
 
 
 @dataclass(frozen=True)
@@ -79,16 +79,13 @@ def cut_columns(packed: Tensor, format: str | int, rows: int, cols: int, part: r
     return cut(packed, strips_of(format, rows, cols, [range(rows)], part))
 
 
-def join_columns(parts: Sequence[Tensor], format: str | int, rows: int, columns: Sequence[int]) -> Tensor:
-    """The packed weight that :func:`cut_columns` would cut to ``parts``, of so many ``columns`` each."""
-    fmt = check_shape(format, rows, sum(columns))
-    blocks = [count // fmt.elements for count in columns]
-    arrays = [
-        torch.split(part, [rows * one * size for size in fmt.arrays]) for part, one in zip(parts, blocks, strict=True)
-    ]
-    return torch.cat(
-        [torch.cat([one.view(rows, -1) for one in array], 1).view(-1) for array in zip(*arrays, strict=True)]
-    )
+def paste(packed: Tensor, strips: Sequence[Strip], part: Tensor) -> None:
+    """Write the bytes of a part to where :func:`cut` has them from."""
+    first, done = packed.storage_offset(), 0
+    for one in strips:
+        place = packed.as_strided((one.count, one.length), (one.step, 1), first + one.start)
+        place.copy_(part.narrow(0, done, one.bytes).view(one.count, one.length))
+        done += one.bytes
 
 
 def read_strips(file: int, offset: int, strips: Sequence[Strip]) -> Tensor:

@@ -7,13 +7,19 @@ model. A folder that ``save_pretrained`` wrote from a packed model loads packed,
 from __future__ import annotations
 
 import copy
+import functools
+import json
 import os
+import re
+import struct
 from collections.abc import Callable, Iterable, Mapping
+from pathlib import Path
 from typing import Any
 
 import torch
 from torch import Tensor, nn
-from transformers.core_model_loading import ConversionOps
+from transformers.core_model_loading import ConversionOps, WeightConverter, WeightRenaming, rename_source_key
+from transformers.distributed import tensor_parallel
 from transformers.quantizers.auto import register_quantization_config, register_quantizer
 from transformers.quantizers.base import HfQuantizer
 from transformers.utils.quantization_config import QuantizationConfigMixin
@@ -26,6 +32,7 @@ from quillon.embedding import LowBitEmbedding
 from quillon.formats import weight_bytes, weight_format
 from quillon.joined import join_projections
 from quillon.nn import LowBitExperts, LowBitLinear
+from quillon.parallel import fill, parallel_plan, pieces, read_part, set_persistent, split_layers, whole_state
 from quillon.quantizers import InputMoments
 from quillon.recipe import Recipe, pack
 
@@ -233,6 +240,93 @@ def _empty_like(module: Any, format: str) -> nn.Module:
         return LowBitExperts(module, up, down, layout, weight_format(format))
 
 
+# ---- several processes -----------------------------------------------------------------------------------------------
+
+
+def _split_packed_layers() -> None:
+    """Have the styles of transformers' plans split packed layers as :mod:`quillon.parallel` does."""
+
+    def with_packed(stock: Callable[[Any, Any], Any]) -> Callable[[Any, Any], Any]:
+        @functools.wraps(stock)
+        def install_forward(module: Any, mesh: Any) -> Any:
+            if not hasattr(module, "parallel_style"):
+                return stock(module, mesh)
+            name, style = module.parallel_style
+            del module.parallel_style
+            try:
+                style._apply(module, mesh)
+            except ValueError as problem:
+                raise ValueError(f"{name}: {problem}") from problem
+            # Not for the loader, which would read all of them: _read_parts reads the parts.
+            set_persistent(module, False)
+            return module
+
+        return install_forward
+
+    styles: Any = tensor_parallel.ALL_PARALLEL_STYLES  # type: ignore[attr-defined]
+    for style in styles.values():
+        style.install_forward = with_packed(style.install_forward)
+
+
+_split_packed_layers()
+
+
+def _prepare_to_split(model: Any, override: Any) -> None:
+    """Note at each packed layer how it is to be split by the plan of the model."""
+    plan = {**model.tp_plan, **(override if isinstance(override, dict) else {})}
+    styles = parallel_plan(model, plan)
+    for name, style in styles.items():
+        model.get_submodule(name).parallel_style = (name, style)
+        if isinstance(model.get_submodule(name), LowBitExperts):  # whose dense weights have rules of their own
+            rule = re.sub(r"\.\d+(?=\.)", ".*", name)
+            model.tp_plan = {key: value for key, value in model.tp_plan.items() if not key.startswith(f"{rule}.")}
+    ignored = {rf"(^|\.){re.escape(name)}\." for name in styles}
+    model._keys_to_ignore_on_load_unexpected = ignored | set(model._keys_to_ignore_on_load_unexpected or ())
+
+
+def _places_in(file: Path) -> dict[str, tuple[int, list[int]]]:
+    """Where in a file of safetensors each tensor lies, and its shape."""
+    with file.open("rb") as opened:
+        (length,) = struct.unpack("<Q", opened.read(8))
+        header = json.loads(opened.read(length))
+    header.pop("__metadata__", None)
+    return {name: (8 + length + entry["data_offsets"][0], entry["shape"]) for name, entry in header.items()}
+
+
+def _read_parts(model: Any, files: Iterable[Path]) -> None:
+    """Fill the split layers of a model, of each no more than this process has."""
+    from safetensors import safe_open
+    from transformers.conversion_mapping import get_model_conversion_mapping
+
+    conversions = get_model_conversion_mapping(model, None, None)
+    renamings = [one for one in conversions if isinstance(one, WeightRenaming)]
+    converters = [one for one in conversions if isinstance(one, WeightConverter)]
+    waiting = {
+        f"{name}.{leaf}": (layer, leaf, piece)
+        for name, layer in split_layers(model)
+        for leaf, piece in pieces(layer, layer.split).items()
+    }
+    state = model.state_dict() | dict.fromkeys(waiting)
+    for path in files:
+        if path.suffix != ".safetensors":
+            raise ValueError(f"{path.name} is no file of safetensors, of which alone a part can be read")
+        with path.open("rb") as file, safe_open(path, "pt") as tensors:
+            for key, (offset, shape) in _places_in(path).items():
+                name, _ = rename_source_key(key, renamings, converters, model.base_model_prefix, state)
+                layer, leaf, piece = waiting.pop(name, (None, "", None))
+                if layer is None or piece is None:
+                    continue
+                if tuple(shape) != piece.whole:
+                    raise ValueError(f"{key} must have shape {piece.whole}, got {tuple(shape)}")
+                value = read_part(file.fileno(), offset, tensors.get_slice(key), piece)
+                fill(layer, leaf, value)
+    if waiting:
+        raise ValueError(f"the files have no {', '.join(list(waiting)[:3])}")
+    for _, layer in split_layers(model):
+        set_persistent(layer, True)
+        _mark_as_loaded(layer)
+
+
 def _configs_of(model: Any) -> list[Any]:
     return list({id(one): one for one in (model.config, model.config.get_text_config(decoder=True))}.values())
 
@@ -260,6 +354,7 @@ class QuillonQuantizer(HfQuantizer):
         self._targets: dict[str, _Target] = {}
         self._of_parameter: dict[str, _Target] = {}
         self._problem: Exception | None = None
+        self._files: list[Path] = []
 
     def validate_environment(self, *_: Any, device_map: Any = None, **__: Any) -> None:
         """Raise ``ValueError`` for a placement in which packed layers cannot run."""
@@ -292,11 +387,21 @@ class QuillonQuantizer(HfQuantizer):
 
     # ---- before the weights are loaded -------------------------------------------------------------------------------
 
-    def _process_model_before_weight_loading(self, model: Any, device_map: Any = None, **_: Any) -> Any:
+    def _process_model_before_weight_loading(
+        self, model: Any, device_map: Any = None, checkpoint_files: Iterable[str] | None = None, **_: Any
+    ) -> Any:
+        distributed = getattr(model.config, "distributed_config", None)
         if self.pre_quantized:
             for name, format in self._names_in(model, self.quantization_config.packed).items():
                 _put(model, name, _empty_like(model.get_submodule(name), format))
+            if distributed is not None and distributed.tp_size > 1:
+                self._files = [Path(file) for file in checkpoint_files or ()]
+                _prepare_to_split(model, distributed.tp_plan)
             return model
+        if distributed is not None and distributed.tp_size > 1:
+            raise ValueError(
+                "a model is packed by one process: pack it and save it first, then load the packed folder with tp_plan"
+            )
         config = self.quantization_config
         rules = config.rules()
         device_class = config.device_class or rules.device_class(_xpus_of(device_map))
@@ -424,6 +529,8 @@ class QuillonQuantizer(HfQuantizer):
     def _process_model_after_weight_loading(self, model: Any, **_: Any) -> Any:
         if not self.pre_quantized:
             self._pack_the_rest(model)
+        elif self._files:
+            _read_parts(model, self._files)
         config = self.quantization_config
         if config.fuse_mlp:
             layers.fuse_mlps(model, config.device_class or config.rules().device_class(_xpus_of({"": model.device})))
@@ -453,6 +560,10 @@ class QuillonQuantizer(HfQuantizer):
                 target.take(leaf, parameter)
             self._finish(model, target)
         self.quantization_config._job = Job()
+
+    def get_state_dict_and_metadata(self, model: Any) -> tuple[dict[str, Tensor] | None, dict[str, str]]:
+        """Join the parts of layers that are split among processes."""
+        return (whole_state(model) if any(split_layers(model)) else None), {}
 
     def _dequantize(self, model: Any, dtype: torch.dtype | None = None) -> Any:
         """Put dense layers in the place of the packed ones."""
