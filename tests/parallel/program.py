@@ -20,12 +20,13 @@ import torch
 import torch.distributed as dist
 from torch import Tensor, nn
 from torch.distributed.device_mesh import DeviceMesh, init_device_mesh
+from torch.distributed.pipelining import ScheduleGPipe
 from torch.distributed.tensor import DTensor, Replicate, Shard, distribute_tensor
 from torch.distributed.tensor.parallel import parallelize_module
 from transformers import AutoModelForCausalLM
 
 import quillon
-from quillon import parallel, peers
+from quillon import parallel, peers, pipeline
 from quillon.nn import LowBitLinear
 from quillon.parallel import PackedColwiseParallel, PackedRowwiseParallel
 
@@ -263,6 +264,23 @@ def shapes_that_do_not_divide(mesh: DeviceMesh) -> None:
         loaded("narrow", torch.float32)
 
 
+def stages(mesh: DeviceMesh) -> None:
+    """A pipeline of packed stages, of which each process loads its own, gives the logits and texts of one process."""
+    expected = torch.load(FOLDER / "llama.pt")
+    prompt = expected["prompt"].to(device())
+    stage = pipeline.load_stage(FOLDER / "llama", dtype=torch.float64)
+    own = sum(one.numel() for one in stage.submod.buffers() if one.dtype == torch.uint8)
+    assert own < 0.7 * (FOLDER / "llama" / "model.safetensors").stat().st_size
+    schedule = ScheduleGPipe(stage, 2)
+    with torch.no_grad():
+        logits = schedule.step(*([prompt.repeat(4, 1)] if mesh.get_local_rank() == 0 else []))
+    if mesh.get_local_rank() == mesh.size() - 1:
+        error = float((logits.cpu() - expected["logits"]).abs().max())
+        assert error <= expected["bound"], (error, expected["bound"])
+    model: Any = stage.submod
+    assert model.model.generate(prompt, max_new_tokens=12, do_sample=False).tolist() == expected["text"]
+
+
 def group_of_short_patience() -> Any:
     group: Any = dist.new_group(timeout=datetime.timedelta(seconds=PATIENCE))
     x = torch.ones(2, device=device())
@@ -342,6 +360,7 @@ FIRST: list[Check] = [
     llama,
     mixtral,
     shapes_that_do_not_divide,
+    stages,
 ]
 FAILURES: list[Check] = [another_version, one_that_does_not_come, one_that_fails, one_that_hangs, one_that_dies]
 OF_FOUR: list[Check] = [*FIRST, *FAILURES]

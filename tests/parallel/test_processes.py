@@ -1,4 +1,4 @@
-"""Packed models on several processes: tensor parallelism, and what happens when a process stops."""
+"""Packed models on several processes: tensor and pipeline parallelism, and what happens when a process stops."""
 
 from __future__ import annotations
 
@@ -149,6 +149,7 @@ CHECKS = (
     "llama",
     "mixtral",
     "shapes_that_do_not_divide",
+    "stages",
 )
 FAILURES = ("another_version", "one_that_does_not_come", "one_that_fails", "one_that_hangs", "one_that_dies")
 
