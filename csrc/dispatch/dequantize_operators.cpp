@@ -11,6 +11,7 @@
 #include "dispatch/expanded_weight.h"
 #include "dispatch/format_check.h"
 #include "dispatch/scalar_type_dispatch.h"
+#include "dispatch/tensor_memory.h"
 #include "formats/registry.h"
 #include "kernels/dequant/host_entry.h"
 
@@ -48,6 +49,7 @@ void expand_into(const char* operator_name, expansion operation, const at::Tenso
               " and output on ", output.device(), "; both must be on one XPU");
   TORCH_CHECK(weight.is_contiguous() && output.is_contiguous() && output.dim() == 2, operator_name,
               ": weight and output must be contiguous, and output of two dimensions");
+  check_elements(operator_name, {{"weight", weight}, {"output", output}});
   const ExpansionKernel kernel = expansion_kernel(operation, qtype, table_of(output.device()));
   TORCH_CHECK_NOT_IMPLEMENTED(kernel.row >= 0, operator_name, ": no kernel for ", describe_format(qtype));
   const auto state_size = static_cast<std::uint64_t>(output.size(1));

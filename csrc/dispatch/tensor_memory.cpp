@@ -22,10 +22,13 @@ std::uint64_t sum(std::uint64_t a, std::uint64_t b) {
 }
 
 void check_bytes(const char* operator_name, NamedTensors tensors, std::uint64_t bytes) {
-  for (const NamedTensor& one : tensors)
+  for (const NamedTensor& one : tensors) {
     TORCH_CHECK(bytes <= bytes_behind(one.tensor), operator_name, ": ", one.name, " must have ", bytes,
                 " bytes for the sizes of this call, got ", bytes_behind(one.tensor), " in a tensor of shape ",
                 one.tensor.sizes());
+    TORCH_CHECK(bytes == 0 || one.tensor.const_data_ptr() != nullptr, operator_name, ": ", one.name,
+                " has no memory, as a fake tensor has none; torch.ops takes those");
+  }
 }
 
 }  // namespace
@@ -42,6 +45,11 @@ void check_on_one_xpu(const char* operator_name, NamedTensor first, NamedTensors
   };
   check_plain(first);
   for (const NamedTensor& one : others) check_plain(one);
+}
+
+void check_elements(const char* operator_name, NamedTensors tensors) {
+  for (const NamedTensor& one : tensors)
+    check_bytes(operator_name, {one}, product(one.tensor.numel(), one.tensor.element_size()));
 }
 
 void check_memory(const char* operator_name, NamedTensors tensors, std::initializer_list<std::uint64_t> factors) {

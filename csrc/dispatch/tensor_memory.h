@@ -26,6 +26,10 @@ inline std::uint64_t bytes_behind(const at::Tensor& tensor) {
 // Fails unless `first` is on an XPU and `others` are on the same one. Nor may any of them stand for its negative.
 void check_on_one_xpu(const char* operator_name, NamedTensor first, NamedTensors others);
 
+// Fails unless the memory of each of these contiguous tensors holds its elements: a storage can be made smaller, or freed,
+// under the tensors that it has.
+void check_elements(const char* operator_name, NamedTensors tensors);
+
 // Fails unless each tensor has as many bytes as the product of `factors`, from its first element on.
 void check_memory(const char* operator_name, NamedTensors tensors, std::initializer_list<std::uint64_t> factors);
 

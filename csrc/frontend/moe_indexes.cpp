@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "dispatch/tensor_memory.h"
+
 namespace quillon {
 namespace {
 
@@ -19,6 +21,7 @@ std::vector<std::vector<std::vector<std::int32_t>>> get_moe_indexes(at::Tensor i
               "; give ids.contiguous()");
   TORCH_CHECK(ids.numel() == 0 || (ids.size(0) <= kMaxCount && ids.size(1) <= kMaxCount), "ids has shape ", ids.sizes(),
               ", but rows and columns are counted in 32 bits");
+  if (!ids.is_meta()) check_elements("get_moe_indexes", {{"ids", ids}});
   ids = ids.cpu();
   const std::int32_t* next = ids.data_ptr<std::int32_t>();
   const auto rows = static_cast<std::int32_t>(ids.size(0));

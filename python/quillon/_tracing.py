@@ -20,15 +20,25 @@ from quillon._patch_after_import import patch_after_import
 from quillon.formats import get_format
 
 
+def _rows(operator: str, input: Tensor, weight: Tensor, qtype: int) -> int:
+    """Rows of the weight, by its bytes; what the operator itself would refuse is refused in its words."""
+    found, columns = get_format(qtype), input.size(1)
+    torch._check(
+        columns != 0,
+        lambda: (
+            f"{operator}: input has rows of 0 elements (shape {list(input.shape)}); "
+            "a row needs at least one block of the format"
+        ),
+    )
+    return found.elements * (weight.size(0) // found.bytes) // columns
+
+
 def _forward_new(input: Tensor, weight: Tensor, qtype: int, input_size: int) -> Tensor:
-    found = get_format(qtype)
-    return input.new_empty(input.size(0), found.elements * (weight.size(0) // found.bytes) // input.size(1))
+    return input.new_empty(input.size(0), _rows("forward_new", input, weight, qtype))
 
 
 def _dequant(input: Tensor, weight: Tensor, qtype: int) -> Tensor:
-    found = get_format(qtype)
-    columns = input.size(1)
-    return input.new_empty(found.elements * (weight.size(0) // found.bytes) // columns, columns)
+    return input.new_empty(_rows("dequant", input, weight, qtype), input.size(1))
 
 
 def _dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_size: int, output_size: int) -> Tensor:

@@ -43,6 +43,8 @@ def matvec(name: str) -> str:
 
 
 def super_block(name: str) -> str:
+    if name == "q5_k":  # the exact data of which has no large scales
+        return "tests/matvec/test_super_block.py::test_within_the_error_of_its_roundings[elm-q5_k-float32]"
     return f"tests/matvec/test_super_block.py::test_exact_data_is_exact[elm-{name}-float32]"
 
 
