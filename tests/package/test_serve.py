@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import os
+import pty
+import select
 import socket
 import subprocess
 import sys
@@ -29,7 +31,7 @@ from small_models import random_model, save_tokenizer  # noqa: E402
 def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """A packed model."""
     dense, packed = tmp_path_factory.mktemp("dense"), tmp_path_factory.mktemp("packed")
-    random_model("llama").save_pretrained(dense)
+    random_model("llama", seed=14).save_pretrained(dense)  # whose answers are letters
     transformers.AutoModelForCausalLM.from_pretrained(
         dense, quantization_config=quillon.QuillonConfig("q4_0"), device_map="xpu:7"
     ).save_pretrained(packed)
@@ -76,8 +78,48 @@ def test_a_conversation(server: str, folder: Path) -> None:
     with torch.inference_mode():
         produced = model.generate(tokens.to("xpu:7"), max_new_tokens=6, do_sample=False)[0, tokens.shape[1] :]
     assert answer.choices[0].message.content == tokenizer.decode(produced, skip_special_tokens=True)
+    assert answer.choices[0].message.content.isalnum()
     assert answer.usage.completion_tokens == len(produced)
 
     pieces = client.chat.completions.create(model=str(folder), messages=messages, max_tokens=6, stream=True)
     streamed = "".join(piece.choices[0].delta.content or "" for piece in pieces if piece.choices)
     assert streamed == answer.choices[0].message.content
+
+
+def test_a_conversation_in_a_terminal(server: str, folder: Path, tmp_path: Path) -> None:
+    """Transformers' own chat, which asks a server, on a pseudo terminal."""
+    client = openai.OpenAI(base_url=server, api_key="none")
+    messages = [{"role": "user", "content": "hello"}]
+    expected = client.chat.completions.create(model=str(folder), messages=messages, max_tokens=6)
+    command = [sys.executable, "-m", "quillon", "transformers", "chat", str(folder), server]
+    command += ["max_new_tokens=6", "do_sample=False", "--user", "tester", "--save-folder", str(tmp_path)]
+    terminal, side = pty.openpty()
+    environment = os.environ | {"TERM": "dumb", "COLUMNS": "200", "QUILLON_HOST_DEVICES": "0"}
+    process = subprocess.Popen(command, stdin=side, stdout=side, stderr=side, env=environment)
+    os.close(side)
+    try:
+        read_until(terminal, "<tester>")
+        os.write(terminal, b"hello\n")
+        shown = read_until(terminal, "6 tokens in ")
+        os.write(terminal, b"n\n")  # the question whether to go on
+        read_until(terminal, "<tester>")
+        os.write(terminal, b"!exit\n")
+        assert process.wait(60) == 0
+    finally:
+        process.kill()
+        process.wait()
+        os.close(terminal)
+    assert expected.choices[0].message.content in shown
+
+
+def read_until(terminal: int, text: str) -> str:
+    """What a terminal shows until a text is there."""
+    shown, end = "", time.monotonic() + 240
+    while text not in shown:
+        assert time.monotonic() < end, shown
+        if select.select([terminal], [], [], 1)[0]:
+            try:
+                shown += os.read(terminal, 4096).decode(errors="replace")
+            except OSError:
+                raise AssertionError(f"the program has ended: {shown}") from None
+    return shown
