@@ -16,8 +16,8 @@ if TYPE_CHECKING:
     from quillon.transformers import QuillonConfig as QuillonConfig
 
 host_device.start()
+host_device.load_operators()  # they link the layer started above
 
-import vesper_linear as _operators  # noqa: E402, F401  (registers torch.ops.quillon; links the layer started above)
 from quillon import _build_log, _tracing, formats, nn  # noqa: E402
 from quillon._patch_after_import import patch_after_import  # noqa: E402
 from quillon.calibration import Calibration, calibrate  # noqa: E402

@@ -82,14 +82,22 @@ def start() -> None:
         RuntimeError: PyTorch settled for "no XPU" before, by a backward pass for example.
         ValueError: ``QUILLON_HOST_DEVICES`` is malformed.
     """
+    _check_torch_version()
     if _native is None and torch._C._has_xpu:
         return
-    _check_torch_version()
     _check_processor()
     os.environ.update(_variables_of_the_runtime())
     native = _native or _load_native()
     native.declared_architectures()
     _connect(native)
+
+
+def load_operators() -> None:
+    """Load the extension module, which registers the operators. Called by ``import quillon``, after :func:`start`."""
+    try:
+        importlib.import_module("vesper_linear")
+    except ImportError as error:
+        raise _explained(error, _sycl_runtime.find(f"lib/{_SYCL_RUNTIME}")) from error
 
 
 def start_with_torch() -> None:
@@ -169,6 +177,11 @@ def _explained(error: ImportError, runtime: Path | None = None) -> ImportError:
         return ImportError(
             f"the C++ library of this system is older than that of the build ({text}): install a newer libstdc++, or "
             "build quillon on this machine"
+        )
+    if "libsycl" in text and _native is None and torch._C._has_xpu:
+        return ImportError(
+            f"quillon was built for another SYCL runtime than that of this PyTorch ({text}): build it again for this "
+            "one with pip install --no-build-isolation"
         )
     if runtime is not None and "libsycl" in text:
         return ImportError(

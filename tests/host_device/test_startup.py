@@ -286,6 +286,29 @@ def test_libraries_that_do_not_fit(monkeypatch: pytest.MonkeyPatch) -> None:
         host_device._load_native()
 
 
+def test_operators_that_do_not_fit(monkeypatch: pytest.MonkeyPatch) -> None:
+    """The extension module, which a PyTorch with XPU loads as well."""
+
+    def refuse(_: str) -> None:
+        raise ImportError("libsycl.so.77: cannot open shared object file")
+
+    monkeypatch.setattr(host_device.importlib, "import_module", refuse)
+    with pytest.raises(ImportError, match=r"another SYCL runtime than \S+libsycl.so .*pip install 'quillon\[host\]'"):
+        host_device.load_operators()
+    monkeypatch.setattr(host_device, "_native", None)  # which leaves a PyTorch that says it has XPU
+    with pytest.raises(
+        ImportError, match=r"than that of this PyTorch \(libsycl.so.77: .*\): build it again .*--no-build-isolation"
+    ):
+        host_device.load_operators()
+
+
+def test_another_pytorch_with_xpu(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(host_device, "_native", None)
+    monkeypatch.setattr(host_device, "TORCH_VERSION", "2.12.1")
+    with pytest.raises(ImportError, match=r"quillon was built for PyTorch 2.12.1, and this is .*build it again"):
+        host_device.start()
+
+
 def test_a_processor_without_avx2(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(host_device.torch.cpu, "_is_avx2_supported", lambda: False)
     with pytest.raises(
