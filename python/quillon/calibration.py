@@ -266,7 +266,8 @@ def _inside(name: str, outer: str) -> bool:
     return name == outer or name.startswith(f"{outer}.") or not outer
 
 
-def _runs(model: nn.Module, batches: Sequence[Any]) -> list[Callable[[], object]]:
+def calls_of(model: nn.Module, batches: Sequence[Any]) -> list[Callable[[], object]]:
+    """The calls of a model, one for each batch."""
     tensor = next(itertools.chain(model.parameters(), model.buffers()), None)
     device = torch.device("cpu") if tensor is None else tensor.device
     options = {"use_cache": False} if "use_cache" in inspect.signature(model.forward).parameters else {}
@@ -331,7 +332,9 @@ def _walk(
     training = [module for module in model.modules() if module.training]
     model.eval()
     try:
-        run_in_step(_runs(model, given), blocks, left=collector.hand_over, again=changed.__contains__, arrived=arrived)
+        run_in_step(
+            calls_of(model, given), blocks, left=collector.hand_over, again=changed.__contains__, arrived=arrived
+        )
     finally:
         left()
         collector.remove()

@@ -21,6 +21,7 @@ from quillon import _format_table
 from quillon._format_table import MAX_ELEMENTS
 
 __all__ = [
+    "BUDGET_FORMATS",
     "FORMATS",
     "MAX_ELEMENTS",
     "WEIGHT_FORMATS",
@@ -71,6 +72,12 @@ FORMATS: MappingProxyType[str, Format] = MappingProxyType({f.name: f for f in _T
 
 WEIGHT_FORMATS: tuple[str, ...] = tuple(f.name for f in _TABLE if f.is_weight)
 """Names of the formats that a weight can have."""
+
+BUDGET_FORMATS = (
+    *("iq1_s", "iq2_xxs", "q2_k", "nf3", "q4_0", "nf4", "fp4", "q4_1", "q4_k"),
+    *("q5_0", "q5_1", "q5_k", "fp6", "fp6_k", "q6_k", "q8_0", "fp8_e4m3"),
+)
+"""Formats that layers get within a number of bits: of those of one size the best one for a layer counts."""
 
 _BY_CODE = {f.code: f for f in _TABLE}
 

@@ -20,7 +20,7 @@ from quillon._format_table import MAX_ELEMENTS
 from quillon._kernels import KERNELS, LAUNCHER_TABLES, MLP_KERNELS
 from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
-from quillon.formats import Format, weight_bytes, weight_format
+from quillon.formats import BUDGET_FORMATS, Format, weight_bytes, weight_format
 from quillon.quantizers import InputMoments, quantize
 from quillon.rwkv import rwkv_attention_v4, rwkv_attention_v5, rwkv_state_v4, rwkv_state_v5, rwkv_time_shift
 
@@ -694,9 +694,10 @@ class QuantizationReport:
 
 def quantize_model(
     model: nn.Module,
-    format: str | int,
+    format: str | int | None = None,
     skip: str | Iterable[str] = (),
     *,
+    bits: float | None = None,
     fallback: str | int | None = None,
     calibration: Mapping[str, InputMoments] | Iterable[Any] | None = None,
     device_class: str | None = None,
@@ -705,8 +706,13 @@ def quantize_model(
 ) -> QuantizationReport:
     """Replace every dense layer inside ``model`` by one that keeps its weight packed, in place.
 
+    format        of every layer; with ``bits`` none
     skip          names of layers that stay dense, as in ``model.named_modules()``; shell patterns are allowed
                   (``"lm_head"``, ``"*.mlp.*"``)
+    bits          in place of a format the most bits for each weight, scales included: every layer gets one of
+                  :data:`quillon.formats.BUDGET_FORMATS` that its rows fit, by what its errors cost. With batches as the
+                  calibration that is measured on them, forth and back through the model; otherwise the errors of the
+                  weights alone count
     fallback      format of the layers whose row length ``format`` does not cover; None keeps them dense
     calibration   what :func:`quillon.calibrate` has found, by which errors of columns are made good by others; or the
                   batches themselves, as for that function, which are then taken through the model block by block, each
@@ -725,8 +731,15 @@ def quantize_model(
     """
     if not isinstance(model, nn.Module):
         raise TypeError(f"model must be a torch.nn.Module, got {type(model).__name__}")
-    formats = [weight_format(name) for name in (format, fallback) if name is not None]
+    if (format is None) == (bits is None):
+        raise ValueError(f"either format or bits must be given, got format {format!r} and bits {bits!r}")
+    if bits is not None and fallback is not None:
+        raise ValueError("fallback belongs to a format; with bits every layer gets one that its rows fit")
+    names_of = BUDGET_FORMATS if bits is not None else (format, fallback)
+    formats = [weight_format(name) for name in names_of if name is not None]
     device_class = chosen_device_class(device_class, formats)
+    if isinstance(calibration, Iterable) and not isinstance(calibration, Mapping):
+        calibration = list(calibration)
     patterns = (skip,) if isinstance(skip, str) else tuple(skip)
     # A module that has several places in the model is packed once and replaced in all of them.
     places: dict[nn.Module, list[str]] = {}
@@ -756,6 +769,8 @@ def quantize_model(
             report.kept |= dict.fromkeys(names, "its weight holds no data, being on the meta device")
         else:
             chosen[module] = formats[problems.index(None)]
+    if bits is not None:
+        chosen = _within(model, {places[module][0]: module for module in chosen}, bits, device_class, calibration)
     by_name = {places[module][0]: (module, used) for module, used in chosen.items()}
     moments, bytes_of = _calibrated(model, by_name, calibration)
     for done, (module, names, _) in enumerate(candidates):
@@ -781,6 +796,37 @@ def quantize_model(
     if fuse_mlp:
         report.fused = fuse_mlps(model, device_class)
     return report
+
+
+def _within(
+    model: nn.Module, layers: Mapping[str, nn.Module], bits: float, device_class: str, calibration: Any
+) -> dict[nn.Module, Format]:
+    """A format for each layer, with at most ``bits`` for each weight in all."""
+    from quillon.budget import choose_formats, measure_sensitivity
+
+    measured = {}
+    if calibration is not None and not isinstance(calibration, Mapping):
+        simple = {name: layer for name, layer in layers.items() if len(_packed_shapes(layer) or ()) == 1}
+        measured = measure_sensitivity(model, calibration, simple)
+    weights = {name: _matrices(layer) for name, layer in layers.items()}
+
+    def fits(name: str, format: Format) -> bool:
+        return _problem_of_shapes(format, _packed_shapes(layers[name]) or (), device_class) is None
+
+    found = choose_formats(weights, bits, fits, measured)
+    return {layers[name]: weight_format(format) for name, format in found.items()}
+
+
+def _matrices(module: Any) -> list[Tensor]:
+    """The matrices that :func:`_pack` would pack."""
+    if type(module) is nn.Linear:
+        return [module.weight.detach()]
+    if _is_conv1d(module):
+        return [module.weight.detach().T]
+    layout = _expert_layout(module)
+    assert layout is not None
+    both = [getattr(module, layout.up).detach(), module.down_proj.detach()]
+    return [one for weights in both for one in (weights.mT if layout.transposed else weights)]
 
 
 def _calibrated(
