@@ -132,6 +132,7 @@ def _connect(native: ModuleType) -> None:
     _compile.connect(native)
     patch_after_import("accelerate.utils.modeling", _count_memory_once)
     patch_after_import("transformers.distributed.utils", _name_the_way_between_processes)
+    patch_after_import("transformers.generation.continuous_batching.utils", _tell_free_memory)
     atexit.register(native.shut_down)
     _native = native
 
@@ -318,6 +319,19 @@ def _count_memory_once(modeling: Any) -> None:
         for name in ("get_max_memory", "accelerate_max_memory"):
             if getattr(module, "__dict__", {}).get(name) is stock:
                 setattr(module, name, get_max_memory)
+
+
+def _tell_free_memory(utils: Any) -> None:
+    """Have transformers' cache for many users take of the memory that is free, which others on the machine use too."""
+    stock = utils.get_device_and_memory_breakdown
+
+    @functools.wraps(stock)
+    def get_device_and_memory_breakdown() -> Any:
+        device, _, reserved, _ = stock()
+        free, total = torch.xpu.mem_get_info(device)
+        return device, total, reserved, total - free
+
+    utils.get_device_and_memory_breakdown = get_device_and_memory_breakdown
 
 
 def _name_the_way_between_processes(utils: Any) -> None:

@@ -137,6 +137,8 @@ def names_the_stopped(group: dist.ProcessGroup, call: Callable[P, R]) -> Callabl
 
     @functools.wraps(call)
     def guarded(*args: P.args, **kwargs: P.kwargs) -> R:
+        if torch.compiler.is_compiling():
+            return call(*args, **kwargs)
         started = time.monotonic()
         try:
             return call(*args, **kwargs)

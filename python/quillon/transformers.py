@@ -33,6 +33,7 @@ from quillon.formats import weight_bytes, weight_format
 from quillon.joined import join_projections
 from quillon.nn import LowBitExperts, LowBitLinear
 from quillon.parallel import fill, parallel_plan, pieces, read_part, set_persistent, split_layers, whole_state
+from quillon.peers import names_the_stopped
 from quillon.quantizers import InputMoments
 from quillon.recipe import Recipe, pack
 
@@ -531,6 +532,8 @@ class QuillonQuantizer(HfQuantizer):
             self._pack_the_rest(model)
         elif self._files:
             _read_parts(model, self._files)
+            # Not all collectives are those of packed layers, and an error elsewhere is news to the others too.
+            model.forward = names_the_stopped(model._mesh_manager.get_mesh("tp").get_group(), model.forward)
         config = self.quantization_config
         if config.fuse_mlp:
             layers.fuse_mlps(model, config.device_class or config.rules().device_class(_xpus_of({"": model.device})))

@@ -13,6 +13,7 @@ import sys
 import time
 import traceback
 from collections.abc import Callable, Iterator
+from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -30,13 +31,17 @@ from quillon import parallel, peers, pipeline
 from quillon.nn import LowBitLinear
 from quillon.parallel import PackedColwiseParallel, PackedRowwiseParallel
 
-from .models import random_weight
+from .models import MODEL_FORMATS, SIZES, random_weight
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+
+import scale_table
 
 LAYER_FORMATS = ("q6_k", "q5_1", "q4_0", "fp6", "q5_k", "q2_k", "iq1_s")
 """Regions and records, of 64 and 256; activations as they are and quantized; tails that a kernel leaves out. Four
 processes take the first two alone, for the time."""
 
-PATIENCE = 4.0
+PATIENCE = 3.0
 """Seconds that the groups wait in which a process fails."""
 
 
@@ -248,11 +253,42 @@ def check_model(kind: str) -> None:
         # Fused, the activation is taken in float of the same sums; joined, the sums are the same.
         torch.testing.assert_close(after, before, rtol=1e-4, atol=1e-4)
     model = loaded(kind, torch.float32)
+    quillon.nn.fuse_mlps(model)
+    quillon.join_projections(model)
     model.save_pretrained(FOLDER / f"{kind}-of-{dist.get_world_size()}")
 
 
 def llama(mesh: DeviceMesh) -> None:
     check_model("llama")
+
+
+def bytes_that_the_table_counts(mesh: DeviceMesh) -> None:
+    """The table of several devices counts the bytes that a process holds, and those that it sends for a token."""
+    sizes = (SIZES["hidden_size"], SIZES["intermediate_size"], 1, SIZES["num_attention_heads"])
+    shape = scale_table.Model(*sizes, SIZES["num_key_value_heads"], SIZES["head_dim"], SIZES["vocab_size"])
+    processes = mesh.size()
+    model = loaded("llama", torch.float64)
+    layers = [scale_table.layer_bytes(shape, name, processes) for name in MODEL_FORMATS]
+    ends = [scale_table.head_bytes(shape, name, processes) for name in ("q8_0", "q4_k")]
+    assert sum(one.numel() for one in model.buffers() if one.dtype == torch.uint8) == sum(layers + ends)
+    sent: list[int] = []
+    reduce, gather = dist.all_reduce, parallel._gather_in_one
+
+    def counted_reduce(tensor: Tensor, **options: Any) -> Any:
+        sent.append(2 * tensor.nbytes * (processes - 1) // processes)
+        return reduce(tensor, **options)
+
+    def counted_gather(output: Tensor, tensor: Tensor, **options: Any) -> Any:
+        sent.append(tensor.nbytes * (processes - 1))
+        return gather(output, tensor, **options)
+
+    dist.all_reduce, parallel._gather_in_one = counted_reduce, counted_gather
+    try:
+        with torch.no_grad():
+            model(torch.tensor([[7]], device=model.device))
+    finally:
+        dist.all_reduce, parallel._gather_in_one = reduce, gather
+    assert sum(sent) == scale_table.sent_bytes(replace(shape, layers=len(MODEL_FORMATS)), processes, 8)
 
 
 def mixtral(mesh: DeviceMesh) -> None:
@@ -312,7 +348,7 @@ def one_that_does_not_come(mesh: DeviceMesh) -> None:
     group = group_of_short_patience()
     last = dist.get_world_size() - 1
     if dist.get_rank() != last:
-        with raises(peers.PeerError, f"process {last} of {last + 1} did not come within 4 s"):
+        with raises(peers.PeerError, f"process {last} of {last + 1} did not come within 3 s"):
             peers.meet(group)
 
 
@@ -358,6 +394,7 @@ FIRST: list[Check] = [
     gradients,
     refusals,
     llama,
+    bytes_that_the_table_counts,
     mixtral,
     shapes_that_do_not_divide,
     stages,

@@ -75,7 +75,8 @@ def free_port() -> str:
 
 
 def environment() -> dict[str, str]:
-    return os.environ | {"QUILLON_HOST_DEVICES": "0,0,0,0", "OMP_NUM_THREADS": "1", "TOKENIZERS_PARALLELISM": "false"}
+    threads = {"OMP_NUM_THREADS": "1", "DPCPP_CPU_NUM_CUS": "1"}  # of PyTorch and of the kernels
+    return os.environ | threads | {"QUILLON_HOST_DEVICES": "0,0,0,0"}
 
 
 def run(folder: Path, processes: int, by_torchrun: bool) -> dict[str, list[str | None]]:
@@ -140,6 +141,37 @@ def two(folder: Path, four: dict[str, list[str | None]]) -> dict[str, list[str |
     return run(folder, 2, by_torchrun=True)
 
 
+def test_many_users(folder: Path) -> None:
+    """Requests of different lengths at once give the texts that each gives alone."""
+    from transformers import AutoModelForCausalLM, ContinuousBatchingConfig, GenerationConfig
+
+    model = AutoModelForCausalLM.from_pretrained(folder / "llama")
+    random = torch.Generator().manual_seed(0)
+    prompts = [torch.randint(3, 320, (3 + 2 * one,), generator=random).tolist() for one in range(16)]
+    greedy = GenerationConfig(max_new_tokens=4, do_sample=False, eos_token_id=None, pad_token_id=0)
+    alone = []
+    for prompt in prompts:
+        given = torch.tensor([prompt], device=model.device)
+        alone.append(model.generate(given, generation_config=greedy)[0, len(prompt) :].tolist())
+    sizes = ContinuousBatchingConfig(page_size=16, num_blocks=64, max_batch_tokens=64)
+    found = model.generate_batch(prompts, greedy, sizes, progress_bar=False)
+    assert [one.error for one in found.values()] == [None] * 16
+    got = {tuple(one.prompt_ids): one.generated_tokens for one in found.values()}
+    assert [got[tuple(prompt)] for prompt in prompts] == alone
+    assert len({tuple(text) for text in alone}) > 8, "the texts tell requests apart"
+
+
+def test_memory_for_many_users_is_that_which_is_free() -> None:
+    """What is not free is taken, whoever has it."""
+    from transformers.generation.continuous_batching.utils import get_device_and_memory_breakdown
+
+    device, total, _, allocated = get_device_and_memory_breakdown()
+    assert device.type == "xpu"
+    free = torch.xpu.mem_get_info()[0]
+    assert abs(total - allocated - free) < 0.2 * total
+    assert allocated > torch.xpu.memory_allocated()
+
+
 CHECKS = (
     "layers_of_every_layout",
     "uneven_parts",
@@ -147,6 +179,7 @@ CHECKS = (
     "gradients",
     "refusals",
     "llama",
+    "bytes_that_the_table_counts",
     "mixtral",
     "shapes_that_do_not_divide",
     "stages",
