@@ -11,7 +11,7 @@ from typing import Any
 
 import quillon
 import vesper_linear
-from quillon import expansion, host_device
+from quillon import expansion, host_device, parallel, peers, pipeline, slicing
 
 PAGE = Path(__file__).resolve().parents[1] / "docs" / "api.md"
 HEAD = "# Reference\n\n`python tools/api_reference.py` writes this page from the docstrings.\n"
@@ -24,6 +24,10 @@ _SHOWN_ELSEWHERE = {"formats", "nn", *(name for names in _NAMED.values() for nam
 GROUPS: tuple[tuple[str, str, tuple[tuple[str, Any], ...]], ...] = (
     *((title, "quillon", tuple((name, getattr(quillon, name)) for name in names)) for title, names in _NAMED.items()),
     ("Layers", "quillon.nn", tuple((name, getattr(quillon.nn, name)) for name in sorted(quillon.nn.__all__))),
+    ("Several processes", "quillon.parallel", tuple((name, getattr(parallel, name)) for name in parallel.__all__)),
+    ("Stages", "quillon.pipeline", tuple((name, getattr(pipeline, name)) for name in pipeline.__all__)),
+    ("Processes that stop", "quillon.peers", tuple((name, getattr(peers, name)) for name in peers.__all__)),
+    ("Parts of weights", "quillon.slicing", tuple((name, getattr(slicing, name)) for name in slicing.__all__)),
     ("Formats", "quillon.formats", tuple((name, getattr(quillon.formats, name)) for name in quillon.formats.__all__)),
     (
         "Tools",
