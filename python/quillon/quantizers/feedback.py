@@ -23,8 +23,8 @@ from quillon.quantizers.grid import GridRounding
 if TYPE_CHECKING:
     from quillon.quantizers.moments import InputMoments
 
-# Rows do not know of one another; a piece of them keeps the calls few and its columns in the cache.
-_PIECE_ROWS = 768
+# Rows do not know of one another; a piece of them that is large keeps the calls few.
+_PIECE_ROWS = 2048
 # Columns whose errors are collected before they are passed on to all that follow.
 _CHUNK = 32
 
