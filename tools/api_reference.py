@@ -11,18 +11,23 @@ from typing import Any
 
 import quillon
 import vesper_linear
-from quillon import expansion, host_device, parallel, peers, pipeline, slicing
+from quillon import calibration, expansion, host_device, parallel, peers, pipeline, slicing
 
 PAGE = Path(__file__).resolve().parents[1] / "docs" / "api.md"
 HEAD = "# Reference\n\n`python tools/api_reference.py` writes this page from the docstrings.\n"
 
 _NAMED = {
     "Weights": ("quantize", "dequantize", "dequantize_reference", "from_gguf", "ImportedTensor"),
-    "Models": ("quantize_model", "join_projections", "QuillonConfig", "load_gguf"),
+    "Models": ("quantize_model", "calibrate", "Calibration", "join_projections", "QuillonConfig", "load_gguf"),
 }
 _SHOWN_ELSEWHERE = {"formats", "nn", *(name for names in _NAMED.values() for name in names)}
 GROUPS: tuple[tuple[str, str, tuple[tuple[str, Any], ...]], ...] = (
     *((title, "quillon", tuple((name, getattr(quillon, name)) for name in names)) for title, names in _NAMED.items()),
+    (
+        "Calibration",
+        "quillon.calibration",
+        tuple((name, getattr(calibration, name)) for name in calibration.__all__ if name not in _SHOWN_ELSEWHERE),
+    ),
     ("Layers", "quillon.nn", tuple((name, getattr(quillon.nn, name)) for name in sorted(quillon.nn.__all__))),
     ("Several processes", "quillon.parallel", tuple((name, getattr(parallel, name)) for name in parallel.__all__)),
     ("Stages", "quillon.pipeline", tuple((name, getattr(pipeline, name)) for name in pipeline.__all__)),
