@@ -6,9 +6,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <future>
 #include <map>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 #include <sycl/ext/oneapi/get_kernel_info.hpp>
 #include <tuple>
 #include <utility>
@@ -54,6 +57,11 @@ const BuiltKernel* build(const KernelEntry& entry, const sycl::context& context,
     built = new BuiltKernel{context, executable.ext_oneapi_get_kernel(entry.name)};
   } catch (const std::exception& error) {
     reason = error.what();
+    // What the SYCL runtime fails with when it takes a size from a file of its cache that is damaged.
+    const bool no_memory =
+        dynamic_cast<const std::bad_alloc*>(&error) || dynamic_cast<const std::length_error*>(&error);
+    if (const char* folder = std::getenv("SYCL_CACHE_DIR"); no_memory && folder != nullptr)
+      reason += std::string(". A file of the kernel cache may be damaged; delete the folder ") + folder;
   }
   TORCH_CHECK(built != nullptr, "Building the kernel ", entry.name, " for the device \"",
               device.get_info<sycl::info::device::name>(), "\" failed: ", reason,

@@ -157,7 +157,7 @@ READERS = [
 SKELETONS = [
     Mutant("kernels/matvec/chunks_on_vectors.h", "const bool present = first + lane < chunks;",
            "const bool present = first + lane + 1 < chunks;", backings("q4_0")),
-    Mutant("kernels/matvec/chunks_on_vectors.h", "in_first_lanes<T>(chunks - c, sum, acc[0])", "sum", matvec("q4_0")),
+    Mutant("kernels/matvec/chunks_on_vectors.h", "in_first_lanes<T>(chunks - c, sum, acc[0])", "sum", "tests/matvec/test_backings.py::test_nothing_leaks_from_neighbouring_rows[q4_0-float32-unknown]"),
     Mutant("kernels/matvec/chunks_on_vectors.h", "row = output_size * place.get_group(0) / groups",
            "row = output_size * place.get_group(0) / groups + 1", matvec("q4_0")),
     Mutant("kernels/matvec/chunks_on_vectors.h", "/ LANES_EACH - SKIPPED;", "/ LANES_EACH - SKIPPED - 1;",
@@ -167,7 +167,7 @@ SKELETONS = [
     Mutant("kernels/matvec/chunks_on_items.h", "unit / (BLOCK / UNIT); }", "unit / (BLOCK / UNIT) + 1; }",
            "tests/matvec/test_loose_rows.py::test_values[q4_k-float32-elm]"),
     Mutant("kernels/matvec/items.h", "row0 + t + 1 < output_size ? row_length : 0",
-           "row0 + t + 2 < output_size ? row_length : 0", backings("q4_0")),
+           "row0 + t + 2 < output_size ? row_length : 0", "tests/mlp/test_values.py::test_the_same_bits_in_both_forms"),
     Mutant("kernels/matvec/items.h", "for (int stride = WG_SIZE / 2; stride > 0", "for (int stride = WG_SIZE / 2; stride > 1",
            backings("q4_0")),
     Mutant("kernels/matvec/vectors.h", "sum = sum + moved_down<2, T>(sum);", "sum = sum + moved_down<1, T>(sum);",
