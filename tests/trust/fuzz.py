@@ -328,7 +328,7 @@ def read_files(files: int, seed: int) -> Counter[str]:
                 else:
                     layer = quillon.nn.LowBitLinear.from_linear(torch.nn.Linear(64, 4), "q4_0")
                     layer.load_state_dict(load_file(path))
-                    assert layer(torch.ones(1, 64)).shape == (1, 4)
+                    assert layer.to("xpu:7")(torch.ones(1, 64, device="xpu:7")).shape == (1, 4)
             except allowed[kind] as error:
                 told = str(error)
                 outcomes[f"{kind}: error"] += 1
