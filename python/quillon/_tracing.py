@@ -23,7 +23,7 @@ from quillon.formats import get_format
 def _rows(operator: str, input: Tensor, weight: Tensor, qtype: int) -> int:
     """Rows of the weight, by its bytes; what the operator itself would refuse is refused in its words."""
     found, columns = get_format(qtype), input.size(1)
-    torch._check(
+    torch._check(  # type: ignore[no-untyped-call]
         columns != 0,
         lambda: (
             f"{operator}: input has rows of 0 elements (shape {list(input.shape)}); "
