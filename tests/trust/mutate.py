@@ -242,7 +242,7 @@ LAUNCHERS = [
     Mutant("kernels/dequant/host_entry.cpp", "+ done * elements_per_block(qtype) * facts_of(type).size", "+ done * elements_per_block(qtype)",
            "tests/dequant/test_dense.py"),
     Mutant("mlp/mlp_xpu_kernel.cpp", "operands.act_type, output.mutable_data_ptr()", "0, output.mutable_data_ptr()",
-           "tests/mlp/test_values.py::test_swapped_weights_and_activations_show"),
+           "tests/mlp/test_values.py::test_a_line_of_gates"),
     Mutant("dispatch/onednn_s4_gemv.cpp", "codes + output_size * state_size / 2;", "codes + output_size * state_size / 2 + 2;",
            "tests/dispatch/test_onednn.py::test_values[yew-33-576]"),
 ]  # fmt: skip
