@@ -22,7 +22,7 @@ MUTATIONS = (
     ('+ _half(f["dm"], 1)', '+ 0*_half(f["dm"], 1)'),
     ('(f["qs"] >> 4, f["qs"] & 15), dim=1', '(f["qs"] & 15, f["qs"] >> 4), dim=1'),
     ("torch.cat((levels, -levels))", "torch.cat((levels, levels))"),
-    ("<< 7 | 0x40", "<< 7"),
+    ("<< 7 | bit", "<< 7"),
     ("<< 8 | 0x80).to(dtype)", "<< 8).to(dtype)"),
     ("(low_words >> 4, low_words & 15)", "(low_words & 15, low_words >> 4)"),
     ("(6, 4, 2, 0)], dim=2", "(0, 2, 4, 6)], dim=2"),
