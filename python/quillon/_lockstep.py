@@ -99,6 +99,7 @@ def _waiting(
             current = current_pass()
             if current is None:
                 return forward(*arguments, **options)
+            left(current)
             current.wait(("before", name))
             output = forward(*arguments, **options)
             left(current)
@@ -132,7 +133,7 @@ def run_in_step(
 ) -> None:
     """Run all of ``runs``.
 
-    left     called by a pass that has been through a block for the first time, and at its end
+    left     called by a pass that comes to a block, has been through one for the first time, or has ended
     again    whether a block is run a second time
     arrived  called each time that all passes wait at an edge, or have ended (None); whether they go on
 

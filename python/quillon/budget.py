@@ -63,19 +63,24 @@ def measure_sensitivity(
     tokens = 0
 
     def look(name: str) -> Callable[..., None]:
-        def hook(module: nn.Module, arguments: tuple[Any, ...], output: Any) -> None:
+        def hook(module: nn.Module, arguments: tuple[Any, ...], output: Any) -> Any:
+            if not arguments:
+                return None
             x = arguments[0]
             owner, _ = seen.setdefault(id(x), (name, x))
-            rows = x.detach().reshape(-1, x.shape[-1]).double()
+            rows = x.detach().reshape(-1, x.shape[-1]).float()
+            rows = rows[rows.square().sum(1).isfinite()].double()
             if name not in found:
                 found[name] = Sensitivity(
                     owner, torch.zeros(rows.shape[1]).double(), torch.zeros(output.shape[-1]).double()
                 )
             mine = found[name]
-            mine.columns += rows.square().nan_to_num(0, 0, 0).sum(0).cpu()
+            mine.columns += rows.square().sum(0).cpu()
             if not output.requires_grad:
-                output.requires_grad_()
+                # Not a leaf: what follows may work in place.
+                output = output.detach().requires_grad_().clone()
             output.register_hook(add(mine))
+            return output
 
         return hook
 
@@ -92,10 +97,14 @@ def measure_sensitivity(
     model.eval().requires_grad_(False)
     hooks = [layer.register_forward_hook(look(name)) for name, layer in layers.items()]
     try:
-        with torch.enable_grad():
+        with torch.inference_mode(False), torch.enable_grad():
             for call in calls_of(model, list(batches)):
                 logits = _logits(call())
                 logits = logits.reshape(-1, logits.shape[-1]).float()
+                logits = logits[logits.detach().softmax(1).isfinite().all(1)]
+                if not len(logits):
+                    seen.clear()
+                    continue
                 drawn = torch.multinomial(logits.detach().softmax(1).cpu(), 1, generator=generator)[:, 0]
                 loss: Any = nn.functional.cross_entropy(logits, drawn.to(logits.device), reduction="sum")
                 loss.backward()
@@ -119,7 +128,7 @@ def measure_sensitivity(
 def _cost(weight: Tensor, format: str, sensitivity: Sensitivity | None) -> float:
     """What packing a weight costs in log-likelihood, as far as rows do not know of one another."""
     rows = torch.arange(0, len(weight), max(1, len(weight) // _SAMPLE_ROWS))
-    sample = weight[rows].float()
+    sample = weight[rows].float().cpu()
     importance = None if sensitivity is None or not bool((sensitivity.columns > 0).any()) else sensitivity.columns
     packed = quantize(sample, format, importance=importance, progress=False)
     wrong = (sample - dequantize_reference(packed, format, *sample.shape)).double().square()
@@ -172,7 +181,7 @@ def choose_formats(
     for name in weights:
         groups.setdefault(sensitivities[name].input if name in sensitivities else name, []).append(name)
     scales = [float(one.rows.mean() * one.columns.mean()) for one in sensitivities.values()]
-    mean = sum(scales) / len(scales) if scales else 1.0
+    mean = sum(scales) / len(scales) / 2 if scales else 1.0
     bar = Progress("measure formats", len(groups), progress)
 
     def choices(names: list[str]) -> list[_Choice]:

@@ -124,11 +124,10 @@ class _Folder:
     def write(self, group: str, moments: InputMoments) -> None:
         from safetensors.torch import save_file
 
-        name = f"{len(self._files):05d}.safetensors"
+        name = self._files.setdefault(group, f"{len(self._files):05d}.safetensors")
         tokens = torch.tensor([*moments.tokens, moments.skipped])
         tensors = {"fitted": moments.fitted.contiguous(), "held": moments.held.contiguous(), "tokens": tokens}
         save_file(tensors, self.folder / name, metadata={"input_of": group})
-        self._files[group] = name
 
     def read(self, group: str) -> InputMoments:
         return _read(self.folder / self._files[group])
@@ -154,10 +153,16 @@ class _Sum:
 
     def add(self, number: int, found: list[_Products]) -> None:
         """Add what batch ``number`` has found when those before it are in."""
-        self._early[number] = found
+        self._early.setdefault(number, []).extend(found)
         while self._next in self._early:
             self._add(self._early.pop(self._next))
             self._next += 1
+
+    def settle(self) -> None:
+        """Add what waits for batches that have not come here, when none is under way."""
+        for number in sorted(self._early):
+            self._add(self._early.pop(number))
+        self._next = 0
 
     def _add(self, found: list[_Products]) -> None:
         for part, products, tokens, skipped in found:
@@ -167,9 +172,7 @@ class _Sum:
 
     def moments(self) -> InputMoments:
         """The sums when all batches are in, or never come here."""
-        for number in sorted(self._early):
-            self._add(self._early[number])
-        self._early.clear()
+        self.settle()
         fitted, held = self._sums.float()
         return InputMoments(fitted, held, (self._tokens[0], self._tokens[1]), self._skipped)
 
@@ -187,6 +190,7 @@ class _Collector:
         self._batches, self._stop_at = batches, stop_at
         self._seen: list[dict[int, tuple[str, Tensor]]] = [{} for _ in range(batches)]
         self._found: list[dict[str, list[_Products]]] = [{} for _ in range(batches)]
+        self._taken: set[str] = set()
         self._lock = threading.Lock()
         self._hooks = [layer.register_forward_pre_hook(self._hook(name)) for name, layer in layers.items()]
 
@@ -207,6 +211,8 @@ class _Collector:
         return look
 
     def _look(self, number: int, name: str, x: Tensor) -> None:
+        if name in self._taken:  # of a layer that several blocks share, what the first one gives it counts
+            return
         # The tensor is kept, so that no other one can have its address.
         owner, _ = self._seen[number].setdefault(id(x), (name, x))
         with self._lock:
@@ -242,6 +248,7 @@ class _Collector:
             del self.sums[group]
         for name in shares:
             del self.shares[name]
+        self._taken.update(shares)
         return shares, moments
 
 
@@ -314,6 +321,8 @@ def _walk(
     bar = Progress("calibrate", len(blocks) + bool(outside or not blocks), progress)
 
     def arrived(edge: Edge | None) -> bool:
+        for one in collector.sums.values():
+            one.settle()
         if edge is None:
             visit(*collector.take(layers))
             bar.advance(1)

@@ -738,8 +738,15 @@ def quantize_model(
     names_of = BUDGET_FORMATS if bits is not None else (format, fallback)
     formats = [weight_format(name) for name in names_of if name is not None]
     device_class = chosen_device_class(device_class, formats)
+    if isinstance(calibration, Tensor | str) or not isinstance(calibration, Iterable | None):
+        raise TypeError(
+            "calibration must be what quillon.calibrate found, or batches in a list or other iterable, "
+            f"got {type(calibration).__name__}"
+        )
     if isinstance(calibration, Iterable) and not isinstance(calibration, Mapping):
         calibration = list(calibration)
+        if not calibration:
+            raise ValueError("calibration must hold at least one batch, got none")
     patterns = (skip,) if isinstance(skip, str) else tuple(skip)
     # A module that has several places in the model is packed once and replaced in all of them.
     places: dict[nn.Module, list[str]] = {}

@@ -268,7 +268,7 @@ def chosen_feedback(
     What is fitted to one part of the text is judged by the mean squared error of the outputs on the held-out part.
     """
     unit = 1 if isinstance(rounding, Rounding) else 8
-    if min(moments.tokens) == 0:
+    if min(moments.tokens) == 0 or not bool((moments.fitted.diagonal() > 0).any()):
         return None
     rows = torch.arange(0, weight.shape[0], max(1, weight.shape[0] // _SAMPLE_ROWS))
     sample, fitted, held = weight[rows].float(), moments.mean("fitted"), moments.mean("held")

@@ -59,9 +59,11 @@ class InputMoments:
     def feedback(self, of: str, damping: float, mixing: float, elements: int, unit: int) -> Feedback:
         """What :func:`quillon.quantizers.feedback.prepare` makes of the moments, made once."""
         key = (of, damping, mixing, elements, unit)
-        if key not in self._prepared:
-            self._prepared[key] = prepare(self.mean(of), damping, mixing, elements, unit)
-        return self._prepared[key]
+        # Another thread may forget it at any time.
+        found = self._prepared.get(key)
+        if found is None:
+            found = self._prepared[key] = prepare(self.mean(of), damping, mixing, elements, unit)
+        return found
 
     def forget(self) -> None:
         """Free what was prepared."""
