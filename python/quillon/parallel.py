@@ -157,7 +157,10 @@ class Split:
         if self.mesh.ndim != 1:
             raise ValueError(f"mesh must have one dimension, got {self.mesh.ndim}")
         if self.size % (self.parts * self.sections):
-            raise ValueError(f"{self.size} {self.dim} are no multiple of {self.parts * self.sections} parts")
+            raise ValueError(
+                f"parts times sections must be a divisor of {self.size} {self.dim}, got {self.parts} times "
+                f"{self.sections}"
+            )
         if self.parts < processes:
             raise ValueError(
                 f"{self.size} {self.dim} are dealt out in {self.parts} parts of {self.size // self.parts}, which is "
@@ -186,7 +189,10 @@ class Split:
     def enter(self, input: Tensor) -> Tensor:
         """The input as this process's part of the layer takes it."""
         if self.dim == "columns" and self.input == "split":
-            return input.redistribute(placements=[Shard(-1)]).to_local() if isinstance(input, DTensor) else input
+            if not isinstance(input, DTensor):
+                return input
+            _check_even(self)  # in all processes alike, before any of them waits
+            return input.redistribute(placements=[Shard(-1)]).to_local()
         input = self.enter_whole(input)
         return input if self.dim == "rows" else input.narrow(-1, self.share.start, len(self.share))
 
@@ -378,7 +384,7 @@ def whole_state(model: nn.Module) -> dict[str, Tensor]:
     for prefix, layer in split_layers(model):
         split = layer.split
         for name in pieces(layer, split):
-            key = f"{prefix}.{name}"
+            key = f"{prefix}.{name}" if prefix else name
             part = state[key].contiguous()
             gathered = _gather_in_first(
                 part, [pieces(layer, split, one)[name] for one in range(split.mesh.size())], split
@@ -494,8 +500,8 @@ class PackedColwiseParallel(ParallelStyle):
 def _check_even(split: Split) -> None:
     if split.parts % split.mesh.size():
         raise ValueError(
-            f"{split.parts} parts are not the same for each of {split.mesh.size()} processes, which an output that "
-            "becomes a DTensor of parts must be"
+            f"{split.parts} parts are not the same for each of {split.mesh.size()} processes, which inputs and "
+            "outputs that are DTensors of parts must be"
         )
 
 
@@ -563,7 +569,13 @@ class PackedExpertsParallel(ParallelStyle):
         _check_type(self, module, LowBitExperts)
         layer: Any = module
         inner, unit = layer.layout.inner, column_unit(layer)
-        split_layer(layer, Split(device_mesh, "columns", inner, self.parts or inner // unit, output="whole"))
+        parts = self.parts or inner // unit
+        if inner % (parts * unit):
+            raise ValueError(
+                f"parts must be a divisor of {inner // unit}, since {inner} inner columns of {layer.format.name} are "
+                f"split in multiples of {unit}, got {parts}"
+            )
+        split_layer(layer, Split(device_mesh, "columns", inner, parts, output="whole"))
         return module
 
 

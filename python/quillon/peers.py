@@ -125,7 +125,8 @@ def _explain(group: dist.ProcessGroup, started: float) -> PeerError | None:
     if failed:
         return PeerError(f"{_some(failed[:1], len(ranks))} has failed: {notes[failed[0]]}")
     absent = [rank for rank in ranks if rank not in notes]
-    return PeerError(f"{_some(absent, len(ranks))} has died or hangs") if absent else None
+    ended = "have died or hang" if len(absent) > 1 else "has died or hangs"
+    return PeerError(f"{_some(absent, len(ranks))} {ended}") if absent else None
 
 
 def names_the_stopped(group: dist.ProcessGroup, call: Callable[P, R]) -> Callable[P, R]:

@@ -12,6 +12,7 @@ import json
 import os
 import re
 import struct
+import types
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
 from typing import Any
@@ -533,7 +534,9 @@ class QuillonQuantizer(HfQuantizer):
         elif self._files:
             _read_parts(model, self._files)
             # Not all collectives are those of packed layers, and an error elsewhere is news to the others too.
-            model.forward = names_the_stopped(model._mesh_manager.get_mesh("tp").get_group(), model.forward)
+            group = model._mesh_manager.get_mesh("tp").get_group()
+            # A method of this model, so that a copy has its own.
+            model.forward = types.MethodType(names_the_stopped(group, type(model).forward), model)
         config = self.quantization_config
         if config.fuse_mlp:
             layers.fuse_mlps(model, config.device_class or config.rules().device_class(_xpus_of({"": model.device})))
