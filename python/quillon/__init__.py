@@ -61,7 +61,7 @@ def __getattr__(name: str) -> Any:
         module = importlib.import_module(_NEED_TRANSFORMERS[name])
     except ImportError as missing:
         raise ImportError(
-            f"quillon.{name} needs transformers 5 or later: pip install 'quillon[transformers]'"
+            f"quillon.{name} needs transformers 5.23 or later ({missing}): pip install 'quillon[transformers]'"
         ) from missing
     return getattr(module, name)
 

@@ -19,18 +19,25 @@ class _Finder(importlib.abc.MetaPathFinder):
     def __init__(self, name: str, patch: Patch) -> None:
         self.name = name
         self.patch = patch
+        self.looking = False
 
     def find_spec(self, fullname: str, path: Any, target: Any = None) -> importlib.machinery.ModuleSpec | None:
-        if fullname != self.name:
+        if fullname != self.name or self.looking:
             return None
-        sys.meta_path.remove(self)
-        spec = importlib.util.find_spec(fullname)
+        self.looking = True
+        try:
+            spec = importlib.util.find_spec(fullname)
+        finally:
+            self.looking = False
         if spec is None or spec.loader is None:
             return None
         execute = spec.loader.exec_module
 
         def execute_and_patch(module: ModuleType) -> None:
             execute(module)
+            # Not before: a mere look-up, or an import that fails, is not the last.
+            if self in sys.meta_path:
+                sys.meta_path.remove(self)
             self.patch(module)
 
         spec.loader.exec_module = execute_and_patch  # type: ignore[method-assign]
