@@ -41,7 +41,7 @@ LAYER_FORMATS = ("q6_k", "q5_1", "q4_0", "fp6", "q5_k", "q2_k", "iq1_s")
 """Regions and records, of 64 and 256; activations as they are and quantized; tails that a kernel leaves out. Four
 processes take the first two alone, for the time."""
 
-PATIENCE = 8.0
+PATIENCE = 5.0
 """Seconds that the groups wait in which a process fails."""
 
 
