@@ -27,7 +27,7 @@ def test_weight_view_at_an_offset(name: str, offset: int) -> None:
     )
 
 
-@pytest.mark.grid(0.3)
+@pytest.mark.grid(0.2)
 @pytest.mark.parametrize("offset", [1, 2, 3, 4])
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16, torch.float64])
 @pytest.mark.parametrize("name", quillon.formats.WEIGHT_FORMATS)

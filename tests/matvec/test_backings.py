@@ -55,7 +55,7 @@ def both(
     return bits[0], bits[1]
 
 
-@pytest.mark.grid(0.6)
+@pytest.mark.grid(0.35)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)

@@ -101,7 +101,7 @@ def test_every_class(device_class: str, name: str) -> None:
     assert torch.equal(given.cpu(), other.cpu())  # tiles of eight rows and of two give the same bits
 
 
-@pytest.mark.grid(0.5)
+@pytest.mark.grid(0.3)
 @pytest.mark.parametrize("act", [SILU, GELU])
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize(("name", "device_class"), [(n, c) for n in NAMES for c in classes_of(n)])
