@@ -31,6 +31,7 @@ KERNELS = {
 }  # fmt: skip
 
 
+@pytest.mark.grid(0.5)
 @pytest.mark.parametrize("backing", BACKINGS)
 @pytest.mark.parametrize("device_class", BOTH_CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)

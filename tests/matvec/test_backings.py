@@ -84,6 +84,7 @@ def with_bad_rows(name: str, rows: int, k: int) -> tuple[Array, Array]:
     return pack(entry, sound), pack(entry, bad)
 
 
+@pytest.mark.grid(0.4)
 @pytest.mark.parametrize("device_class", ["elm", "unknown"])
 @pytest.mark.parametrize("dtype", ["float32", "float16"])
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)

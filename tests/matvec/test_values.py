@@ -93,6 +93,7 @@ UNIT_BYTE = {
 }  # fmt: skip
 
 
+@pytest.mark.grid(0.4)
 @pytest.mark.parametrize("device_class", ["elm", "legacy", "unknown"])
 @pytest.mark.parametrize(("format_name", "dtype"), CASES)
 def test_each_sum_is_rounded(format_name: str, dtype: str, device_class: str) -> None:

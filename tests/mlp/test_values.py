@@ -86,6 +86,7 @@ def test_scales_of_fp8_e5m2(device_class: str, dtype: str, act: int) -> None:
             assert (slope + error < 0.1 * np.std(output)).all(), "the bound says nothing"
 
 
+@pytest.mark.grid(0.4)
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("device_class", CLASSES)
 def test_every_class(device_class: str, name: str) -> None:
