@@ -179,7 +179,9 @@ logger.addFilter(fail)
 sys.unraisablehook = lambda event: print(event.exc_type.__name__)
 call(vesper_linear.forward_new, torch.float64)
 """
-    assert _run(text) == "ZeroDivisionError\n"
+    # A slow machine is told of the compiler's seconds, once.
+    told = [line for line in _run(text).splitlines() if not line.startswith("compiling kernels for this device")]
+    assert told == ["ZeroDivisionError"]
 
 
 def test_the_module_alone_keeps_no_log() -> None:
