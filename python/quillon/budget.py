@@ -21,13 +21,13 @@ from quillon.calibration import calls_of
 from quillon.formats import BUDGET_FORMATS, Format, get_format, weight_bytes
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
+from quillon.quantizers.feedback import sample_rows
 from quillon.reference import dequantize_reference
 
 __all__ = ["Sensitivity", "choose_formats", "measure_sensitivity"]
 
 # Gradients of so many tokens tell layers apart well enough, and each of them goes through the model forth and back.
 _TOKENS = 2048
-_SAMPLE_ROWS = 96
 
 
 @dataclass
@@ -127,7 +127,7 @@ def measure_sensitivity(
 
 def _cost(weight: Tensor, format: str, sensitivity: Sensitivity | None) -> float:
     """What packing a weight costs in log-likelihood, as far as rows do not know of one another."""
-    rows = torch.arange(0, len(weight), max(1, len(weight) // _SAMPLE_ROWS))
+    rows = sample_rows(len(weight))
     sample = weight[rows].float().cpu()
     importance = None if sensitivity is None or not bool((sensitivity.columns > 0).any()) else sensitivity.columns
     packed = quantize(sample, format, importance=importance, progress=False)

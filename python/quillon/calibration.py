@@ -453,12 +453,11 @@ def pack_in_step(
     *,
     look: Callable[[dict[str, str], dict[str, InputMoments]], None] = lambda groups, moments: None,
     keep: Callable[[str, str, Tensor], None] = lambda name, format, packed: None,
-    find: Callable[[str, str], Tensor | None] = lambda name, format: None,
     progress: bool | None = None,
 ) -> None:
     """Pack those of ``layers`` that have a format, each by the statistics behind those packed before it.
 
-    look  is given what was found of some layers, ``keep`` the bytes of a layer, and ``find`` may know them already
+    look  is given what was found of some layers, ``keep`` the bytes of a layer
 
     The model is left as it was.
     """
@@ -466,10 +465,8 @@ def pack_in_step(
 
     def pack(name: str, weight: Tensor, moments: InputMoments) -> Tensor:
         format = formats[name]
-        packed = find(name, format)
-        if packed is None:
-            packed = quantize(weight, format, moments=moments, progress=False)
-            keep(name, format, packed)
+        packed = quantize(weight, format, moments=moments, progress=False)
+        keep(name, format, packed)
         return dequantize_reference(packed, format, *weight.shape)
 
     def visit(groups: dict[str, str], moments: dict[str, InputMoments]) -> bool:

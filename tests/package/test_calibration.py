@@ -219,7 +219,7 @@ def test_behind_packed_layers() -> None:
     model, batches = small_model(), some_batches()
     found = calibrate(model, batches, behind="q4_0")
     by_hand = small_model()
-    for number, block in enumerate(by_hand.blocks):
+    for number in range(3):
         names = [f"blocks.{number}.{name}" for name in ("gate", "up", "down")]
         for name, given in plain_inputs(by_hand, batches, names).items():
             same_moments(found[name], [x for i, x in enumerate(given) if i != 4], [given[4]])
@@ -227,7 +227,6 @@ def test_behind_packed_layers() -> None:
             layer = by_hand.get_submodule(name)
             packed = quantize(layer.weight, "q4_0", moments=found[name])
             layer.weight.data = dequantize_reference(packed, "q4_0", *layer.weight.shape)
-        assert block is not None
     report = quillon.quantize_model(model, "q4_0", calibration=batches)
     for number in range(3):
         for name in ("gate", "up", "down"):

@@ -252,6 +252,11 @@ _SETTINGS = ((0.1, 0.1), (0.1, 0.3))
 _SAMPLE_ROWS = 96
 
 
+def sample_rows(rows: int) -> Tensor:
+    """The numbers of some rows, evenly spread, by which a whole weight is judged."""
+    return torch.arange(0, rows, max(1, rows // _SAMPLE_ROWS))
+
+
 def _by_importance(x: Tensor, rounding: Rounding | GridRounding, importance: Tensor, elements: int) -> Tensor:
     """The values of the plain quantizer for rows ``x``."""
     parts = x.view(-1, elements).t().contiguous()
@@ -270,7 +275,7 @@ def chosen_feedback(
     unit = 1 if isinstance(rounding, Rounding) else 8
     if min(moments.tokens) == 0 or not bool((moments.fitted.diagonal() > 0).any()):
         return None
-    rows = torch.arange(0, weight.shape[0], max(1, weight.shape[0] // _SAMPLE_ROWS))
+    rows = sample_rows(len(weight))
     sample, fitted, held = weight[rows].float(), moments.mean("fitted"), moments.mean("held")
     importance = (fitted.diagonal() / fitted.diagonal().max()).clamp(min=1e-6).float()
 
