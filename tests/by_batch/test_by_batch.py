@@ -88,7 +88,7 @@ def test_the_bits_of_one_row_at_a_time(
         assert same_bits(result, alone), batch
 
 
-@pytest.mark.grid(0.25)
+@pytest.mark.grid(0.15)
 @pytest.mark.parametrize("k", [16, 80, 4176])
 @pytest.mark.parametrize(("name", "dtype", "device_class"), CASES)
 def test_rows_that_end_inside_a_block(name: str, dtype: str, device_class: str, k: int) -> None:

@@ -207,7 +207,7 @@ BATCHES = (*range(1, 18), 63, 64, 65, 66, 128, 512)
 COLUMNS = {name: (512, 1024) if FORMATS[name].elements == 64 else (1024, 2048) for name in WEIGHT_FORMATS}
 
 
-@pytest.mark.grid(0.12)
+@pytest.mark.grid(0.08)
 @pytest.mark.parametrize("device_class", DEVICE_CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
@@ -229,7 +229,7 @@ ENVIRONMENTS = [
 ]
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", DEVICE_CLASSES)
 @pytest.mark.parametrize("name", TILED)
 def test_roads_by_environment(name: str, device_class: str, monkeypatch: pytest.MonkeyPatch) -> None:

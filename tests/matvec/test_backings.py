@@ -55,7 +55,7 @@ def both(
     return bits[0], bits[1]
 
 
-@pytest.mark.grid(0.35)
+@pytest.mark.grid(0.2)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
@@ -84,7 +84,7 @@ def with_bad_rows(name: str, rows: int, k: int) -> tuple[Array, Array]:
     return pack(entry, sound), pack(entry, bad)
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.2)
 @pytest.mark.parametrize("device_class", ["elm", "unknown"])
 @pytest.mark.parametrize("dtype", ["float32", "float16"])
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)

@@ -69,7 +69,7 @@ def run(name: str, weight: Array, x: Array, k: int, dtype: str, device: torch.de
     return result
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", NAMES)
