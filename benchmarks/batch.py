@@ -2,10 +2,10 @@
 
     python benchmarks/batch.py [--formats q4_0,nf4] [--batches 1,4,64] [--dtype float32,float16] [--shape 4096x4096]
 
-Measured as in benchmarks/matvec.py, with as many copies of each weight. A line is a format, a column a number of rows;
-a cell is the milliseconds of a call and, in parentheses, how many times that is `at::linear` with a dense weight of the
-same element type, bold above 1.1. The first lines are the dense products themselves and PyTorch's int4 product, which
-multiplies in bfloat16.
+Measured as in benchmarks/matvec.py, with as many copies of each weight. A line is a format, or a `LowBitLinear` of it,
+which may cut the rows into several calls; a column is a number of rows; a cell is the milliseconds of a call and, in
+parentheses, how many times that is `at::linear` with a dense weight of the same element type, bold above 1.1. The first
+lines are the dense products themselves and PyTorch's int4 product, which multiplies in bfloat16.
 """
 
 from __future__ import annotations
@@ -30,6 +30,7 @@ from quillon.formats import format_name
 
 BATCHES = "1,2,3,4,7,8,16,64,512"
 SLOWER = 1.1
+OURS = ("forward_new", "LowBitLinear")
 
 
 def measured(arguments: argparse.Namespace, dtype: str) -> dict[int, dict[str, float]]:
@@ -49,12 +50,15 @@ def measured(arguments: argparse.Namespace, dtype: str) -> dict[int, dict[str, f
 
 
 def table_rows(times: dict[int, dict[str, float]], dtype: str) -> Iterator[list[str]]:
-    names = next(iter(times.values()))
-    for name in (one for one in names if not one.startswith("forward_new")):
+    names = times[max(times)]
+    for name in (one for one in names if not one.startswith(OURS)):
         yield [dtype, name, *(shown(times[batch][name]) if name in times[batch] else "-" for batch in times)]
-    for name in (one for one in names if one.startswith("forward_new")):
+    for name in (one for one in names if one.startswith(OURS)):
         cells = []
         for at_batch in times.values():
+            if name not in at_batch:
+                cells.append("-")
+                continue
             ratio = at_batch[name] / at_batch[f"linear {dtype}"]
             text = f"{ratio:.2f}"
             cells.append(f"{shown(at_batch[name])} ({f'**{text}**' if ratio > SLOWER else text})")

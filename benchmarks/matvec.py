@@ -40,6 +40,7 @@ from torch import Tensor
 import quillon
 import vesper_linear
 from quillon.formats import WEIGHT_FORMATS, format_code, format_name, row_multiple, weight_bytes
+from quillon.nn import LowBitLinear
 
 DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.float16, "bfloat16": torch.bfloat16}
 STATISTICS: dict[str, Callable[[list[float]], float]] = {"median": statistics.median, "min": min}
@@ -162,8 +163,16 @@ class Benchmark:
             self.to_read[i % pieces * words :][:words].sum()
             self._finish(self.dense_device)
 
+        def through_layer(i: int) -> None:
+            layer.packed = weights[i % len(weights)]
+            layer(x)
+            self._finish(self.device)
+
         self.contenders[f"forward_new {name}"] = Contender(run)
         self.contenders[f"read {name}"] = Contender(read)
+        if x.shape[0] > 1:  # a layer may cut a batch into several calls
+            layer = LowBitLinear(self.cols, self.rows, name, bias=False)
+            self.contenders[f"LowBitLinear {name}"] = Contender(through_layer)
 
     def measure(self, rounds: int, calls: int, pause: float) -> None:
         for _ in range(rounds):

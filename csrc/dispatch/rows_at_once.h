@@ -1,5 +1,5 @@
-// How many activation rows a layer may give to one call of forward_new: what the roads serve, and serve right. A pure
-// function, free of torch, so that it can be tested exhaustively by itself.
+// How a layer cuts its activation rows into calls of forward_new: what the roads serve, and serve right, and what moves
+// little memory. Pure functions, free of torch, so that they can be tested exhaustively by themselves.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 namespace quillon {
 
 // Of activations, as far as roads tell them apart.
-enum class RoadType { float_or_half, bfloat16, float64 };
+enum class RoadType { float32, float16, bfloat16, float64 };
 
 constexpr bool serves(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t batch,
                       std::uint64_t state_size, std::uint64_t output_size) {
@@ -24,7 +24,8 @@ constexpr bool serves(XpuDeviceClass device_class, int qtype, RoadType type, std
     case Road::by_batch:
       return by_batch_road(qtype)->kernel_qtype == qtype;
     case Road::dense: {
-      if (type == RoadType::float_or_half && has_fast_dense(qtype, state_size, output_size)) return true;
+      if ((type == RoadType::float32 || type == RoadType::float16) && has_fast_dense(qtype, state_size, output_size))
+        return true;
       const int whole =
           expansion_index(expansion::whole, qtype, device_class == XpuDeviceClass::elm ? table_elm : table_default);
       if (whole < 0) return false;
@@ -46,6 +47,36 @@ constexpr std::uint64_t rows_at_once(XpuDeviceClass device_class, int qtype, Roa
   for (std::uint64_t batch = 1; batch <= kLastChange; ++batch)
     if (!serves(device_class, qtype, type, batch, state_size, output_size)) return batch - 1;
   return 0;
+}
+
+// Up to `rows` rows of a layer go in calls of at most `of_call`.
+struct FewRows {
+  std::uint64_t rows;
+  std::uint64_t of_call;
+};
+
+// A few rows of float32 meet the packed weight, a handful at a time where the format has such a road, else one by one, as
+// long as this reads less than what an expansion reads and writes and its product reads again; of a small weight, no more
+// than the launches are worth. The 16-bit types have less to gain, and lose where a processor has no arithmetic of theirs.
+// A kernel that rounds the activations to eight bits would be a loss of another kind.
+constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t state_size,
+                           std::uint64_t output_size) {
+  if (type != RoadType::float32 || takes_q8_1(kernel_table[kernel_index(kernel_family::matvec, qtype)])) return {0, 0};
+  const ByBatchRoad* by_batch = by_batch_road(qtype);
+  const bool by_handful = by_batch != nullptr && by_batch->kernel_qtype == qtype &&
+                          (by_batch->on_elm || device_class != XpuDeviceClass::elm);
+  const bool is_large = state_size * output_size >= std::uint64_t{1} << 20;
+  constexpr std::uint64_t kOfSmallWeight = 16, kRowsOfReading = 2;
+  const auto packed = static_cast<std::uint64_t>(bytes_per_block(qtype));
+  const std::uint64_t dense = sizeof(float) * static_cast<std::uint64_t>(elements_per_block(qtype));
+  const std::uint64_t readings = (packed + 2 * dense) / packed;
+  const std::uint64_t rows =
+      by_handful ? (is_large ? kRowsOfReading * readings : kOfSmallWeight) : (is_large ? readings : 0);
+  std::uint64_t without_engine = 0;
+  while (without_engine < rows &&
+         choose_path(device_class, qtype, without_engine + 1, output_size) != Path::matrix_engine)
+    ++without_engine;
+  return {without_engine, by_handful ? by_batch->most : 1};
 }
 
 }  // namespace quillon

@@ -39,22 +39,31 @@ LaunchFields end_launches() {
   return fields;
 }
 
-std::int64_t rows_at_once_on(c10::Device device, std::int64_t qtype, at::ScalarType type, std::int64_t state_size,
-                             std::int64_t output_size) {
-  check_qtype("rows_at_once", static_cast<int>(qtype));
+// The most rows of a call, 0 for any number; and up to how many rows go in calls of how many, 0 for none.
+using RowsOfCalls = std::tuple<std::int64_t, std::int64_t, std::int64_t>;
+
+RowsOfCalls rows_at_once_on(c10::Device device, std::int64_t code, at::ScalarType type, std::int64_t state_size,
+                            std::int64_t output_size) {
+  const int qtype = static_cast<int>(code);
+  check_qtype("rows_at_once", qtype);
   const RoadType road_type = type == at::kDouble     ? RoadType::float64
                              : type == at::kBFloat16 ? RoadType::bfloat16
-                                                     : RoadType::float_or_half;
-  return static_cast<std::int64_t>(
-      rows_at_once(get_device_class(device), static_cast<int>(qtype), road_type, state_size, output_size));
+                             : type == at::kHalf     ? RoadType::float16
+                                                     : RoadType::float32;
+  const XpuDeviceClass device_class = get_device_class(device);
+  const std::uint64_t most = rows_at_once(device_class, qtype, road_type, state_size, output_size);
+  const FewRows few = few_rows(device_class, qtype, road_type, state_size, output_size);
+  return {static_cast<std::int64_t>(most), static_cast<std::int64_t>(few.rows), static_cast<std::int64_t>(few.of_call)};
 }
 
 TORCH_LIBRARY(quillon_kernels, library) {
   library.def("expand_weight(Tensor weight, Tensor(a!) output, int qtype) -> ()");
   library.def("expand_rows_of(Tensor weight, Tensor(a!) output, int qtype, int output_size, int row_start) -> ()");
   library.def("expand_weight_fast(Tensor weight, Tensor(a!) output, int qtype) -> ()");
-  library.def("rows_at_once(Device device, int qtype, ScalarType type, int state_size, int output_size) -> int",
-              &rows_at_once_on);
+  library.def(
+      "rows_at_once(Device device, int qtype, ScalarType type, int state_size, int output_size) -> "
+      "(int, int, int)",
+      &rows_at_once_on);
   library.def("begin_launches() -> ()", &begin_launch_records);
   library.def("end_launches() -> (str[], int[][], int[][], int[], bool[])", &end_launches);
   library.def(

@@ -90,12 +90,35 @@ def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]
 
 
 @functools.cache
-def _rows_at_once(format: Format, device: torch.device, dtype: torch.dtype, columns: int, out_features: int) -> int:
-    """How many rows a layer may give to one call; 0: any number."""
+def _rows_at_once(
+    format: Format, device: torch.device, dtype: torch.dtype, columns: int, out_features: int
+) -> tuple[int, int, int]:
+    """How many rows a layer may give to one call, 0 for any number; and up to how many it gives in calls of how many.
+
+    A few rows meet the packed weight sooner than it is expanded for them.
+    """
     if device.type != "xpu":
-        return 0
-    rows: int = torch.ops.quillon_kernels.rows_at_once(device, format.code, dtype, columns, out_features)
+        return 0, 0, 0
+    rows: tuple[int, int, int] = torch.ops.quillon_kernels.rows_at_once(
+        device, format.code, dtype, columns, out_features
+    )
     return rows
+
+
+def _rows_of_call(
+    count: int, format: Format, device: torch.device, dtype: torch.dtype, columns: int, out_features: int
+) -> int:
+    """How many of ``count`` rows a layer gives to one call; 0: all.
+
+    Calls for a few rows are of equal size, give or take one. An exported program takes any number of rows, and knows of
+    no few.
+    """
+    if count == 1:  # a token of generation asks for nothing
+        return 0
+    at_once, few, of_few = _rows_at_once(format, device, dtype, columns, out_features)
+    if few > 1 and not torch.compiler.is_exporting() and count <= few:
+        return -(-count // -(-count // of_few))
+    return at_once if at_once < count else 0
 
 
 def _input_size(format: Format, columns: int) -> int:
@@ -116,10 +139,9 @@ def _multiply(input: Tensor, packed: Tensor, format: Format, out_features: int) 
     rows = input.reshape(-1, columns).contiguous()
     if rows.shape[0] == 0:
         return input.new_empty(*input.shape[:-1], out_features)
-    size, at_once = _input_size(format, columns), 0
-    if rows.shape[0] != 1:  # a token of generation asks for nothing
-        at_once = _rows_at_once(format, rows.device, rows.dtype, columns, out_features)
-    if at_once == 0 or rows.shape[0] <= at_once:
+    size = _input_size(format, columns)
+    at_once = _rows_of_call(rows.shape[0], format, rows.device, rows.dtype, columns, out_features)
+    if at_once == 0 or at_once == rows.shape[0]:
         output = forward_new(rows, packed, format.code, size)
     else:
         # Launches queue up behind one another, and the one cat at the end waits for all of them.

@@ -232,20 +232,33 @@ def test_many_rows(name: str, dtype: torch.dtype) -> None:
         assert ((layer(input).reshape(-1, 33) - alone).abs() <= bound).all(), shape
 
 
+# Format, element type, output size, rows, rows of each call.
 CALLS = [
-    ("q4_k", "float32", 1),
-    ("fp6", "float16", 1),
-    ("fp6", "bfloat16", 9),
-    ("q4_0_woq", "float32", 9),
-    ("q8_0", "float64", 1),
+    ("q4_k", "float32", 16, 9, [9]),
+    ("fp6", "float16", 16, 9, [9]),
+    ("fp6", "bfloat16", 16, 9, [1] * 9),
+    ("q4_0_woq", "float32", 16, 9, [1] * 9),
+    ("q8_0", "float64", 16, 9, [9]),
+    # A few rows of float32 meet the packed weight.
+    ("q4_0", "float32", 16, 16, [6, 6, 4]),
+    ("q4_0", "float32", 16, 17, [17]),
+    ("q4_0", "float32", 2048, 17, [6, 6, 5]),
+    ("q4_0", "float32", 2048, 33, [33]),
+    ("q4_0", "float16", 2048, 9, [9]),
+    ("nf4", "float32", 2048, 31, [11, 11, 9]),
+    ("q4_k", "float32", 2048, 14, [1] * 14),
+    ("q4_k", "float32", 2048, 15, [15]),
+    ("q2_k", "float32", 2048, 2, [2]),
 ]
 
 
-@pytest.mark.parametrize(("name", "dtype", "calls"), CALLS)
-def test_calls_for_many_rows(name: str, dtype: str, calls: int, monkeypatch: pytest.MonkeyPatch) -> None:
+@pytest.mark.parametrize(("name", "dtype", "out_features", "rows", "calls"), CALLS)
+def test_calls_for_many_rows(
+    name: str, dtype: str, out_features: int, rows: int, calls: list[int], monkeypatch: pytest.MonkeyPatch
+) -> None:
     """One, where the format has a road for the element type, and one for each row elsewhere."""
     columns = 512
-    layer = LowBitLinear.from_linear(nn.Linear(columns, 16), name).to(DEVICE)
+    layer = LowBitLinear(columns, out_features, name, bias=False).to(DEVICE)
     seen: list[int] = []
     forward_new = vesper_linear.forward_new
 
@@ -254,8 +267,8 @@ def test_calls_for_many_rows(name: str, dtype: str, calls: int, monkeypatch: pyt
         return forward_new(input, weight, qtype, input_size)
 
     monkeypatch.setattr(vesper_linear, "forward_new", counted)
-    layer(torch.ones(9, columns, device=DEVICE, dtype=getattr(torch, dtype)))
-    assert seen == [9 // calls] * calls
+    layer(torch.ones(rows, columns, device=DEVICE, dtype=getattr(torch, dtype)))
+    assert seen == calls
 
 
 @pytest.mark.parametrize("name", ["q4_0", "q4_k", "iq1_s"])

@@ -106,7 +106,7 @@ def _products(weight: _Weight, dtype: str, generator: torch.Generator) -> Iterat
     for batch in (1, 3, 40):
         x = torch.randn(batch, _COLS, generator=generator).to(DTYPES[dtype])
         # As a layer has it: in calls of as many rows as the format takes.
-        at_once = layers._rows_at_once(weight_format(format), device, x.dtype, _COLS, _ROWS) if batch > 1 else 0
+        at_once = layers._rows_of_call(batch, weight_format(format), device, x.dtype, _COLS, _ROWS)
         expected = [part.double() @ weight.dense_for(part).T for part in torch.split(x, at_once or batch)]
         yield _check(
             f"product, {batch}",
