@@ -78,6 +78,8 @@ def _some(ranks: list[int], size: int) -> str:
 
 
 _met: dict[str, dist.ProcessGroup] = {}
+_failed_in: set[str] = set()
+"""Names of the groups in which this process has left a note of an error of its own."""
 
 
 def meet(group: dist.ProcessGroup) -> None:
@@ -89,6 +91,7 @@ def meet(group: dist.ProcessGroup) -> None:
         return
     ranks = dist.get_process_group_ranks(group)
     own, here = identity(), dist.get_rank()
+    _take_note_back(group)  # of a group of this name that is no more
     _store().set(_key(group, "version", here), own)
     wait = time_out(group).total_seconds()
     notes = _wait_for(group, "version", wait)
@@ -133,13 +136,16 @@ def names_the_stopped(group: dist.ProcessGroup, call: Callable[P, R]) -> Callabl
     """``call``, whose errors are explained: to the others of the group if they are its own, else by whom they came.
 
     An error of a collective becomes a :class:`PeerError` that names the process that has died, hangs or has failed,
-    some seconds after the group's time-out at the latest.
+    some seconds after the group's time-out at the latest. An error of its own that the program goes on from explains
+    nothing that comes later: the next call takes the note of it back.
     """
 
     @functools.wraps(call)
     def guarded(*args: P.args, **kwargs: P.kwargs) -> R:
         if torch.compiler.is_compiling():
             return call(*args, **kwargs)
+        if group.group_name in _failed_in:
+            _take_note_back(group)
         started = time.monotonic()
         try:
             return call(*args, **kwargs)
@@ -158,5 +164,12 @@ def names_the_stopped(group: dist.ProcessGroup, call: Callable[P, R]) -> Callabl
 
 
 def _leave_note(group: dist.ProcessGroup, problem: Exception) -> None:
+    _failed_in.add(group.group_name)
     with contextlib.suppress(RuntimeError):  # who keeps the store is gone, and the error itself says more
         _store().set(_key(group, "stopped", dist.get_rank()), f"{type(problem).__name__}: {problem}"[:1000])
+
+
+def _take_note_back(group: dist.ProcessGroup) -> None:
+    _failed_in.discard(group.group_name)
+    with contextlib.suppress(RuntimeError):
+        _store().delete_key(_key(group, "stopped", dist.get_rank()))
