@@ -180,6 +180,23 @@ def gradients(mesh: DeviceMesh) -> None:
     torch.testing.assert_close(y.grad, x.grad, rtol=1e-4, atol=1e-4 * float(x.grad.abs().max()))
 
 
+def compiled(mesh: DeviceMesh) -> None:
+    """Split layers are one graph, collectives among it, and give what they give without being compiled."""
+    _, split = split_pair(mesh, "q4_0", 128 * mesh.size())
+    gathering = layer("q4_0", 10 * mesh.size() + 1, 512, True)
+    PackedColwiseParallel(output_layouts=Replicate())._apply(gathering, mesh)
+
+    def run(x: Tensor) -> tuple[Tensor, Tensor]:
+        return split["second"](nn.functional.silu(split["first"](x))), gathering(x)
+
+    one_graph = torch.compile(run, fullgraph=True, backend="aot_eager")
+    for rows in (1, 3):
+        x = activations(rows, 512)
+        with torch.no_grad():
+            for found, expected in zip(one_graph(x), run(x), strict=True):
+                assert torch.equal(found, expected), rows
+
+
 def refusals(mesh: DeviceMesh) -> None:
     few = layer("q5_k", 8, 256, False)
     with raises(ValueError, "256 columns are dealt out in 1 parts of 256, which is not enough for"):
@@ -401,6 +418,7 @@ ON_MESH: list[Check] = [
     shapes_that_do_not_divide,
     stages,
 ]
+OF_TWO: list[Check] = [compiled]
 FAILURES: list[Check] = [another_version, one_that_does_not_come, one_that_fails, one_that_hangs, one_that_dies]
 """Each has a group of its own; those that wait for a time-out do so together."""
 WAITING = FAILURES[1:-1]
@@ -427,7 +445,7 @@ def main() -> None:
     dist.init_process_group(timeout=datetime.timedelta(minutes=4))
     size = dist.get_world_size()
     mesh = init_device_mesh("xpu", (size,))
-    for check in ON_MESH:
+    for check in [*ON_MESH, *(OF_TWO if size == 2 else [])]:
         torch.manual_seed(0)
         run_check(check, mesh)
         dist.barrier()

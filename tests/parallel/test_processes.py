@@ -205,7 +205,7 @@ def test_four_processes(four: dict[str, list[str | None]], name: str) -> None:
     assert_passed(four[name])
 
 
-@pytest.mark.parametrize("name", CHECKS)
+@pytest.mark.parametrize("name", [*CHECKS, "compiled"])
 def test_two_processes(two: dict[str, list[str | None]], name: str) -> None:
     assert_passed(two[name])
 
