@@ -9,6 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <sycl/platform.hpp>
 #include <sycl/usm.hpp>
@@ -63,12 +64,14 @@ S4MatmulFunction& s4_matmul() {
 
 // ---- what stays on a device -------------------------------------------------------------------------------
 
-// Made by a device's first call and never freed. Calls on one queue take turns with the scales; queues do not.
+// Made by a device's first call and never freed. Calls take turns with the scales, on whichever queue they are.
 struct DeviceObjects {
   std::once_flag made;
   std::uint8_t* zero_point;
   void* half_scales;
   std::atomic<void*> float_scales{nullptr};  // null until oneDNN has shown to have no half precision here
+  std::mutex turn;                           // held while a call submits its two kernels
+  std::optional<sycl::event> last;           // what reads or writes the scales
 };
 
 DeviceObjects& device_objects(sycl::queue& queue, c10::DeviceIndex index) {
@@ -84,9 +87,8 @@ DeviceObjects& device_objects(sycl::queue& queue, c10::DeviceIndex index) {
   return objects;
 }
 
+// In the caller's turn.
 void* float_scales(DeviceObjects& objects, sycl::queue& queue) {
-  static std::mutex& mutex = *new std::mutex;
-  const std::lock_guard lock(mutex);
   if (objects.float_scales == nullptr) objects.float_scales = sycl::malloc_device<float>(kScaleCapacity, queue);
   TORCH_CHECK(objects.float_scales != nullptr, "forward_new: no memory for the scales of oneDNN's product");
   return objects.float_scales;
@@ -95,16 +97,27 @@ void* float_scales(DeviceObjects& objects, sycl::queue& queue) {
 // ---- the product ------------------------------------------------------------------------------------------
 
 template <typename T>
-void transpose_scale_kernel(sycl::queue& queue, c10::DeviceIndex index, const std::uint8_t* source, T* destination,
-                            std::uint64_t groups, std::uint64_t rows) {
+const sycl::kernel& transpose_scale_kernel(const sycl::queue& queue, c10::DeviceIndex index) {
   static runtime::KernelEntry& entry =
       runtime::kernel_entry("kernels/onednn/transpose_scale.h",
                             std::string("transpose_scale_kernel<") + facts_of(element_type_of<T>()).name + ">", {});
-  const sycl::kernel& kernel = runtime::find_kernel(entry, queue, index);
-  queue.submit([&](sycl::handler& handler) {
-    handler.set_args(source, destination, groups, rows);
-    handler.parallel_for(sycl::nd_range<1>(rows * groups, groups), kernel);
+  return runtime::find_kernel(entry, queue, index);
+}
+
+// Both kernels of a product. Whatever may take the interpreter's lock, as the observer of a build does, has been done by
+// now: a thread may hold that lock and wait for its turn.
+S4Outcome transpose_and_multiply(sycl::queue& queue, DeviceObjects& objects, const sycl::kernel& transpose,
+                                 S4MatmulFunction& multiply, const std::uint8_t* scales, const S4Matmul& matmul) {
+  const auto groups = static_cast<std::uint64_t>(matmul.state_size / kGroup);
+  const auto rows = static_cast<std::uint64_t>(matmul.output_size);
+  objects.last = queue.submit([&](sycl::handler& handler) {
+    if (objects.last) handler.depends_on(*objects.last);
+    handler.set_args(scales, const_cast<void*>(matmul.scales), groups, rows);
+    handler.parallel_for(sycl::nd_range<1>(rows * groups, groups), transpose);
   });
+  const S4Outcome outcome = multiply(queue, matmul);
+  objects.last = queue.ext_oneapi_submit_barrier();
+  return outcome;
 }
 
 void record_matmul(c10::Device device) {
@@ -141,9 +154,11 @@ at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::
                   output.data_ptr(),         batch, state_size,          output_size,
                   /*single_precision=*/false};
 
+  S4MatmulFunction& multiply = s4_matmul();
   if (objects.float_scales == nullptr) {
-    transpose_scale_kernel(queue, index, scales, static_cast<c10::Half*>(objects.half_scales), groups, output_size);
-    if (s4_matmul()(queue, matmul) == S4Outcome::submitted) {
+    const sycl::kernel& transpose = transpose_scale_kernel<c10::Half>(queue, index);
+    const std::lock_guard turn(objects.turn);
+    if (transpose_and_multiply(queue, objects, transpose, multiply, scales, matmul) == S4Outcome::submitted) {
       record_matmul(weight.device());
       return output;
     }
@@ -151,12 +166,15 @@ at::Tensor linear_xpu_forward_onednn_s4_gemv(const at::Tensor& input, const at::
   // A processor without half precision: the halves' own values, multiplied in float and rounded once.
   const at::Tensor source = input.to(at::kFloat);
   const at::Tensor destination = at::empty({batch, output_size}, output.options().dtype(at::kFloat));
+  const sycl::kernel& transpose = transpose_scale_kernel<float>(queue, index);
   matmul.source = source.const_data_ptr();
   matmul.destination = destination.data_ptr();
-  matmul.scales = float_scales(objects, queue);
   matmul.single_precision = true;
-  transpose_scale_kernel(queue, index, scales, static_cast<float*>(objects.float_scales.load()), groups, output_size);
-  s4_matmul()(queue, matmul);
+  {
+    const std::lock_guard turn(objects.turn);
+    matmul.scales = float_scales(objects, queue);
+    transpose_and_multiply(queue, objects, transpose, multiply, scales, matmul);
+  }
   record_matmul(weight.device());
   output.copy_(destination);
   return output;

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import numpy as np
@@ -48,6 +49,28 @@ def test_values(device_class: str, n: int, k: int) -> None:
     """Scales that are all different end at their own outputs: a row's groups lie far apart in what oneDNN reads."""
     for batch in (2, 7, 8, 33) if device_class == "elm" else (8, 33):
         check(batch, n, k, device_of(device_class))
+
+
+@pytest.mark.parametrize("threads", [False, True], ids=["one-thread", "threads"])
+@pytest.mark.parametrize("own_streams", [False, True], ids=["one-stream", "streams"])
+def test_calls_under_way_at_once(own_streams: bool, threads: bool) -> None:
+    """Each has its own weight's scales, whichever stream of a device it is on and whichever thread it comes from."""
+    device, batch, n, k, calls = device_of("yew"), 16, 256, 1024, 24
+    weights = [torch.from_numpy(random_weight("q4_0_woq", n * k // 64, seed)).to(device) for seed in range(4)]
+    x = torch.from_numpy(random_activations(batch * k, "float16", 3)).view(batch, k).to(device)
+    alone = [vesper_linear.forward_new(x, weight, QTYPE, 0).cpu() for weight in weights]
+    streams = [torch.xpu.Stream(device) if own_streams else torch.xpu.current_stream(device) for _ in weights]
+
+    def call(which: int) -> torch.Tensor:
+        with torch.xpu.stream(streams[which]):
+            return torch.ops.quillon.forward_new(x, weights[which], QTYPE, 0)
+
+    order = [number % len(weights) for number in range(calls)]
+    with ThreadPoolExecutor(len(weights) if threads else 1) as pool:
+        results = list(pool.map(call, order))
+    torch.xpu.synchronize(device)
+    right = [torch.equal(result.cpu(), alone[which]) for which, result in zip(order, results, strict=True)]
+    assert right == [True] * calls
 
 
 def test_no_rows() -> None:
