@@ -7,6 +7,7 @@ import functools
 import inspect
 import itertools
 import json
+import logging
 import os
 import threading
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
@@ -20,6 +21,7 @@ from torch import Tensor, nn
 from quillon import nn as layers_of
 from quillon._lockstep import Edge, Finished, Pass, current_pass, run_in_step
 from quillon._modes import plain_modes
+from quillon._named import naming
 from quillon._pieces import serial_operators
 from quillon.formats import weight_format
 from quillon.quantizers import quantize
@@ -28,6 +30,8 @@ from quillon.quantizers.moments import InputMoments
 from quillon.reference import dequantize_reference
 
 __all__ = ["Calibration", "calibrate", "calibration_text", "windows"]
+
+_logger = logging.getLogger("quillon.calibration")
 
 _INDEX = "calibration.json"
 _VERSION = 1
@@ -39,6 +43,13 @@ _HELD_OUT = 5
 def calibration_text() -> str:
     """The text that is calibrated on where no other is given: stories, explanations, dialogues, lists and code."""
     return (Path(__file__).parent / "data" / "calibration.txt").read_text(encoding="utf-8")
+
+
+def say_uncalibrated(names: Sequence[str]) -> None:
+    """Warn of layers that were packed as without the calibration that was given, if there are any."""
+    if names:
+        some = ", ".join(names[:3]) + (", ..." if len(names) > 3 else "")
+        _logger.warning("the calibration says nothing of %d layers, packed as without it: %s", len(names), some)
 
 
 def windows(tokens: Tensor, length: int = 512) -> list[Tensor]:
@@ -248,8 +259,12 @@ class _Collector:
             del self.sums[group]
         for name in shares:
             del self.shares[name]
-        self._taken.update(shares)
+        self.skip(shares)
         return shares, moments
+
+    def skip(self, names: Iterable[str]) -> None:
+        """Look no more at what meets these layers."""
+        self._taken.update(names)
 
 
 # ---- the pass over the text ------------------------------------------------------------------------------------------
@@ -299,12 +314,15 @@ def _walk(
     model: nn.Module,
     batches: Iterable[Any],
     layers: Mapping[str, nn.Module],
+    *,
+    enter: Callable[[list[str]], bool],
     visit: Visit,
-    left: Callable[[], None] = lambda: None,
+    left: Callable[[], None],
     progress: bool | None = None,
 ) -> None:
     """Take all batches through a model, block by block, and add up what meets ``layers``.
 
+    enter  called with the names of a block's layers ahead of the first batch: whether nothing is asked of them
     visit  called when all have been through a block, which they go through again if it has changed
     left   called when they have left it
     """
@@ -328,12 +346,15 @@ def _walk(
             bar.advance(1)
             return False
         kind, name = edge
+        inside = [one for one in layers if _inside(one, name)]
         if kind == "before":
             left()
+            if name not in visited and enter(inside):
+                collector.skip(inside)
             return True
         if name not in visited:
             visited.add(name)
-            if visit(*collector.take([one for one in layers if _inside(one, name)])):
+            if visit(*collector.take(inside)):
                 changed.add(name)
             bar.advance(1)
         return bool(outside) or len(visited) < len(blocks)
@@ -359,6 +380,19 @@ def _side_by_side(tasks: Sequence[Callable[[], None]]) -> None:
             pass
 
 
+def _matrix(layer: Any) -> Tensor:
+    """The weight of a layer, (rows, columns)."""
+    weight: Tensor = layer.weight.detach()
+    return weight if isinstance(layer, nn.Linear) else weight.t()
+
+
+def _set_matrix(layer: Any, values: Tensor) -> None:
+    weight = layer.weight
+    values = values if isinstance(layer, nn.Linear) else values.t()
+    values = values.to(device=weight.device, dtype=weight.dtype).contiguous()
+    layer.weight = nn.Parameter(values, requires_grad=False)
+
+
 def _pack_layers(
     layers: Mapping[str, Any],
     shares: Mapping[str, str],
@@ -369,12 +403,7 @@ def _pack_layers(
 
     def of_group(group: str) -> None:
         for name in (one for one, its in shares.items() if its == group):
-            layer = layers[name]
-            turned = not isinstance(layer, nn.Linear)
-            weight = layer.weight.detach()
-            values = pack(name, weight.t() if turned else weight, moments[group])
-            values = (values.t() if turned else values).to(device=weight.device, dtype=weight.dtype)
-            layer.weight = nn.Parameter(values.contiguous(), requires_grad=False)
+            _set_matrix(layers[name], pack(name, _matrix(layers[name]), moments[group]))
         moments[group].forget()
 
     # The longest first.
@@ -452,12 +481,15 @@ def pack_in_step(
     formats: Mapping[str, str],
     *,
     look: Callable[[dict[str, str], dict[str, InputMoments]], None] = lambda groups, moments: None,
+    find: Callable[[str, str], Tensor | None] = lambda name, format: None,
     keep: Callable[[str, str, Tensor], None] = lambda name, format, packed: None,
     progress: bool | None = None,
 ) -> None:
     """Pack those of ``layers`` that have a format, each by the statistics behind those packed before it.
 
-    look  is given what was found of some layers, ``keep`` the bytes of a layer
+    look  is given what was found of some layers
+    find  the bytes of a layer that were kept before, or None
+    keep  is given the bytes of each layer of which the text said something, by several threads
 
     The model is left as it was.
     """
@@ -465,9 +497,23 @@ def pack_in_step(
 
     def pack(name: str, weight: Tensor, moments: InputMoments) -> Tensor:
         format = formats[name]
-        packed = quantize(weight, format, moments=moments, progress=False)
-        keep(name, format, packed)
+        packed = find(name, format)
+        if packed is None:
+            with naming(name):
+                packed = quantize(weight, format, moments=moments, progress=False)
+            if moments.usable():
+                keep(name, format, packed)
         return dequantize_reference(packed, format, *weight.shape)
+
+    def enter(names: list[str]) -> bool:
+        found = {name: find(name, formats[name]) for name in names if name in formats}
+        known = {name: packed for name, packed in found.items() if packed is not None}
+        if not known or len(known) < len(names):
+            return False
+        for name, packed in known.items():
+            originals[name] = layers[name].weight
+            _set_matrix(layers[name], dequantize_reference(packed, formats[name], *_matrix(layers[name]).shape))
+        return True
 
     def visit(groups: dict[str, str], moments: dict[str, InputMoments]) -> bool:
         look(groups, moments)
@@ -482,7 +528,7 @@ def pack_in_step(
         originals.clear()
 
     with plain_modes():
-        _walk(model, batches, layers, visit, left, progress)
+        _walk(model, batches, layers, enter=enter, visit=visit, left=left, progress=progress)
 
 
 def _columns(layer: nn.Module) -> int:

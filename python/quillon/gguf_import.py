@@ -12,6 +12,7 @@ import torch
 from torch import Tensor
 
 from quillon._modes import plain_modes
+from quillon.calibration import say_uncalibrated
 from quillon.formats import weight_format
 from quillon.gguf_blocks import EQUAL_FORMATS, rearrange
 from quillon.nn import chosen_device_class, kernel_row_multiple
@@ -70,8 +71,8 @@ def open_gguf(path: str | PathLike[str]) -> tuple[Any, Any]:
         ) from problem
 
 
-def _by_tensor(calibration: Mapping[str, InputMoments], reader: Any) -> dict[str, InputMoments]:
-    """The moments by the names of the file's tensors."""
+def _by_tensor(calibration: Iterable[str], reader: Any) -> dict[str, str]:
+    """Name of a tensor of the file -> under which name a calibration knows its layer."""
     import gguf
 
     architecture = str(reader.fields["general.architecture"].contents())
@@ -81,7 +82,7 @@ def _by_tensor(calibration: Mapping[str, InputMoments], reader: Any) -> dict[str
     found = {}
     for name in calibration:
         own = None if names is None else names.get_name(name)
-        found[f"{own or name.removesuffix('.weight')}.weight"] = calibration[name]
+        found[f"{own or name.removesuffix('.weight')}.weight"] = name
     return found
 
 
@@ -111,7 +112,8 @@ def from_gguf(
     fallback      format for matrices whose row length is not a multiple of what the kernels of ``format`` need
                   (:func:`quillon.nn.kernel_row_multiple`); without one such a matrix is an error
     keep          where a format holds a matrix's block type as it is, use that format and not ``format``
-    calibration   what :func:`quillon.calibrate` has found of the model, under its names of layers or the file's
+    calibration   what :func:`quillon.calibrate` has found of the model, under its names of layers or the file's;
+                  read layer by layer. A warning of the logger ``quillon.calibration`` names matrices it says nothing of
     device_class  the class of the device that the weights will be used on, as ``vesper_linear.get_xpu_device_name``
                   gives; by default that of the current XPU
     progress      as for :func:`quillon.quantize`
@@ -154,9 +156,10 @@ def from_gguf(
         if any(fnmatchcase(tensor.name, pattern) for pattern in wanted)
         for shape in [tuple(int(n) for n in reversed(tensor.shape))]
     ]
-    moments = {} if calibration is None else _by_tensor(calibration, reader)
+    known_as = {} if calibration is None else _by_tensor(calibration, reader)
     bar = Progress(f"repack as {target}", sum(int(tensor.n_elements) for tensor, _, _ in chosen), progress)
     result = {}
+    uncalibrated: list[str] = []
     for tensor, shape, name in chosen:
         rearranged = name is not None and EQUAL_FORMATS.get(tensor.tensor_type.name) == name
         try:
@@ -164,11 +167,18 @@ def from_gguf(
                 data = rearrange(torch.tensor(tensor.data), name, *shape)
             else:
                 values = torch.tensor(decode(tensor.data, tensor.tensor_type), dtype=torch.float32).view(shape)
-                found = moments.get(tensor.name)
-                data = values if name is None else quantize(values, name, moments=found, progress=False)
+                data = values
+                if name is not None:
+                    known = known_as.get(tensor.name)
+                    # Read when its turn comes: those of a whole model may be more than memory holds.
+                    moments = calibration[known] if calibration is not None and known is not None else None
+                    data = quantize(values, name, moments=moments, progress=False)
+                    if calibration is not None and (moments is None or not moments.usable()):
+                        uncalibrated.append(tensor.name)
         except (ValueError, NotImplementedError) as problem:
             raise ValueError(f"{tensor.name} of {path}, type {tensor.tensor_type.name}: {problem}") from problem
         result[tensor.name] = ImportedTensor(name, shape, data, exact=rearranged or name is None)
         bar.advance(int(tensor.n_elements))
     bar.close()
+    say_uncalibrated(uncalibrated)
     return result

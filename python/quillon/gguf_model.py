@@ -91,39 +91,54 @@ def load_gguf(
     ``ValueError`` for a damaged file and for an architecture that transformers does not know.
     """
     file = Path(path)
-    reader, decode = open_gguf(file)
-    hf_config = AutoConfig.from_pretrained(file.parent, gguf_file=file.name)
-    model_class: Any
-    read: Any = load_gguf_checkpoint
-    try:
-        model_class = AutoModelForCausalLM._model_mapping[type(hf_config)]
-    except KeyError as unknown:
-        raise ValueError(f"{path} is a {hf_config.model_type}, which is no model for text generation") from unknown
-    with torch.device("meta"):
-        shell = model_class(hf_config)
-
-    architecture = str(reader.fields["general.architecture"].contents())
-    make_processor: Any = TENSOR_PROCESSORS.get(architecture, TensorProcessor)
-    processor = make_processor(config=read(str(file))["config"])
     given, config = config, QuillonConfig() if config is None else QuillonConfig(**config.to_dict())
     if given is not None:
         config._job.journal, config._job.progress = given._job.journal, given._job.progress
         config._job.moments = given._job.moments
-    state: dict[str, Any]
-    if type(processor) in _ONE_BY_ONE:
-        names = get_gguf_hf_weights_map(shell, processor)
-        state = {}
-        for tensor in reader.tensors:
-            if tensor.name in names:
-                _add(state, names[tensor.name], tensor, processor, decode, config, keep)
-        for target, source in shell.all_tied_weights_keys.items():
-            if target not in state and source in config._job.sources:
-                config._job.sources[target] = config._job.sources[source]
-    else:
+    shell, state = _state(file, config, keep)
+    if state is None:
+        read: Any = load_gguf_checkpoint
         state = read(str(file), return_tensors=True, model_to_load=shell, torch_dtype=dtype)["tensors"]
-    return model_class.from_pretrained(
-        None, config=hf_config, state_dict=state, quantization_config=config, dtype=dtype, **options
+    return type(shell).from_pretrained(
+        None, config=shell.config, state_dict=state, quantization_config=config, dtype=dtype, **options
     )
+
+
+def kept_formats(path: Path, config: QuillonConfig, keep: bool) -> dict[str, str]:
+    """Name of a layer -> the format in which :func:`load_gguf` takes the file's blocks as they are."""
+    config = QuillonConfig(**config.to_dict())
+    _state(path, config, keep)
+    return {name.removesuffix(".weight"): format for name, (format, _) in config._job.sources.items()}
+
+
+def _state(file: Path, config: QuillonConfig, keep: bool) -> tuple[Any, dict[str, Any] | None]:
+    """The model without values, and what stands for them; None where transformers has to decode the file as a whole.
+
+    What is only rearranged goes to the configuration's sources.
+    """
+    reader, decode = open_gguf(file)
+    hf_config = AutoConfig.from_pretrained(file.parent, gguf_file=file.name)
+    try:
+        model_class: Any = AutoModelForCausalLM._model_mapping[type(hf_config)]
+    except KeyError as unknown:
+        raise ValueError(f"{file} is a {hf_config.model_type}, which is no model for text generation") from unknown
+    with torch.device("meta"):
+        shell = model_class(hf_config)
+    architecture = str(reader.fields["general.architecture"].contents())
+    make_processor: Any = TENSOR_PROCESSORS.get(architecture, TensorProcessor)
+    read: Any = load_gguf_checkpoint
+    processor = make_processor(config=read(str(file))["config"])
+    if type(processor) not in _ONE_BY_ONE:
+        return shell, None
+    names = get_gguf_hf_weights_map(shell, processor)
+    state: dict[str, Any] = {}
+    for tensor in reader.tensors:
+        if tensor.name in names:
+            _add(state, names[tensor.name], tensor, processor, decode, config, keep)
+    for target, source in shell.all_tied_weights_keys.items():
+        if target not in state and source in config._job.sources:
+            config._job.sources[target] = config._job.sources[source]
+    return shell, state
 
 
 def _add(

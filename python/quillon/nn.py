@@ -18,6 +18,7 @@ import vesper_linear
 from quillon._device_table import DEVICE_CLASSES
 from quillon._format_table import MAX_ELEMENTS
 from quillon._kernels import KERNELS, LAUNCHER_TABLES, MLP_KERNELS
+from quillon._named import naming
 from quillon.embedding import LowBitEmbedding
 from quillon.expansion import dequantize_where_it_is
 from quillon.formats import BUDGET_FORMATS, Format, weight_bytes, weight_format
@@ -809,10 +810,8 @@ def quantize_model(
             continue
         used = chosen[module]
         report.dense_bytes += sum(weight.numel() * weight.element_size() for weight in _weights(module))
-        try:
+        with naming(names[0]):
             layer = _pack(module, used, moments.get(names[0]), bytes_of.get(names[0]))
-        except (TypeError, ValueError) as problem:
-            raise type(problem)(f"{names[0]}: {problem}") from problem
         if calibration is not None and names[0] not in bytes_of and not _is_calibrated(moments, names[0]):
             report.uncalibrated += names
         report.packed_bytes += sum(
@@ -871,16 +870,11 @@ def _calibrated(
     layers = {name: module for name, (module, _) in chosen.items() if len(_packed_shapes(module) or ()) == 1}
     formats = {name: chosen[name][1].name for name in layers}
     bytes_of: dict[str, Tensor] = {}
-    useless: set[str] = set()
-
-    def look(groups: Mapping[str, str], found: Mapping[str, InputMoments]) -> None:
-        useless.update(name for name, group in groups.items() if not found[group].usable())
 
     def keep(name: str, _: str, packed: Tensor) -> None:
-        if name not in useless:
-            bytes_of[name] = packed
+        bytes_of[name] = packed
 
-    pack_in_step(model, calibration, layers, formats, look=look, keep=keep)
+    pack_in_step(model, calibration, layers, formats, keep=keep)
     return {}, bytes_of
 
 

@@ -28,7 +28,8 @@ from transformers.utils.quantization_config import QuantizationConfigMixin
 from quillon import host_device
 from quillon import nn as layers
 from quillon._modes import plain_modes
-from quillon.calibration import Calibration
+from quillon._named import naming
+from quillon.calibration import Calibration, say_uncalibrated
 from quillon.embedding import LowBitEmbedding
 from quillon.formats import weight_bytes, weight_format
 from quillon.joined import join_projections
@@ -80,7 +81,8 @@ class QuillonConfig(QuantizationConfigMixin):
                       and activation in one launch
     join_projections  whether :func:`quillon.join_projections` follows each loading, for models that are not compiled
     calibration       what :func:`quillon.calibrate` has found of this model, or the folder that it was written to: by
-                      it errors of columns are made good by others. It is not saved with the model
+                      it errors of columns are made good by others. It is not saved with the model. A warning of the
+                      logger ``quillon.calibration`` names layers that it says nothing of
 
     A loaded model's ``config.quantization_config`` also says what became of each layer:
 
@@ -356,6 +358,7 @@ class QuillonQuantizer(HfQuantizer):
         self._targets: dict[str, _Target] = {}
         self._of_parameter: dict[str, _Target] = {}
         self._problem: Exception | None = None
+        self._uncalibrated: list[str] = []
         self._files: list[Path] = []
 
     def validate_environment(self, *_: Any, device_map: Any = None, **__: Any) -> None:
@@ -488,14 +491,14 @@ class QuillonQuantizer(HfQuantizer):
         if saved is not None:
             self._place_packed(model, target, saved, target.device)
             return
-        with plain_modes():
-            try:
-                layer = pack(target.module, target.format, config._job.moments.get(target.name))
-                if journal is not None:
-                    journal.store(target.name, target.format, _bytes_of(layer))
-                layer = layer.to(target.device)
-            except (TypeError, ValueError) as problem:
-                raise type(problem)(f"{target.name}: {problem}") from problem
+        with plain_modes(), naming(target.name):
+            moments = config._job.moments.get(target.name)
+            layer = pack(target.module, target.format, moments)
+            if config._job.moments and not isinstance(layer, LowBitEmbedding) and not (moments and moments.usable()):
+                self._uncalibrated.append(target.name)
+            if journal is not None:
+                journal.store(target.name, target.format, _bytes_of(layer))
+            layer = layer.to(target.device)
         self._place(model, target, layer)
 
     def _place_packed(self, model: Any, target: _Target, packed: Mapping[str, Tensor], device: torch.device) -> None:
@@ -565,6 +568,7 @@ class QuillonQuantizer(HfQuantizer):
             for leaf, parameter in target.module.named_parameters(recurse=False):
                 target.take(leaf, parameter)
             self._finish(model, target)
+        say_uncalibrated(self._uncalibrated)
         self.quantization_config._job = Job()
 
     def get_state_dict_and_metadata(self, model: Any) -> tuple[dict[str, Tensor] | None, dict[str, str]]:

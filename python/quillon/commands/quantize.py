@@ -2,7 +2,8 @@
 
 The target appears whole, or not at all: work is done in ``<target>.part``, and what is made there takes the target's
 name at the end. Each layer is kept there as soon as it is packed, so that after an interrupt, a full disk or a power
-failure the same command goes on where it was.
+failure the same command goes on where it was. With a text to calibrate on, linear layers are packed while the dense
+model runs over it, and the model is then loaded with what was kept.
 """
 
 from __future__ import annotations
@@ -24,6 +25,7 @@ from quillon import host_device
 from quillon.quantizers._progress import Progress
 
 _JOB = "job.json"
+_CALIBRATED = "calibrated.json"
 
 
 class Journal:
@@ -31,17 +33,34 @@ class Journal:
 
     def __init__(self, folder: Path, job: dict[str, Any]) -> None:
         """Go on with the work in ``folder`` if it is the same job, else begin anew."""
-        self.folder, self.reused = folder, 0
-        self.begun = False
-        """Whether it is a new job."""
+        self.folder = folder
+        self._before: set[str] = set()
+        self._reused: set[str] = set()
         described = json.dumps(job, sort_keys=True)
         with contextlib.suppress(OSError):
             if (folder / _JOB).read_text() == described:
+                self._before = {file.name for file in folder.glob("*.safetensors")}
                 return
-        self.begun = True
-        shutil.rmtree(folder, ignore_errors=True)
+        if folder.exists():
+            shutil.rmtree(folder)  # nothing of another job may be left
         folder.mkdir(parents=True)
         (folder / _JOB).write_text(described)
+
+    @property
+    def reused(self) -> int:
+        """How many layers were taken that an earlier run has packed."""
+        return len(self._reused)
+
+    def uncalibrated(self) -> list[str] | None:
+        """Names of the layers that a calibration says nothing of; None if it has not come to its end."""
+        file = self.folder / _CALIBRATED
+        return json.loads(file.read_text()) if file.exists() else None
+
+    def end_calibration(self, uncalibrated: list[str]) -> None:
+        """Keep that all is there that a calibration packs, and the names of the layers that it says nothing of."""
+        part = self.folder / f"{_CALIBRATED}.part"
+        part.write_text(json.dumps(uncalibrated))
+        os.replace(part, self.folder / _CALIBRATED)
 
     def _file(self, name: str, format: str) -> Path:
         return self.folder / f"{hashlib.sha256(f'{name} {format}'.encode()).hexdigest()[:24]}.safetensors"
@@ -53,7 +72,8 @@ class Journal:
         file = self._file(name, format)
         if not file.exists():
             return None
-        self.reused += 1
+        if file.name in self._before:
+            self._reused.add(file.name)
         return load_file(file)
 
     def store(self, name: str, format: str, tensors: dict[str, Tensor]) -> None:
@@ -126,10 +146,9 @@ def quantize_model_files(
         job["text"] = hashlib.sha256(calibrate_on.encode()).hexdigest()
     with _readable_failures(part):
         journal = Journal(part / "layers", job)
-        if journal.begun and calibrate_on is not None:
-            shutil.rmtree(part / "statistics", ignore_errors=True)
-        found = None if calibrate_on is None else _calibrated(source, config, calibrate_on, part / "statistics")
-        config = QuillonConfig(**config.to_dict(), calibration=found)
+        if calibrate_on is not None and journal.uncalibrated() is None:
+            _pack_by_text(source, config, keep, calibrate_on, journal)
+        config = QuillonConfig(**config.to_dict())
         bar = Bar()
         config._job.journal, config._job.progress = journal, bar
         if source.is_dir():
@@ -146,6 +165,7 @@ def quantize_model_files(
             _tokenizer_of(source).save_pretrained(output)
         if target.exists():
             target.rmdir()
+        uncalibrated = journal.uncalibrated() or []
         os.replace(output, target)
         shutil.rmtree(part, ignore_errors=True)
     said = model.config.quantization_config
@@ -155,29 +175,45 @@ def quantize_model_files(
     if source.is_file():
         again = len(said.packed) - len(said.exact)
         exact = f", {len(said.exact)} with the very values of the file and {again} quantized again"
+    if uncalibrated:
+        some = ", ".join(uncalibrated[:3]) + (", ..." if len(uncalibrated) > 3 else "")
+        exact += f", {len(uncalibrated)} as without a text, which says nothing of them ({some})"
     return f"{len(said.packed)} layers packed{before}{exact}, {len(said.dense)} dense, {size / 1e6:.1f} MB in {target}"
 
 
-def _calibrated(source: Path, config: Any, text: str, folder: Path) -> Path:
-    """Statistics of a model's layers on a text, behind layers packed as ``config`` says; made once."""
-    from quillon.calibration import calibrate, windows
+def _pack_by_text(source: Path, config: Any, keep: bool, text: str, journal: Journal) -> None:
+    """Pack a model's linear layers into a journal, each by what meets it behind those that are packed already."""
+    from quillon.calibration import calibratable, pack_in_step, windows
+    from quillon.gguf_model import kept_formats
 
-    if (folder / "calibration.json").exists():
-        return folder
-    shutil.rmtree(folder, ignore_errors=True)
     tokens = _tokenizer_of(source)(text, return_tensors="pt").input_ids
     if tokens.shape[1] < _LEAST_TOKENS:
         raise ValueError(f"the text to calibrate on has {tokens.shape[1]} tokens, too few: {_LEAST_TOKENS} at least")
     where: dict[str, Any] = {"pretrained_model_name_or_path": source}
+    given: dict[str, str] = {}
     if source.is_file():
         where = {"pretrained_model_name_or_path": source.parent, "gguf_file": source.name}
+        given = kept_formats(source, config, keep)
     model = _transformers().AutoModelForCausalLM.from_pretrained(**where, dtype=torch.float32, device_map="cpu")
-    plan = config.rules().plan(model, config.device_class)
-    part = folder.with_suffix(".part")
-    shutil.rmtree(part, ignore_errors=True)
-    calibrate(model, windows(tokens), layers=list(plan.packed), behind=plan.packed, folder=part)
-    os.replace(part, folder)
-    return folder
+    plan = config.rules().plan(model, config.device_class, given)
+    # What a format holds as the file has it is dense here by the same values.
+    formats = {name: format for name, format in plan.packed.items() if given.get(name) != format}
+    layers = {name: layer for name, layer in calibratable(model).items() if name in formats}
+
+    def find(name: str, format: str) -> Tensor | None:
+        found = journal.find(name, format)
+        return None if found is None else found["packed"]
+
+    def store(name: str, format: str, packed: Tensor) -> None:
+        journal.store(name, format, {"packed": packed})
+
+    pack_in_step(model, windows(tokens), layers, formats, find=find, keep=store)
+    missing = [
+        name
+        for name, format in formats.items()
+        if journal.find(name, format) is None and not isinstance(model.get_submodule(name), torch.nn.Embedding)
+    ]
+    journal.end_calibration(missing)
 
 
 # Fewer say nothing of a layer's columns.

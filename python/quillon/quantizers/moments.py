@@ -52,7 +52,7 @@ class InputMoments:
         return (self.fitted.diagonal().double() + self.held.diagonal().double()) / max(sum(self.tokens), 1)
 
     def usable(self) -> bool:
-        """Whether any token left a trace."""
+        """Whether any token left a trace, and all that did are numbers."""
         importance = self.importance()
         return bool(importance.isfinite().all()) and bool((importance > 0).any())
 
