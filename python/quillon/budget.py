@@ -9,7 +9,9 @@ joined or fused.
 from __future__ import annotations
 
 import math
+import threading
 from collections.abc import Callable, Iterable, Mapping, Sequence
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from typing import Any
 
@@ -17,6 +19,8 @@ import torch
 from torch import Tensor, nn
 
 from quillon._modes import plain_modes
+from quillon._named import naming
+from quillon._pieces import serial_operators
 from quillon.calibration import calls_of
 from quillon.formats import BUDGET_FORMATS, Format, get_format, weight_bytes
 from quillon.quantizers import quantize
@@ -51,78 +55,107 @@ def _logits(output: Any) -> Tensor:
     return found
 
 
+class _Batch:
+    """What one batch has shown of the layers it went through, forth and back."""
+
+    def __init__(self) -> None:
+        self.tokens = 0
+        self.inputs: dict[str, str] = {}
+        self.columns: dict[str, Tensor] = {}
+        self.rows: dict[str, Tensor] = {}
+        # The tensor is kept, so that no other one can have its address.
+        self._seen: dict[int, tuple[str, Tensor]] = {}
+
+    def look(self, name: str, x: Tensor, output: Tensor) -> Tensor:
+        """Take a layer's input, and wait for the gradient of its output, which is to be gone on with."""
+        owner, _ = self._seen.setdefault(id(x), (name, x))
+        rows = x.detach().reshape(-1, x.shape[-1]).float()
+        rows = rows[rows.square().sum(1).isfinite()].double()
+        self.inputs.setdefault(name, owner)
+        _add(self.columns, name, rows.square().sum(0).cpu())
+        _add(self.rows, name, torch.zeros(output.shape[-1], dtype=torch.float64))
+        if not output.requires_grad:
+            # Not a leaf: what follows may work in place.
+            output = output.detach().requires_grad_().clone()
+
+        def of_gradient(gradient: Tensor) -> None:
+            found = gradient.detach().reshape(-1, gradient.shape[-1]).double()
+            _add(self.rows, name, found.square().nan_to_num(0, 0, 0).sum(0).cpu())
+
+        output.register_hook(of_gradient)
+        return output
+
+    def end(self, tokens: int) -> None:
+        """Say how many tokens were scored."""
+        self.tokens = tokens
+        self._seen.clear()
+
+
+def _add(sums: dict[str, Tensor], name: str, found: Tensor) -> None:
+    sums[name] = sums[name] + found if name in sums else found
+
+
 def measure_sensitivity(
     model: nn.Module, batches: Iterable[Any], layers: Mapping[str, Any], seed: int = 0
 ) -> dict[str, Sensitivity]:
     """Run some batches forth and back; what they reach of ``layers``.
 
-    What is scored are outcomes drawn from the model's own output, with ``seed``. The model is left as it was.
+    What is scored are outcomes drawn from the model's own output, with ``seed`` and the batch's number. The model is
+    left as it was. Deterministic, whatever the number of threads.
     """
-    found: dict[str, Sensitivity] = {}
-    seen: dict[int, tuple[str, Tensor]] = {}
-    tokens = 0
+    running = threading.local()
 
-    def look(name: str) -> Callable[..., None]:
-        def hook(module: nn.Module, arguments: tuple[Any, ...], output: Any) -> Any:
-            if not arguments:
-                return None
-            x = arguments[0]
-            owner, _ = seen.setdefault(id(x), (name, x))
-            rows = x.detach().reshape(-1, x.shape[-1]).float()
-            rows = rows[rows.square().sum(1).isfinite()].double()
-            if name not in found:
-                found[name] = Sensitivity(
-                    owner, torch.zeros(rows.shape[1]).double(), torch.zeros(output.shape[-1]).double()
-                )
-            mine = found[name]
-            mine.columns += rows.square().sum(0).cpu()
-            if not output.requires_grad:
-                # Not a leaf: what follows may work in place.
-                output = output.detach().requires_grad_().clone()
-            output.register_hook(add(mine))
-            return output
+    def hook(name: str) -> Callable[..., Any]:
+        def look(module: nn.Module, arguments: tuple[Any, ...], output: Any) -> Any:
+            batch: _Batch | None = getattr(running, "batch", None)
+            return batch.look(name, arguments[0], output) if batch is not None and arguments else None
 
-        return hook
+        return look
 
-    def add(mine: Sensitivity) -> Callable[[Tensor], None]:
-        def of_gradient(gradient: Tensor) -> None:
-            rows = gradient.detach().reshape(-1, gradient.shape[-1]).double()
-            mine.rows += rows.square().nan_to_num(0, 0, 0).sum(0).cpu()
-
-        return of_gradient
-
-    wanted = [(one, one.requires_grad) for one in model.parameters()]
-    training = [module for module in model.modules() if module.training]
-    generator = torch.Generator().manual_seed(seed)
-    model.eval().requires_grad_(False)
-    hooks = [layer.register_forward_hook(look(name)) for name, layer in layers.items()]
-    try:
-        with torch.inference_mode(False), torch.enable_grad():
-            for call in calls_of(model, list(batches)):
+    def run(number: int, call: Callable[[], object]) -> _Batch:
+        running.batch = batch = _Batch()
+        try:
+            with torch.inference_mode(False), torch.enable_grad():
                 logits = _logits(call())
                 logits = logits.reshape(-1, logits.shape[-1]).float()
                 logits = logits[logits.detach().softmax(1).isfinite().all(1)]
-                if not len(logits):
-                    seen.clear()
-                    continue
-                drawn = torch.multinomial(logits.detach().softmax(1).cpu(), 1, generator=generator)[:, 0]
-                loss: Any = nn.functional.cross_entropy(logits, drawn.to(logits.device), reduction="sum")
-                loss.backward()
-                seen.clear()
-                tokens += len(logits)
-                if tokens >= _TOKENS:
-                    break
+                if len(logits):
+                    generator = torch.Generator().manual_seed(seed + number)
+                    drawn = torch.multinomial(logits.detach().softmax(1).cpu(), 1, generator=generator)[:, 0]
+                    loss: Any = nn.functional.cross_entropy(logits, drawn.to(logits.device), reduction="sum")
+                    loss.backward()
+                batch.end(len(logits))
+        finally:
+            running.batch = None
+        return batch
+
+    wanted = [(one, one.requires_grad) for one in model.parameters()]
+    training = [module for module in model.modules() if module.training]
+    model.eval().requires_grad_(False)
+    hooks = [layer.register_forward_hook(hook(name)) for name, layer in layers.items()]
+    tokens, inputs = 0, dict[str, str]()
+    columns, rows = dict[str, Tensor](), dict[str, Tensor]()
+    try:
+        calls = list(enumerate(calls_of(model, list(batches))))
+        with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
+            while calls and tokens < _TOKENS:
+                for batch in pool.map(run, *zip(*calls[:threads], strict=True)):
+                    # Those that run beside the last one do not count.
+                    if tokens < _TOKENS and batch.tokens:
+                        tokens += batch.tokens
+                        inputs = batch.inputs | inputs
+                        for name in batch.inputs:
+                            _add(columns, name, batch.columns[name])
+                            _add(rows, name, batch.rows[name])
+                calls = calls[threads:]
     finally:
-        for hook in hooks:
-            hook.remove()
+        for one in hooks:
+            one.remove()
         for parameter, asked in wanted:
             parameter.requires_grad = asked
         for module in training:
             module.training = True
-    for one in found.values():
-        one.columns /= max(tokens, 1)
-        one.rows /= max(tokens, 1)
-    return found
+    return {name: Sensitivity(owner, columns[name] / tokens, rows[name] / tokens) for name, owner in inputs.items()}
 
 
 def _cost(weight: Tensor, format: str, sensitivity: Sensitivity | None) -> float:
@@ -194,14 +227,18 @@ def choose_formats(
                 known = sensitivities.get(name)
                 for weight in weights[name]:
                     size += weight_bytes(format, *weight.shape)
-                    cost += _cost(weight, format, known) * (1.0 if known else mean)
+                    with plain_modes(), naming(name):
+                        cost += _cost(weight, format, known) * (1.0 if known else mean)
             result.append(_Choice(format, size, cost))
-        bar.advance(1)
-        return _useful(result)
+        return result
 
-    with plain_modes():
-        open_to = {group: choices(names) for group, names in groups.items()}
+    all_of: dict[str, list[_Choice]] = {}
+    with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
+        for group, found in zip(groups, pool.map(choices, groups.values()), strict=True):
+            all_of[group] = found
+            bar.advance(1)
     bar.close()
+    open_to = {group: _useful(found) for group, found in all_of.items()}
     elements = sum(weight.numel() for parts in weights.values() for weight in parts)
     left = bits * elements / 8 - sum(hull[0].bytes for hull in open_to.values())
     if left < 0:
@@ -222,4 +259,15 @@ def choose_formats(
             continue
         left -= more
         at[group] += 1
-    return {name: open_to[group][at[group]].format for group, names in groups.items() for name in names}
+    chosen = {group: open_to[group][place] for group, place in at.items()}
+    # What is left may hold a step to a format that is not on the hull.
+    while steps_left := [
+        (chosen[group].cost - one.cost, group, one)
+        for group, found in all_of.items()
+        for one in found
+        if one.cost < chosen[group].cost and one.bytes - chosen[group].bytes <= left
+    ]:
+        _, group, one = max(steps_left, key=lambda step: step[0])
+        left -= one.bytes - chosen[group].bytes
+        chosen[group] = one
+    return {name: chosen[group].format for group, names in groups.items() for name in names}

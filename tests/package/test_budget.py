@@ -11,7 +11,8 @@ from test_calibration import generator, small_model, some_batches
 from torch import Tensor, nn
 
 import quillon
-from quillon.budget import Sensitivity, choose_formats, measure_sensitivity
+from quillon._pieces import serial_operators
+from quillon.budget import Sensitivity, _cost, choose_formats, measure_sensitivity
 from quillon.formats import BUDGET_FORMATS, FORMATS, WEIGHT_FORMATS, weight_bytes
 
 
@@ -37,8 +38,16 @@ def test_the_budget_is_kept_and_used(bits: float) -> None:
     given = weights(*[(8, 256)] * 6)
     found = choose_formats(given, bits, everything, {})
     assert bits_of(given, found) <= bits
-    if bits < 8:  # a step up of one of six equal layers is all that can be left
-        assert bits_of(given, found) > bits - 1.6 / 6 - 0.2
+    for name, (weight,) in given.items():
+        now = _cost(weight, found[name], None)
+        better = [format for format in BUDGET_FORMATS if _cost(weight, format, None) < now]
+        fitting = [format for format in better if bits_of(given, found | {name: format}) <= bits]
+        assert fitting == [], f"{name} could be better within the budget"
+    assert bits == 9.0 or any(
+        _cost(weight, format, None) < _cost(weight, found[name], None)
+        for name, (weight,) in given.items()
+        for format in BUDGET_FORMATS
+    ), "the budget has bounded nothing"
 
 
 def test_what_counts_more_gets_more() -> None:
@@ -72,33 +81,72 @@ def test_sensitivity_is_that_of_a_plain_computation() -> None:
     assert not any(one._forward_hooks for one in model.modules())
 
     outputs: dict[str, Tensor] = {}
-    inputs: dict[str, list[Tensor]] = {name: [] for name in names}
+    columns = dict.fromkeys(names, torch.tensor(0.0, dtype=torch.float64))
 
     def look(name: str) -> Any:
         def keep(_: nn.Module, given: tuple[Tensor, ...], output: Tensor) -> None:
             output.retain_grad()
             outputs[name] = output
-            inputs[name].append(given[0][0].detach())
+            columns[name] = columns[name] + given[0][0].detach().double().square().sum(0)
 
         return keep
 
     for name in names:
         model.get_submodule(name).register_forward_hook(look(name))
-    drawing, sums = generator(5), dict.fromkeys(names, torch.tensor(0.0))
-    for batch in batches:
-        logits = model(batch)[0]
-        drawn = torch.multinomial(logits.detach().softmax(1), 1, generator=drawing)[:, 0]
-        loss: Any = -logits.log_softmax(1).gather(1, drawn[:, None]).sum()
-        loss.backward()
-        for name in names:
-            gradient = outputs[name].grad
-            assert gradient is not None
-            sums[name] = sums[name] + gradient[0].square().sum(0)
+    sums = dict.fromkeys(names, torch.tensor(0.0, dtype=torch.float64))
+    with serial_operators():
+        for number, batch in enumerate(batches):
+            logits = model(batch)[0]
+            drawn = torch.multinomial(logits.detach().softmax(1), 1, generator=generator(5 + number))[:, 0]
+            loss: Any = nn.functional.cross_entropy(logits, drawn, reduction="sum")
+            loss.backward()
+            for name in names:
+                gradient = outputs[name].grad
+                assert gradient is not None
+                sums[name] = sums[name] + gradient[0].double().square().sum(0)
+    # The same operations on the same floats.
     for name in names:
-        torch.testing.assert_close(found[name].rows, sums[name].double() / 100, rtol=1e-4, atol=1e-9)
-        torch.testing.assert_close(
-            found[name].columns, torch.cat(inputs[name]).double().square().mean(0), rtol=1e-4, atol=1e-9
-        )
+        assert torch.equal(found[name].rows, sums[name] / 100)
+        assert torch.equal(found[name].columns, columns[name] / 100)
+
+
+def test_equal_seeds_and_any_number_of_threads_give_the_same() -> None:
+    model, batches = small_model(), some_batches(5)
+    layers = {name: model.get_submodule(name) for name in ("blocks.0.gate", "blocks.2.down", "head")}
+    before, results = torch.get_num_threads(), []
+    try:
+        for threads in (1, 2, 5):
+            torch.set_num_threads(threads)
+            results.append(measure_sensitivity(model, batches, layers, seed=3))
+            assert torch.get_num_threads() == threads
+    finally:
+        torch.set_num_threads(before)
+    other = measure_sensitivity(model, batches, layers, seed=40)
+    for name, one in results[0].items():
+        assert all(torch.equal(one.rows, found[name].rows) for found in results)
+        assert all(torch.equal(one.columns, found[name].columns) for found in results)
+        assert not torch.equal(one.rows, other[name].rows)
+
+
+def test_only_as_many_batches_as_are_needed_count(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr("quillon.budget._TOKENS", 90)
+    model, batches = small_model(), some_batches(6)
+    layers = {"head": model.head}
+    before = torch.get_num_threads()
+    try:
+        for threads in (1, 5):  # batches of 50 tokens: two of them, whatever runs beside the second
+            torch.set_num_threads(threads)
+            found = measure_sensitivity(model, batches, layers)["head"]
+            assert torch.equal(found.rows, measure_sensitivity(model, batches[:2], layers)["head"].rows)
+    finally:
+        torch.set_num_threads(before)
+
+
+def test_an_error_of_a_layer_names_it() -> None:
+    given = weights((8, 256), (8, 256))
+    given["layer1"][0][3, 5] = float("nan")
+    with pytest.raises(ValueError, match="layer1: weight must be finite"):
+        choose_formats(given, 4.5, everything, {})
 
 
 def test_a_model_within_a_budget() -> None:
