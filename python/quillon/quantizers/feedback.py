@@ -8,6 +8,7 @@ error being passed on to all columns behind it. A sweep afterwards takes each el
 
 from __future__ import annotations
 
+import logging
 from collections.abc import Callable
 from dataclasses import dataclass
 from typing import TYPE_CHECKING
@@ -22,6 +23,8 @@ from quillon.quantizers.grid import GridRounding
 
 if TYPE_CHECKING:
     from quillon.quantizers.moments import InputMoments
+
+_logger = logging.getLogger("quillon.quantizers")
 
 # Rows do not know of one another; a piece of them that is large keeps the calls few.
 _PIECE_ROWS = 2048
@@ -289,4 +292,5 @@ def chosen_feedback(
         found = error(with_feedback(sample, rounding, elements, feedback, sweeps=0))
         if found < lowest:
             best, lowest = setting, found
+    _logger.debug("%g of the diagonal mixed in", 1.0 if best is None else best[1])
     return None if best is None else moments.feedback("all", *best, elements, unit)
