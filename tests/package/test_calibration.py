@@ -84,6 +84,44 @@ def test_a_column_makes_good_what_the_one_before_it_costs() -> None:
     assert not values[0, 4:].any()
 
 
+def test_the_factor_is_that_of_the_inverse(moments: InputMoments) -> None:
+    prepared = feedback.prepare(moments.mean(), 0.1, 0.3, 64, 1)
+    upper, mixed = prepared.upper.double(), prepared.moments.double()
+    assert torch.equal(upper, upper.triu())
+    # What is stored as float of either is off by a rounding, of which a row and a column meet on both sides of M.
+    bound = 2.0**-24 * 3 * (upper.abs() @ mixed.abs() @ upper.abs().T) + 1e-12
+    assert bool(((upper @ mixed @ upper.T - torch.eye(256)).abs() <= bound).all())
+
+
+@pytest.mark.parametrize("name", ["q4_0", "nf3", "fp8_e4m3", "q4_1", "q5_1"])
+def test_a_scale_is_fitted_again_to_the_levels(name: str, moments: InputMoments) -> None:
+    weight = torch.randn(64, 32, generator=generator(4))
+    block = feedback._Elements(_ROUNDINGS[name], weight, torch.ones(64, 1))
+    values = torch.empty_like(weight)
+    at = torch.randperm(64, generator=generator(5)).tolist()
+    for place in at:
+        block.round(place, weight[place], values[place])
+    shared = moments.mean().float()[:64, :64]
+
+    def cost(candidate: Tensor) -> Tensor:
+        wrong = (weight - candidate).double()
+        return ((shared.double() @ wrong) * wrong).sum(0)
+
+    before, old = cost(values), values[at].clone()
+    moved = block.fit_again(at, (shared @ (weight - values))[at], shared[at][:, at])
+    assert moved is not None
+    step, offset = block._scales.step[0], block._scales.offset
+    shift = torch.zeros_like(step) if offset is None else offset[0]
+    after = cost(block._levels * step + shift)
+    torch.testing.assert_close(old + moved, (block._levels * step + shift)[at])
+    assert bool((after <= before).all())
+    assert after.sum() < before.sum()
+    if offset is None:  # no step beside it that could be stored would have been better
+        spacing = step.abs() * (2.0**-15 if name == "fp8_e4m3" else 2.0**-10)
+        for other in (step - spacing, step + spacing):
+            assert bool((cost(block._levels.double() * other) >= cost(block._levels.double() * step)).all())
+
+
 def test_a_text_that_says_nothing_of_another_gives_importance(moments: InputMoments) -> None:
     weight = torch.randn(16, 256, generator=generator(4))
     # What is held out has none of the correlations that feedback would use.
@@ -106,8 +144,10 @@ def test_columns_that_nothing_meets(moments: InputMoments) -> None:
     some = InputMoments(moments.fitted * alive * alive[:, None], moments.held * alive * alive[:, None], moments.tokens)
     values = dequantize_reference(quantize(weight, "q4_0", moments=some), "q4_0", *weight.shape)
     plain = dequantize_reference(quantize(weight, "q4_0"), "q4_0", *weight.shape)
-    # Nothing is passed on to them, and in their blocks all count alike.
-    assert torch.equal(values[:, 64:192], plain[:, 64:192])
+    # Nothing is passed on to them and all count alike, so each block begins as it does without moments, and no step of
+    # the sweep raises its error.
+    costs = [(weight - one)[:, 64:192].double().square().view(4, 2, 64).sum(2) for one in (values, plain)]
+    assert bool((costs[0] <= costs[1]).all())
     assert not torch.equal(values[:, :64], plain[:, :64])
 
 

@@ -42,12 +42,14 @@ class Rounding:
     nearest  quotients -> levels; may overwrite its argument
     codes    levels -> codes, uint8; may overwrite its argument
     pack     codes and scales -> bytes
+    store    a step and an offset for each block (blocks,) -> scales; None where scales are more than that
     """
 
     fit: Callable[[Tensor, Tensor | None], Scales]
     nearest: Nearest
     codes: Callable[[Tensor], Tensor]
     pack: Pack
+    store: Callable[[Tensor, Tensor | None], Scales] | None = None
 
 
 def _levels(rounding: Rounding, x: Tensor, scales: Scales) -> Tensor:

@@ -87,11 +87,13 @@ FP6_FACTORS = _FACTORS["fp6"]
 def _rounding(name: str, pack: Pack, half: bool = True) -> Rounding:
     """Value = d * level."""
 
-    def fit(x: Tensor, w: Tensor | None) -> Scales:
-        d = search_scale(x, w, _book(name).nearest, largest(x), _FACTORS[name])
+    def store(d: Tensor, _: Tensor | None = None) -> Scales:
         return Scales((to_half(d) if half else to_short_float(d))[None])
 
-    return Rounding(fit, lambda q: _book(name).nearest(q), lambda levels: _book(name).codes(levels), pack)
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        return store(search_scale(x, w, _book(name).nearest, largest(x), _FACTORS[name]))
+
+    return Rounding(fit, lambda q: _book(name).nearest(q), lambda levels: _book(name).codes(levels), pack, store)
 
 
 def _high_first(codes: Tensor, scales: Scales) -> Fields:
@@ -126,4 +128,4 @@ fp4 = _rounding("fp4", _low_first)
 fp6 = _rounding("fp6", _six_bits)
 fp8_e4m3 = _rounding("fp8_e4m3", _bytes, half=False)
 # Products do not read the scale of fp8_e5m2, so it cannot help and is stored as 1.
-fp8_e5m2 = replace(_rounding("fp8_e5m2", _bytes), fit=lambda x, w: Scales(torch.ones_like(x[:1])))
+fp8_e5m2 = replace(_rounding("fp8_e5m2", _bytes), fit=lambda x, w: Scales(torch.ones_like(x[:1])), store=None)

@@ -39,21 +39,25 @@ def _symmetric(low: int, high: int, factors: tuple[float, ...], pack: Pack, half
     """Value = d * (code + low), with codes around the block's largest element."""
     nearest = integers(low, high)
 
-    def fit(x: Tensor, w: Tensor | None) -> Scales:
-        d = search_scale(x, w, nearest, largest(x), factors)
+    def store(d: Tensor, _: Tensor | None = None) -> Scales:
         return Scales((to_half(d) if half else to_short_float(d))[None])
 
-    return Rounding(fit, nearest, lambda levels: levels.sub_(low).to(torch.uint8), pack)
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        return store(search_scale(x, w, nearest, largest(x), factors))
+
+    return Rounding(fit, nearest, lambda levels: levels.sub_(low).to(torch.uint8), pack, store)
 
 
 def _affine(top: int, pack: Pack) -> Rounding:
     """Value = d * code + m, with codes from 0 to ``top``."""
 
-    def fit(x: Tensor, w: Tensor | None) -> Scales:
-        s, o = search_affine(x, w, top, _TRIMS)
-        return Scales(to_half(s)[None], to_half(o)[None])
+    def store(s: Tensor, o: Tensor | None) -> Scales:
+        return Scales(to_half(s)[None], None if o is None else to_half(o)[None])
 
-    return Rounding(fit, integers(0, top), lambda levels: levels.to(torch.uint8), pack)
+    def fit(x: Tensor, w: Tensor | None) -> Scales:
+        return store(*search_affine(x, w, top, _TRIMS))
+
+    return Rounding(fit, integers(0, top), lambda levels: levels.to(torch.uint8), pack, store)
 
 
 def _minima(scales: Scales) -> Tensor:
