@@ -206,7 +206,7 @@ _Products = tuple[int, Tensor, int, int]
 class _Collector:
     """Hooks on layers that add up the products of their inputs."""
 
-    def __init__(self, layers: Mapping[str, nn.Module], batches: int, stop_at: str | None) -> None:
+    def __init__(self, layers: Mapping[str, Any], batches: int, stop_at: str | None) -> None:
         self.sums: dict[str, _Sum] = {}
         self.shares: dict[str, str] = {}
         self._batches, self._stop_at = batches, stop_at
@@ -214,7 +214,19 @@ class _Collector:
         self._found: list[dict[str, list[_Products]]] = [{} for _ in range(batches)]
         self._taken: set[str] = set()
         self._lock = threading.Lock()
-        self._hooks = [layer.register_forward_pre_hook(self._hook(name)) for name, layer in layers.items()]
+        self._hooks = [
+            layer.register_forward_pre_hook(self._hook(name))
+            for name, layer in layers.items()
+            if not isinstance(layer, _ExpertMatrix)
+        ]
+        # Module -> what its experts' matrices are called, behind its name, and which of them are asked for.
+        mixtures: dict[nn.Module, dict[str, str]] = {}
+        for name, layer in layers.items():
+            if isinstance(layer, _ExpertMatrix):
+                mixtures.setdefault(layer.module, {})[layer.called] = name
+        self._hooks += [
+            module.register_forward_pre_hook(self._hook_of_experts(its)) for module, its in mixtures.items()
+        ]
 
     def remove(self) -> None:
         """Take the hooks off."""
@@ -229,6 +241,24 @@ class _Collector:
             self._look(current.number, name, arguments[0])
             if name == self._stop_at:
                 raise Finished
+
+        return look
+
+    def _hook_of_experts(self, names: Mapping[str, str]) -> Callable[..., None]:
+        def look(module: Any, arguments: tuple[Any, ...]) -> None:
+            current, layout = current_pass(), layers_of._expert_layout(module)
+            if current is None or current.repeats or layout is None or len(arguments) < 2:
+                return
+            hidden, chosen = arguments[0].detach(), arguments[1]
+            for number in range(layout.experts):
+                rows = hidden[(chosen == number).any(1)]
+                names_of = names.get(f"{layout.up}.{number}"), names.get(f"down_proj.{number}")
+                if not len(rows) or not any(name is not None and name not in self._taken for name in names_of):
+                    continue
+                given = rows, layers_of._expert_inner(module, layout, number, rows)
+                for name, x in zip(names_of, given, strict=True):
+                    if name is not None:
+                        self._look(current.number, name, x)
 
         return look
 
@@ -327,7 +357,7 @@ Visit = Callable[[dict[str, str], dict[str, InputMoments]], bool]
 def _walk(
     model: nn.Module,
     batches: Iterable[Any],
-    layers: Mapping[str, nn.Module],
+    layers: Mapping[str, Any],
     *,
     enter: Callable[[list[str]], bool],
     visit: Visit,
@@ -394,15 +424,38 @@ def _side_by_side(tasks: Sequence[Callable[[], None]]) -> None:
             pass
 
 
+class _ExpertMatrix:
+    """One expert's matrix among a module's parameters of three dimensions, as if it were a layer."""
+
+    def __init__(self, module: nn.Module, parameter: str, number: int, transposed: bool) -> None:
+        self.module, self.transposed = module, transposed
+        self._parameter, self._number = parameter, number
+        self.called = f"{parameter}.{number}"
+
+    @property
+    def weight(self) -> Tensor:
+        """A copy of the matrix, as the module keeps it; assigned to, it is written there."""
+        whole: Tensor = getattr(self.module, self._parameter)
+        return whole.detach()[self._number].clone()
+
+    @weight.setter
+    def weight(self, values: Tensor) -> None:
+        getattr(self.module, self._parameter).detach()[self._number].copy_(values.detach())
+
+
+def _is_turned(layer: Any) -> bool:
+    return layer.transposed if isinstance(layer, _ExpertMatrix) else not isinstance(layer, nn.Linear)
+
+
 def _matrix(layer: Any) -> Tensor:
     """The weight of a layer, (rows, columns)."""
     weight: Tensor = layer.weight.detach()
-    return weight if isinstance(layer, nn.Linear) else weight.t()
+    return weight.t() if _is_turned(layer) else weight
 
 
 def _set_matrix(layer: Any, values: Tensor) -> None:
     weight = layer.weight
-    values = values if isinstance(layer, nn.Linear) else values.t()
+    values = values.t() if _is_turned(layer) else values
     values = values.to(device=weight.device, dtype=weight.dtype).contiguous()
     layer.weight = nn.Parameter(values, requires_grad=False)
 
@@ -428,12 +481,19 @@ def _pack_layers(
 
 
 def calibratable(model: nn.Module) -> dict[str, Any]:
-    """The layers of a model whose inputs can be looked at: those with one matrix."""
-    return {
-        name: module
-        for name, module in model.named_modules()
-        if name and len(layers_of._packed_shapes(module) or ()) == 1
-    }
+    """The layers of a model whose inputs can be looked at, each expert's matrices among them."""
+    found: dict[str, Any] = {}
+    for name, module in model.named_modules():
+        layout = layers_of._expert_layout(module)
+        if not name or layers_of._packed_shapes(module) is None:
+            continue
+        if layout is None:
+            found[name] = module
+        else:
+            for one in layout.matrices():
+                parameter, _, number = one.rpartition(".")
+                found[f"{name}.{one}"] = _ExpertMatrix(module, parameter, int(number), layout.transposed)
+    return found
 
 
 def calibrate(
@@ -450,7 +510,8 @@ def calibrate(
     model     in its dense form; it is left as it was
     batches   what the model is called with, one by one: a tensor, a tuple of arguments, or a mapping of keywords. See
               :func:`windows` and :func:`calibration_text`
-    layers    shell pattern or patterns of layer names
+    layers    shell pattern or patterns of layer names. A mixture's experts that are parameters of three dimensions are
+              each a layer, ``"model.layers.0.mlp.experts.down_proj.3"`` for example
     behind    a format, or names of layers and their formats: the statistics of every layer are those behind layers
               that are packed already, by their own statistics
     folder    write the statistics there block by block, and keep none of them in memory
@@ -508,7 +569,7 @@ def pack_in_step(
 
     The model is left as it was.
     """
-    originals: dict[str, nn.Parameter] = {}
+    originals: dict[str, Tensor] = {}
 
     def pack(name: str, weight: Tensor, moments: InputMoments) -> Tensor:
         format = formats[name]
@@ -546,8 +607,8 @@ def pack_in_step(
         _walk(model, batches, layers, enter=enter, visit=visit, left=left, progress=progress)
 
 
-def _columns(layer: nn.Module) -> int:
-    return (layers_of._packed_shapes(layer) or [(0, 0)])[0][1]
+def _columns(layer: Any) -> int:
+    return int(_matrix(layer).shape[1])
 
 
 def _formats_of(behind: str | Mapping[str, str] | None, layers: Mapping[str, Any]) -> dict[str, str]:

@@ -402,7 +402,13 @@ class LowBitExperts(nn.Module):
         The module is one of those whose parameters :func:`torch.nn.functional.linear` takes expert by expert, or their
         transposes, and which says so in ``is_transposed``, ``has_gate`` and ``has_bias``.
         """
-        target, layout = weight_format(format), _expert_layout(experts)
+        target = weight_format(format)
+        return cls._packed_by(experts, target, lambda _, weight: quantize(weight, target.name))
+
+    @classmethod
+    def _packed_by(cls, experts: nn.Module, target: Format, pack_one: Callable[[str, Tensor], Tensor]) -> LowBitExperts:
+        """``pack_one`` is given what :meth:`_ExpertLayout.matrices` calls a matrix, and the matrix."""
+        layout = _expert_layout(experts)
         if layout is None:
             raise ValueError(f"{type(experts).__name__} is no module of experts that can be packed")
 
@@ -410,7 +416,8 @@ class LowBitExperts(nn.Module):
             weights = getattr(experts, name).detach()
             if layout.transposed:
                 weights = weights.transpose(1, 2)
-            return torch.stack([quantize(weight, target.name) for weight in weights]).to(weights.device)
+            packed = [pack_one(f"{name}.{number}", weight) for number, weight in enumerate(weights)]
+            return torch.stack(packed).to(weights.device)
 
         up, down = pack(layout.up), pack("down_proj")
         delattr(experts, layout.up)
@@ -481,6 +488,25 @@ class _ExpertLayout:
     transposed: bool
     gated: bool
     biased: bool
+
+    def matrices(self) -> list[str]:
+        """What a calibration calls the module's matrices, behind the module's name."""
+        return [f"{name}.{number}" for name in (self.up, "down_proj") for number in range(self.experts)]
+
+
+def _expert_inner(module: Any, layout: _ExpertLayout, number: int, rows: Tensor) -> Tensor:
+    """What an expert's second product is given for some rows, by the module's dense parameters."""
+    weight = getattr(module, layout.up).detach()[number]
+    bias = getattr(module, layout.up + "_bias").detach()[number] if layout.biased else None
+    up = nn.functional.linear(rows, weight.T if layout.transposed else weight, bias)
+    inner: Tensor = module._apply_gate(up) if layout.gated else module.act_fn(up)
+    return inner
+
+
+def matrix_names(name: str, module: nn.Module) -> list[str]:
+    """Under which names a calibration knows the matrices of a module that can be packed."""
+    layout = _expert_layout(module)
+    return [name] if layout is None else [f"{name}.{one}" for one in layout.matrices()]
 
 
 def _expert_layout(module: nn.Module) -> _ExpertLayout | None:
@@ -705,8 +731,8 @@ class QuantizationReport:
     kept: dict[str, str] = field(default_factory=dict)
     """Name of each dense layer that stayed -> why."""
     uncalibrated: list[str] = field(default_factory=list)
-    """Names of the replaced layers of which a calibration says nothing: the text never reached them, or they are
-    experts kept as parameters of three dimensions. They are packed as without one."""
+    """Names of the replaced layers, and of the matrices of experts, that the text of a calibration never reached. They
+    are packed as without one."""
     fused: list[str] = field(default_factory=list)
     """Names of the MLPs that became a :class:`FusedMLP`."""
     dense_bytes: int = 0
@@ -739,8 +765,7 @@ def quantize_model(
     fallback      format of the layers whose row length ``format`` does not cover; None keeps them dense
     calibration   what :func:`quillon.calibrate` has found, by which errors of columns are made good by others; or the
                   batches themselves, as for that function, which are then taken through the model block by block, each
-                  layer being packed by what meets it behind those that are packed already. Experts kept as parameters
-                  of three dimensions are packed without
+                  layer being packed by what meets it behind those that are packed already
     device_class  the class of the device that the model will run on, as ``vesper_linear.get_xpu_device_name`` gives;
                   by default that of the current XPU
     fuse_mlp      whether MLPs with SiLU whose gate and up projections have been packed alike become a
@@ -810,10 +835,12 @@ def quantize_model(
             continue
         used = chosen[module]
         report.dense_bytes += sum(weight.numel() * weight.element_size() for weight in _weights(module))
+        known = matrix_names(names[0], module)
         with naming(names[0]):
-            layer = _pack(module, used, moments.get(names[0]), bytes_of.get(names[0]))
-        if calibration is not None and names[0] not in bytes_of and not _is_calibrated(moments, names[0]):
-            report.uncalibrated += names
+            layer = _pack(module, used, names[0], moments, bytes_of.get)
+        if calibration is not None:
+            missing = [one for one in known if one not in bytes_of and not _is_calibrated(moments, one)]
+            report.uncalibrated += names if missing == names[:1] else missing
         report.packed_bytes += sum(
             buffer.numel() for name, buffer in layer.named_buffers() if name.startswith("packed")
         )
@@ -865,10 +892,10 @@ def _calibrated(
         return {}, {}
     if isinstance(calibration, Mapping):
         return calibration, {}
-    from quillon.calibration import pack_in_step
+    from quillon.calibration import calibratable, pack_in_step
 
-    layers = {name: module for name, (module, _) in chosen.items() if len(_packed_shapes(module) or ()) == 1}
-    formats = {name: chosen[name][1].name for name in layers}
+    formats = {one: used.name for name, (module, used) in chosen.items() for one in matrix_names(name, module)}
+    layers = {name: layer for name, layer in calibratable(model).items() if name in formats}
     bytes_of: dict[str, Tensor] = {}
 
     def keep(name: str, _: str, packed: Tensor) -> None:
@@ -916,17 +943,29 @@ def _problem_of_shapes(format: Format, shapes: Iterable[tuple[int, int]], device
     return None
 
 
-def _pack(module: Any, format: Format, moments: InputMoments | None = None, packed: Tensor | None = None) -> nn.Module:
-    """The packed module in place of one that :func:`_packed_shapes` has shapes of.
+def _pack(
+    module: Any,
+    format: Format,
+    place: str,
+    moments: Mapping[str, InputMoments],
+    find: Callable[[str], Tensor | None] = lambda name: None,
+) -> nn.Module:
+    """The packed module at ``place`` of a model, in place of one that :func:`_packed_shapes` has shapes of.
 
-    By the moments of its inputs; ``packed``, where given, is what the matrix of a linear layer is packed to already.
+    By the moments of its inputs; ``find`` gives what a matrix is packed to already. Both know a matrix by its name of
+    :func:`matrix_names`.
     """
+
+    def packed(name: str, weight: Tensor) -> Tensor:
+        found = find(name)
+        return quantize(weight, format.name, moments=moments.get(name)) if found is None else found
+
     if type(module) is not nn.Linear and not _is_conv1d(module):
-        return LowBitExperts.from_experts(module, format.name)
+        return LowBitExperts._packed_by(module, format, lambda name, weight: packed(f"{place}.{name}", weight))
     weight = module.weight.detach() if type(module) is nn.Linear else module.weight.detach().T
 
-    def pack(name: str) -> Tensor:
-        return quantize(weight, name, moments=moments) if packed is None else packed
+    def pack(_: str) -> Tensor:
+        return packed(place, weight)
 
     return LowBitLinear._around(pack, weight, module.bias, format.name).train(module.training)
 

@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 import fnmatch
-from collections.abc import Iterable, Mapping
+from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass, field
 
 import torch
-from torch import nn
+from torch import Tensor, nn
 
 import vesper_linear
 from quillon import nn as layers
@@ -41,11 +41,17 @@ def _problem(module: nn.Module, format: Format, device_class: str) -> str | None
     return None
 
 
-def pack(module: nn.Module, format: str, moments: InputMoments | None = None) -> nn.Module:
-    """The packed module in place of a dense one; ``moments`` are those of a linear layer's inputs."""
+def pack(
+    module: nn.Module,
+    format: str,
+    place: str = "",
+    moments: Mapping[str, InputMoments] | None = None,
+    find: Callable[[str], Tensor | None] = lambda name: None,
+) -> nn.Module:
+    """The packed module in place of the dense one at ``place`` of a model, as :func:`quillon.nn._pack` does."""
     if isinstance(module, nn.Embedding):
         return LowBitEmbedding.from_embedding(module, format)
-    return layers._pack(module, weight_format(format), moments)
+    return layers._pack(module, weight_format(format), place, moments or {}, find)
 
 
 @dataclass(frozen=True)

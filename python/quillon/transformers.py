@@ -492,10 +492,16 @@ class QuillonQuantizer(HfQuantizer):
             self._place_packed(model, target, saved, target.device)
             return
         with plain_modes(), naming(target.name):
-            moments = config._job.moments.get(target.name)
-            layer = pack(target.module, target.format, moments)
-            if config._job.moments and not isinstance(layer, LowBitEmbedding) and not (moments and moments.usable()):
-                self._uncalibrated.append(target.name)
+            moments = config._job.moments
+            if moments and not isinstance(target.module, nn.Embedding):
+                known = ((name, moments.get(name)) for name in layers.matrix_names(target.name, target.module))
+                self._uncalibrated += [name for name, found in known if found is None or not found.usable()]
+
+            def find(name: str) -> Tensor | None:
+                found = None if journal is None else journal.find(name, target.format, target.name)
+                return None if found is None else found["packed"]
+
+            layer = pack(target.module, target.format, target.name, moments, find)
             if journal is not None:
                 journal.store(target.name, target.format, _bytes_of(layer))
             layer = layer.to(target.device)

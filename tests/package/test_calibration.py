@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 import re
 import weakref
 from collections.abc import Iterator
@@ -275,8 +276,62 @@ def test_models_of_transformers(kind: str) -> None:
     assert [batch.shape[1] for batch in batches] == [64] * 5 + [10]
     found = calibrate(model, batches)
     assert "lm_head" in found
-    for name, given in plain_inputs(model, batches, found).items():
+    layers = [name for name in found if ".experts." not in name]
+    for name, given in plain_inputs(model, batches, layers).items():
         same_moments(found[name], [x for i, x in enumerate(given) if i != 4], [given[4]])
+
+
+@pytest.fixture
+def mixture() -> Any:
+    pytest.importorskip("transformers", reason="the demo's packages are not installed: make demo")
+    from small_models import random_model
+
+    return random_model("mixtral")
+
+
+def test_experts_of_a_mixture(mixture: Any) -> None:
+    batches = windows(torch.randint(3, 320, (1, 330), generator=generator()), 64)
+    found = calibrate(mixture, batches)
+    place = "model.layers.1.mlp.experts"
+    experts, given = mixture.get_submodule(place), list[tuple[Tensor, ...]]()
+    hook = experts.register_forward_pre_hook(lambda _, arguments: given.append(arguments))
+    with torch.no_grad():
+        for batch in batches:
+            mixture(batch)
+    hook.remove()
+    for number in range(4):
+        ups, downs = list[Tensor](), list[Tensor]()
+        for hidden, chosen, _ in given:
+            rows = torch.stack([row for row, its in zip(hidden, chosen, strict=True) if number in its])
+            gate, up = (rows @ experts.gate_up_proj[number].detach().T).split(192, dim=1)
+            ups.append(counted(rows))
+            downs.append(counted(nn.functional.silu(gate) * up))
+        for name, parts in (("gate_up_proj", ups), ("down_proj", downs)):
+            moments = found[f"{place}.{name}.{number}"]
+            same_moments(moments, [x for i, x in enumerate(parts) if i != 4], [parts[4]])
+
+    dense = [one.detach().clone() for one in (experts.gate_up_proj, experts.down_proj)]
+    behind = calibrate(mixture, batches, behind="q4_0")
+    assert torch.equal(experts.gate_up_proj, dense[0]), "the model is not left as it was"
+    assert torch.equal(experts.down_proj, dense[1]), "the model is not left as it was"
+    for calibration, used in ((found, found), (batches, behind)):
+        model: Any = copy.deepcopy(mixture)
+        report = quillon.quantize_model(model, "q4_0", calibration=calibration)
+        assert report.uncalibrated == []
+        packed = model.get_submodule(place)
+        for number in range(4):
+            for name, weights, bytes in zip(
+                ("gate_up_proj", "down_proj"), dense, (packed.packed_up, packed.packed_down), strict=True
+            ):
+                moments = used[f"{place}.{name}.{number}"]
+                assert torch.equal(bytes[number], quantize(weights[number], "q4_0", moments=moments))
+
+
+def test_experts_that_no_token_chooses(mixture: Any) -> None:
+    report = quillon.quantize_model(mixture, "q4_0", calibration=[torch.tensor([[7]])])
+    # Two of four experts have the only token.
+    assert len(report.uncalibrated) == 2 * 2 * 2
+    assert all(".mlp.experts." in name for name in report.uncalibrated)
 
 
 def test_behind_packed_layers() -> None:
@@ -541,21 +596,39 @@ def test_another_text_begins_anew(
     assert one == two
 
 
-def test_experts_are_named_as_packed_without_a_text(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
-    pytest.importorskip("transformers", reason="the demo's packages are not installed: make demo")
-    from small_models import random_model, save_tokenizer
+def test_a_mixture_is_taken_up_again(
+    mixture: Any, tmp_path: Path, capsys: pytest.CaptureFixture[str], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    from small_models import save_tokenizer
 
-    model = random_model("mixtral")
-    model.save_pretrained(tmp_path / "dense")
+    mixture.save_pretrained(tmp_path / "dense")
     save_tokenizer(tmp_path / "dense")
     (tmp_path / "text.txt").write_text(calibration_text()[:300])
-    command = ["quantize", str(tmp_path / "dense"), "q4_0", str(tmp_path / "out")]
-    assert command_line.main([*command, "--calibrate", str(tmp_path / "text.txt")]) == 0
+    command = ["quantize", str(tmp_path / "dense"), "q4_0", "--calibrate", str(tmp_path / "text.txt")]
+    assert command_line.main([*command, str(tmp_path / "whole")]) == 0
     said = capsys.readouterr().out
-    assert "2 as without a text, which says nothing of them (model.layers.0.mlp.experts, model.layers.1." in said
-    batches = windows(torch.randint(3, 320, (1, 300), generator=generator()), 64)
-    report = quillon.quantize_model(model, "q4_0", calibration=batches)
-    assert report.uncalibrated == ["model.layers.0.mlp.experts", "model.layers.1.mlp.experts"]
+    unseen = "model.layers.0.mlp.experts.gate_up_proj.2, model.layers.0.mlp.experts.down_proj.2"  # no token's choice
+    assert f"11 layers packed, 2 as without a text, which says nothing of them ({unseen}), 2 dense" in said
+    packed, real = list[Tensor](), quillon.quantize
+
+    def stop(*arguments: Any, **options: Any) -> Tensor:
+        if len(packed) == 9:
+            raise KeyboardInterrupt
+        packed.append(real(*arguments, **options))
+        return packed[-1]
+
+    with monkeypatch.context() as patched:
+        patched.setattr("quillon.calibration.quantize", stop)
+        with pytest.raises(SystemExit, match="interrupted: what is packed so far is kept in"):
+            command_line.main([*command, str(tmp_path / "target")])
+    kept = len(list((tmp_path / "target.part" / "layers").glob("*.safetensors")))
+    assert kept == 9
+    assert command_line.main([*command, str(tmp_path / "target")]) == 0
+    before = re.search(r"11 layers packed, (\d+) of them before", capsys.readouterr().out)
+    assert before is not None
+    assert 0 < int(before[1]) <= kept
+    one, two = ((tmp_path / target / "model.safetensors").read_bytes() for target in ("whole", "target"))
+    assert one == two
 
 
 def test_a_text_that_is_too_short(dense: Path, tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:

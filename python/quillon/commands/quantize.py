@@ -65,15 +65,15 @@ class Journal:
     def _file(self, name: str, format: str) -> Path:
         return self.folder / f"{hashlib.sha256(f'{name} {format}'.encode()).hexdigest()[:24]}.safetensors"
 
-    def find(self, name: str, format: str) -> dict[str, Tensor] | None:
-        """The tensors of a layer that was packed before, or None."""
+    def find(self, name: str, format: str, layer: str | None = None) -> dict[str, Tensor] | None:
+        """The tensors of a layer, or of a matrix of ``layer``, that was packed before, or None."""
         from safetensors.torch import load_file
 
         file = self._file(name, format)
         if not file.exists():
             return None
         if file.name in self._before:
-            self._reused.add(file.name)
+            self._reused.add(layer or name)
         return load_file(file)
 
     def store(self, name: str, format: str, tensors: dict[str, Tensor]) -> None:
@@ -185,6 +185,7 @@ def _pack_by_text(source: Path, config: Any, keep: bool, text: str, journal: Jou
     """Pack a model's linear layers into a journal, each by what meets it behind those that are packed already."""
     from quillon.calibration import calibratable, pack_in_step, windows
     from quillon.gguf_model import kept_formats
+    from quillon.nn import matrix_names
 
     tokens = _tokenizer_of(source)(text, return_tensors="pt").input_ids
     if tokens.shape[1] < _LEAST_TOKENS:
@@ -197,23 +198,24 @@ def _pack_by_text(source: Path, config: Any, keep: bool, text: str, journal: Jou
     model = _transformers().AutoModelForCausalLM.from_pretrained(**where, dtype=torch.float32, device_map="cpu")
     plan = config.rules().plan(model, config.device_class, given)
     # What a format holds as the file has it is dense here by the same values.
-    formats = {name: format for name, format in plan.packed.items() if given.get(name) != format}
+    anew = {
+        name: format
+        for name, format in plan.packed.items()
+        if given.get(name) != format and not isinstance(model.get_submodule(name), torch.nn.Embedding)
+    }
+    layer_of = {one: name for name in anew for one in matrix_names(name, model.get_submodule(name))}
+    formats = {one: anew[name] for one, name in layer_of.items()}
     layers = {name: layer for name, layer in calibratable(model).items() if name in formats}
 
     def find(name: str, format: str) -> Tensor | None:
-        found = journal.find(name, format)
+        found = journal.find(name, format, layer_of[name])
         return None if found is None else found["packed"]
 
     def store(name: str, format: str, packed: Tensor) -> None:
         journal.store(name, format, {"packed": packed})
 
     pack_in_step(model, windows(tokens), layers, formats, find=find, keep=store)
-    missing = [
-        name
-        for name, format in formats.items()
-        if journal.find(name, format) is None and not isinstance(model.get_submodule(name), torch.nn.Embedding)
-    ]
-    journal.end_calibration(missing)
+    journal.end_calibration([name for name, format in formats.items() if find(name, format) is None])
 
 
 # Fewer say nothing of a layer's columns.
