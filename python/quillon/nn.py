@@ -233,8 +233,8 @@ class LowBitLinear(nn.Module):
     None. Both move with ``.to(device)``; ``.half()`` and the like leave the bytes alone.
 
     The input is (..., in_features) of float32, float64, float16 or bfloat16 on an XPU; the output has its element
-    type and is (..., out_features). One row, and with some formats a handful, meets the packed bytes as they are; for
-    more the weight is expanded while the call lasts. Autocast is followed as by a dense layer.
+    type and is (..., out_features). One row, with some formats a handful, and of float32 with most, meet the packed
+    bytes as they are; for more the weight is expanded while the call lasts. Autocast is followed as by a dense layer.
 
     The weight is not trained. The input's gradient is the output's times :meth:`dequantize`, so what lies before the
     layer, and adapters beside it, train as in a dense model. Where a format rounds the activations (iq2_xxs, q2_k,
