@@ -11,11 +11,12 @@ namespace quillon {
 // do not fit into it.
 inline constexpr int ROWS_IN_TURN = 8;
 
-// Brings memory into the cache in its own order. Rows that take turns are read side by side, which the processor does not
-// foresee: it would wait for each of their lines.
-inline void look_at_lines(const volatile uint8_t* from, int64_t bytes) {
-  constexpr int LINE = 64;
-  for (int64_t i = 0; i < bytes; i += LINE) (void)from[i];
+// Asks for memory that will be read soon, without waiting for it. Rows that take turns are read side by side, which the
+// processor does not foresee: it would wait for each of their lines.
+inline void prefetch(const uint8_t* from, int64_t bytes) {
+  using sycl::access::address_space;
+  using sycl::access::decorated;
+  sycl::address_space_cast<address_space::global_space, decorated::yes>(const_cast<uint8_t*>(from)).prefetch(bytes);
 }
 
 // The output rows from `row` to `last` of BATCH activation rows that begin at `stored`, `stride` elements apart.
@@ -37,10 +38,15 @@ inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* sto
     const int rows = static_cast<int>(last - row < ROWS_IN_TURN ? last - row : ROWS_IN_TURN);
     const int64_t first = static_cast<int64_t>(row) * chunks;
     sums acc[VECTORS][ROWS_IN_TURN] = {};
-    look_at_lines(reader.quants + first * BYTES_OF_CHUNK, static_cast<int64_t>(rows) * chunks * BYTES_OF_CHUNK);
+    const uint8_t* codes_of_next =
+        reader.quants + (first + static_cast<int64_t>(ROWS_IN_TURN) * chunks) * BYTES_OF_CHUNK;
+    const bool has_next = row + 2 * ROWS_IN_TURN <= last;
     int32_t c = 0;
     for (; c + LANES <= chunks; c += LANES) {
       const auto x = chunk_at(c);
+      if (has_next)
+        prefetch(codes_of_next + static_cast<int64_t>(c) * ROWS_IN_TURN * BYTES_OF_CHUNK,
+                 LANES * ROWS_IN_TURN * BYTES_OF_CHUNK);
 #pragma clang loop unroll(disable)
       for (int t = 0; t < rows; ++t)
         add_row(acc[c / LANES % VECTORS][t], x,
