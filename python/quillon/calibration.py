@@ -154,14 +154,16 @@ class _Folder:
 
 
 def _shrinking(sizes: Tensor, numbers: Tensor) -> Tensor:
-    """What makes tokens of squares of length ``sizes``, of which ``numbers`` are, no longer than their median one.
+    """What tokens of squared lengths ``sizes``, of which ``numbers`` are, are multiplied by.
 
-    Models give a few tokens activations a thousand times as large as all others, and what is added to such a token's
-    sums is as large; an error there that is larger in proportion costs no more.
+    Models give single tokens, the first one of a text above all, activations hundreds of times as long as all others.
+    By the square of its length such a token would rule the sums. An error there costs as much as one elsewhere if it is
+    as large in proportion, but it costs all tokens that attend to this one. Between the two, what is longer than the
+    median token counts by its length.
     """
     if not bool(numbers.any()):
         return torch.ones_like(sizes)
-    return (sizes[numbers].median() / sizes).clamp(max=1).nan_to_num(nan=1.0).sqrt()
+    return (sizes[numbers].median() / sizes).clamp(max=1).nan_to_num(nan=1.0).sqrt().sqrt()
 
 
 class _Sum:
@@ -520,9 +522,9 @@ def calibrate(
     One batch in five is held out, by which quantization chooses its settings; of fewer than five batches, the last
     fifth of each. All batches go through a block of the model (a child of a ``ModuleList`` or ``Sequential``) before
     any enters the next, so that one block's statistics are added up at a time. What a layer is given for a token counts
-    as if it were no longer than for the median token of the batch; tokens with a NaN or an infinity among the inputs of
-    a layer do not count there. Deterministic, whatever the number of threads. Raises ``ValueError`` for
-    a pattern that matches no layer.
+    by the square of its length up to the batch's median length, and beyond by the length; tokens with a NaN or an
+    infinity among the inputs of a layer do not count there. Deterministic, whatever the number of threads. Raises
+    ``ValueError`` for a pattern that matches no layer.
     """
     if not isinstance(model, nn.Module):
         raise TypeError(f"model must be a torch.nn.Module, got {type(model).__name__}")

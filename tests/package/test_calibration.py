@@ -204,10 +204,10 @@ def some_batches(count: int = 6, tokens: int = 50) -> list[Tensor]:
 
 
 def counted(x: Tensor) -> Tensor:
-    """The rows of a batch as they count: those that are numbers, none of them longer than the median one."""
+    """The rows of a batch as they count: those that are numbers, by their length where it is above the median."""
     sizes = x.square().sum(1)
     rows, sizes = x[sizes.isfinite()], sizes[sizes.isfinite()]
-    return rows * (sizes.median() / sizes).clamp(max=1).sqrt()[:, None]
+    return rows * (sizes.median() / sizes).clamp(max=1).sqrt().sqrt()[:, None]
 
 
 def plain_inputs(model: nn.Module, batches: list[Any], names: Any) -> dict[str, list[Tensor]]:
@@ -249,14 +249,19 @@ def test_statistics_are_those_of_a_plain_computation() -> None:
         torch.testing.assert_close(found[name].importance(), everything.square().mean(0), rtol=rounding, atol=0)
 
 
-def test_a_token_with_huge_activations_rules_nothing() -> None:
+def test_a_long_token_counts_by_its_length() -> None:
     batches = some_batches()
+    traces = []
     batches[1][0, 7] *= 1000
-    found = calibrate(small_model(), batches)["blocks.0.gate"]
-    # No token counts for more than its batch's median one; a float sum of n squares is off by a share of n roundings.
-    middle = max(float(batch[0].square().sum(1).median()) for batch in batches)
-    rounding = (found.tokens[0] + 1) * torch.finfo(torch.float32).eps
-    assert float(found.fitted.diagonal().double().sum()) <= middle * found.tokens[0] * (1 + rounding)
+    middle = float(batches[1][0].square().sum(1).median())
+    for _ in range(2):
+        found = calibrate(small_model(), batches, layers="blocks.0.gate")["blocks.0.gate"]
+        traces.append(float(found.fitted.diagonal().double().sum()))
+        batches[1][0, 7] *= 4
+    longest = float(batches[1][0, 7].square().sum()) / 16
+    # Its square grows sixteenfold, what it counts fourfold; a float sum of n squares is off by n roundings at most.
+    rounding = (found.tokens[0] + 3) * torch.finfo(torch.float32).eps * sum(traces)
+    assert abs(traces[1] - traces[0] - 3 / 4 * (middle * longest) ** 0.5) <= rounding
 
 
 def test_of_few_batches_a_part_of_each_is_held_out() -> None:
