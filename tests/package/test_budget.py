@@ -12,7 +12,14 @@ from torch import Tensor, nn
 
 import quillon
 from quillon._pieces import serial_operators
-from quillon.budget import Sensitivity, _cost, choose_formats, measure_sensitivity
+from quillon.budget import (
+    FormatCosts,
+    Sensitivity,
+    choose_formats,
+    format_costs,
+    formats_within,
+    measure_sensitivity,
+)
 from quillon.formats import BUDGET_FORMATS, FORMATS, WEIGHT_FORMATS, weight_bytes
 
 
@@ -33,21 +40,24 @@ def test_the_formats_are_weight_formats() -> None:
     assert set(BUDGET_FORMATS) < set(WEIGHT_FORMATS)
 
 
+@pytest.fixture(scope="module")
+def costs() -> list[FormatCosts]:
+    return format_costs(weights(*[(8, 256)] * 6), everything, {})
+
+
 @pytest.mark.parametrize("bits", [2.0, 3.5, 4.5, 5.5, 9.0])
-def test_the_budget_is_kept_and_used(bits: float) -> None:
+def test_the_budget_is_kept_and_used(bits: float, costs: list[FormatCosts]) -> None:
     given = weights(*[(8, 256)] * 6)
-    found = choose_formats(given, bits, everything, {})
+    found = formats_within(costs, bits, 6 * 8 * 256)
     assert bits_of(given, found) <= bits
-    for name, (weight,) in given.items():
-        now = _cost(weight, found[name], None)
-        better = [format for format in BUDGET_FORMATS if _cost(weight, format, None) < now]
-        fitting = [format for format in better if bits_of(given, found | {name: format}) <= bits]
-        assert fitting == [], f"{name} could be better within the budget"
-    assert bits == 9.0 or any(
-        _cost(weight, format, None) < _cost(weight, found[name], None)
-        for name, (weight,) in given.items()
-        for format in BUDGET_FORMATS
-    ), "the budget has bounded nothing"
+    better = []
+    for one in costs:
+        (name,) = one.names
+        cost_of = {choice.format: choice.cost for choice in one.choices}
+        assert set(cost_of) == set(BUDGET_FORMATS)
+        better += [(name, format) for format, cost in cost_of.items() if cost < cost_of[found[name]]]
+    assert better or bits == 9.0, "the budget has bounded nothing"
+    assert [one for one in better if bits_of(given, found | dict([one])) <= bits] == []
 
 
 def test_what_counts_more_gets_more() -> None:
