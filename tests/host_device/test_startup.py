@@ -23,13 +23,11 @@ def output_of(result: CompletedProcess[str]) -> str:
 
 def test_import_leaves_the_device_alone(run_python: Run) -> None:
     script = """
-import os, sys, time, torch
+import os, sys, torch
 threads = len(os.listdir("/proc/self/task"))
-start = time.process_time()
 import quillon
 from quillon import host_device
-assert time.process_time() - start < 1.0
-assert not {"torch._dynamo", "torch._inductor"} & set(sys.modules)
+assert not {"torch._dynamo", "torch._inductor", "transformers", "safetensors", "gguf", "accelerate"} & set(sys.modules)
 assert len(os.listdir("/proc/self/task")) == threads
 assert host_device.is_active()
 assert torch.xpu.is_available() and torch.xpu.device_count() == 1
@@ -38,6 +36,24 @@ torch.zeros(1, device="xpu")
 assert torch.xpu.is_initialized() and host_device._native.is_initialized()
 """
     output_of(run_python(script))
+
+
+def test_import_is_quick(run_python: Run) -> None:
+    """Less than 0.3 s where PyTorch takes 1.3, in processor time, which other programs hardly change."""
+    script = """
+import time
+start = time.process_time()
+import torch
+between = time.process_time()
+import quillon
+print((time.process_time() - between) / (between - start))
+"""
+    shares = []
+    for _ in range(3):  # the least is the one that was disturbed least
+        shares.append(float(output_of(run_python(script, TORCH_DEVICE_BACKEND_AUTOLOAD="0"))))
+        if shares[-1] < 0.3 / 1.3:
+            return
+    raise AssertionError(f"import quillon takes {shares} of what import torch takes")
 
 
 def test_import_after_use_of_autograd_is_refused(run_python: Run) -> None:
