@@ -26,8 +26,10 @@ from typing import TYPE_CHECKING, Any
 if TYPE_CHECKING:
     from torch import Tensor
 
-TESTS = Path(__file__).resolve().parent.parent
-# As in sweep.py. Not of the classes with matrix engines, where a call with another element type ends the process.
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+from shim.devices import HOST_DEVICES
+
+# Not of the classes with matrix engines, where a call with another element type ends the process.
 DEVICES = ("xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:7", "xpu:3", "xpu:2", "cpu", "meta")
 SIZES = (0, 1, 2, 7, 16, 34, 64, 192, 256, 2176)
 LIKELY = ((2, 8, 23, 27), (256,), (4, 20))  # a code, a row length, a number of rows
@@ -345,11 +347,7 @@ def read_files(files: int, seed: int) -> Counter[str]:
 
 def run_worker(name: str, count: int, seed: int, timeout: float, side: str = "behind") -> tuple[Counter[str], str]:
     """What a worker counted, and, if it came to a bad end, how."""
-    environment = os.environ | {
-        "QUILLON_HOST_GUARD": side,
-        "QUILLON_HOST_DEVICES": "0x30DC00800,0x30F000700,0x311800400,0x501000400,0x500400400,0x312800400,0x300000000,0",
-        "PYTHONPATH": os.pathsep.join(filter(None, (str(TESTS), os.environ.get("PYTHONPATH")))),
-    }
+    environment = os.environ | HOST_DEVICES | {"QUILLON_HOST_GUARD": side}
     worker = [sys.executable, __file__, "--worker", name, "--calls", str(count), "--seed", str(seed)]
     try:
         done = subprocess.run(worker, env=environment, capture_output=True, text=True, timeout=timeout)

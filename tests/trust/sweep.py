@@ -21,9 +21,9 @@ from collections import Counter
 from collections.abc import Iterator
 from pathlib import Path
 
-TESTS = Path(__file__).resolve().parent.parent
-# oak, elm, ash, fir, yew, bay, legacy, unknown
-DEVICES = "0x30DC00800,0x30F000700,0x311800400,0x501000400,0x500400400,0x312800400,0x300000000,0"
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+from shim.devices import HOST_DEVICES
+
 BACKINGS = ("vectors", "items")
 DTYPES = ("float32", "float16", "bfloat16", "float64")
 ROWS = (1, 2, 3, 5, 16, 17, 33, 48)
@@ -63,6 +63,10 @@ def work(name: str, calls: int, seed: int) -> None:
 
     def activations(shape: tuple[int, ...], dtype: torch.dtype, device: torch.device) -> torch.Tensor:
         return (torch.rand(shape, generator=generator) / 16).to(dtype).to(device)
+
+    def unwritten(rows: int, columns: int, dtype: torch.dtype, device: torch.device) -> torch.Tensor:
+        """Memory for an expansion, NaN throughout: what stays so was written by no kernel."""
+        return torch.empty(rows, columns, dtype=dtype, device=device).fill_(torch.nan)
 
     def check(what: str, result: torch.Tensor, whole: bool) -> None:
         torch.xpu.synchronize(result.device)
@@ -121,11 +125,11 @@ def work(name: str, calls: int, seed: int) -> None:
                     numbers, weight, fmt.code, columns, rows,
                 )  # fmt: skip
                 for expand in ("expand_weight", "expand_weight_fast"):
-                    dense = torch.zeros(rows, columns, dtype=kind, device=device)
+                    dense = unwritten(rows, columns, kind, device)
                     operator = getattr(torch.ops.quillon_kernels, expand)
                     call(f"{expand} {what}", operator, weight, dense, fmt.code, whole=whole)
                 first = chosen.randrange(rows)
-                tile = torch.zeros(chosen.randint(1, rows - first), columns, dtype=kind, device=device)
+                tile = unwritten(chosen.randint(1, rows - first), columns, kind, device)
                 call(
                     f"expand_rows_of {what} {first} {len(tile)}",
                     torch.ops.quillon_kernels.expand_rows_of, weight, tile, fmt.code, rows, first, whole=whole,
@@ -180,11 +184,7 @@ def sweep(names: list[str], sides: list[str], calls: int, seed: int, folder: Pat
     wrong = []
     for name, side in itertools.product(names, sides):
         told = folder / f"{name}-{side}"
-        environment = os.environ | {
-            "QUILLON_HOST_GUARD": side,
-            "QUILLON_HOST_DEVICES": DEVICES,
-            "PYTHONPATH": os.pathsep.join(filter(None, (str(TESTS), os.environ.get("PYTHONPATH")))),
-        }
+        environment = os.environ | HOST_DEVICES | {"QUILLON_HOST_GUARD": side}
         with told.open("w+b") as last:
             worker = [sys.executable, __file__, "--worker", name, "--calls", str(calls), "--seed", str(seed)]
             try:
