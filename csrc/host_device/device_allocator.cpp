@@ -150,6 +150,9 @@ class HostDeviceAllocator final : public c10::xpu::XPUCachingAllocator::XPUAlloc
     return -1;
   }
 
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+
   void give_back(void* pointer) {
     // At process exit tensors may outlive the SYCL runtime; the system takes their memory back.
     if (!pointer || is_shut_down()) return;
@@ -321,6 +324,13 @@ void delete_block(void* pointer) {
 
 c10::DataPtr allocate_on_device(size_t size, c10::DeviceIndex device) {
   return device_allocator().allocate_on(size, device);
+}
+
+void hold_allocator() {
+  device_allocator().lock();
+}
+void let_go_of_allocator() {
+  device_allocator().unlock();
 }
 
 bool is_device_block(const c10::DataPtr& data) noexcept {

@@ -38,6 +38,10 @@ C10_XPU_API void wait_for_stream(c10::DeviceIndex device, c10::StreamId stream);
 
 /// Memory of `device`, whichever device is current. Size in bytes.
 C10_XPU_API c10::DataPtr allocate_on_device(size_t size, c10::DeviceIndex device);
+/// Keeps the allocator from changing while the process forks: a child that inherited it locked by another thread would
+/// wait for ever at the next tensor that it frees. To be called in pairs, by the thread that forks.
+C10_XPU_API void hold_allocator();
+C10_XPU_API void let_go_of_allocator();
 /// True if `data` is a whole block of the device allocator, so that its ownership can change hands.
 C10_XPU_API bool is_device_block(const c10::DataPtr& data) noexcept;
 /// True if a block of the device allocator starts at `pointer`.

@@ -55,6 +55,7 @@ Platform make_platform() {
 
 void on_fork_in_child() {
   bad_fork.store(initialized.load(), std::memory_order_relaxed);
+  let_go_of_allocator();
 }
 
 }  // namespace
@@ -70,7 +71,7 @@ Platform& platform() {
   // Never destroyed: the SYCL runtime may be gone by the time static objects are.
   static Platform& instance = [&]() -> Platform& {
     auto* made = new Platform(make_platform());
-    pthread_atfork(nullptr, nullptr, on_fork_in_child);
+    pthread_atfork(hold_allocator, let_go_of_allocator, on_fork_in_child);
     initialized.store(true);
     return *made;
   }();
