@@ -46,7 +46,7 @@ class HostDeviceGuardImpl final : public c10::impl::DeviceGuardImplInterface {
   }
   Stream exchangeStream(Stream s) const override { return stock_.exchangeStream(s); }
   void* getStreamNativeHandle(const Stream s) const override { return stock_.getStreamNativeHandle(s); }
-  bool queryStream(const Stream& stream) const override { return stock_.queryStream(stream); }
+  bool queryStream(const Stream& stream) const override { return is_idle(stream.device_index(), stream.id()); }
   void synchronizeStream(const Stream& stream) const override { stock_.synchronizeStream(stream); }
   void synchronizeDevice(const DeviceIndex device) const override { stock_.synchronizeDevice(device); }
   void recordDataPtrOnStream(const c10::DataPtr& data, const Stream& stream) const override {

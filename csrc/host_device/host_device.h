@@ -33,6 +33,8 @@ C10_XPU_API bool in_bad_fork() noexcept;
 C10_XPU_API void wait_for_current_stream(c10::DeviceIndex device);
 /// Blocks until every stream of every device is idle.
 C10_XPU_API void synchronize_all_devices();
+/// Whether `stream` is idle. In place of c10::xpu::XPUStream::query(), which the SYCL runtime answers to one thread alone.
+C10_XPU_API bool is_idle(c10::DeviceIndex device, c10::StreamId stream);
 /// Blocks until `stream` is idle.
 C10_XPU_API void wait_for_stream(c10::DeviceIndex device, c10::StreamId stream);
 

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <mutex>
+#include <optional>
 #include <ostream>
 
 #include "host_device.h"
@@ -26,9 +28,48 @@ constexpr int kLowestPriority = 1;  // slot 0; each slot above has the next lowe
 constexpr int kPoolQueues = kPriorities * kStreamsPerPool;
 constexpr c10::StreamId kDefaultStream = 0;
 
+// Which thread submits to a queue. The SYCL runtime's ext_oneapi_empty() costs a tenth of a wait for an idle queue, but
+// looks at the last command without holding it: while another thread submits it reads what has been freed. So a thread
+// asks only for a queue that no other thread has ever had.
+class Submitter {
+ public:
+  /// The calling thread is about to submit.
+  void enter() {
+    const uintptr_t self = this_thread();
+    uintptr_t found = thread_.load(std::memory_order_relaxed);
+    while (found != self && found != kSeveral) {
+      if (found & kAsking) found -= kAsking;  // until the other thread has its answer
+      if (thread_.compare_exchange_weak(found, found == kNobody ? self : kSeveral)) return;
+    }
+  }
+
+  /// What `ask` says, if no thread but the calling one submits; else nothing.
+  template <typename Ask>
+  std::optional<bool> ask_alone(Ask ask) {
+    uintptr_t expected = this_thread();
+    if (!thread_.compare_exchange_strong(expected, expected + kAsking)) return std::nullopt;
+    const bool answer = ask();
+    thread_.store(this_thread(), std::memory_order_release);
+    return answer;
+  }
+
+ private:
+  static constexpr uintptr_t kNobody = 0, kAsking = 1, kSeveral = 2;
+  static uintptr_t this_thread() {
+    static thread_local std::max_align_t place;
+    return reinterpret_cast<uintptr_t>(&place);
+  }
+  std::atomic<uintptr_t> thread_{kNobody};
+};
+
+struct Queue {
+  std::atomic<sycl::queue*> queue{nullptr};
+  Submitter submitter;
+};
+
 struct DeviceQueues {
-  std::atomic<sycl::queue*> default_queue{nullptr};
-  std::array<std::atomic<sycl::queue*>, kPoolQueues> pool{};
+  Queue default_queue;
+  std::array<Queue, kPoolQueues> pool{};
   std::array<std::atomic<uint32_t>, kPriorities> next_in_pool{};
 };
 
@@ -47,43 +88,67 @@ int pool_position(c10::StreamId id) {
   return static_cast<int>(id >> 1);
 }
 
-std::atomic<sycl::queue*>& queue_slot(c10::DeviceIndex device, c10::StreamId id) {
+bool is_external(c10::StreamId id) {
+  return id != kDefaultStream && !is_pool_stream(id);
+}
+
+Queue& queue_slot(c10::DeviceIndex device, c10::StreamId id) {
   DeviceQueues& queues = all_queues()[device];
   if (id == kDefaultStream) return queues.default_queue;
   TORCH_CHECK(pool_position(id) < kPoolQueues, "Stream id ", id, " names no stream of an XPU device.");
   return queues.pool[pool_position(id)];
 }
 
-/// The queue of a stream, or null if it was never used and so is idle.
-sycl::queue* find_queue(c10::DeviceIndex device, c10::StreamId id) {
-  if (id != kDefaultStream && !is_pool_stream(id)) return reinterpret_cast<sycl::queue*>(id);
-  return queue_slot(device, id).load(std::memory_order_acquire);
-}
-
 sycl::queue& get_queue(c10::DeviceIndex device, c10::StreamId id) {
   check_not_forked();
-  if (sycl::queue* queue = find_queue(device, id)) return *queue;
+  if (is_external(id)) return *reinterpret_cast<sycl::queue*>(id);
+  Queue& slot = queue_slot(device, id);
+  slot.submitter.enter();
+  if (sycl::queue* queue = slot.queue.load(std::memory_order_acquire)) return *queue;
   static std::mutex& creation = *new std::mutex();
   std::lock_guard<std::mutex> lock(creation);
-  std::atomic<sycl::queue*>& slot = queue_slot(device, id);
-  if (!slot.load(std::memory_order_relaxed)) {
+  if (!slot.queue.load(std::memory_order_relaxed)) {
     Platform& sycl_platform = platform();
-    slot.store(new sycl::queue(sycl_platform.context, sycl_platform.device, c10::xpu::asyncHandler,
-                               sycl::property::queue::in_order{}),
-               std::memory_order_release);
+    slot.queue.store(new sycl::queue(sycl_platform.context, sycl_platform.device, c10::xpu::asyncHandler,
+                                     sycl::property::queue::in_order{}),
+                     std::memory_order_release);
   }
-  return *slot.load(std::memory_order_relaxed);
+  return *slot.queue.load(std::memory_order_relaxed);
 }
 
-void wait_unless_idle(sycl::queue* queue) {
-  if (queue && !queue->ext_oneapi_empty()) queue->wait_and_throw();
+bool is_complete(const sycl::event& event) {
+  return event.get_info<sycl::info::event::command_execution_status>() == sycl::info::event_command_status::complete;
+}
+
+void wait_unless_idle(Queue& slot) {
+  sycl::queue* queue = slot.queue.load(std::memory_order_acquire);
+  if (!queue) return;  // never used
+  if (!slot.submitter.ask_alone([&] { return queue->ext_oneapi_empty(); }).value_or(false)) queue->wait_and_throw();
 }
 
 }  // namespace
 
 void wait_for_stream(c10::DeviceIndex device, c10::StreamId stream) {
   check_not_forked();
-  wait_unless_idle(find_queue(device, stream));
+  if (is_external(stream)) {
+    reinterpret_cast<sycl::queue*>(stream)->wait_and_throw();
+  } else {
+    wait_unless_idle(queue_slot(device, stream));
+  }
+}
+
+bool is_idle(c10::DeviceIndex device, c10::StreamId stream) {
+  check_not_forked();
+  const auto is_done = [](sycl::queue& queue) {
+    const std::optional<sycl::event> last = queue.ext_oneapi_get_last_event();
+    return !last || is_complete(*last);
+  };
+  if (is_external(stream)) return is_done(*reinterpret_cast<sycl::queue*>(stream));
+  Queue& slot = queue_slot(device, stream);
+  sycl::queue* queue = slot.queue.load(std::memory_order_acquire);
+  if (!queue) return true;
+  const auto alone = slot.submitter.ask_alone([&] { return queue->ext_oneapi_empty(); });
+  return alone ? *alone : is_done(*queue);
 }
 
 void wait_for_current_stream(c10::DeviceIndex device) {
@@ -161,8 +226,8 @@ void syncStreamsOnDevice(DeviceIndex device) {
   device = index_or_current(device);
   check_not_forked();
   DeviceQueues& queues = all_queues()[device];
-  wait_unless_idle(queues.default_queue.load(std::memory_order_acquire));
-  for (auto& queue : queues.pool) wait_unless_idle(queue.load(std::memory_order_acquire));
+  wait_unless_idle(queues.default_queue);
+  for (Queue& queue : queues.pool) wait_unless_idle(queue);
 }
 
 }  // namespace c10::xpu
