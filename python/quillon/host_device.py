@@ -266,6 +266,14 @@ def _rebuild_storage(shared: torch.UntypedStorage, index: int) -> torch.UntypedS
     return storage
 
 
+def _refuse_storage() -> None:
+    """What the receiver gets for a storage that a forked process cannot send."""
+    raise RuntimeError(
+        "A tensor of an XPU was sent by a process that had been forked after the first use of the device. Cannot "
+        "re-initialize XPU in forked subprocess. To use XPU with multiprocessing, you must use the 'spawn' start method"
+    )
+
+
 def _connect_processes(native: ModuleType) -> None:
     """Send tensors to other processes as CPU tensors are sent: through memory that both then share."""
     storage_class: Any = torch.UntypedStorage
@@ -296,6 +304,9 @@ def _connect_processes(native: ModuleType) -> None:
     def reduce_storage(storage: Any) -> Any:
         if storage.device.type != "xpu":
             return stock_reduce(storage)
+        if native._xpu_isInBadFork() and native.shared_storage_of(storage) is None:
+            # A queue sends from a thread of its own, where an error would be lost, and the receiver wait for ever.
+            return _refuse_storage, ()
         return _rebuild_storage, (shared_memory_of(storage), storage.device.index)
 
     storage_class.share_memory_ = share_memory_
