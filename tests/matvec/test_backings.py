@@ -12,6 +12,7 @@ from formats.decoders import FORMATS, Array, Fields, pack, split
 import vesper_linear
 from quillon.formats import WEIGHT_FORMATS
 
+from .guards import output_guard
 from .harness import DTYPES, TORCH, device_of, random_activations, to_device
 
 CLASSES = ("elm", "legacy", "unknown")  # one of each launcher table
@@ -103,3 +104,18 @@ def test_nothing_leaks_from_neighbouring_rows(
         assert torch.equal(items[0, good], of_sound[0, good]), k
         if name not in ("q4_k", "q6_k") or k >= 1024:  # below a full round there is no sum at all
             assert not torch.equal(items, of_sound), k
+
+
+@pytest.mark.parametrize("backing", ["items", "vectors"])
+@pytest.mark.parametrize("name", WEIGHT_FORMATS)
+def test_nothing_behind_the_output_is_written(name: str, backing: str, monkeypatch: pytest.MonkeyPatch) -> None:
+    """With a number of rows that no tile divides."""
+    monkeypatch.setenv("QUILLON_HOST_BACKING", backing)
+    rows, k, device = 9, 512, device_of("unknown")
+    row = to_device(random_activations(k, "float32", 1), "float32", device)
+    weight = pack(FORMATS[name], finite_fields(name, rows * k // FORMATS[name].elements, 2))
+    packed = torch.from_numpy(weight).to(device)
+    with output_guard(rows, torch.float32, device) as address:
+        out = vesper_linear.forward_new(row, packed, FORMATS[name].qtype, 0)
+        torch.xpu.synchronize(device)
+        assert address in (None, out.data_ptr()), "the allocator gave other memory: the test sees nothing"
