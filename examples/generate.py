@@ -16,6 +16,8 @@ The embedding gets --embedding-format where its row length allows.
 The output layer gets --output-format, eight bits by default: an error in it goes straight into the probabilities. What
 --format would make of it is told beside the perplexity. Layers whose row length a format does not cover go into
 --fallback.
+
+    python examples/generate.py --compiled   # transformers' own generate, compiled by torch.compile and not, in turn
 """
 
 from __future__ import annotations
@@ -24,6 +26,7 @@ import argparse
 import copy
 import importlib.util
 import math
+import statistics
 import sys
 import time
 from dataclasses import dataclass
@@ -267,6 +270,48 @@ def agreement(scores: Scores, reference: Scores) -> float:
     return float((scores.greedy == reference.greedy).float().mean())
 
 
+def seconds_of_generate(model: nn.Module, prompt: Tensor, new_tokens: int, **how: object) -> float:
+    """Seconds that transformers' generate takes for some new tokens behind the first."""
+    seconds = []
+    for count in (1, new_tokens + 1):
+        start = time.perf_counter()
+        produced = model.generate(prompt, max_new_tokens=count, min_new_tokens=count, do_sample=False, **how)
+        produced.cpu()
+        seconds.append(time.perf_counter() - start)
+    return seconds[1] - seconds[0]
+
+
+def print_compiled(dense: nn.Module, tokenizer: object, format: str, options: argparse.Namespace, runs: int) -> None:
+    """Print tokens per second of the packed model compiled and not, medians of runs in turn.
+
+    Not compiled, layers that read the same input are joined; compiled they are not, as each would then multiply by the
+    whole matrix.
+    """
+    plain, compiled = copy.deepcopy(dense), copy.deepcopy(dense)
+    kinds = {"not compiled": (plain, {}), "compiled": (compiled, {"cache_implementation": "static"})}
+    for model in (plain, compiled):
+        quantize(model, format, options)
+        quantize_embedding(model, options.embedding_format)
+    quillon.join_projections(plain)
+    prompt = chat_tokens(tokenizer, options.question).to(options.device)
+    speeds: dict[str, list[float]] = {name: [] for name in kinds}
+    texts = []
+    for name, (model, how) in kinds.items():
+        model.to(options.device)
+        start = time.perf_counter()
+        count = options.new_tokens + 1  # as below: a cache of another size would be another graph
+        produced = model.generate(prompt, max_new_tokens=count, min_new_tokens=count, do_sample=False, **how)
+        texts.append(produced[0, prompt.shape[1] :].tolist())
+        print(f"{name:13}{time.perf_counter() - start:.1f} s for the first text, its compilers' among them", flush=True)
+    for _ in range(runs):
+        for name, (model, how) in kinds.items():
+            speeds[name].append(options.new_tokens / seconds_of_generate(model, prompt, options.new_tokens, **how))
+    for name, measured in speeds.items():
+        listed = ", ".join(f"{speed:.1f}" for speed in measured)
+        print(f"{name:13}{statistics.median(measured):.1f} tokens/s, the median of {listed}")
+    print(f"texts are {'the same' if texts[0] == texts[1] else 'different'}")
+
+
 def main() -> None:
     """Run the demo and print its report."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -278,6 +323,7 @@ def main() -> None:
     parser.add_argument("--device", default="xpu", help="default: %(default)s")
     parser.add_argument("--question", default=QUESTION)
     parser.add_argument("--new-tokens", type=int, default=64)
+    parser.add_argument("--compiled", action="store_true", help="compare generation compiled and not, and no more")
     parser.add_argument("--score-tokens", type=int, help="score only the first tokens of the text")
     options = parser.parse_args()
     options.output_format = quillon.formats.format_name(options.output_format)
@@ -293,6 +339,9 @@ def main() -> None:
     print(f"text         {len(text)} tokens of {TEXT.name}")
     print(f"question     {options.question}")
 
+    if options.compiled:
+        print_compiled(dense, tokenizer, formats[0], options, runs=3)
+        return
     prompt = chat_tokens(tokenizer, options.question)
     generate(dense, prompt, 4, None)  # the first pass of a model is slower than any other
     of_dense = DenseModel(
