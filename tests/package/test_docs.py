@@ -4,12 +4,14 @@ from __future__ import annotations
 
 import importlib.metadata
 import re
+import shlex
 import sys
 from pathlib import Path
 
 import pytest
 
 import quillon
+from quillon import __main__ as command_line
 from quillon._kernels import EXPANSIONS
 from quillon.formats import FORMATS, WEIGHT_FORMATS
 
@@ -18,6 +20,7 @@ sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "benchmarks")]
 
 import api_reference  # noqa: E402
 import format_files  # noqa: E402
+import transcripts  # noqa: E402
 from sections import section, with_section, write_section  # noqa: E402
 
 PAGE = "by hand\n<!-- begin a: written by x -->\nold\n<!-- end a -->\nby hand too\n"
@@ -80,6 +83,53 @@ def test_messages_of_the_troubleshooting_page_exist() -> None:
     # Messages run over several lines of literals.
     joined = re.sub(r'"\s*\n\s*f?"', "", "\n".join(file.read_text() for file in sources))
     assert [one for one in messages if one not in joined and "Unknown quantization type" not in one] == []
+
+
+def test_commands_of_the_documentation_exist() -> None:
+    """Those in blocks parse as they stand; of those in a sentence the command and its options exist."""
+    parser = command_line._parser()
+    (commands,) = (action.choices for action in parser._actions if action.dest == "command")
+    assert isinstance(commands, dict)
+    seen = set()
+    for page in [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *(ROOT / "docs").glob("*.md")]:
+        text = page.read_text()
+        for line in re.findall(r"^    .*\bpython -m quillon (.*)", text, re.MULTILINE):
+            words = shlex.split(re.split(r" [&|](?: |$)", line)[0], comments=True)
+            seen.add(parser.parse_args(words).command)
+        for inline in re.findall(r"`python -m quillon ([a-z][^`]*)`", text):
+            name, *words = inline.split()
+            assert name in commands, inline
+            options = {word for word in words if word.startswith("--") and name != "transformers"}
+            assert options <= set(commands[name]._option_string_actions), inline
+    assert seen == set(commands)
+
+
+def test_transcripts_are_those_of_their_commands(capsys: pytest.CaptureFixture[str]) -> None:
+    page = transcripts.PAGE.read_text()
+    for name in ("session", "server"):
+        there = transcripts.blocks(section(page, name))
+        lines = [command.line for command in transcripts.COMMANDS if command.section == name]
+        assert list(there) == lines, "run: python tools/transcripts.py"
+        assert "".join(there.values()) == section(page, name)
+    # One whose output is the same on every machine.
+    (command,) = (command for command in transcripts.COMMANDS if command.name == "formats")
+    words = shlex.split(command.line.removeprefix("python -m quillon "))
+    assert command_line.main([*words, "--device-class", "unknown"]) == 0
+    output = transcripts.shown(command, capsys.readouterr().out)
+    assert transcripts.written(command, output) == transcripts.blocks(section(page, "session"))[command.line]
+
+
+def test_what_is_left_out_of_a_transcript() -> None:
+    command = transcripts.Command("a", "a --b", first=1, last=1)
+    assert transcripts.shown(command, "1 \n2\n") == ["1", "2"]
+    output = transcripts.shown(command, "1\n2\n\n4\n")
+    assert output == ["1", "…", "4"]
+    text = transcripts.written(command, output) + transcripts.written(transcripts.Command("c", "c"), ["$5", "", "6"])
+    assert text == "    $ a --b\n    1\n    …\n    4\n    $ c\n    $5\n\n    6\n"
+    assert transcripts.blocks(text) == {
+        "a --b": "    $ a --b\n    1\n    …\n    4\n",
+        "c": "    $ c\n    $5\n\n    6\n",
+    }
 
 
 def test_links_of_the_documentation_lead_somewhere() -> None:
