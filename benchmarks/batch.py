@@ -18,6 +18,7 @@ from matvec import (
     DTYPES,
     STATISTICS,
     Benchmark,
+    Contender,
     add_arguments,
     how_measured,
     parse_shape,
@@ -33,6 +34,15 @@ SLOWER = 1.1
 OURS = ("forward_new", "LowBitLinear")
 
 
+def is_served(contender: Contender) -> bool:
+    """Whether there is such a product: some formats have no road for large batches of some element types."""
+    try:
+        contender.run(0)
+    except (NotImplementedError, RuntimeError):
+        return False
+    return True
+
+
 def measured(arguments: argparse.Namespace, dtype: str) -> dict[int, dict[str, float]]:
     """Milliseconds by batch and contender; those of `at::linear` in the type of the activations under "linear"."""
     formats = [format_name(name) for name in arguments.formats.split(",")]
@@ -41,7 +51,9 @@ def measured(arguments: argparse.Namespace, dtype: str) -> dict[int, dict[str, f
         benchmark = Benchmark(
             *parse_shape(arguments.shape), dtype, formats, torch.device(arguments.device), arguments.rotate << 20, batch
         )
-        benchmark.contenders = {name: one for name, one in benchmark.contenders.items() if not name.startswith("read")}
+        benchmark.contenders = {
+            name: one for name, one in benchmark.contenders.items() if not name.startswith("read") and is_served(one)
+        }
         benchmark.measure(arguments.rounds, arguments.calls, arguments.pause)
         statistic = STATISTICS[arguments.statistic]
         times[batch] = {name: statistic(one.seconds) * 1e3 for name, one in benchmark.contenders.items()}
@@ -50,7 +62,7 @@ def measured(arguments: argparse.Namespace, dtype: str) -> dict[int, dict[str, f
 
 
 def table_rows(times: dict[int, dict[str, float]], dtype: str) -> Iterator[list[str]]:
-    names = times[max(times)]
+    names = dict.fromkeys(name for at_batch in times.values() for name in at_batch)
     for name in (one for one in names if not one.startswith(OURS)):
         yield [dtype, name, *(shown(times[batch][name]) if name in times[batch] else "-" for batch in times)]
     for name in (one for one in names if one.startswith(OURS)):
