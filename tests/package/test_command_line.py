@@ -228,7 +228,7 @@ def test_an_interrupted_quantize_goes_on(
     real = quillon.quantize
 
     def stop_after_some(weight: torch.Tensor, *args: object, **options: object) -> torch.Tensor:
-        if len(packed) == 12:
+        if len(packed) >= 12:  # of two threads
             raise KeyboardInterrupt
         packed.append(weight)
         return real(weight, *args, **options)  # type: ignore[arg-type]
