@@ -14,7 +14,7 @@ from torch.testing._internal.common_methods_invocations import op_db
 import quillon  # noqa: F401  (brings the device up)
 
 DEVICE = torch.device("xpu:1")
-SAMPLES_PER_OPERATOR = 4
+SAMPLES_PER_OPERATOR = 2
 
 # Operator variants that cannot pass, with a part of the text that says why.
 EXCEPTIONS = {
