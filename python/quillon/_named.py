@@ -12,4 +12,5 @@ def naming(layer: str) -> Iterator[None]:
     try:
         yield
     except (TypeError, ValueError) as problem:
-        raise type(problem)(f"{layer}: {problem}") from problem
+        kind = TypeError if isinstance(problem, TypeError) else ValueError  # subclasses may take other arguments
+        raise kind(f"{layer}: {problem}") from problem
