@@ -299,7 +299,9 @@ def _parser() -> argparse.ArgumentParser:
 
     timing = add("bench", _bench, "time the product of each format against a dense one", "bench --shape 11008x4096")
     timing.add_argument("--shape", default="4096x4096", metavar="ROWSxCOLUMNS", help="of the weight (%(default)s)")
-    timing.add_argument("--dtype", default="float16", choices=_DTYPES, help="of the activations (%(default)s)")
+    timing.add_argument(
+        "--dtype", choices=_DTYPES, help="of the activations (default: float16, on the host device float32)"
+    )
     timing.add_argument("--seconds", type=float, default=0.3, help="for each format (%(default)s)")
     testing = add(
         "selftest",

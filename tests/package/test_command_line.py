@@ -373,7 +373,7 @@ def test_bench_has_a_line_for_each_format(capsys: pytest.CaptureFixture[str]) ->
     arguments = ["--shape", "64x1024", "--seconds", "0.01", "--formats", "q4_0,21", "--device", "xpu:7"]
     assert command_line.main(["bench", *arguments]) == 0
     first, heading, *lines = capsys.readouterr().out.splitlines()
-    assert first == "64 by 1024, float16, xpu:7, class unknown"
+    assert first == "64 by 1024, float32, xpu:7, class unknown"
     assert heading.split()[0] == "format"
     assert [line.split()[0] for line in lines] == ["dense", "q4_0", "iq2_xxs"]
     assert all(float(line.split()[1]) > 0 for line in lines)
