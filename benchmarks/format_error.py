@@ -136,7 +136,7 @@ class Bench:
         self.settings = Settings()
         self._folder, self._found = calibration, None
         self._file = results
-        marks = {"text": hashlib.sha256(text.encode()).hexdigest(), "calibration": self._hash(calibration_text())}
+        marks = {"text": self._hash(text), "calibration": self._hash(calibration_text())}
         self.results: dict[str, Any] = marks
         if results is not None and results.exists():
             self.results = json.loads(results.read_text())
