@@ -212,7 +212,7 @@ constexpr int kernel_index(kernel_family family, int qtype) {
 
 // Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most.
 inline constexpr int batch_tile = 2;
-inline constexpr int batch_of_vector_item = 4;
+inline constexpr int batch_of_vector_item = 8;
 
 // ---- expansion --------------------------------------------------------------------------------------------
 //

@@ -7,6 +7,47 @@ namespace quillon {
 
 inline constexpr int BATCH_TILE = 2;
 
+// A value of each of several activation rows.
+template <typename T, int BATCH>
+struct batch_values {
+  values<T> row[BATCH];
+
+  friend batch_values operator+(const batch_values& a, const batch_values& b) {
+    batch_values sum;
+    unrolled<BATCH>([&](auto b_) { sum.row[b_] = a.row[b_] + b.row[b_]; });
+    return sum;
+  }
+  friend batch_values operator*(const batch_values& a, values<T> weight) {
+    batch_values product;
+    unrolled<BATCH>([&](auto b) { product.row[b] = a.row[b] * weight; });
+    return product;
+  }
+};
+template <typename T, int BATCH>
+inline batch_values<T, BATCH> multiply_add(const batch_values<T, BATCH>& a, values<T> weight,
+                                           const batch_values<T, BATCH>& c) {
+  batch_values<T, BATCH> sum;
+  unrolled<BATCH>([&](auto b) { sum.row[b] = multiply_add(a.row[b], weight, c.row[b]); });
+  return sum;
+}
+
+// The same chunk of several activation rows.
+template <typename T, typename Activations, int BATCH>
+struct batch_chunk {
+  Activations row[BATCH];
+
+  template <typename Place>
+  batch_values<T, BATCH> v(Place i) const {
+    return each([=](const Activations& x) { return x.v(i); }, first_constants<BATCH>{});
+  }
+
+ private:
+  template <typename Body, int... B>
+  batch_values<T, BATCH> each(Body body, constants<B...>) const {
+    return {{body(row[B])...}};
+  }
+};
+
 template <typename T, int WG_SIZE, int ROW_TILE, typename Reader>
 inline void multiply_scaled_chunks_by_batch(const Reader& reader, uint64_t state_size, uint64_t batch, const T* input,
                                             const sycl::local_accessor<T, 1>& local, uint64_t output_size, T* output) {

@@ -1,15 +1,18 @@
-// The skeleton of batch_chunks.h for the host device: one work-item has all the lanes of a work-group, up to four
+// The skeleton of batch_chunks.h for the host device: one work-item has all the lanes of a work-group, up to eight
 // activation rows, and walks over a run of output rows. The activation rows lie in local memory one after the other,
-// each in the order of kernels/matvec/chunks_on_vectors.h.
+// each in the order of kernels/matvec/chunks_on_vectors.h. The values of a chunk are decoded into registers, and the
+// activation rows meet them in a loop, some of them in a pass.
 #pragma once
 
 #include "kernels/matvec/vectors.h"
 
 namespace quillon {
 
-// Output rows that take turns with the same activations, which then come from the first cache: those of four whole rows
+// Output rows that take turns with the same activations, which then come from the first cache: those of eight whole rows
 // do not fit into it.
 inline constexpr int ROWS_IN_TURN = 8;
+// Activation rows of a work-item, and of a pass. Their sums of products are chains of additions that wait for each other.
+inline constexpr int BATCH_OF_ITEM = 8, BATCH_OF_PASS = 2;
 
 // Asks for memory that will be read soon, without waiting for it. Rows that take turns are read side by side, which the
 // processor does not foresee: it would wait for each of their lines.
@@ -19,60 +22,85 @@ inline void prefetch(const uint8_t* from, int64_t bytes) {
   sycl::address_space_cast<address_space::global_space, decorated::yes>(const_cast<uint8_t*>(from)).prefetch(bytes);
 }
 
-// The output rows from `row` to `last` of BATCH activation rows that begin at `stored`, `stride` elements apart.
-template <typename T, int VECTORS, int BATCH, typename Reader>
-inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* stored, int64_t stride, int32_t chunks,
-                                 uint64_t row, uint64_t last, uint64_t output_size, T* output) {
-  constexpr int CHUNK = Reader::CHUNK, BYTES_OF_CHUNK = CHUNK / 2;  // formats of four bits
-  using sums = batch_values<T, BATCH>;
-  const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks;
-  const auto chunk_at = [=](int32_t c) {
-    batch_chunk<T, activations<T, CHUNK>, BATCH> x;
-    unrolled<BATCH>([&](auto b) { x.row[b].stored = stored + b * stride + static_cast<int64_t>(c) * CHUNK; });
-    return x;
+// Stands in for the activations of a chunk where a reader sums products, and keeps the values in their place.
+template <typename T, int CHUNK>
+struct kept_values {
+  struct nothing {};
+  struct place {
+    values<T>* to;
+    friend nothing operator*(place at, values<T> value) { return *at.to = value, nothing{}; }
+    friend nothing multiply_add(place at, values<T> value, nothing) { return at * value; }
   };
-  const auto add_row = [=](sums& acc, const auto& x, const auto& at) {
-    acc = multiply_add(reader.template sum<T>(x, at), reader.template scale<T>(at), acc);
+  values<T>* to;
+
+  place v(int i) const { return {to + i}; }
+  static nothing minus_zero() { return {}; }
+};
+
+// The output rows from `row` to `last` of `batch` activation rows that begin at `stored`, `stride` elements apart.
+template <typename T, int VECTORS, typename Reader>
+inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* stored, int64_t stride, int batch,
+                                 int32_t chunks, uint64_t row, uint64_t last, uint64_t output_size, T* output) {
+  constexpr int CHUNK = Reader::CHUNK, BYTES_OF_CHUNK = CHUNK / 2;  // formats of four bits
+  const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks;
+  // `add(sum, products, scale)` for the sum of each activation row. The last one is taken twice where a pass lacks one.
+  const auto add_chunk = [=](values<T>(&sums)[BATCH_OF_ITEM], int32_t c, const auto& at, const auto& add) {
+    values<T> value[CHUNK];
+    reader.template sum<T>(kept_values<T, CHUNK>{value}, at);
+    const values<T> scale = reader.template scale<T>(at);
+#pragma clang loop unroll(disable)
+    for (int b = 0; b < batch; b += BATCH_OF_PASS) {
+      unrolled<BATCH_OF_PASS>([&](auto i) {
+        const int of_batch = b + i < batch ? b + i : b;
+        const activations<T, CHUNK> x{stored + of_batch * stride + static_cast<int64_t>(c) * CHUNK};
+        values<T> products = x.v(0) * value[0];
+        unrolled<CHUNK - 1>([&](auto k) { products = multiply_add(x.v(k + 1), value[k + 1], products); });
+        add(sums[b + i], products, scale);
+      });
+    }
+  };
+  const auto add_all = [](values<T>& sum, values<T> products, values<T> scale) {
+    sum = multiply_add(products, scale, sum);
   };
   for (; row < last; row += ROWS_IN_TURN) {
     const int rows = static_cast<int>(last - row < ROWS_IN_TURN ? last - row : ROWS_IN_TURN);
     const int64_t first = static_cast<int64_t>(row) * chunks;
-    sums acc[VECTORS][ROWS_IN_TURN] = {};
+    values<T> acc[VECTORS][ROWS_IN_TURN][BATCH_OF_ITEM] = {};
     const uint8_t* codes_of_next =
         reader.quants + (first + static_cast<int64_t>(ROWS_IN_TURN) * chunks) * BYTES_OF_CHUNK;
     const bool has_next = row + 2 * ROWS_IN_TURN <= last;
     int32_t c = 0;
     for (; c + LANES <= chunks; c += LANES) {
-      const auto x = chunk_at(c);
       if (has_next)
         prefetch(codes_of_next + static_cast<int64_t>(c) * ROWS_IN_TURN * BYTES_OF_CHUNK,
                  LANES * ROWS_IN_TURN * BYTES_OF_CHUNK);
 #pragma clang loop unroll(disable)
       for (int t = 0; t < rows; ++t)
-        add_row(acc[c / LANES % VECTORS][t], x,
-                chunk_place<CHUNK, Reader::BLOCK, true>{first + static_cast<int64_t>(t) * chunks + c, LANES});
+        add_chunk(acc[c / LANES % VECTORS][t], c,
+                  chunk_place<CHUNK, Reader::BLOCK, true>{first + static_cast<int64_t>(t) * chunks + c, LANES},
+                  add_all);
     }
     if (c < chunks) {
-      const auto x = chunk_at(c);
+      const auto add_some = [=](values<T>& sum, values<T> products, values<T> scale) {
+        sum = in_first_lanes<T>(chunks - c, multiply_add(products, scale, sum), sum);
+      };
 #pragma clang loop unroll(disable)
       for (int t = 0; t < rows; ++t) {
         const int64_t at = first + static_cast<int64_t>(t) * chunks + c;
-        sums& of_row = acc[c / LANES % VECTORS][t];
-        sums sum = of_row;
+        values<T>(&sums)[BATCH_OF_ITEM] = acc[c / LANES % VECTORS][t];
         if (at + LANES <= chunks_of_weight)
-          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, true>{at, LANES});
+          add_chunk(sums, c, chunk_place<CHUNK, Reader::BLOCK, true>{at, LANES}, add_some);
         else
-          add_row(sum, x, chunk_place<CHUNK, Reader::BLOCK, false>{at, static_cast<int>(chunks_of_weight - at)});
-        unrolled<BATCH>([&](auto b) { of_row.row[b] = in_first_lanes<T>(chunks - c, sum.row[b], of_row.row[b]); });
+          add_chunk(sums, c, chunk_place<CHUNK, Reader::BLOCK, false>{at, static_cast<int>(chunks_of_weight - at)},
+                    add_some);
       }
     }
-    for (int t = 0; t < rows; ++t) {
-      unrolled<BATCH>([&](auto b) {
+    for (int b = 0; b < batch; ++b)
+      for (int t = 0; t < rows; ++t) {
         values<T> of_row[VECTORS];
-        unrolled<VECTORS>([&](auto i) { of_row[i] = acc[i][t].row[b]; });
+        unrolled<VECTORS>([&](auto i) { of_row[i] = acc[i][t][b]; });
         output[b * output_size + row + t] = sum_of_lanes<T, VECTORS>(of_row);
-      });
-    }
+      }
   }
 }
 
@@ -80,7 +108,6 @@ template <typename T, int WG_SIZE, int ROW_TILE, typename Reader>
 inline void multiply_scaled_chunks_by_batch(const Reader& reader, uint64_t state_size, uint64_t batch, const T* input,
                                             const sycl::local_accessor<T, 1>& local, uint64_t output_size, T* output) {
   constexpr int CHUNK = Reader::CHUNK;
-  constexpr int VECTORS = WG_SIZE / LANES;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<2>();
   const uint64_t batch_groups = place.get_group_range(0);
   const uint64_t b0 = batch * place.get_group(0) / batch_groups;
@@ -93,21 +120,8 @@ inline void multiply_scaled_chunks_by_batch(const Reader& reader, uint64_t state
   auto* stored = reinterpret_cast<stored_lane<T>*>(&local[0]);
   for (int b = 0; b < present; ++b)
     arrange_activations<T, Reader, false>(input + (b0 + b) * state_size, chunks, stored + b * stride);
-
-  const auto multiply = [&](auto batch_rows) {
-    multiply_stored_rows<T, VECTORS, batch_rows>(reader, stored, stride, chunks, first, last, output_size,
-                                                 output + b0 * output_size);
-  };
-  switch (present) {
-    case 4:
-      return multiply(std::integral_constant<int, 4>{});
-    case 3:
-      return multiply(std::integral_constant<int, 3>{});
-    case 2:
-      return multiply(std::integral_constant<int, 2>{});
-    default:
-      return multiply(std::integral_constant<int, 1>{});
-  }
+  multiply_stored_rows<T, WG_SIZE / LANES>(reader, stored, stride, present, chunks, first, last, output_size,
+                                           output + b0 * output_size);
 }
 
 }  // namespace quillon

@@ -78,13 +78,12 @@ runtime::KernelEntry& entry_of(const MatvecKernel& kernel, ElementType type, Bac
   return *entry;
 }
 
-// Bytes of local memory in which a work-item of the vector backing keeps its arranged activations.
-std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint64_t state_size) {
+// Bytes of local memory in which a work-item of the vector backing keeps its arranged activations, `batch` rows of them.
+std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint64_t batch, std::uint64_t state_size) {
   constexpr std::uint64_t ALIGNMENT = 64;
   const std::uint64_t blocks = state_size / elements_per_block(row.qtype);
   const std::uint64_t chunks = state_size / row.elements;
   const std::uint64_t whole = (chunks + kVectorLanes - 1) / kVectorLanes * kVectorLanes;
-  const std::uint64_t batch = row.range == lane_range::batches ? batch_of_vector_item : 1;
   switch (row.vectors) {
     case arranged::chunks:
       return batch * whole * row.elements * facts_of(type).lane_size;
@@ -99,12 +98,19 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
   }
 }
 
+// Into how many groups the activation rows are dealt, as few as local memory allows; 0: it holds not even one row.
+std::uint64_t batch_groups(const kernel_row& row, ElementType type, std::uint64_t batch, std::uint64_t state_size,
+                           const runtime::DeviceFacts& facts) {
+  std::uint64_t most = row.range == lane_range::batches ? batch_of_vector_item : 1;
+  while (most > 0 && arranged_bytes(row, type, most, state_size) > facts.local_memory) --most;
+  return most == 0 ? 0 : (batch + most - 1) / most;
+}
+
 // Vectors need rows that start on blocks, and activations that local memory holds.
-Backing choose_backing(const kernel_row& row, ElementType type, std::uint64_t state_size,
+Backing choose_backing(const kernel_row& row, std::uint64_t state_size, std::uint64_t batches,
                        const runtime::DeviceFacts& facts) {
   if (row.vectors == arranged::none || state_size % elements_per_block(row.qtype) != 0) return Backing::items;
-  if (state_size == 0) return Backing::items;
-  if (arranged_bytes(row, type, state_size) > facts.local_memory) return Backing::items;
+  if (state_size == 0 || batches == 0) return Backing::items;
   return runtime::backing_of(facts);
 }
 
@@ -144,7 +150,7 @@ Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t batch, std::ui
   return {{groups * lanes, lanes}, sums + short_tile};
 }
 
-Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint64_t state_size,
+Geometry vectors_geometry(const kernel_row& row, std::uint64_t batches, std::uint64_t state_size,
                           std::uint64_t output_size, std::uint64_t local_size, std::uint64_t arranged,
                           const runtime::DeviceFacts& facts) {
   if (row.vectors == arranged::row_count) {
@@ -158,8 +164,7 @@ Geometry vectors_geometry(const kernel_row& row, std::uint64_t batch, std::uint6
   const std::uint64_t items = std::min(std::max(units, bytes / kBytesPerItem / units * units), output_size);
   const std::uint64_t elements = (arranged + local_size - 1) / local_size;
   if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, elements};
-  if (row.range == lane_range::batches)
-    return {{{(batch + batch_of_vector_item - 1) / batch_of_vector_item, items}, {1, 1}}, elements};
+  if (row.range == lane_range::batches) return {{{batches, items}, {1, 1}}, elements};
   return {{items, 1}, elements};
 }
 
@@ -187,12 +192,15 @@ void launch(const MatvecKernel& kernel, ElementType type, const Operands& operan
   const std::uint64_t rows = computed_rows(kernel, output_size);
   if (batch == 0 || rows == 0) return;
   const runtime::DeviceFacts& facts = runtime::device_facts(device.index());
-  const Backing backing = choose_backing(row, type, state_size, facts);
+  const std::uint64_t batches = batch_groups(row, type, batch, state_size, facts);
+  const Backing backing = choose_backing(row, state_size, batches, facts);
   const region_offsets parts = matvec_parts(row.qtype, state_size, output_size);
   const std::size_t local_size = row.local == local_elements::of_float ? sizeof(float) : facts_of(type).size;
-  const Geometry geometry = backing == Backing::vectors ? vectors_geometry(row, batch, state_size, rows, local_size,
-                                                                           arranged_bytes(row, type, state_size), facts)
-                                                        : items_geometry(kernel, batch, rows);
+  const auto in_vectors = [&] {
+    const std::uint64_t bytes = arranged_bytes(row, type, (batch + batches - 1) / batches, state_size);
+    return vectors_geometry(row, batches, state_size, rows, local_size, bytes, facts);
+  };
+  const Geometry geometry = backing == Backing::vectors ? in_vectors() : items_geometry(kernel, batch, rows);
 
   c10::SmallVector<KernelArgument, 13> arguments;
   for (const kernel_argument argument : row.arguments) {
