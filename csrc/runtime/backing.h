@@ -1,6 +1,7 @@
 // In which of its two forms a kernel runs (kernels/lanes.h).
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,9 @@
 namespace quillon::runtime {
 
 enum class Backing : int { items, vectors };
+
+// Lanes of a vector of the latter, LANES of kernels/lanes.h.
+inline constexpr std::uint64_t kVectorLanes = 16;
 
 // Vectors on the host device, unless a developer compares the two and sets QUILLON_HOST_BACKING to "items".
 Backing backing_of(const DeviceFacts& facts);

@@ -15,12 +15,11 @@
 namespace quillon {
 namespace {
 
-// How many lanes one vector of the vector backing has (kernels/lanes.h).
-constexpr std::uint64_t kVectorLanes = 16;
 // Weight bytes that are worth a work-item of the vector backing, which first arranges the activations for itself.
 constexpr std::uint64_t kBytesPerItem = 512 << 10;
 
 using runtime::Backing;
+using runtime::kVectorLanes;
 
 // Where the parts of a weight start, as the matrix-vector kernels find them.
 region_offsets matvec_parts(int qtype, std::uint64_t state_size, std::uint64_t output_size) {

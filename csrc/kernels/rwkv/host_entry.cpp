@@ -13,13 +13,11 @@ namespace quillon {
 namespace {
 
 using runtime::Backing;
+using runtime::kVectorLanes;
 
 static_assert(row_of(rwkv_kernel::attention_v4).work_group == kChannelsOfAttentionV4);
 static_assert(row_of(rwkv_kernel::attention_v5).head_size == kHeadSizeV5);
 static_assert(row_of(rwkv_kernel::time_shift).work_group == kChannelsOfTimeShift);
-
-// Channels of a work-item of the vector backing (kernels/lanes.h).
-constexpr std::uint64_t kVectorLanes = 16;
 
 std::string instantiation(const rwkv_row& row, RwkvElement type) {
   const std::string element = type == RwkvElement::float32 ? "float" : "c10::Half";
@@ -47,6 +45,7 @@ void launch_attention_v4(RwkvElement type, const void* time_decay, const void* t
                          const void* value, void* output, float* num_state, float* den_state, float* max_state,
                          std::uint64_t batches, std::uint64_t steps, std::uint64_t channels, c10::Device device) {
   const Backing backing = runtime::backing_on(device.index());
+  // A work-item of the vector backing has the channels of one vector.
   const LaunchRange range = backing == Backing::vectors ? LaunchRange({batches, channels / kVectorLanes}, {1, 1})
                                                         : LaunchRange({batches, channels}, {1, kChannelsOfAttentionV4});
   const void* const to = output;
@@ -60,6 +59,7 @@ void launch_attention_v5(const float* time_decay, const float* time_first, const
   constexpr std::uint64_t SIZE = kHeadSizeV5;
   const Backing backing = runtime::backing_on(device.index());
   const std::size_t columns = row_of(rwkv_kernel::attention_v5).work_group;
+  // A work-item of the vector backing has the channels of one vector.
   const LaunchRange range = backing == Backing::vectors
                                 ? LaunchRange::of_three({batches, heads, 1}, {1, 1, 1})
                                 : LaunchRange::of_three({batches, heads, SIZE}, {1, 1, columns});
@@ -72,6 +72,7 @@ void launch_time_shift(RwkvElement type, const void* hidden, const void* shifted
                        std::uint64_t mixes, std::uint64_t batches, std::uint64_t steps, std::uint64_t channels,
                        c10::Device device) {
   const Backing backing = runtime::backing_on(device.index());
+  // A work-item of the vector backing has the channels of one vector.
   const LaunchRange range = backing == Backing::vectors
                                 ? LaunchRange::of_three({batches, steps, channels == 0 ? 0u : 1u}, {1, 1, 1})
                                 : LaunchRange::of_three({batches, steps, channels}, {1, 1, kChannelsOfTimeShift});
