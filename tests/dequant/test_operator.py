@@ -51,7 +51,7 @@ def call(operator: Operator, name: str, packed: np.ndarray, columns: int, dtype:
     return result
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @routes
 @pytest.mark.parametrize("device_class", BOTH_CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)

@@ -31,7 +31,7 @@ KERNELS = {
 }  # fmt: skip
 
 
-@pytest.mark.grid(0.5)
+@pytest.mark.grid(0.3)
 @pytest.mark.parametrize("backing", BACKINGS)
 @pytest.mark.parametrize("device_class", BOTH_CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)

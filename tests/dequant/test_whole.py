@@ -42,7 +42,7 @@ def test_all_rounding_groups_are_here() -> None:
     assert sorted(FORM) == sorted({*IN_T, *IN_FLOAT, *WITHOUT} - {"fp6"})
 
 
-@pytest.mark.grid(0.35)
+@pytest.mark.grid(0.2)
 @pytest.mark.parametrize("backing", BACKINGS)
 @pytest.mark.parametrize("device_class", BOTH_CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)

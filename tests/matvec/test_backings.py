@@ -56,7 +56,7 @@ def both(
     return bits[0], bits[1]
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
@@ -85,7 +85,7 @@ def with_bad_rows(name: str, rows: int, k: int) -> tuple[Array, Array]:
     return pack(entry, sound), pack(entry, bad)
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", ["elm", "unknown"])
 @pytest.mark.parametrize("dtype", ["float32", "float16"])
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)

@@ -38,7 +38,7 @@ def embedded(data: torch.Tensor, device: torch.device) -> torch.Tensor:
     return memory[GUARD : GUARD + raw.numel()].view(data.dtype)
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("device_class", ["elm", "legacy", "unknown"])
 @pytest.mark.parametrize("rows", [1, 7])
 @pytest.mark.parametrize("k", [64, 192])
@@ -61,7 +61,7 @@ def bytes_at(address: int, count: int) -> ctypes.Array[ctypes.c_ubyte]:
     return (ctypes.c_ubyte * count).from_address(address)
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("device_class", ["elm", "legacy", "unknown"])
 @pytest.mark.parametrize("dtype", ["float32", "float16"])
 @pytest.mark.parametrize("format_name", KERNELS)
@@ -117,7 +117,7 @@ def bits_of(values: torch.Tensor) -> list[int]:
     return [bits & 0xFFFF for bits in values.view(torch.int16).flatten().tolist()]
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("pattern", [0x7FC0, 0x7F81, 0xFFC1, 0xFFFF, 0x7F80])
 @pytest.mark.parametrize("format_name", KERNELS)
 def test_bfloat16_nan(format_name: str, pattern: int) -> None:

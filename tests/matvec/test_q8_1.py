@@ -235,7 +235,7 @@ def row_of_steps(k: int, seed: int) -> Array:
     return np.random.default_rng(seed).integers(-255, 256, k) / 64
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", ["iq2_xxs", "q2_k"])
 @pytest.mark.parametrize("device_class", CLASSES)
@@ -268,7 +268,7 @@ def test_iq1_s_is_summed_in_float_in_any_order(device_class: str, dtype: str) ->
         assert (result <= to_type(high, dtype)).all(), k
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("device_class", CLASSES)

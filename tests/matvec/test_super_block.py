@@ -91,7 +91,7 @@ def same_bits(a: Array, b: Array) -> bool:
 # ---- values ------------------------------------------------------------------------------------------------
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("device_class", CLASSES)
@@ -140,7 +140,7 @@ def test_unit_activations_give_the_decoded_columns(device_class: str, name: str,
     assert np.array_equal(found, columns)
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("device_class", CLASSES)

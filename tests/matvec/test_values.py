@@ -63,7 +63,7 @@ def bits(case: object, format_name: str, dtype: str, k: int, wg_size: int) -> Ar
     return rounded(format_name, fields, x, dtype, wg_size)
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize(("format_name", "dtype", "k"), SHAPES)
 def test_random_data(format_name: str, dtype: str, k: int, device_class: str) -> None:
@@ -74,7 +74,7 @@ def test_random_data(format_name: str, dtype: str, k: int, device_class: str) ->
         assert same_bits(result, bits(random_case, format_name, dtype, k, WG_SIZE[device_class]))
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("device_class", CLASSES)
 @pytest.mark.parametrize(("format_name", "dtype", "k"), SHAPES)
 def test_exact_data(format_name: str, dtype: str, k: int, device_class: str) -> None:
@@ -93,7 +93,7 @@ UNIT_BYTE = {
 }  # fmt: skip
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("device_class", ["elm", "legacy", "unknown"])
 @pytest.mark.parametrize(("format_name", "dtype"), CASES)
 def test_each_sum_is_rounded(format_name: str, dtype: str, device_class: str) -> None:

@@ -63,7 +63,7 @@ def untouched(output: torch.Tensor) -> bool:
     return bool((output.contiguous().view(torch.uint8) == UNTOUCHED).all())
 
 
-@pytest.mark.grid(0.2)
+@pytest.mark.grid(0.12)
 @pytest.mark.parametrize("backing", BACKINGS)
 @pytest.mark.parametrize("dtype", ["float32", "float16"])
 @pytest.mark.parametrize(("name", "device_class"), CASES)

@@ -86,7 +86,7 @@ def test_scales_of_fp8_e5m2(device_class: str, dtype: str, act: int) -> None:
             assert (slope + error < 0.1 * np.std(output)).all(), "the bound says nothing"
 
 
-@pytest.mark.grid(0.4)
+@pytest.mark.grid(0.25)
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("device_class", CLASSES)
 def test_every_class(device_class: str, name: str) -> None:
@@ -102,7 +102,7 @@ def test_every_class(device_class: str, name: str) -> None:
     assert torch.equal(given.cpu(), other.cpu())  # tiles of eight rows and of two give the same bits
 
 
-@pytest.mark.grid(0.3)
+@pytest.mark.grid(0.2)
 @pytest.mark.parametrize("act", [SILU, GELU])
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize(("name", "device_class"), [(n, c) for n in NAMES for c in classes_of(n)])

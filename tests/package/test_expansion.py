@@ -32,7 +32,7 @@ def test_the_formats() -> None:
     assert EMBEDDING_FORMATS == ("q2_k", "q4_k")
 
 
-@pytest.mark.grid(0.5)
+@pytest.mark.grid(0.3)
 @pytest.mark.parametrize("device", [DEVICE, "xpu:1"])
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("format", EXPANDED_FORMATS)

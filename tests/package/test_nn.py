@@ -208,7 +208,7 @@ def test_modes_see_the_operator() -> None:
     assert torch.equal(exported(input), expected)
 
 
-@pytest.mark.grid(0.5)
+@pytest.mark.grid(0.3)
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float64, torch.float16, torch.bfloat16])
 @pytest.mark.parametrize("name", WEIGHT_FORMATS)
 def test_many_rows(name: str, dtype: torch.dtype) -> None:

@@ -121,7 +121,7 @@ def case(road: Road, monkeypatch: pytest.MonkeyPatch) -> Case:
 
 
 ALL = pytest.mark.parametrize("road", ROADS, ids=str)
-GRID = pytest.mark.grid(0.25)
+GRID = pytest.mark.grid(0.15)
 
 
 @GRID
