@@ -7,18 +7,15 @@
 //   block, 36 bytes    0 | d half | 2 | s half | 4 | q0 | q1 | ... | q31 |
 #pragma once
 
-#include <sycl/ext/oneapi/experimental/free_function_traits.hpp>
-#include <sycl/ext/oneapi/free_function_queries.hpp>
-#include <sycl/ext/oneapi/kernel_properties/properties.hpp>
 #include <sycl/group_algorithm.hpp>
-#include <sycl/nd_item.hpp>
 #include <sycl/sub_group.hpp>
 
 #include "formats/q8_1.h"
+#include "kernels/kernel.h"
 
 template <typename T>
-SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::nd_range_kernel<1>))
-SYCL_EXT_ONEAPI_FUNCTION_PROPERTY((sycl::ext::oneapi::experimental::sub_group_size<32>))
+QUILLON_KERNEL(1)
+QUILLON_SUB_GROUP(32)
 void quantize_xpu_kernel_q8_1(const T* input, quillon::block_q8_1* output) {
   using namespace quillon;
   const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
