@@ -77,6 +77,16 @@ inline vector<E, COUNT> load_vector(const void* address) {
   return *static_cast<const unaligned*>(address);
 }
 
+// Each element as a `To`. One alone is converted as a number: OpenCL has no vectors of one, and not every CPU device's
+// compiler knows their conversion.
+template <typename To, typename From, int COUNT>
+inline vector<To, COUNT> converted(vector<From, COUNT> from) {
+  if constexpr (COUNT == 1)
+    return vector<To, 1>(static_cast<To>(from[0]));
+  else
+    return __builtin_convertvector(from, vector<To, COUNT>);
+}
+
 // Each element of `from` in LANES / COUNT neighbouring lanes.
 template <typename E, int COUNT, int... I>
 inline lanes<E> spread(vector<E, COUNT> from, constants<I...>) {
@@ -164,7 +174,7 @@ inline lanes<float> round_to(bfloat16, lanes<float> from) {
 }
 #ifdef QUILLON_VECTOR_LANES
 inline lanes<float> round_to(half, lanes<float> from) {
-  return __builtin_convertvector(__builtin_convertvector(from, lanes<_Float16>), lanes<float>);
+  return converted<float>(converted<_Float16>(from));
 }
 #endif
 
@@ -230,9 +240,9 @@ template <typename T, typename From>
 inline values<T> exact_values(From from) {
 #ifdef QUILLON_VECTOR_LANES
   if constexpr (is_in_float<T>)
-    return {__builtin_convertvector(from, lanes<float>)};
+    return {converted<float>(from)};
   else
-    return __builtin_convertvector(from, lanes<T>);
+    return converted<T>(from);
 #else
   if constexpr (is_in_float<T>)
     return {convert<float>(from)};
@@ -271,8 +281,8 @@ inline values<T> biased_codes_at(words from, int bias) {
 template <typename T>
 inline values<T> halves_of_bits(words bits) {
 #ifdef QUILLON_VECTOR_LANES
-  const auto half_bits = __builtin_convertvector(bits, lanes<uint16_t>);
-  return exact_values<T>(__builtin_convertvector(bit_cast<lanes<_Float16>>(half_bits), lanes<float>));
+  const auto half_bits = converted<uint16_t>(bits);
+  return exact_values<T>(converted<float>(bit_cast<lanes<_Float16>>(half_bits)));
 #else
   return exact_values<T>(half_from_bits(static_cast<uint16_t>(bits)));
 #endif
@@ -294,7 +304,7 @@ template <typename T, int UPPER, int... I>
 inline values<T> half_of_word(words bits, constants<I...>) {
   const auto halves = bit_cast<vector<_Float16, 2 * LANES>>(bits);
   const lanes<_Float16> chosen = __builtin_shufflevector(halves, halves, (UPPER * LANES + I)...);
-  return exact_values<T>(__builtin_convertvector(chosen, lanes<float>));
+  return exact_values<T>(converted<float>(chosen));
 }
 template <typename T, int UPPER>
 inline values<T> half_of_word(words bits) {
@@ -341,7 +351,7 @@ inline lanes<float> as_floats(values<T> from) {
     return from.value;
   else
 #ifdef QUILLON_VECTOR_LANES
-    return __builtin_convertvector(from, lanes<float>);
+    return converted<float>(from);
 #else
     return convert<float>(from);
 #endif

@@ -334,14 +334,14 @@ inline vec<To, count_of<Vec>> convert(Vec from) {
     using words = vec<uint32_t, COUNT>;
     const words bits = bits_as<uint32_t>(from);
     const words rounded = (bits + 0x7FFFu + ((bits >> 16) & 1u)) >> 16;
-    return __builtin_convertvector(from != from ? words(0x7FC0u) : rounded, vec<uint16_t, COUNT>);
+    return converted<uint16_t>(from != from ? words(0x7FC0u) : rounded);
 #else
     const esimd::simd<sycl::ext::oneapi::bfloat16, COUNT> rounded = from;
     return bits_as<uint16_t>(rounded);
 #endif
   } else {
 #ifdef QUILLON_VECTOR_LANES
-    return __builtin_convertvector(from, vec<To, COUNT>);
+    return converted<typename element<To>::type>(from);
 #else
     return esimd::convert<To>(from);
 #endif

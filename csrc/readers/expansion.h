@@ -61,7 +61,7 @@ struct sub_block_floats {
 #ifdef QUILLON_VECTOR_LANES
 
 inline words load_bytes(const uint8_t* from) {
-  return __builtin_convertvector(load_vector<uint8_t, LANES>(from), words);
+  return converted<uint32_t>(load_vector<uint8_t, LANES>(from));
 }
 
 // Sixteen bytes, of each of which `value` makes elements e and e + DISTANCE.

@@ -68,7 +68,7 @@ struct iq1_s_reader {
   // The slices of two super-blocks.
   static slice load(const block& first, const block& second) {
     return {{&first, &second},
-            __builtin_convertvector(load_octets<uint16_t>(first.qh, second.qh), words),
+            converted<uint32_t>(load_octets<uint16_t>(first.qh, second.qh)),
             in_octets(convert<float>(load_half(first.d)), convert<float>(load_half(second.d)))};
   }
 

@@ -155,7 +155,7 @@ struct iq2_xxs_expander {
         const vector<uint64_t, 2> rows = {grid_iq2_xxs(block, g, 2 * v), grid_iq2_xxs(block, g, 2 * v + 1)};
         const words signs =
             words(signs_iq2_xxs(word, 2 * v) | static_cast<uint32_t>(signs_iq2_xxs(word, 2 * v + 1)) << 8);
-        const words magnitudes = __builtin_convertvector(bit_cast<lanes<uint8_t>>(rows), words);
+        const words magnitudes = converted<uint32_t>(bit_cast<lanes<uint8_t>>(rows));
         to(32 * g + 16 * v, with_sign(multiply(scale, biased_codes<float>(magnitudes, 0)), signs, lane));
       });
     }

@@ -81,7 +81,7 @@ struct q2_k_reader {
     // The byte of scale and minimum of the four elements of bits 2i and 2i + 1.
     lanes<int32_t> scale_byte(int i) const {
 #ifdef QUILLON_VECTOR_LANES
-      return __builtin_convertvector(scale_bytes[i], lanes<int32_t>);
+      return converted<int32_t>(scale_bytes[i]);
 #else
       return static_cast<int32_t>((scale_bytes >> (16 * i)) & 255);
 #endif

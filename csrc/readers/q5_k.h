@@ -83,7 +83,7 @@ struct q5_k_scales {
 #ifdef QUILLON_VECTOR_LANES
 
 inline words octets_of_u16(const uint8_t* first, const uint8_t* second) {
-  return __builtin_convertvector(load_octets<uint16_t>(first, second), words);
+  return converted<uint32_t>(load_octets<uint16_t>(first, second));
 }
 
 // Of a number for each sub-block those of a lane's sub-block k: lanes 0 to 7 have pairs 0 and 2, the others 1 and 3.
@@ -101,7 +101,7 @@ inline q5_k_share load_q5_k_share(const block_q5_K& block) {
   w.dmin = lanes<float>(convert<float>(load_half(block.dmin)));
   const q5_k_scales packed(load_u32(block.scales), load_u32(block.scales + 4), load_u32(block.scales + 8));
   const vector<uint32_t, 4> bytes = {packed.scales[0], packed.scales[1], packed.minima[0], packed.minima[1]};
-  const auto numbers = __builtin_convertvector(bit_cast<lanes<uint8_t>>(bytes), lanes<float>);
+  const auto numbers = converted<float>(bit_cast<lanes<uint8_t>>(bytes));
   unrolled<4>([&](auto k) {
     constexpr int SUB_BLOCK = 4 * (k / 2) + k % 2;
     w.scales[k] = of_sub_block<SUB_BLOCK>(numbers);

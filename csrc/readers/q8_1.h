@@ -24,14 +24,15 @@ inline lanes<float> to_float(lanes<int32_t> from) {
 template <int COUNT, int... I>
 inline vector<int16_t, COUNT / 2> sums_of_pairs(vector<uint8_t, COUNT> a, vector<int8_t, COUNT> b, constants<I...>) {
   using sums = vector<int32_t, COUNT / 2>;
-  const sums even = __builtin_convertvector(__builtin_shufflevector(a, a, (2 * I)...), sums) *
-                    __builtin_convertvector(__builtin_shufflevector(b, b, (2 * I)...), sums);
-  const sums odd = __builtin_convertvector(__builtin_shufflevector(a, a, (2 * I + 1)...), sums) *
-                   __builtin_convertvector(__builtin_shufflevector(b, b, (2 * I + 1)...), sums);
+  constexpr int PAIRS = COUNT / 2;
+  const sums even = converted<int32_t, uint8_t, PAIRS>(__builtin_shufflevector(a, a, (2 * I)...)) *
+                    converted<int32_t, int8_t, PAIRS>(__builtin_shufflevector(b, b, (2 * I)...));
+  const sums odd = converted<int32_t, uint8_t, PAIRS>(__builtin_shufflevector(a, a, (2 * I + 1)...)) *
+                   converted<int32_t, int8_t, PAIRS>(__builtin_shufflevector(b, b, (2 * I + 1)...));
   sums sum = even + odd;
   sum = sum < -0x8000 ? sums(-0x8000) : sum;
   sum = sum > 0x7FFF ? sums(0x7FFF) : sum;
-  return __builtin_convertvector(sum, vector<int16_t, COUNT / 2>);
+  return converted<int16_t>(sum);
 }
 template <int COUNT>
 inline vector<int16_t, COUNT / 2> sums_of_pairs(vector<uint8_t, COUNT> a, vector<int8_t, COUNT> b) {

@@ -16,23 +16,23 @@ using stored_element = std::conditional_t<sizeof(T) == 2, uint16_t, T>;
 template <typename T, typename Value>
 inline lanes<stored_element<T>> as_stored(Value value) {
   if constexpr (std::is_same_v<Value, half_patterns>) {
-    const auto bits = __builtin_convertvector(value.bits, lanes<uint16_t>);
+    const auto bits = converted<uint16_t>(value.bits);
     if constexpr (std::is_same_v<T, half>)
       return bits;
     else
-      return as_stored<T>(__builtin_convertvector(bit_cast<lanes<_Float16>>(bits), lanes<float>));
+      return as_stored<T>(converted<float>(bit_cast<lanes<_Float16>>(bits)));
   } else if constexpr (std::is_same_v<T, bfloat16> && std::is_same_v<Value, values<T>>) {
     // Rounded already; a NaN becomes the one that bfloat16 has.
     const words bits = value.value != value.value ? words(0x7FC00000u) : bit_cast<words>(value.value);
-    return __builtin_convertvector(bits >> 16, lanes<uint16_t>);
+    return converted<uint16_t>(bits >> 16);
   } else if constexpr (is_in_float<T> && std::is_same_v<Value, values<T>>) {
     return as_stored<T>(value.value);
   } else if constexpr (std::is_same_v<T, half>) {
-    return bit_cast<lanes<uint16_t>>(__builtin_convertvector(value, lanes<_Float16>));
+    return bit_cast<lanes<uint16_t>>(converted<_Float16>(value));
   } else if constexpr (std::is_same_v<T, bfloat16>) {
-    return __builtin_convertvector(bit_cast<words>(rounded_values<T>(value).value) >> 16, lanes<uint16_t>);
+    return converted<uint16_t>(bit_cast<words>(rounded_values<T>(value).value) >> 16);
   } else {
-    return __builtin_convertvector(value, lanes<T>);
+    return converted<T>(value);
   }
 }
 

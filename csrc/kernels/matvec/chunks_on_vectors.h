@@ -66,18 +66,17 @@ struct chunk_place {
       return word_pair{{pick<0, 2, uint32_t>(low, high), pick<1, 2, uint32_t>(low, high)}};
     } else if constexpr (std::is_same_v<Entry, half_pair>) {
       const auto pairs = load<uint32_t, COUNT, 1, CHUNKS>(static_cast<const uint32_t*>(region) + first);
-      const auto floats =
-          __builtin_convertvector(bit_cast<vector<_Float16, 2 * COUNT>>(pairs), vector<float, 2 * COUNT>);
+      const auto floats = converted<float>(bit_cast<vector<_Float16, 2 * COUNT>>(pairs));
       return half_pair{{spread_of_pairs<COUNT, 0, float>(floats)}, {spread_of_pairs<COUNT, 1, float>(floats)}};
     } else if constexpr (std::is_same_v<Entry, half>) {
       const auto entries = load<_Float16, COUNT, 1, CHUNKS>(static_cast<const _Float16*>(region) + first);
-      return in_float<half>{spread<COUNT, float>(__builtin_convertvector(entries, vector<float, COUNT>))};
+      return in_float<half>{spread<COUNT, float>(converted<float>(entries))};
     } else if constexpr (std::is_same_v<Entry, float>) {
       return spread<COUNT, float>(load<float, COUNT, 1, CHUNKS>(static_cast<const float*>(region) + first));
     } else {
       using number = std::conditional_t<std::is_signed_v<Entry>, int32_t, uint32_t>;
       const auto entries = load<Entry, COUNT, 1, CHUNKS>(static_cast<const Entry*>(region) + first);
-      return spread<COUNT, number>(__builtin_convertvector(entries, vector<number, COUNT>));
+      return spread<COUNT, number>(converted<number>(entries));
     }
   }
   template <typename Entry>

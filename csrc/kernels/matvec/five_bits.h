@@ -42,7 +42,7 @@ inline void multiply_five_bits(uint64_t state_size, const block_q5_1* weight, co
       const words low_half = words(load_u32(block.qh));
       const words high_half = words(load_u32(block.qh + 4));
       unrolled<VECTORS_OF_BLOCK>([&](auto g) {
-        const words byte = __builtin_convertvector(load_vector<uint8_t, LANES>(block.qs + LANES * g), words);
+        const words byte = converted<uint32_t>(load_vector<uint8_t, LANES>(block.qs + LANES * g));
         const words bit = bit_of_lane << (LANES * g);
         const words low = byte & 15u;
         const words high = byte >> 4;

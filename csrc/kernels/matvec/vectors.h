@@ -15,9 +15,9 @@ using stored_lane = std::conditional_t<is_in_float<T>, float, T>;
 template <typename T>
 inline values<T> load_values(const T* from) {
   if constexpr (std::is_same_v<T, bfloat16>)
-    return {bit_cast<lanes<float>>(__builtin_convertvector(load_vector<uint16_t, LANES>(from), words) << 16)};
+    return {bit_cast<lanes<float>>(converted<uint32_t>(load_vector<uint16_t, LANES>(from)) << 16)};
   else if constexpr (std::is_same_v<T, half>)
-    return {__builtin_convertvector(load_vector<_Float16, LANES>(from), lanes<float>)};
+    return {converted<float>(load_vector<_Float16, LANES>(from))};
   else
     return load_vector<T, LANES>(from);
 }

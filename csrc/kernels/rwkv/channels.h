@@ -27,7 +27,7 @@ inline void store_channels(lanes<float> channels, T* to) {
 #ifdef QUILLON_VECTOR_LANES
   if constexpr (std::is_same_v<T, half>) {
     using stored = _Float16 __attribute__((ext_vector_type(LANES), aligned(1)));
-    *reinterpret_cast<stored*>(to) = __builtin_convertvector(channels, lanes<_Float16>);
+    *reinterpret_cast<stored*>(to) = converted<_Float16>(channels);
   } else {
     using stored = T __attribute__((ext_vector_type(LANES), aligned(1)));
     *reinterpret_cast<stored*>(to) = channels;
