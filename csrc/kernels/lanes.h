@@ -67,14 +67,31 @@ inline void unrolled(Body&& body) {
   unrolled(first_constants<COUNT>{}, body);
 }
 
+// ---- vectors in memory ------------------------------------------------------------------------------------
+
+// A vector at an address that is a multiple of ALIGNMENT. A struct says so, because compilers drop an alignment that is
+// given to a vector type whose element or length is a template parameter, and take its size in place of it.
+template <typename Vector, int ALIGNMENT>
+struct __attribute__((packed, aligned(ALIGNMENT), may_alias)) vector_in_memory {
+  Vector value;
+};
+template <typename Vector, int ALIGNMENT>
+inline Vector load_aligned(const void* address) {
+  return static_cast<const vector_in_memory<Vector, ALIGNMENT>*>(address)->value;
+}
+
 // ---- lanes ------------------------------------------------------------------------------------------------
 
 #ifdef QUILLON_VECTOR_LANES
 
+// At any address.
 template <typename E, int COUNT>
 inline vector<E, COUNT> load_vector(const void* address) {
-  using unaligned = E __attribute__((ext_vector_type(COUNT), aligned(1)));
-  return *static_cast<const unaligned*>(address);
+  return load_aligned<vector<E, COUNT>, 1>(address);
+}
+template <typename E, int COUNT>
+inline void store_vector(void* address, vector<E, COUNT> from) {
+  static_cast<vector_in_memory<vector<E, COUNT>, 1>*>(address)->value = from;
 }
 
 // Each element as a `To`. One alone is converted as a number: OpenCL has no vectors of one, and not every CPU device's
@@ -155,8 +172,7 @@ using neighbouring_words = uint32_t __attribute__((ext_vector_type(COUNT)));
 // Such words at an address that is a multiple of ALIGNMENT.
 template <int COUNT, int ALIGNMENT>
 inline neighbouring_words<COUNT> load_words(const void* address) {
-  using aligned_words = uint32_t __attribute__((ext_vector_type(COUNT), aligned(ALIGNMENT)));
-  return *static_cast<const aligned_words*>(address);
+  return load_aligned<neighbouring_words<COUNT>, ALIGNMENT>(address);
 }
 
 // The halves of a word of 64 bits.

@@ -147,11 +147,9 @@ inline void store(E* to, Vec from) {
   static_assert(std::is_same_v<bare, element_of_vec<Vec>>);
 #ifdef QUILLON_VECTOR_LANES
   if constexpr (COUNT > LONGEST) {
-    using unaligned = bare __attribute__((ext_vector_type(LONGEST), aligned(alignof(E))));
-    for (int i = 0; i < COUNT / LONGEST; ++i) *reinterpret_cast<unaligned*>(to + LONGEST * i) = from.piece[i];
+    for (int i = 0; i < COUNT / LONGEST; ++i) store_vector(to + LONGEST * i, from.piece[i]);
   } else {
-    using unaligned = bare __attribute__((ext_vector_type(COUNT), aligned(alignof(E))));
-    *reinterpret_cast<unaligned*>(to) = from;
+    store_vector(to, from);
   }
 #else
   esimd::block_store<bare, COUNT>(reinterpret_cast<bare*>(to), from, esimd::properties{esimd::alignment<ALIGNMENT>});

@@ -6,7 +6,7 @@ import os
 import re
 import struct
 import sys
-from collections.abc import Sequence
+from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 from functools import cache
 from pathlib import Path
@@ -77,18 +77,21 @@ def device_text(header: str, root: Path = SOURCES) -> list[str]:
     return [part for path in sorted(texts) for part in (path, texts[path])]
 
 
-def _operands(module: Path, wanted: int) -> list[bytes]:
-    """The operands of each instruction of one operation in a SPIR-V file."""
+def _instructions(module: Path) -> Iterator[tuple[int, tuple[int, ...]]]:
+    """The operations in a SPIR-V file, each with its operands."""
     data = module.read_bytes()
     words = struct.unpack(f"<{len(data) // 4}I", data[: len(data) // 4 * 4])
-    found = []
     at = 5
     while at < len(words):
         length, operation = words[at] >> 16, words[at] & 0xFFFF
-        if operation == wanted:
-            found.append(data[4 * (at + 1) : 4 * (at + length)])
+        yield operation, words[at + 1 : at + length]
         at += length
-    return found
+
+
+def _operands(module: Path, wanted: int) -> list[bytes]:
+    """The operands of each instruction of one operation in a SPIR-V file."""
+    found = [operands for operation, operands in _instructions(module) if operation == wanted]
+    return [struct.pack(f"<{len(operands)}I", *operands) for operands in found]
 
 
 def spirv_entry_points(module: Path) -> list[str]:
@@ -101,6 +104,40 @@ def is_explicit_simd(module: Path) -> bool:
     """Whether the kernels of a SPIR-V file are explicit-SIMD ones, which the GPU compiler has to be told."""
     op_capability, vector_compute = 17, 5617
     return struct.pack("<I", vector_compute) in _operands(module, op_capability)
+
+
+@dataclass(frozen=True)
+class MemoryAccess:
+    """A load or a store of the device's memory, as opposed to local memory and a kernel's own arrays."""
+
+    is_store: bool
+    elements: int
+    """Of the vector; 1: a number."""
+    alignment: int
+    """What the address is said to be a multiple of."""
+
+
+def memory_accesses(module: Path) -> list[MemoryAccess]:
+    """The loads and stores of the device's memory in a SPIR-V file."""
+    op_vector, op_pointer, op_load, op_store = 23, 32, 61, 62
+    device_memory, aligned = 5, 2
+    elements: dict[int, int] = {}  # of vector types
+    targets: dict[int, int] = {}  # of pointer types to device memory
+    pointers: dict[int, int] = {}  # values, to what they point to
+    found = []
+    for operation, operands in _instructions(module):
+        if operation == op_vector:
+            elements[operands[0]] = operands[2]
+        elif operation == op_pointer:
+            if operands[1] == device_memory:
+                targets[operands[0]] = operands[2]
+        elif operation in (op_load, op_store):
+            address, access = (operands[2], operands[3:]) if operation == op_load else (operands[0], operands[2:])
+            if address in pointers and access and access[0] & aligned:
+                found.append(MemoryAccess(operation == op_store, elements.get(pointers[address], 1), access[1]))
+        elif len(operands) > 1 and operands[0] in targets:  # the type of a result, and the result
+            pointers[operands[1]] = targets[operands[0]]
+    return found
 
 
 # How types are mangled as template arguments. One with a name may stand there again, as a substitution; of those a

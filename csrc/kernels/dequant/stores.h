@@ -71,8 +71,7 @@ struct block_stores {
 #ifdef QUILLON_VECTOR_LANES
   template <typename Value>
   void operator()(int e, Value value) const {
-    using unaligned = stored_element<T> __attribute__((ext_vector_type(LANES), aligned(alignof(T))));
-    *reinterpret_cast<unaligned*>(start + e) = as_stored<T>(value);
+    store_vector(start + e, as_stored<T>(value));
   }
 #else
   template <typename Value, int COUNT>

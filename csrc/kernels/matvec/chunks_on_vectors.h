@@ -122,7 +122,10 @@ inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* 
       values<T> sum = x.v(0);
 #pragma clang loop unroll(disable)
       for (int i = 1; i < CHUNK; ++i) sum = sum + x.v(i);
-      *reinterpret_cast<values<T>*>(at + LANES * CHUNK) = sum;
+      if constexpr (is_in_float<T>)
+        store_vector(at + LANES * CHUNK, sum.value);
+      else
+        store_vector(at + LANES * CHUNK, sum);
     }
   }
 }

@@ -25,13 +25,10 @@ inline lanes<float> load_channels(const T* from) {
 template <typename T>
 inline void store_channels(lanes<float> channels, T* to) {
 #ifdef QUILLON_VECTOR_LANES
-  if constexpr (std::is_same_v<T, half>) {
-    using stored = _Float16 __attribute__((ext_vector_type(LANES), aligned(1)));
-    *reinterpret_cast<stored*>(to) = converted<_Float16>(channels);
-  } else {
-    using stored = T __attribute__((ext_vector_type(LANES), aligned(1)));
-    *reinterpret_cast<stored*>(to) = channels;
-  }
+  if constexpr (std::is_same_v<T, half>)
+    store_vector(to, converted<_Float16>(channels));
+  else
+    store_vector(to, channels);
 #else
   *to = convert<T>(channels);
 #endif
