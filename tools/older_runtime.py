@@ -3,9 +3,9 @@
     python tools/older_runtime.py FOLDER                       # the runtime that a PyTorch with XPU may carry
     python tools/older_runtime.py FOLDER --share 1             # all kernel tests
 
-FOLDER gets a virtual environment with that runtime and oneDNN for it, and a build; it is made again where it is not
-complete. Kernels run in the form that GPUs have, and are compiled in every process: half an hour and more. PyTorch and
-the packages of the tests are those of the environment that runs this.
+FOLDER gets a virtual environment with that runtime and oneDNN for it, a build, and a cache of kernels; it is made again
+where it is not complete. The selftest runs in both forms of the kernels, the tests in the one that GPUs have: half an
+hour and more. PyTorch and the packages of the tests are those of the environment that runs this.
 """
 
 from __future__ import annotations
@@ -21,7 +21,9 @@ from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[1]
 RUNTIME = "2025.3.*"
-TESTS = ("tests/matvec", "tests/dequant", "tests/by_batch")
+TESTS = ("tests/matvec", "tests/dequant", "tests/by_batch", "tests/mlp", "tests/rwkv", "tests/matrix_engine")
+FORMS = ("items", "vectors")
+"""Those of the kernels: what a GPU runs, and what the host device runs unless it is told otherwise."""
 
 
 def run(*command: str | Path, **environment: str) -> None:
@@ -34,14 +36,13 @@ def run(*command: str | Path, **environment: str) -> None:
 def make_environment(folder: Path, version: str) -> Path:
     """A virtual environment with the runtime, which sees all other packages of this one. Returns its Python."""
     python, complete = folder / "venv" / "bin" / "python", folder / "venv" / f"runtime-{version.strip('.*')}"
-    if complete.exists():
-        return python
-    # Not by links to an interpreter that lies in an environment itself, whose packages would come first.
-    venv.create(folder / "venv", clear=True, with_pip=True)
-    run(python, "-m", "pip", "install", "--quiet", f"dpcpp-cpp-rt=={version}", f"onednn-devel=={version}")
+    if not complete.exists():
+        # Not by links to an interpreter that lies in an environment itself, whose packages would come first.
+        venv.create(folder / "venv", clear=True, with_pip=True)
+        run(python, "-m", "pip", "install", "--quiet", f"dpcpp-cpp-rt=={version}", f"onednn-devel=={version}")
+        complete.touch()
     [site] = (folder / "venv" / "lib").glob("python*/site-packages")
     (site / "shared.pth").write_text(sysconfig.get_path("purelib") + "\n")
-    complete.touch()
     return python
 
 
@@ -64,6 +65,7 @@ def main() -> None:
     parser.add_argument("--share", type=float, default=0.1, help="of the kernel tests (%(default)s)")
     parser.add_argument("--seed", type=int, default=0)
     parser.add_argument("--formats", help="of the selftest, comma-separated (all)")
+    parser.add_argument("--form", choices=FORMS, action="append", help="of the kernels, in the selftest (both)")
     parser.add_argument("--cmake-option", action="append", default=[], help="for the build, repeatedly")
     given = parser.parse_args()
     folder = given.folder.resolve()
@@ -74,10 +76,12 @@ def main() -> None:
     run("cmake", "-S", PROJECT, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Plain", *options)
     run("ninja", "-C", build)
     environment = {"PYTHONPATH": str(build / "python"), "OCL_ICD_FILENAMES": str(folder / "venv/lib/libintelocl.so")}
-    # That runtime's persistent cache ends the process; and the form of the kernels that a GPU runs is what counts.
-    environment |= {"SYCL_CACHE_PERSISTENT": "0", "QUILLON_HOST_BACKING": "items"}
+    environment |= {"SYCL_CACHE_PERSISTENT": "1", "SYCL_CACHE_DIR": str(folder / "kernels")}
     run(python, "-m", "quillon", "info", **environment)
-    run(python, "-m", "quillon", "selftest", *(["--formats", given.formats] if given.formats else []), **environment)
+    formats = ["--formats", given.formats] if given.formats else []
+    for form in given.form or FORMS:
+        run(python, "-m", "quillon", "selftest", *formats, **environment, QUILLON_HOST_BACKING=form)
+    environment |= {"QUILLON_HOST_BACKING": FORMS[0]}
     chosen = sample(python, given.share, given.seed, environment)
     run(python, "-m", "pytest", "-q", "-p", "no:cacheprovider", *chosen, **environment)
 
