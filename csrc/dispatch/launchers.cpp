@@ -89,7 +89,7 @@ at::Tensor launch(at::Tensor input, at::Tensor weight, std::uint64_t batch, std:
     static constexpr MatvecKernel kernel{ROW, {SUB_GROUP, WORK_GROUP, ROWS}};
     return multiply_packed(QTYPE, kernel, std::move(input), std::move(weight), batch, state_size, output_size);
   }
-  if constexpr (by_batch_road(QTYPE) != nullptr) {
+  if constexpr (by_batch_road(QTYPE).has_value()) {
     static constexpr MatvecKernel kernel =
         kernel_of<kernel_family::by_batch, by_batch_road(QTYPE)->kernel_qtype, SUB_GROUP, WORK_GROUP>();
     if (road == Road::by_batch)

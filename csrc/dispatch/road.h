@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 
 #include "dispatch/device_class.h"
 #include "formats/registry.h"
@@ -31,10 +32,10 @@ inline constexpr std::array<ByBatchRoad, 3> kByBatchRoads = {{
     {qtype_q4_0_woq, qtype_q4_0, 7, false},
     {qtype_nf4, qtype_nf4, 14, true},
 }};
-constexpr const ByBatchRoad* by_batch_road(int qtype) {
+constexpr std::optional<ByBatchRoad> by_batch_road(int qtype) {
   for (const ByBatchRoad& road : kByBatchRoads)
-    if (road.qtype == qtype) return &road;
-  return nullptr;
+    if (road.qtype == qtype) return road;
+  return std::nullopt;
 }
 
 // Which environment variables the launcher of a format reads. They are parsed before all else, so that a bad value fails
@@ -82,8 +83,8 @@ constexpr bool is_tiled(int qtype, const RoadFacts& facts) {
 
 constexpr Road choose_road(int qtype, const RoadFacts& facts) {
   if (facts.batch == 1) return Road::matvec;
-  const ByBatchRoad* by_batch = by_batch_road(qtype);
-  if (by_batch != nullptr && facts.batch <= by_batch->most &&
+  const std::optional<ByBatchRoad> by_batch = by_batch_road(qtype);
+  if (by_batch.has_value() && facts.batch <= by_batch->most &&
       (by_batch->on_elm || facts.device_class != XpuDeviceClass::elm))
     return Road::by_batch;
   const bool tiled = is_tiled(qtype, facts);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "dispatch/path.h"
 #include "dispatch/road.h"
@@ -62,8 +63,8 @@ struct FewRows {
 constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t state_size,
                            std::uint64_t output_size) {
   if (type != RoadType::float32 || takes_q8_1(kernel_table[kernel_index(kernel_family::matvec, qtype)])) return {0, 0};
-  const ByBatchRoad* by_batch = by_batch_road(qtype);
-  const bool by_handful = by_batch != nullptr && by_batch->kernel_qtype == qtype &&
+  const std::optional<ByBatchRoad> by_batch = by_batch_road(qtype);
+  const bool by_handful = by_batch.has_value() && by_batch->kernel_qtype == qtype &&
                           (by_batch->on_elm || device_class != XpuDeviceClass::elm);
   const bool is_large = state_size * output_size >= std::uint64_t{1} << 20;
   constexpr std::uint64_t kOfSmallWeight = 16, kRowsOfReading = 2;
