@@ -149,7 +149,7 @@ void expand_rows_of(at::Tensor weight, at::Tensor output, std::int64_t qtype, st
                     std::int64_t row_start) {
   const std::int64_t tile_rows = output.size(0);
   TORCH_CHECK(row_start >= 0 && row_start <= output_size && tile_rows <= output_size - row_start,
-              "expand_rows_of: rows ", row_start, " to ", row_start + tile_rows, " of a weight of ", output_size);
+              "expand_rows_of: ", tile_rows, " rows from row ", row_start, " on of a weight of ", output_size);
   expand_into("expand_rows_of", expansion::tile, weight, output, static_cast<int>(qtype), output_size,
               [&](const ExpansionKernel& kernel, ElementType type, const std::uint8_t* bytes, void* to,
                   std::uint64_t state_size) {

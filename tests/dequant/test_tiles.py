@@ -116,9 +116,11 @@ def test_row_lengths_that_are_refused(name: str, device_class: str) -> None:
 
 def test_rows_that_the_weight_has_not() -> None:
     weight = torch.zeros(3 * 34, dtype=torch.uint8, device="xpu:7")
-    for output_size, count, first in ((3, 4, 0), (3, 1, 3), (3, 2, 2), (3, 1, -1), (4, 1, 0)):
-        with pytest.raises(RuntimeError, match="expand_rows_of: "):
-            expand_tile("q4_0", weight, torch.empty(64 * count, device="xpu:7"), 64, output_size, count, first)
+    for count, first in ((4, 0), (1, 3), (2, 2), (1, -1), (1, 2**63 - 1)):
+        with pytest.raises(RuntimeError, match=f"expand_rows_of: {count} rows from row {first} on of a weight of 3"):
+            expand_tile("q4_0", weight, torch.empty(64 * count, device="xpu:7"), 64, 3, count, first)
+    with pytest.raises(RuntimeError, match="expand_rows_of: "):
+        expand_tile("q4_0", weight, torch.empty(64, device="xpu:7"), 64, 4, 1, 0)
 
 
 def test_the_first_tile_of_fp6_has_nothing_of_the_second() -> None:
