@@ -12,17 +12,19 @@ GPU_COMPILER := .cache/gpu-compiler
 SOURCES := CMakeLists.txt pyproject.toml $(shell find cmake csrc python -type f -not -path '*/__pycache__/*')
 PYTEST_ARGS ?=
 BENCH_ARGS ?=
+SANITIZE_ARGS ?=
 DEMO_ARGS ?=
 
-.PHONY: help build demo test bench clean
+.PHONY: help build demo test bench sanitize clean
 .DELETE_ON_ERROR:
 
 help:
-	@echo "make demo    run a real language model on packed weights   (DEMO_ARGS=...)"
-	@echo "make test    run all tests                                 (PYTEST_ARGS=...)"
-	@echo "make bench   time the kernels                              (BENCH_ARGS=...)"
-	@echo "make build   stop after the build"
-	@echo "make clean   remove everything that make made"
+	@echo "make demo      run a real language model on packed weights   (DEMO_ARGS=...)"
+	@echo "make test      run all tests                                 (PYTEST_ARGS=...)"
+	@echo "make bench     time the kernels                              (BENCH_ARGS=...)"
+	@echo "make sanitize  run host code under sanitizers                (SANITIZE_ARGS=...)"
+	@echo "make build     stop after the build"
+	@echo "make clean     remove everything that make made"
 
 build: $(VENV)/.built
 
@@ -34,6 +36,9 @@ test: $(VENV)/.built $(VENV)/.test-packages $(VENV)/.demo-packages $(GPU_COMPILE
 
 bench: $(VENV)/.built
 	$(BIN)/python benchmarks/matvec.py $(BENCH_ARGS)
+
+sanitize: $(VENV)/.test-packages $(VENV)/.demo-packages
+	$(BIN)/python tests/trust/sanitize.py $(SANITIZE_ARGS)
 
 $(VENV)/.created:
 	@command -v g++ >/dev/null || { echo "g++ is missing; on Debian: apt-get install g++"; exit 1; }
