@@ -5,15 +5,21 @@
 
 A round is always the same work in another order: products, expansions and tensors of mixed shapes, formats, types and
 device classes, in eight threads that begin and end with it, and a few tokens of a small packed model. Each result is
-compared with the first round's. After rounds that warm up, the first and the last quarter of the rounds are compared:
+compared with the first round's. After rounds that warm up, the second and the last third of the rounds are compared:
 
-memory    what the allocator counts as allocated is the same to the byte at the end of each round; what it has taken
-          from the system ends where it was, or is less than a round's largest blocks in every thread above it
-resident  grows by less than 32 bytes for each call, the least that malloc gives, so that one lost object a call shows;
-          and 8 MiB beside it, for which the spread of malloc's eight arenas alone is good
+memory    what the device's allocator counts as allocated is the same to the byte at the end of each round; what it has
+          taken from the system ends where it was, or is less than a round's largest blocks in every thread above it
+heap      what malloc has given out and not got back, in all its arenas, grows by less than 32 bytes for each call, the
+          least that it gives: one object that each call loses shows, whoever loses it; and a MiB beside it, for a table
+          of some library that doubles
+mapped    resident memory outside malloc's arenas, where tensors of the device, stacks and code are, grows by no more
+          than that and what the device's allocator has taken
 speed     processor seconds of the fastest tenth of the rounds, which other programs disturb least, rise by less than
           a tenth
 handles   threads and open files are no more than they were
+
+The resident size itself is shown and not judged. What it grows by beyond these is free memory in malloc's arenas: a
+thread frees in the arena that another one has, and what has been freed there is not used until a thread comes by.
 
 Ends with exit code 1 where one of these fails.
 """
@@ -21,10 +27,12 @@ Ends with exit code 1 where one of these fails.
 from __future__ import annotations
 
 import argparse
+import ctypes
 import gc
 import math
 import os
 import random
+import re
 import statistics
 import sys
 import threading
@@ -44,7 +52,8 @@ if TYPE_CHECKING:
 THREADS = len(ARCHITECTURES)
 WARM_UP = 16  # rounds, in which kernels are built and caches filled
 TOKENS = 8
-CALL_BYTES, SPREAD_BYTES = 32, 8 << 20
+CALL_BYTES, TABLE_BYTES = 32, 1 << 20
+ARENA_BYTES = 64 << 20  # glibc's; all arenas but the first begin at a multiple of it
 SLOWER = 1.10
 # Of tensors that a round makes; the largest are as large as the expanded weights.
 LARGEST = 4 << 20
@@ -57,6 +66,8 @@ class Sample:
     calls: int  # up to here
     seconds: float  # of the processor, in this round
     resident: int
+    heap: int
+    mapped: int
     allocated: int
     reserved: int
     threads: int
@@ -65,8 +76,8 @@ class Sample:
 
 def verdict(samples: list[Sample], slower: float = SLOWER) -> list[str]:
     """What of it has not stayed as it was."""
-    quarter = max(1, len(samples) // 4)
-    first, last = samples[:quarter], samples[-quarter:]
+    third = max(1, len(samples) // 3)
+    first, last = samples[-2 * third : -third], samples[-third:]
 
     def median(of: list[Sample], what: str) -> float:
         return statistics.median(getattr(one, what) for one in of)
@@ -77,13 +88,16 @@ def verdict(samples: list[Sample], slower: float = SLOWER) -> list[str]:
     wrong = []
     if len({one.allocated for one in samples}) > 1:
         wrong.append(f"allocated bytes change: {sorted({one.allocated for one in samples})[:10]}")
-    growth = median(last, "reserved") - median(first, "reserved")
-    if growth > THREADS * LARGEST:
-        wrong.append(f"the allocator took {growth:.0f} bytes more, beyond {THREADS * LARGEST}")
-    growth = median(last, "resident") - median(first, "resident")
-    calls = median(last, "calls") - median(first, "calls")
-    if growth > CALL_BYTES * calls + SPREAD_BYTES:
-        wrong.append(f"resident size grew by {growth:.0f} bytes in {calls:.0f} calls, {growth / calls:.1f} each")
+
+    def growth(what: str) -> float:
+        return median(last, what) - median(first, what)
+
+    taken, calls = growth("reserved"), growth("calls")
+    if taken > THREADS * LARGEST:
+        wrong.append(f"the allocator took {taken:.0f} bytes more, beyond {THREADS * LARGEST}")
+    for what, accounted in (("heap", 0.0), ("mapped", max(taken, 0.0))):
+        if growth(what) > CALL_BYTES * calls + TABLE_BYTES + accounted:
+            wrong.append(f"{what}: {growth(what):.0f} bytes more in {calls:.0f} calls, {growth(what) / calls:.1f} each")
     if fastest(last) > slower * fastest(first):
         wrong.append(f"a round took {fastest(first):.3f} s of the processor, and in the end {fastest(last):.3f} s")
     for what in ("threads", "files"):
@@ -181,12 +195,13 @@ def generation(seed: int) -> Callable[[], Tensor]:
 class Soak:
     """The work of a round, and what its first results were."""
 
-    def __init__(self, seed: int, calls: int) -> None:
+    def __init__(self, seed: int, calls: int, generates: bool = True) -> None:
         import torch
 
         self.chosen = random.Random(seed)
         self.works = works(self.chosen, calls)
-        self.generate = generation(seed)
+        self.tokens = TOKENS if generates else 0
+        self.generate = generation(seed) if generates else None
         # Threads come and go, their streams stay: the allocator keeps freed blocks by stream.
         self.streams = [[torch.xpu.Stream(index) for index in range(THREADS)] for _ in range(THREADS)]
         self.expected: dict[int, Tensor] = {}
@@ -221,10 +236,48 @@ class Soak:
             threads.append(threading.Thread(target=self.part, args=(thread, numbers)))
         for thread in threads:
             thread.start()
-        self.compare(-1, self.generate())
+        if self.generate is not None:
+            self.compare(-1, self.generate())
         for thread in threads:
             thread.join()
-        self.calls += len(self.works) + TOKENS
+        self.calls += len(self.works) + self.tokens
+
+
+class Malloc(ctypes.Structure):
+    """What glibc's mallinfo2() gives, of all arenas."""
+
+    _fields_ = (
+        ("arena", ctypes.c_size_t),
+        ("ordblks", ctypes.c_size_t),
+        ("smblks", ctypes.c_size_t),
+        ("hblks", ctypes.c_size_t),
+        ("hblkhd", ctypes.c_size_t),
+        ("usmblks", ctypes.c_size_t),
+        ("fsmblks", ctypes.c_size_t),
+        ("uordblks", ctypes.c_size_t),
+        ("fordblks", ctypes.c_size_t),
+        ("keepcost", ctypes.c_size_t),
+    )
+
+
+def heap_bytes() -> int:
+    """What malloc has given out and not got back."""
+    mallinfo2 = ctypes.CDLL(None).mallinfo2
+    mallinfo2.restype = Malloc
+    found = mallinfo2()
+    return int(found.uordblks + found.hblkhd)
+
+
+def mapped_bytes(maps: str) -> int:
+    """Resident memory outside malloc's arenas, of what /proc/self/smaps says."""
+    total, arena = 0, -1
+    for start, name, size in re.findall(r"^([0-9a-f]+)-[^\n]* \d+ *([^\n]*)\n(?:[^\n]*\n)*?Rss: +(\d+) kB", maps, re.M):
+        place = int(start, 16)
+        if not name and place % ARENA_BYTES == 0:
+            arena = place // ARENA_BYTES
+        if name != "[heap]" and (name or place // ARENA_BYTES != arena):
+            total += 1024 * int(size)
+    return total
 
 
 def measured(soak: Soak) -> Sample:
@@ -240,6 +293,8 @@ def measured(soak: Soak) -> Sample:
         soak.calls,
         seconds,
         int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE"),
+        heap_bytes(),
+        mapped_bytes(Path("/proc/self/smaps").read_text()),
         sum(torch.xpu.memory_allocated(index) for index in devices),
         sum(torch.xpu.memory_reserved(index) for index in devices),
         len(os.listdir("/proc/self/task")),
@@ -252,11 +307,13 @@ def main() -> int:
     parser.add_argument("--minutes", type=float, default=30)
     parser.add_argument("--seed", type=int, default=0)
     parser.add_argument("--calls", type=int, default=240, help="works of a round, beside the model's tokens")
+    parser.add_argument("--warm-up", type=int, default=WARM_UP, help="rounds ahead of those that count")
+    parser.add_argument("--no-model", action="store_true", help="leave out the model's tokens")
     parser.add_argument("--slower", type=float, default=SLOWER, help="how many times the seconds of a round may become")
     options = parser.parse_args()
     os.environ.update(HOST_DEVICES)
-    soak = Soak(options.seed, options.calls)
-    for _ in range(WARM_UP):
+    soak = Soak(options.seed, options.calls, generates=not options.no_model)
+    for _ in range(options.warm_up):
         soak.round()
     samples = list[Sample]()
     start = told = time.monotonic()

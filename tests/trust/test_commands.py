@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import dataclasses
-import os
 import re
 import subprocess
 import sys
@@ -11,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from . import mutate, soak, sweep
+from . import mutate, sanitize, soak, sweep
 
 
 def test_nothing_is_read_or_written_outside_a_tensor(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
@@ -28,34 +27,70 @@ def test_mistakes_are_still_those_of_the_code() -> None:
         assert right != wrong
 
 
+@pytest.mark.parametrize("kind", sanitize.KINDS.values(), ids=sanitize.KINDS)
+def test_faults_are_reported(kind: sanitize.Kind) -> None:
+    missing = [name for name in kind.runtimes if not Path(sanitize.library(name)).exists()]
+    if missing:
+        pytest.skip(f"the compiler comes without {missing}")
+    assert sanitize.unseen_faults(kind) == []
+
+
+def test_reports_are_summed_up(tmp_path: Path) -> None:
+    race = "WARNING: ThreadSanitizer: data race\n  Write of size 4\n\nSUMMARY: ThreadSanitizer: data race a.cpp:3\n"
+    shift = "a.cpp:7:4: runtime error: shift exponent 40 is too large\n    #0 0x1 in shift a.cpp:7\n\n"
+    (tmp_path / "report.tsan.1").write_text(
+        f"=====\n{race}=====\n=====\n{race}=====\nThreadSanitizer: reported 2 warnings\n"
+    )
+    (tmp_path / "report.ubsan.2").write_text(f"{shift}a.cpp:9:1: runtime error: load of misaligned address 0x7f01\n")
+    (tmp_path / "report.asan.3").write_text("==3==WARNING: AddressSanitizer failed to allocate 0xffffffffff bytes\n")
+    found = sanitize.findings(tmp_path)
+    assert {line: len(reports) for line, reports in found.items()} == {
+        "SUMMARY: ThreadSanitizer: data race a.cpp:3": 2,
+        "a.cpp:7:4: runtime error: shift exponent 40 is too large": 1,
+        "a.cpp:9:1: runtime error: load of misaligned address 0x…": 1,
+    }
+    assert "#0 0x1 in shift" in found["a.cpp:7:4: runtime error: shift exponent 40 is too large"][0]
+
+
+def test_sanitizers_are_put_to_tests_that_there_are() -> None:
+    for kind in sanitize.KINDS.values():
+        for test in (*kind.tests, *kind.left_out):
+            path, *parts = test.split("::")
+            assert (sanitize.ROOT / path).exists()
+            assert all(f"def {part.split('[')[0]}(" in (sanitize.ROOT / path).read_text() for part in parts)
+
+
 def test_a_short_soak() -> None:
     """Its rounds are too few to judge speed by, and the machine has other things to do."""
-    pytest.importorskip("transformers", reason="the demo's packages are not installed: make demo")
-    command = [sys.executable, soak.__file__, "--minutes", "0.02", "--calls", "16", "--slower", "10"]
-    done = subprocess.run(
-        command, env=os.environ | {"HF_HUB_OFFLINE": "1"}, capture_output=True, text=True, timeout=850
-    )
+    short = ["--minutes", "0", "--calls", "8", "--warm-up", "4", "--no-model", "--slower", "10"]
+    command = [sys.executable, soak.__file__, *short]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=850)
     assert done.returncode == 0, done.stdout + done.stderr[-2000:]
     header, first, *_ = done.stdout.splitlines()
     counted = dict(zip(header.split("\t"), first.split("\t"), strict=True))
-    assert int(counted["allocated"]) > 0
-    assert int(counted["calls"]) == (soak.WARM_UP + 1) * (16 + soak.TOKENS)
+    assert int(counted["reserved"]) > 0
+    assert int(counted["calls"]) == 5 * 8
 
 
-STEADY = soak.Sample(calls=0, seconds=2.0, resident=10**9, allocated=5000, reserved=10**8, threads=20, files=30)
+STEADY = soak.Sample(
+    calls=0, seconds=2, resident=10**9, heap=10**8, mapped=10**8, allocated=5000, reserved=10**8, threads=20, files=30
+)
 
 
 @pytest.mark.parametrize(
     ("each_round", "found"),
     [
         ({}, ""),
-        ({"resident": 10_000}, ""),
-        ({"resident": 200_000}, "resident size grew by 15000000 bytes in 75000 calls, 200.0 each"),
+        ({"heap": 10_000}, ""),
+        ({"heap": 200_000}, "heap: 6600000 bytes more in 33000 calls, 200.0 each"),
+        ({"mapped": 200_000}, "mapped: 6600000 bytes more in 33000 calls, 200.0 each"),
+        ({"mapped": 200_000, "reserved": 200_000}, ""),
+        ({"resident": 200_000}, ""),
         ({"allocated": 512}, "allocated bytes change"),
         ({"reserved": 4 << 20}, "the allocator took"),
-        ({"seconds": 0.01}, "a round took 2.005 s of the processor, and in the end 2.755"),
-        ({"threads": 1}, "threads: 32, and in the end 107"),
-        ({"files": 1}, "files: 42, and in the end 117"),
+        ({"seconds": 0.01}, "a round took 2.350 s of the processor, and in the end 2.680"),
+        ({"threads": 1}, "threads: 70, and in the end 103"),
+        ({"files": 1}, "files: 80, and in the end 113"),
     ],
 )
 def test_what_a_soak_finds(each_round: dict[str, float], found: str) -> None:
