@@ -6,8 +6,8 @@
 
 The modules, libc10_xpu.so and what tests compile for themselves are instrumented. Python, PyTorch, oneDNN and the SYCL
 runtime are as they come, and kernels are compiled by the latter: an access there is not seen (QUILLON_HOST_GUARD is for
-those of kernels), and neither is a lock that is none of the C library's. What is theirs all the same is suppressed by
-the name of the library, in suppressions/.
+those of kernels), and neither is a lock that is none of the C library's. What is theirs all the same goes to
+suppressions/<tool>.txt by the name of the library; nothing has to so far.
 
 A fault that is made on purpose has to be reported before the tests begin. A report by any process of theirs fails the
 command, even if all tests pass.
