@@ -79,7 +79,7 @@ def launcher_of(name: str) -> str:
 @cache
 def collected_tests() -> list[tuple[str, frozenset[str]]]:
     """File and parameters of every test of the matrix-vector kernels that has parameters."""
-    command = [sys.executable, "-m", "pytest", "--collect-only", "-q", "tests/matvec"]
+    command = [sys.executable, "-m", "pytest", "--collect-only", "-q", "--whole-grids", "tests/matvec"]
     done = subprocess.run(command, cwd=PROJECT, capture_output=True, text=True)
     if done.returncode != 0:
         raise RuntimeError(f"pytest cannot collect tests/matvec:\n{done.stdout[-2000:]}{done.stderr}")
