@@ -59,7 +59,7 @@ def compiled(request: pytest.FixtureRequest) -> Mapping[Case, Compiled | GpuComp
     return compile_cases(wanted)
 
 
-@pytest.mark.grid(0.1)
+@pytest.mark.grid(0.07)
 @pytest.mark.parametrize("case", ALL_CASES, ids=str)
 def test_instantiation_is_sound(case: Case, compiled: Mapping[Case, Compiled | GpuCompileError]) -> None:
     outcome = compiled[case]

@@ -184,7 +184,7 @@ SKELETONS = [
     Mutant("kernels/matvec/q8_1_dot.h", "in_first_lanes<float>(LANES / 2, changed, sum)", "changed",
            q8_1("iq2_xxs")),
     Mutant("kernels/matvec/quantize_q8_1.h", "& 0x7FFFFFFFu", "& 0xFFFFFFFFu", q8_1("q2_k")),
-    Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "stored + b * stride + static_cast<int64_t>(c) * CHUNK",
+    Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "stored + of_batch * stride + static_cast<int64_t>(c) * CHUNK",
            "stored + static_cast<int64_t>(c) * CHUNK", by_batch("vectors")),
     Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "output[b * output_size + row + t]", "output[b * output_size + row]",
            by_batch("vectors")),

@@ -43,7 +43,7 @@ inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* sto
                                  int32_t chunks, uint64_t row, uint64_t last, uint64_t output_size, T* output) {
   constexpr int CHUNK = Reader::CHUNK, BYTES_OF_CHUNK = CHUNK / 2;  // formats of four bits
   const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks;
-  // `add(sum, products, scale)` for the sum of each activation row. The last one is taken twice where a pass lacks one.
+  // `add(sum, products, scale)` for the sum of each activation row. A pass that lacks a row takes its first one again.
   const auto add_chunk = [=](values<T>(&sums)[BATCH_OF_ITEM], int32_t c, const auto& at, const auto& add) {
     values<T> value[CHUNK];
     reader.template sum<T>(kept_values<T, CHUNK>{value}, at);
