@@ -210,7 +210,8 @@ constexpr int kernel_index(kernel_family family, int qtype) {
   return -1;
 }
 
-// Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most.
+// Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most:
+// BATCH_TILE and BATCH_OF_ITEM of their text, which has room for no more.
 inline constexpr int batch_tile = 2;
 inline constexpr int batch_of_vector_item = 8;
 

@@ -12,11 +12,6 @@ template <typename T, int BATCH>
 struct batch_values {
   values<T> row[BATCH];
 
-  friend batch_values operator+(const batch_values& a, const batch_values& b) {
-    batch_values sum;
-    unrolled<BATCH>([&](auto b_) { sum.row[b_] = a.row[b_] + b.row[b_]; });
-    return sum;
-  }
   friend batch_values operator*(const batch_values& a, values<T> weight) {
     batch_values product;
     unrolled<BATCH>([&](auto b) { product.row[b] = a.row[b] * weight; });
