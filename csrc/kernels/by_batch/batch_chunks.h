@@ -14,6 +14,29 @@
 
 #include "kernels/matvec/chunks.h"
 
+namespace quillon {
+
+// A value of each of several activation rows.
+template <typename T, int BATCH>
+struct batch_values {
+  values<T> row[BATCH];
+
+  friend batch_values operator*(const batch_values& a, values<T> weight) {
+    batch_values product;
+    unrolled<BATCH>([&](auto b) { product.row[b] = a.row[b] * weight; });
+    return product;
+  }
+};
+template <typename T, int BATCH>
+inline batch_values<T, BATCH> multiply_add(const batch_values<T, BATCH>& a, values<T> weight,
+                                           const batch_values<T, BATCH>& c) {
+  batch_values<T, BATCH> sum;
+  unrolled<BATCH>([&](auto b) { sum.row[b] = multiply_add(a.row[b], weight, c.row[b]); });
+  return sum;
+}
+
+}  // namespace quillon
+
 #ifdef QUILLON_VECTOR_LANES
 #include "kernels/by_batch/batch_chunks_on_vectors.h"
 #else

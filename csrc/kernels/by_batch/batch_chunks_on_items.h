@@ -7,25 +7,6 @@ namespace quillon {
 
 inline constexpr int BATCH_TILE = 2;
 
-// A value of each of several activation rows.
-template <typename T, int BATCH>
-struct batch_values {
-  values<T> row[BATCH];
-
-  friend batch_values operator*(const batch_values& a, values<T> weight) {
-    batch_values product;
-    unrolled<BATCH>([&](auto b) { product.row[b] = a.row[b] * weight; });
-    return product;
-  }
-};
-template <typename T, int BATCH>
-inline batch_values<T, BATCH> multiply_add(const batch_values<T, BATCH>& a, values<T> weight,
-                                           const batch_values<T, BATCH>& c) {
-  batch_values<T, BATCH> sum;
-  unrolled<BATCH>([&](auto b) { sum.row[b] = multiply_add(a.row[b], weight, c.row[b]); });
-  return sum;
-}
-
 // The same chunk of several activation rows.
 template <typename T, typename Activations, int BATCH>
 struct batch_chunk {

@@ -1,7 +1,11 @@
 // The skeleton of batch_chunks.h for the host device: one work-item has all the lanes of a work-group, up to eight
-// activation rows, and walks over a run of output rows. The activation rows lie in local memory one after the other,
-// each in the order of kernels/matvec/chunks_on_vectors.h. The values of a chunk are decoded into registers, and the
-// activation rows meet them in a loop, some of them in a pass.
+// activation rows, and walks over a run of output rows. The activation rows lie in local memory in the order of
+// kernels/matvec/chunks_on_vectors.h, and take turns in it:
+//
+//   | row 0: chunks 0 to 15 | row 1: chunks 0 to 15 | ... | row 0: chunks 16 to 31 | ...
+//
+// What meets the same sixteen chunks is neighbours then. Whole rows behind each other would be a power of two apart often
+// enough, and such lines drive each other out of the first cache.
 #pragma once
 
 #include "kernels/matvec/vectors.h"
@@ -11,8 +15,9 @@ namespace quillon {
 // Output rows that take turns with the same activations, which then come from the first cache: those of eight whole rows
 // do not fit into it.
 inline constexpr int ROWS_IN_TURN = 8;
-// Activation rows of a work-item, and of a pass. Their sums of products are chains of additions that wait for each other.
-inline constexpr int BATCH_OF_ITEM = 8, BATCH_OF_PASS = 2;
+// Activation rows of a work-item, and how many at a time meet the values of a chunk while they are decoded: the sum of a
+// row's products is a chain of additions, each of which waits four cycles for the one before.
+inline constexpr int BATCH_OF_ITEM = 8, BATCH_OF_PASS = 4;
 
 // Asks for memory that will be read soon, without waiting for it. Rows that take turns are read side by side, which the
 // processor does not foresee: it would wait for each of their lines.
@@ -22,42 +27,45 @@ inline void prefetch(const uint8_t* from, int64_t bytes) {
   sycl::address_space_cast<address_space::global_space, decorated::yes>(const_cast<uint8_t*>(from)).prefetch(bytes);
 }
 
-// Stands in for the activations of a chunk where a reader sums products, and keeps the values in their place.
-template <typename T, int CHUNK>
-struct kept_values {
-  struct nothing {};
-  struct place {
-    values<T>* to;
-    friend nothing operator*(place at, values<T> value) { return *at.to = value, nothing{}; }
-    friend nothing multiply_add(place at, values<T> value, nothing) { return at * value; }
-  };
-  values<T>* to;
+// The same sixteen chunks of BATCH activation rows.
+template <typename T, int CHUNK, int BATCH>
+struct batch_activations {
+  const stored_lane<T>* stored;
 
-  place v(int i) const { return {to + i}; }
-  static nothing minus_zero() { return {}; }
+  template <typename Body>
+  static batch_values<T, BATCH> each(Body body) {
+    batch_values<T, BATCH> all;
+    unrolled<BATCH>([&](auto b) { all.row[b] = body(b); });
+    return all;
+  }
+  batch_values<T, BATCH> v(int i) const {
+    return each([=, this](auto b) { return activations<T, CHUNK>{stored + b * LANES * CHUNK}.v(i); });
+  }
+  static batch_values<T, BATCH> minus_zero() {
+    return each([](auto) { return activations<T, CHUNK>::minus_zero(); });
+  }
 };
 
-// The output rows from `row` to `last` of `batch` activation rows that begin at `stored`, `stride` elements apart.
+// The output rows from `row` to `last` of `batch` activation rows.
 template <typename T, int VECTORS, typename Reader>
-inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* stored, int64_t stride, int batch,
-                                 int32_t chunks, uint64_t row, uint64_t last, uint64_t output_size, T* output) {
+inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* stored, int batch, int32_t chunks,
+                                 uint64_t row, uint64_t last, uint64_t output_size, T* output) {
   constexpr int CHUNK = Reader::CHUNK, BYTES_OF_CHUNK = CHUNK / 2;  // formats of four bits
   const int64_t chunks_of_weight = static_cast<int64_t>(output_size) * chunks;
-  // `add(sum, products, scale)` for the sum of each activation row. A pass that lacks a row takes its first one again.
+  // `add(sum, products, scale)` for the sum of each activation row.
   const auto add_chunk = [=](values<T>(&sums)[BATCH_OF_ITEM], int32_t c, const auto& at, const auto& add) {
-    values<T> value[CHUNK];
-    reader.template sum<T>(kept_values<T, CHUNK>{value}, at);
+    const stored_lane<T>* of_chunks = stored + static_cast<int64_t>(c) * batch * CHUNK;
     const values<T> scale = reader.template scale<T>(at);
+    const auto pass = [&](auto rows, int b) {
+      const auto products =
+          reader.template sum<T>(batch_activations<T, CHUNK, rows>{of_chunks + b * LANES * CHUNK}, at);
+      unrolled<rows>([&](auto i) { add(sums[b + i], products.row[i], scale); });
+    };
+    int b = 0;
 #pragma clang loop unroll(disable)
-    for (int b = 0; b < batch; b += BATCH_OF_PASS) {
-      unrolled<BATCH_OF_PASS>([&](auto i) {
-        const int of_batch = b + i < batch ? b + i : b;
-        const activations<T, CHUNK> x{stored + of_batch * stride + static_cast<int64_t>(c) * CHUNK};
-        values<T> products = x.v(0) * value[0];
-        unrolled<CHUNK - 1>([&](auto k) { products = multiply_add(x.v(k + 1), value[k + 1], products); });
-        add(sums[b + i], products, scale);
-      });
-    }
+    for (; b + BATCH_OF_PASS <= batch; b += BATCH_OF_PASS) pass(std::integral_constant<int, BATCH_OF_PASS>{}, b);
+    if (batch - b >= 2) pass(std::integral_constant<int, 2>{}, b), b += 2;
+    if (b < batch) pass(std::integral_constant<int, 1>{}, b);
   };
   const auto add_all = [](values<T>& sum, values<T> products, values<T> scale) {
     sum = multiply_add(products, scale, sum);
@@ -116,11 +124,10 @@ inline void multiply_scaled_chunks_by_batch(const Reader& reader, uint64_t state
   const uint64_t first = output_size * place.get_group(1) / groups;
   const uint64_t last = output_size * (place.get_group(1) + 1) / groups;
   const auto chunks = static_cast<int32_t>(state_size / CHUNK);
-  const int64_t stride = (static_cast<int64_t>(chunks) + LANES - 1) / LANES * LANES * CHUNK;
-  auto* stored = reinterpret_cast<stored_lane<T>*>(&local[0]);
+  auto* stored = first_line<stored_lane<T>>(local);
   for (int b = 0; b < present; ++b)
-    arrange_activations<T, Reader, false>(input + (b0 + b) * state_size, chunks, stored + b * stride);
-  multiply_stored_rows<T, WG_SIZE / LANES>(reader, stored, stride, present, chunks, first, last, output_size,
+    arrange_activations<T, Reader, false>(input + (b0 + b) * state_size, chunks, stored + b * LANES * CHUNK, present);
+  multiply_stored_rows<T, WG_SIZE / LANES>(reader, stored, present, chunks, first, last, output_size,
                                            output + b0 * output_size);
 }
 

@@ -101,14 +101,14 @@ struct activations {
   static values<T> minus_zero() { return exact_values<T>(lanes<float>(-0.0f)); }
 };
 
-// Brings the activations of a row into the order of the lanes.
+// Brings the activations of a row into the order of the lanes, between those of as many other rows as take turns with it.
 template <typename T, typename Reader, bool WITH_SUM>
-inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* to) {
+inline void arrange_activations(const T* input, int32_t chunks, stored_lane<T>* to, int taking_turns = 1) {
   using order = typename Reader::order;
   constexpr int CHUNK = Reader::CHUNK;
   constexpr int STORED = CHUNK + WITH_SUM;
   for (int32_t first = 0; first < chunks; first += LANES) {
-    stored_lane<T>* at = to + static_cast<int64_t>(first) * STORED;
+    stored_lane<T>* at = to + static_cast<int64_t>(first) * STORED * taking_turns;
     for (int lane = 0; lane < LANES; ++lane) {
       const bool present = first + lane < chunks;
       const int chunk = present ? first + lane : 0;
@@ -147,7 +147,7 @@ struct arranged_row {
   arranged_row(uint64_t state_size, const T* input, const sycl::local_accessor<T, 1>& local)
       : chunks_of_row(static_cast<int32_t>(state_size / Reader::CHUNK)),
         chunks(TAIL == tail_round::summed ? chunks_of_row : chunks_of_row / WG_SIZE * WG_SIZE) {
-    auto* to = reinterpret_cast<stored_lane<T>*>(&local[0]);
+    auto* to = first_line<stored_lane<T>>(local);
     arrange_activations<T, Reader, WITH_SUM>(input, chunks, to);
     stored = to;
   }

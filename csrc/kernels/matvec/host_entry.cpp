@@ -15,8 +15,8 @@
 namespace quillon {
 namespace {
 
-// Weight bytes that are worth a work-item of the vector backing, which first arranges the activations for itself.
-constexpr std::uint64_t kBytesPerItem = 512 << 10;
+// Weight bytes for which a work-item of the vector backing is worth that it arranges an activation row for itself.
+constexpr std::uint64_t kBytesPerActivationRow = 512 << 10;
 
 using runtime::Backing;
 using runtime::kVectorLanes;
@@ -85,9 +85,9 @@ std::uint64_t arranged_bytes(const kernel_row& row, ElementType type, std::uint6
   const std::uint64_t whole = (chunks + kVectorLanes - 1) / kVectorLanes * kVectorLanes;
   switch (row.vectors) {
     case arranged::chunks:
-      return batch * whole * row.elements * facts_of(type).lane_size;
+      return batch * whole * row.elements * facts_of(type).lane_size + ALIGNMENT;
     case arranged::chunks_and_sums:
-      return whole * (row.elements + 1) * facts_of(type).lane_size;
+      return whole * (row.elements + 1) * facts_of(type).lane_size + ALIGNMENT;
     case arranged::q8_1_blocks:
       return (blocks + 1) / 2 * 640 + ALIGNMENT;
     case arranged::q2_k_words:
@@ -149,9 +149,9 @@ Geometry items_geometry(const MatvecKernel& kernel, std::uint64_t batch, std::ui
   return {{groups * lanes, lanes}, sums + short_tile};
 }
 
-Geometry vectors_geometry(const kernel_row& row, std::uint64_t batches, std::uint64_t state_size,
-                          std::uint64_t output_size, std::uint64_t local_size, std::uint64_t arranged,
-                          const runtime::DeviceFacts& facts) {
+Geometry vectors_geometry(const kernel_row& row, std::uint64_t batches, std::uint64_t batch_of_item,
+                          std::uint64_t state_size, std::uint64_t output_size, std::uint64_t local_size,
+                          std::uint64_t arranged, const runtime::DeviceFacts& facts) {
   if (row.vectors == arranged::row_count) {
     const std::uint64_t items = (output_size + rows_of_vector_item - 1) / rows_of_vector_item;
     return {{items, 1}, output_size - (items - 1) * rows_of_vector_item};
@@ -160,7 +160,8 @@ Geometry vectors_geometry(const kernel_row& row, std::uint64_t batches, std::uin
   const std::uint64_t bytes =
       weights_of(row) * (state_size * output_size / elements_per_block(row.qtype)) * bytes_per_block(row.qtype);
   const auto units = static_cast<std::uint64_t>(facts.compute_units);
-  const std::uint64_t items = std::min(std::max(units, bytes / kBytesPerItem / units * units), output_size);
+  const std::uint64_t worth = bytes / (kBytesPerActivationRow * batch_of_item);
+  const std::uint64_t items = std::min(std::max(units, worth / units * units), output_size);
   const std::uint64_t elements = (arranged + local_size - 1) / local_size;
   if (row.range == lane_range::slices) return {{{1, items}, {1, 1}}, elements};
   if (row.range == lane_range::batches) return {{{batches, items}, {1, 1}}, elements};
@@ -196,8 +197,9 @@ void launch(const MatvecKernel& kernel, ElementType type, const Operands& operan
   const region_offsets parts = matvec_parts(row.qtype, state_size, output_size);
   const std::size_t local_size = row.local == local_elements::of_float ? sizeof(float) : facts_of(type).size;
   const auto in_vectors = [&] {
-    const std::uint64_t bytes = arranged_bytes(row, type, (batch + batches - 1) / batches, state_size);
-    return vectors_geometry(row, batches, state_size, rows, local_size, bytes, facts);
+    const std::uint64_t batch_of_item = (batch + batches - 1) / batches;
+    const std::uint64_t bytes = arranged_bytes(row, type, batch_of_item, state_size);
+    return vectors_geometry(row, batches, batch_of_item, state_size, rows, local_size, bytes, facts);
   };
   const Geometry geometry = backing == Backing::vectors ? in_vectors() : items_geometry(kernel, batch, rows);
 

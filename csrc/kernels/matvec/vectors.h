@@ -11,6 +11,14 @@ namespace quillon {
 template <typename T>
 using stored_lane = std::conditional_t<is_in_float<T>, float, T>;
 
+// Where vectors begin in local memory, which is given out at multiples of sixteen bytes and is larger by a line than what
+// lies there. A vector across two lines takes two loads.
+template <typename To, typename Local>
+inline To* first_line(const Local& local) {
+  constexpr uint64_t LINE = 64;
+  return reinterpret_cast<To*>((reinterpret_cast<uint64_t>(&local[0]) + LINE - 1) / LINE * LINE);
+}
+
 // Sixteen neighbouring activations.
 template <typename T>
 inline values<T> load_values(const T* from) {
