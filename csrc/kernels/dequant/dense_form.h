@@ -105,13 +105,45 @@ inline halves<2 * COUNT> joined(halves<COUNT> a, halves<COUNT> b) {
   return {simd::joined(a.value, b.value)};
 }
 // Each of four sixteen times.
-inline halves<64> in_groups(halves<4> from) {
+template <typename Held>
+inline halves<64> in_groups(const Held& four) {
   using held = halves<64>::held;
-  const held of_group[4] = {from.value[0], from.value[1], from.value[2], from.value[3]};
+  const held of_group[4] = {four[0], four[1], four[2], four[3]};
   const auto first = simd::joined(simd::vec<held, 16>(of_group[0]), simd::vec<held, 16>(of_group[1]));
   const auto second = simd::joined(simd::vec<held, 16>(of_group[2]), simd::vec<held, 16>(of_group[3]));
   return {simd::joined(first, second)};
 }
+
+// The scales of a work-item's elements, of which sixteen have one: a product in half of the super-block's scale and an
+// integer of their own.
+template <int PIECES>
+class group_scales {
+ public:
+#ifdef QUILLON_VECTOR_LANES
+  // Sixteen are rounded at once and wait in memory: the compiler would copy each sixteen times first.
+  group_scales(const void* integers, const void* super_scales) {
+    const item_part<int8_t, 16, PIECES / 4> integers_of(integers);
+    const item_part<half, 1, PIECES / 4> d(super_scales);
+#pragma clang loop unroll(disable)
+    for (int i = 0; i < PIECES / 4; ++i)
+      simd::store(kept_ + 16 * i, (halves<16>::all(d.value(i)) * halves<16>::exactly(integers_of[i])).value);
+  }
+  halves<64> of_piece(int i) const { return in_groups(kept_ + 4 * i); }
+
+ private:
+  float kept_[4 * PIECES];
+#else
+  group_scales(const void* integers, const void* super_scales) : integers_(integers), d_(super_scales) {}
+  template <typename Piece>
+  halves<64> of_piece(Piece i) const {
+    return in_groups((halves<4>::all(d_.value(super_block_of(i))) * halves<4>::exactly(integers_[i])).value);
+  }
+
+ private:
+  item_part<int8_t, 4, PIECES> integers_;
+  item_part<half, 1, PIECES / 4> d_;
+#endif
+};
 
 // Stores `piece(i)`, 64 halves or floats, for each of a work-item's PIECES.
 template <int PIECES, typename T, typename Piece>

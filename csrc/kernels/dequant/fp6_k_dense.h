@@ -16,11 +16,6 @@ void dequantize_fp6_k_kernel(const uint8_t* low_plane, const uint8_t* high_plane
   using namespace quillon;
   const item_part<uint32_t, 8, 4 * BLOCKS> low(low_plane);
   const item_part<uint32_t, 4, 4 * BLOCKS> high(high_plane);
-  const item_part<int8_t, 4, 4 * BLOCKS> group_scales(scales);
-  const item_part<half, 1, BLOCKS> d(super_scales);
-  expand_pieces<4 * BLOCKS>(out, [&](auto i) {
-    const auto values = fp6_halves(high[i], low[i]);
-    const auto scale = halves<4>::all(d.value(super_block_of(i))) * halves<4>::exactly(group_scales[i]);
-    return values * in_groups(scale);
-  });
+  const group_scales<4 * BLOCKS> scale(scales, super_scales);
+  expand_pieces<4 * BLOCKS>(out, [&](auto i) { return fp6_halves(high[i], low[i]) * scale.of_piece(i); });
 }
