@@ -72,7 +72,7 @@ def run_python() -> Callable[..., subprocess.CompletedProcess[str]]:
             env=environment,
             capture_output=True,
             text=True,
-            timeout=120,
+            timeout=400,
         )
 
     return run
