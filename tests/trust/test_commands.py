@@ -43,11 +43,15 @@ def test_reports_are_summed_up(tmp_path: Path) -> None:
     )
     (tmp_path / "report.ubsan.2").write_text(f"{shift}a.cpp:9:1: runtime error: load of misaligned address 0x7f01\n")
     (tmp_path / "report.asan.3").write_text("==3==WARNING: AddressSanitizer failed to allocate 0xffffffffff bytes\n")
+    (tmp_path / "report.asan.4").write_text(
+        "==4==ERROR: cannot unmap\nAddressSanitizer: CHECK failed: p.cpp:61 (0x0) (tid=4)\n"
+    )
     found = sanitize.findings(tmp_path)
     assert {line: len(reports) for line, reports in found.items()} == {
         "SUMMARY: ThreadSanitizer: data race a.cpp:3": 2,
         "a.cpp:7:4: runtime error: shift exponent 40 is too large": 1,
-        "a.cpp:9:1: runtime error: load of misaligned address 0x…": 1,
+        "a.cpp:9:1: runtime error: load of misaligned address …": 1,
+        "AddressSanitizer: CHECK failed: p.cpp:61 (…) (tid=…)": 1,
     }
     assert "#0 0x1 in shift" in found["a.cpp:7:4: runtime error: shift exponent 40 is too large"][0]
 
