@@ -62,7 +62,8 @@ struct FewRows {
 // A kernel that rounds the activations to eight bits would be a loss of another kind.
 constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t state_size,
                            std::uint64_t output_size) {
-  if (type != RoadType::float32 || takes_q8_1(kernel_table[kernel_index(kernel_family::matvec, qtype)])) return {0, 0};
+  const int matvec = kernel_index(kernel_family::matvec, qtype);
+  if (type != RoadType::float32 || matvec < 0 || takes_q8_1(kernel_table[matvec])) return {0, 0};
   const std::optional<ByBatchRoad> by_batch = by_batch_road(qtype);
   const bool by_handful = by_batch.has_value() && by_batch->kernel_qtype == qtype &&
                           (by_batch->on_elm || device_class != XpuDeviceClass::elm);
