@@ -94,6 +94,21 @@ inline void store_vector(void* address, vector<E, COUNT> from) {
   static_cast<vector_in_memory<vector<E, COUNT>, 1>*>(address)->value = from;
 }
 
+// A matrix of so many bytes does not wait in the caches for who reads it. Its lines are stored past them, and so are not
+// read first, as a line is that is written in a cache. Who waits for the kernel has these stores too: there is no waiting
+// without a locked operation, and none of those comes before the stores in front of it are done.
+inline constexpr uint64_t PAST_CACHES = 32 << 20;
+template <typename T>
+inline bool goes_past_caches(const T* matrix, uint64_t elements) {
+  constexpr uint64_t LONGEST_VECTOR = LANES * sizeof(double);
+  return elements * sizeof(T) >= PAST_CACHES && reinterpret_cast<uint64_t>(matrix) % LONGEST_VECTOR == 0;
+}
+// At a multiple of the vector's size.
+template <typename E, int COUNT>
+inline void store_past_caches(void* address, vector<E, COUNT> from) {
+  __builtin_nontemporal_store(from, static_cast<vector<E, COUNT>*>(address));
+}
+
 // Each element as a `To`. One alone is converted as a number: OpenCL has no vectors of one, and not every CPU device's
 // compiler knows their conversion.
 template <typename To, typename From, int COUNT>

@@ -6,6 +6,7 @@ The values are those of the decoders in numpy (tests/formats/decoders.py), which
 from __future__ import annotations
 
 import ctypes
+from collections.abc import Callable
 from functools import cache
 
 import numpy as np
@@ -32,6 +33,11 @@ WITHOUT = ("fp8_e5m2",)
 # What the result's memory holds before a kernel writes it: no format gives this pattern in every element.
 UNTOUCHED = 0x5A
 GUARD_ELEMENTS = 64
+
+Expand = Callable[[torch.Tensor, torch.Tensor, int, int], None]
+
+# Bytes from which on the host device stores a matrix past its caches.
+PAST_CACHES = 32 << 20
 
 
 def device_of(device_class: str) -> torch.device:
@@ -69,6 +75,26 @@ def is_untouched(part: Array) -> bool:
 def agrees(name: str, result: Array, expected: Array, dtype: str) -> bool:
     """Bit for bit. A NaN of arithmetic has no defined bits; one that is a code has, where it is stored as it is."""
     return same(result, expected, dtype, exact_nan=name in WITHOUT and dtype == "float16")
+
+
+def assert_the_same_past_caches(expand: Expand, name: str, dtype: str) -> None:
+    """``expand(weight, memory, columns, rows)`` of a matrix that goes past the caches, as it begins on a line.
+
+    Beside it, the same matrix an element further on, which does not.
+    """
+    device, columns = device_of("unknown"), 4096
+    rows = PAST_CACHES // (TORCH[dtype].itemsize * columns) + 1
+    weight = torch.from_numpy(weight_of(name, rows * columns // FORMATS[name].elements)).to(device)
+    results = []
+    for start in (0, 1):
+        memory = untouched(start + rows * columns, dtype, device)
+        assert memory.data_ptr() % 128 == 0
+        expand(weight, memory[start:], columns, rows)
+        result = raw(memory)
+        assert is_untouched(result[:start])
+        assert is_untouched(result[start + rows * columns :])
+        results.append(result[start : start + rows * columns])
+    assert agrees(name, *results, dtype)
 
 
 # ---- kernels by themselves ---------------------------------------------------------------------------------

@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
+from functools import partial
+
 import pytest
 import torch
 from formats.decoders import FORMATS, decode
 
 from quillon._kernels import EXPANSIONS
 
-from .harness import TORCH, agrees, device_of, is_untouched, raw, untouched, weight_of
+from .harness import TORCH, agrees, assert_the_same_past_caches, device_of, is_untouched, raw, untouched, weight_of
 
 BLOCKS_OF_ITEM = {
     "q4_0": 8, "q4_1": 8, "q8_0": 4, "fp8_e4m3": 4, "fp8_e5m2": 4, "fp4": 8, "fp6": 8, "fp6_k": 2, "q4_k": 2, "q6_k": 2,
@@ -43,6 +45,12 @@ def test_the_bits(name: str, dtype: str) -> None:
         result, expected = raw(memory), decode(f"expand_{name}", packed, dtype)
         assert agrees(name, result[: expected.size], expected, dtype), blocks
         assert is_untouched(result[expected.size :]), blocks
+
+
+@pytest.mark.grid(0.2)
+@pytest.mark.parametrize(("name", "dtype"), CASES)
+def test_a_large_matrix(name: str, dtype: str) -> None:
+    assert_the_same_past_caches(partial(expand, name), name, dtype)
 
 
 @pytest.mark.parametrize("name", BLOCKS_OF_ITEM)

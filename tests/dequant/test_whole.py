@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from functools import partial
+
 import numpy as np
 import pytest
 import torch
@@ -16,6 +18,7 @@ from .harness import (
     IN_T,
     WITHOUT,
     agrees,
+    assert_the_same_past_caches,
     device_of,
     expand_whole,
     expansion_index,
@@ -60,6 +63,13 @@ def test_the_bits(name: str, dtype: str, device_class: str, backing: str, monkey
         expected = expected_of(name, blocks, dtype)
         assert agrees(name, result[: len(expected)], expected, dtype), (state_size, rows)
         assert is_untouched(result[len(expected) :]), (state_size, rows)
+
+
+@pytest.mark.grid(0.2)
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("name", FORM)
+def test_a_large_matrix(name: str, dtype: str) -> None:
+    assert_the_same_past_caches(partial(expand_whole, name), name, dtype)
 
 
 @pytest.mark.parametrize("backing", BACKINGS)

@@ -15,11 +15,12 @@ inline constexpr int SUPER_BLOCK = 256;
 
 template <typename T, typename Expander, typename Place>
 inline void expand_super_block(const Expander& expander, const Place& place, int64_t from, int64_t to, T* out) {
-  const block_stores<T> stores{out + SUPER_BLOCK * to};
 #ifdef QUILLON_VECTOR_LANES
-  expander.template expand<T>(from, stores);
+  const bool past_caches = goes_past_caches(out, SUPER_BLOCK * place.get_group_range(0));
+  expander.template expand<T>(from, block_stores<T>{out + SUPER_BLOCK * to, past_caches});
 #else
-  expander.template expand<T, SUPER_BLOCK>(from, static_cast<int>(place.get_local_id(0)), stores);
+  expander.template expand<T, SUPER_BLOCK>(from, static_cast<int>(place.get_local_id(0)),
+                                           block_stores<T>{out + SUPER_BLOCK * to});
 #endif
 }
 

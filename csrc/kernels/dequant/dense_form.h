@@ -145,17 +145,36 @@ class group_scales {
 #endif
 };
 
+#ifdef QUILLON_VECTOR_LANES
+// A line at a time, to a multiple of 64 bytes.
+template <typename T>
+inline void store_lines_past_caches(T* to, simd::vec<T, PIECE> from) {
+  constexpr int WORDS = 16, ELEMENTS = 64 / sizeof(T);
+  const auto words = simd::bits_as<uint32_t>(from);
+  unrolled<PIECE / ELEMENTS>([&](auto line) {
+    store_past_caches<uint32_t, WORDS>(to + ELEMENTS * line, simd::select<WORDS * line, WORDS>(words));
+  });
+}
+#endif
+
 // Stores `piece(i)`, 64 halves or floats, for each of a work-item's PIECES.
 template <int PIECES, typename T, typename Piece>
 inline void expand_pieces(T* out, const Piece& piece) {
   static_assert(std::is_same_v<T, float> || std::is_same_v<T, half>);
-  out += PIECE * PIECES * sycl::ext::oneapi::this_work_item::get_nd_item<1>().get_group(0);
-  const auto expand = [&](auto i) { simd::store(out + PIECE * i, simd::convert<T>(piece(i).value)); };
+  const auto place = sycl::ext::oneapi::this_work_item::get_nd_item<1>();
+  out += PIECE * PIECES * place.get_group(0);
 #ifdef QUILLON_VECTOR_LANES
+  const bool past_caches = goes_past_caches(out, PIECE * PIECES * place.get_group_range(0));
 #pragma clang loop unroll(disable)
-  for (int i = 0; i < PIECES; ++i) expand(i);
+  for (int i = 0; i < PIECES; ++i) {
+    const auto expanded = simd::convert<T>(piece(i).value);
+    if (past_caches)
+      store_lines_past_caches(out + PIECE * i, expanded);
+    else
+      simd::store(out + PIECE * i, expanded);
+  }
 #else
-  unrolled<PIECES>(expand);
+  unrolled<PIECES>([&](auto i) { simd::store(out + PIECE * i, simd::convert<T>(piece(i).value)); });
 #endif
 }
 

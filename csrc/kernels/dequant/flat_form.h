@@ -41,8 +41,9 @@ inline void expand_flat(const Expander& expander, int32_t elements, T* out) {
 #ifdef QUILLON_VECTOR_LANES
   const int64_t blocks = elements / BLOCK;
   const auto first = static_cast<int64_t>(BLOCKS_OF_ITEM * place.get_group(0));
+  const bool past_caches = goes_past_caches(out, elements);
   for (int64_t block = first; block < first + BLOCKS_OF_ITEM && block < blocks; ++block)
-    expander.template expand<T>(block, block_stores<T>{out + BLOCK * block});
+    expander.template expand<T>(block, block_stores<T>{out + BLOCK * block, past_caches});
   if (elements % BLOCK != 0 && blocks / BLOCKS_OF_ITEM == static_cast<int64_t>(place.get_group(0)))
     expander.template expand<T>(blocks, part_of_block_stores<T>{out + BLOCK * blocks, elements % BLOCK});
 #else

@@ -25,8 +25,9 @@ inline void expand_row(const Expander& expander, uint64_t state_size, int32_t ro
 #ifdef QUILLON_VECTOR_LANES
   const auto first = static_cast<int64_t>(place.get_group(0) * (state_size / BLOCK));
   const int64_t last = first + static_cast<int64_t>(rounds) * block_step;
+  const bool past_caches = goes_past_caches(out, place.get_group_range(0) * state_size);
   for (int64_t block = first; block < last; ++block)
-    expander.template expand<T>(block, block_stores<T>{out + BLOCK * block});
+    expander.template expand<T>(block, block_stores<T>{out + BLOCK * block, past_caches});
 #else
   const auto t = static_cast<int32_t>(SPAN * place.get_local_id(0));
   const auto base = static_cast<int64_t>(static_cast<int32_t>(place.get_group(0)) * state_size);

@@ -69,9 +69,14 @@ struct block_stores {
   T* start;
 
 #ifdef QUILLON_VECTOR_LANES
+  bool past_caches;
+
   template <typename Value>
   void operator()(int e, Value value) const {
-    store_vector(start + e, as_stored<T>(value));
+    if (past_caches)
+      store_past_caches(start + e, as_stored<T>(value));
+    else
+      store_vector(start + e, as_stored<T>(value));
   }
 #else
   template <typename Value, int COUNT>
