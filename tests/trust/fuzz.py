@@ -14,6 +14,7 @@ import itertools
 import os
 import random
 import re
+import resource
 import subprocess
 import sys
 import tempfile
@@ -197,12 +198,26 @@ def has_memory(value: Tensor) -> bool:
     return value.numel() == 0 or (last + 1) * value.element_size() <= value.untyped_storage().nbytes()
 
 
+def leave_memory() -> None:
+    """Take less than 2^31 elements of two bytes from here on.
+
+    A result may have as many, and the system ends a process that fills more memory than there is.
+    """
+    import torch
+
+    torch.ones(1, device="xpu:7")
+    mapped = int(Path("/proc/self/statm").read_text().split()[0]) * os.sysconf("SC_PAGE_SIZE")
+    most = resource.getrlimit(resource.RLIMIT_AS)[1]
+    resource.setrlimit(resource.RLIMIT_AS, (mapped + (1 << 32) - (1 << 20), most))
+
+
 def call(name: str, calls: int, seed: int) -> Counter[str]:
     """Call a function that many times; the last line on standard error is the call."""
     import torch
 
     maker, outcomes = Maker(f"{name} {seed}"), Counter[str]()
     routes, names, kinds = routes_to(name)
+    leave_memory()
     for _ in range(calls):
         arguments = list(maker.arguments(name, kinds))
         print(f"{name}:", ", ".join(map(shown, arguments)), file=sys.stderr, flush=True)
