@@ -48,7 +48,7 @@ INSTRUCTION_SETS = (
 
 BATCHES = ["benchmarks/batch.py", "--statistic", "min", "--rounds", "3", "--calls", "4"]
 BATCHES_SHORT = [*BATCHES, "--formats", "q4_0,nf4,q4_k,q5_0,q8_0,fp6"]
-BATCHES_ALL = [*BATCHES, "--batches", "1,4,8,64,512", "--dtype", "float32,float16,bfloat16"]
+BATCHES_ALL = [*BATCHES, "--batches", "1,4,16,64", "--dtype", "float32,float16,bfloat16"]
 DEMO = ["examples/generate.py"]
 DECODE_SPEED = ["examples/decode_speed.py"]
 DEMO_BY_FORMAT = ["examples/generate.py", "--format", "all", "--score-tokens", "256", "--new-tokens", "48"]
