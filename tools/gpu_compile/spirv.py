@@ -115,12 +115,13 @@ class MemoryAccess:
     """Of the vector; 1: a number."""
     alignment: int
     """What the address is said to be a multiple of."""
+    past_caches: bool
 
 
 def memory_accesses(module: Path) -> list[MemoryAccess]:
     """The loads and stores of the device's memory in a SPIR-V file."""
     op_vector, op_pointer, op_load, op_store = 23, 32, 61, 62
-    device_memory, aligned = 5, 2
+    device_memory, aligned, nontemporal = 5, 2, 4
     elements: dict[int, int] = {}  # of vector types
     targets: dict[int, int] = {}  # of pointer types to device memory
     pointers: dict[int, int] = {}  # values, to what they point to
@@ -134,7 +135,8 @@ def memory_accesses(module: Path) -> list[MemoryAccess]:
         elif operation in (op_load, op_store):
             address, access = (operands[2], operands[3:]) if operation == op_load else (operands[0], operands[2:])
             if address in pointers and access and access[0] & aligned:
-                found.append(MemoryAccess(operation == op_store, elements.get(pointers[address], 1), access[1]))
+                count, past_caches = elements.get(pointers[address], 1), bool(access[0] & nontemporal)
+                found.append(MemoryAccess(operation == op_store, count, access[1], past_caches))
         elif len(operands) > 1 and operands[0] in targets:  # the type of a result, and the result
             pointers[operands[1]] = targets[operands[0]]
     return found
