@@ -35,6 +35,27 @@ inline batch_values<T, BATCH> multiply_add(const batch_values<T, BATCH>& a, valu
   return sum;
 }
 
+// The same chunk of several activation rows.
+template <typename T, typename Activations, int BATCH>
+struct batch_chunk {
+  Activations row[BATCH];
+
+  template <typename Place>
+  batch_values<T, BATCH> v(Place i) const {
+    return each([=](const Activations& x) { return x.v(i); }, first_constants<BATCH>{});
+  }
+  // What a sum of looked-up values begins with.
+  batch_values<T, BATCH> minus_zero() const {
+    return each([](const Activations& x) { return x.minus_zero(); }, first_constants<BATCH>{});
+  }
+
+ private:
+  template <typename Body, int... B>
+  batch_values<T, BATCH> each(Body body, constants<B...>) const {
+    return {{body(row[B])...}};
+  }
+};
+
 }  // namespace quillon
 
 #ifdef QUILLON_VECTOR_LANES

@@ -7,23 +7,6 @@ namespace quillon {
 
 inline constexpr int BATCH_TILE = 2;
 
-// The same chunk of several activation rows.
-template <typename T, typename Activations, int BATCH>
-struct batch_chunk {
-  Activations row[BATCH];
-
-  template <typename Place>
-  batch_values<T, BATCH> v(Place i) const {
-    return each([=](const Activations& x) { return x.v(i); }, first_constants<BATCH>{});
-  }
-
- private:
-  template <typename Body, int... B>
-  batch_values<T, BATCH> each(Body body, constants<B...>) const {
-    return {{body(row[B])...}};
-  }
-};
-
 template <typename T, int WG_SIZE, int ROW_TILE, typename Reader>
 inline void multiply_scaled_chunks_by_batch(const Reader& reader, uint64_t state_size, uint64_t batch, const T* input,
                                             const sycl::local_accessor<T, 1>& local, uint64_t output_size, T* output) {

@@ -27,25 +27,6 @@ inline void prefetch(const uint8_t* from, int64_t bytes) {
   sycl::address_space_cast<address_space::global_space, decorated::yes>(const_cast<uint8_t*>(from)).prefetch(bytes);
 }
 
-// The same sixteen chunks of BATCH activation rows.
-template <typename T, int CHUNK, int BATCH>
-struct batch_activations {
-  const stored_lane<T>* stored;
-
-  template <typename Body>
-  static batch_values<T, BATCH> each(Body body) {
-    batch_values<T, BATCH> all;
-    unrolled<BATCH>([&](auto b) { all.row[b] = body(b); });
-    return all;
-  }
-  batch_values<T, BATCH> v(int i) const {
-    return each([=, this](auto b) { return activations<T, CHUNK>{stored + b * LANES * CHUNK}.v(i); });
-  }
-  static batch_values<T, BATCH> minus_zero() {
-    return each([](auto) { return activations<T, CHUNK>::minus_zero(); });
-  }
-};
-
 // The output rows from `row` to `last` of `batch` activation rows.
 template <typename T, int VECTORS, typename Reader>
 inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* stored, int batch, int32_t chunks,
@@ -57,14 +38,18 @@ inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* sto
     const stored_lane<T>* of_chunks = stored + static_cast<int64_t>(c) * batch * CHUNK;
     const values<T> scale = reader.template scale<T>(at);
     const auto pass = [&](auto rows, int b) {
-      const auto products =
-          reader.template sum<T>(batch_activations<T, CHUNK, rows>{of_chunks + b * LANES * CHUNK}, at);
+      batch_chunk<T, activations<T, CHUNK>, rows> x;
+      unrolled<rows>([&](auto i) { x.row[i] = {of_chunks + (b + i) * LANES * CHUNK}; });
+      const auto products = reader.template sum<T>(x, at);
       unrolled<rows>([&](auto i) { add(sums[b + i], products.row[i], scale); });
     };
     int b = 0;
 #pragma clang loop unroll(disable)
     for (; b + BATCH_OF_PASS <= batch; b += BATCH_OF_PASS) pass(std::integral_constant<int, BATCH_OF_PASS>{}, b);
-    if (batch - b >= 2) pass(std::integral_constant<int, 2>{}, b), b += 2;
+    if (batch - b >= 2) {
+      pass(std::integral_constant<int, 2>{}, b);
+      b += 2;
+    }
     if (b < batch) pass(std::integral_constant<int, 1>{}, b);
   };
   const auto add_all = [](values<T>& sum, values<T> products, values<T> scale) {
