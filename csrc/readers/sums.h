@@ -71,21 +71,27 @@ inline lanes<float> look_up(lanes<float> table, words index) {
 
 #endif
 
+// The values of the nibbles that begin at bit SHIFT.
+template <typename T, int SHIFT>
+inline values<T> looked_up_nibbles(lanes<float> table, words from) {
+  return exact_values<T>(look_up(table, (from >> SHIFT) & 15u));
+}
+
 // The same for values that are looked up: in each byte of the words one nibble is the index of a value, and the other that
 // of the next. A loop that stays one: the compiler takes half a minute over sixteen permutations in a row. The sum begins
 // with -0, to which the first product is added without a change.
 enum class first_nibble { low, high };
 
-template <typename T, first_nibble FIRST, typename Chunk>
-inline auto sum_looked_up(const Chunk& x, const word_pair& bytes, lanes<float> table) {
+template <typename T, first_nibble FIRST, typename Chunk, typename Pairs>
+inline auto sum_looked_up(const Chunk& x, const Pairs& pairs, lanes<float> table) {
+  constexpr int FIRST_SHIFT = FIRST == first_nibble::low ? 0 : 4;
   auto s = x.minus_zero();
-  unrolled<2>([&](auto h) {
-    words rest = bytes[h];
+  unrolled<2>([&](auto word) {
+    auto rest = pairs[word];
 #pragma clang loop unroll(disable)
     for (int i = 0; i < 8; i += 2) {
-      const words low = rest & 15u, high = (rest >> 4) & 15u;
-      s = multiply_add(x.v(8 * h + i), exact_values<T>(look_up(table, FIRST == first_nibble::low ? low : high)), s);
-      s = multiply_add(x.v(8 * h + i + 1), exact_values<T>(look_up(table, FIRST == first_nibble::low ? high : low)), s);
+      s = multiply_add(x.v(8 * word + i), looked_up_nibbles<T, FIRST_SHIFT>(table, rest), s);
+      s = multiply_add(x.v(8 * word + i + 1), looked_up_nibbles<T, 4 - FIRST_SHIFT>(table, rest), s);
       rest >>= 8;
     }
   });

@@ -190,6 +190,8 @@ SKELETONS = [
            "tests/dequant/test_whole.py::test_a_large_matrix[q4_0-float32]"),
     Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "of_chunks + (b + i) * LANES * CHUNK",
            "of_chunks + b * LANES * CHUNK", by_batch("vectors")),
+    Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "at + static_cast<int64_t>(r) * chunks + c;", "at + c;",
+           by_batch("vectors")),
     Mutant("kernels/by_batch/batch_chunks_on_vectors.h", "output[b * output_size + row + t]", "output[b * output_size + row]",
            by_batch("vectors")),
     Mutant("kernels/by_batch/batch_chunks_on_items.h", "first_input + (is_pair ? state_size : 0)", "first_input",
