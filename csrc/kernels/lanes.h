@@ -195,6 +195,57 @@ using word_pair = neighbouring_words<2>;
 
 #endif
 
+#ifdef QUILLON_VECTOR_LANES
+
+// ---- tables -----------------------------------------------------------------------------------------------
+
+// The entries of a table at these indices. The compiler makes one permutation of the loop where the processor has one for
+// such vectors, and a load for each element where it has not.
+template <typename E, typename Index, int COUNT>
+inline vector<E, COUNT> permuted(vector<E, COUNT> table, vector<Index, COUNT> index) {
+  vector<E, COUNT> result;
+#pragma unroll
+  for (int i = 0; i < COUNT; ++i) result[i] = table[index[i]];
+  return result;
+}
+
+#ifdef QUILLON_NARROW_VECTORS
+
+// The entries of a table of sixteen, on processors whose registers hold eight floats.
+inline vector<float, 8> look_up(vector<float, 8> low, vector<float, 8> high, vector<uint32_t, 8> index) {
+  const vector<uint32_t, 8> of_half = index & 7u;
+  return index > 7u ? permuted<float, uint32_t, 8>(high, of_half) : permuted<float, uint32_t, 8>(low, of_half);
+}
+inline lanes<float> look_up(lanes<float> table, words index) {
+  return joined<float, 8>(look_up(table.lo, table.hi, index.lo), look_up(table.lo, table.hi, index.hi));
+}
+
+inline lanes<uint16_t> look_up(lanes<uint16_t> table, lanes<uint8_t> index) {
+  const auto lower = converted<uint8_t, uint16_t, LANES>(table),
+             upper = converted<uint8_t, uint16_t, LANES>(table >> 8);
+  const auto low = permuted<uint8_t, uint8_t, LANES>(lower, index),
+             high = permuted<uint8_t, uint8_t, LANES>(upper, index);
+  return converted<uint16_t, uint8_t, LANES>(low) | converted<uint16_t, uint8_t, LANES>(high) << 8;
+}
+inline vector<uint16_t, 32> look_up(lanes<uint16_t> table, lanes<uint8_t> first, lanes<uint8_t> second) {
+  return joined<uint16_t, LANES>(look_up(table, first), look_up(table, second));
+}
+
+#else
+
+// The entries of a table of sixteen.
+inline lanes<float> look_up(lanes<float> table, words index) {
+  return permuted<float, uint32_t, LANES>(table, index);
+}
+inline vector<uint16_t, 32> look_up(lanes<uint16_t> table, lanes<uint8_t> first, lanes<uint8_t> second) {
+  const auto index = converted<uint16_t, uint8_t, 32>(joined<uint8_t, LANES>(first, second));
+  return permuted<uint16_t, uint16_t, 32>(joined<uint16_t, LANES>(table, table), index);
+}
+
+#endif
+
+#endif
+
 // ---- 16-bit types in float --------------------------------------------------------------------------------
 
 // To nearest, ties to even, without a test for NaN: a NaN that comes of an operation on two values of T, be it an

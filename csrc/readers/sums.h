@@ -27,7 +27,7 @@ struct scale_and_minimum {
 
 #ifdef QUILLON_VECTOR_LANES
 
-// A table of up to sixteen floats, rounded to T.
+// A table of up to sixteen floats, rounded to T, for `look_up`.
 template <typename T, int COUNT>
 inline lanes<float> rounded_table(const float (&entries)[COUNT]) {
   lanes<float> table = {};
@@ -39,45 +39,13 @@ inline lanes<float> rounded_table(const float (&entries)[COUNT]) {
     return table;
 }
 
-#ifdef QUILLON_NARROW_VECTORS
-
-// The entries of such a table, on processors whose registers hold eight floats. The compiler makes one permutation of
-// each loop; of one over sixteen it would make sixteen loads.
-inline vector<float, 8> look_up(vector<float, 8> table, vector<uint32_t, 8> index) {
-  vector<float, 8> result;
-#pragma unroll
-  for (int i = 0; i < 8; ++i) result[i] = table[index[i]];
-  return result;
-}
-inline vector<float, 8> look_up(vector<float, 8> low, vector<float, 8> high, vector<uint32_t, 8> index) {
-  const vector<uint32_t, 8> of_half = index & 7u;
-  return index > 7u ? look_up(high, of_half) : look_up(low, of_half);
-}
-inline lanes<float> look_up(lanes<float> table, words index) {
-  const auto first = look_up(table.lo, table.hi, index.lo);
-  const auto second = look_up(table.lo, table.hi, index.hi);
-  return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-}
-
-#else
-
-// The entries of such a table. The compiler makes one permutation of the loop.
-inline lanes<float> look_up(lanes<float> table, words index) {
-  lanes<float> result;
-#pragma unroll
-  for (int i = 0; i < LANES; ++i) result[i] = table[index[i]];
-  return result;
-}
-
-#endif
-
 // The values of the nibbles that begin at bit SHIFT.
 template <typename T, int SHIFT>
 inline values<T> looked_up_nibbles(lanes<float> table, words from) {
   return exact_values<T>(look_up(table, (from >> SHIFT) & 15u));
 }
 
-// The same for values that are looked up: in each byte of the words one nibble is the index of a value, and the other that
+// Such a sum for values that are looked up: in each byte of the words one nibble is the index of a value, and the other that
 // of the next. A loop that stays one: the compiler takes half a minute over sixteen permutations in a row. The sum begins
 // with -0, to which the first product is added without a change.
 enum class first_nibble { low, high };

@@ -58,8 +58,8 @@ def whole(name: str, backing: str = "vectors", dtype: str = "float32") -> str:
     return f"tests/dequant/test_whole.py::test_the_bits[{name}-{dtype}-unknown-{backing}]"
 
 
-def dense(name: str) -> str:
-    return f"tests/dequant/test_dense.py::test_the_bits[{name}-float32]"
+def dense(name: str, dtype: str = "float32") -> str:
+    return f"tests/dequant/test_dense.py::test_the_bits[{name}-{dtype}]"
 
 
 def backings(name: str) -> str:
@@ -209,6 +209,9 @@ SKELETONS = [
     Mutant("kernels/dequant/dense_form.h", "in_turns<uint32_t, 16, 0, 2, 4, 6>()", "in_turns<uint32_t, 16, 0, 2, 4, 4>()",
            dense("fp6")),
     Mutant("kernels/dequant/dense_form.h", "out += PIECE * PIECES *", "out += PIECE *", dense("q4_0")),
+    Mutant("kernels/dequant/dense_form.h", "look_up(bits, first >> 4, second >> 4)", "look_up(bits, second >> 4, first >> 4)",
+           dense("q4_1", "float16")),
+    Mutant("kernels/dequant/dense_form.h", "(of >> 8) & 31) ^ (of & 0x8000)", "(of >> 8) & 31)", dense("fp6", "float16")),
     Mutant("kernels/matrix_engine/operands.h", "to(4 * w + n / 2 + n % 2 * 32, codes", "to(4 * w + n / 2 + n % 2, codes",
            engine("q4_0")),
     Mutant("kernels/matrix_engine/operands.h", "return numbers{bytes ^ 0x80808080u};", "return numbers{bytes};",

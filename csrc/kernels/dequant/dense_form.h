@@ -36,6 +36,13 @@ class item_part {
     return simd::select<COUNT * Number::value, COUNT>(all_);
 #endif
   }
+#ifdef QUILLON_VECTOR_LANES
+  // ELEMENTS of them from FIRST on, in a load of their own.
+  template <int FIRST, int ELEMENTS>
+  simd::vec<E, ELEMENTS> part(int number) const {
+    return simd::load<E, ELEMENTS>(from_ + COUNT * number + FIRST);
+  }
+#endif
   // Where COUNT is 1.
   template <typename Number>
   E value(Number number) const {
@@ -187,13 +194,6 @@ struct floats_64 {
 
 using bytes_32 = simd::vec<uint8_t, 32>;
 
-inline bytes_32 low_nibbles(bytes_32 bytes) {
-  return bytes & 15;
-}
-inline bytes_32 high_nibbles(bytes_32 bytes) {
-  return bytes >> 4;
-}
-
 // Sixteen elements four times, of which element i is `at(i)`.
 template <typename At>
 inline simd::vec<float, 64> four_groups(const At& at) {
@@ -201,6 +201,41 @@ inline simd::vec<float, 64> four_groups(const At& at) {
   const auto second = simd::joined(at(std::integral_constant<int, 2>{}), at(std::integral_constant<int, 3>{}));
   return simd::joined(first, second);
 }
+
+#ifdef QUILLON_VECTOR_LANES
+// Halves as they are stored.
+struct stored_halves_64 {
+  simd::vec<half, 64> value;
+};
+#endif
+
+// The halves of a block of nibbles: of byte i the low one is element i, the high one element 32 + i. `value` makes halves of
+// a vector of codes. The host device makes those of the sixteen codes once, in the form in which they are stored, and looks
+// the elements up: it rounds a quarter as often.
+#ifdef QUILLON_VECTOR_LANES
+template <typename T, typename Codes, typename Value>
+inline auto nibble_halves(const Codes& codes, int block, const Value& value) {
+  const auto table = value(simd::in_turns<uint8_t, 16, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15>()).value;
+  const lanes<uint8_t> first = codes.template part<0, 16>(block), second = codes.template part<16, 16>(block);
+  if constexpr (std::is_same_v<T, half>) {
+    const auto bits = simd::bits_as<uint16_t>(simd::convert<half>(table));
+    return stored_halves_64{simd::bits_as<half>(
+        simd::joined(look_up(bits, first & 15, second & 15), look_up(bits, first >> 4, second >> 4)))};
+  } else {
+    return floats_64{four_groups([&](auto g) {
+      const lanes<uint8_t> bytes = g % 2 == 0 ? first : second;
+      return look_up(table, simd::convert<uint32_t>(g < 2 ? bytes & 15 : bytes >> 4));
+    })};
+  }
+}
+#else
+template <typename T, typename Codes, typename Block, typename Value>
+inline halves<64> nibble_halves(const Codes& codes, Block block, const Value& value) {
+  const bytes_32 bytes = codes[block];
+  const bytes_32 low = bytes & 15, high = bytes >> 4;
+  return joined(value(low), value(high));
+}
+#endif
 
 // The words of four groups of sixteen elements in six bits each, a high one and two low ones for each group
 // (readers/six_bits.h), turned into a word for each step of four elements, group by group. `codes` is the format's rule.
@@ -213,14 +248,42 @@ inline simd::vec<uint32_t, 16> step_words(simd::vec<uint32_t, 4> high, simd::vec
   return codes(high_steps, low_steps);
 }
 
-// The halves that codes of fp6 stand for, in their order.
-inline halves<64> fp6_halves(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
+// The bits of the halves that codes of fp6 stand for, in their order.
+inline simd::vec<uint16_t, 64> fp6_bits(simd::vec<uint32_t, 4> high, simd::vec<uint32_t, 8> low) {
   using words_16 = simd::vec<uint32_t, 16>;
   static_assert(fp6_byte_of_element(0) == 1 && fp6_byte_of_element(1) == 3 && fp6_byte_of_element(2) == 0);
   const words_16 codes = step_words(high, low, [](words_16 h, words_16 l) { return fp6_step_codes(h, l); });
   const words_16 first_two = (codes & 0x9F009F00u) | 0x00800080u;
   const words_16 last_two = ((codes & 0x009F009Fu) << 8) | 0x00800080u;
-  return halves<64>::by_bits(simd::bits_as<uint16_t>(simd::interleaved(first_two, last_two)));
+  return simd::bits_as<uint16_t>(simd::interleaved(first_two, last_two));
+}
+
+#if defined(QUILLON_VECTOR_LANES) && !defined(QUILLON_NARROW_VECTORS)
+// Such halves times a scale, looked up in the products of all magnitudes.
+inline stored_halves_64 fp6_looked_up(simd::vec<uint16_t, 64> bits, half scale) {
+  using words_32 = simd::vec<uint16_t, 32>;
+  words_32 magnitudes;
+#pragma unroll
+  for (int i = 0; i < 32; ++i) magnitudes[i] = fp6_half_bits(i);
+  const auto products = (halves<32>::by_bits(magnitudes) * halves<32>::all(scale)).value;
+  const auto table = simd::bits_as<uint16_t>(simd::convert<half>(products));
+  const auto looked_up = [=](words_32 of) {
+    return permuted<uint16_t, uint16_t, 32>(table, (of >> 8) & 31) ^ (of & 0x8000);
+  };
+  const auto first = looked_up(simd::select<0, 32>(bits)), second = looked_up(simd::select<32, 32>(bits));
+  return {simd::bits_as<half>(simd::joined(first, second))};
+}
+#endif
+
+// The halves of fp6 times a scale, for results of T.
+template <typename T>
+inline auto fp6_products(simd::vec<uint16_t, 64> bits, half scale) {
+#if defined(QUILLON_VECTOR_LANES) && !defined(QUILLON_NARROW_VECTORS)
+  if constexpr (std::is_same_v<T, half>)
+    return fp6_looked_up(bits, scale);
+  else
+#endif
+    return halves<64>::by_bits(bits) * halves<64>::all(scale);
 }
 
 }  // namespace quillon

@@ -15,19 +15,18 @@ void dequantize_fp4_kernel(const uint8_t* quants, const uint8_t* scales, T* out)
   using namespace quillon;
   const item_part<uint8_t, 32, BLOCKS> codes(quants);
   const item_part<half, 1, BLOCKS> d(scales);
-  // The sign and the magnitude of a code, built in the top byte of a half.
-  const auto value = [](bytes_32 code) {
-    using words = simd::vec<uint16_t, 32>;
-    const words wide = simd::convert<uint16_t>(code);
-    const words index = wide & 7;
-    const words from_2 = ((wide >> 1) | (wide >> 2)) & 1;
-    const words from_1 = (from_2 | wide) & 1;
-    const words top = ((wide & 8) << 4) + 0x28 + (from_1 << 4) + 2 * index * from_2;
-    return halves<32>::by_bits(top << 8);
-  };
   expand_pieces<BLOCKS>(out, [&](auto i) {
-    const bytes_32 bytes = codes[i];
-    const auto scale = halves<32>::all(d.value(i));
-    return joined(value(low_nibbles(bytes)) * scale, value(high_nibbles(bytes)) * scale);
+    const half scale = d.value(i);
+    return nibble_halves<T>(codes, i, [=](auto code) {
+      constexpr int COUNT = simd::count_of<decltype(code)>;
+      // The sign and the magnitude of a code, built in the top byte of a half.
+      using words = simd::vec<uint16_t, COUNT>;
+      const words wide = simd::convert<uint16_t>(code);
+      const words index = wide & 7;
+      const words from_2 = ((wide >> 1) | (wide >> 2)) & 1;
+      const words from_1 = (from_2 | wide) & 1;
+      const words top = ((wide & 8) << 4) + 0x28 + (from_1 << 4) + 2 * index * from_2;
+      return halves<COUNT>::by_bits(top << 8) * halves<COUNT>::all(scale);
+    });
   });
 }

@@ -16,5 +16,5 @@ void dequantize_fp6_kernel(const uint8_t* low_plane, const uint8_t* high_plane, 
   const item_part<uint32_t, 8, BLOCKS> low(low_plane);
   const item_part<uint32_t, 4, BLOCKS> high(high_plane);
   const item_part<half, 1, BLOCKS> d(scales);
-  expand_pieces<BLOCKS>(out, [&](auto i) { return fp6_halves(high[i], low[i]) * halves<64>::all(d.value(i)); });
+  expand_pieces<BLOCKS>(out, [&](auto i) { return fp6_products<T>(fp6_bits(high[i], low[i]), d.value(i)); });
 }

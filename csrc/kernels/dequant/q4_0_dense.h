@@ -16,9 +16,10 @@ void dequantize_q4_0_kernel(const uint8_t* quants, const uint8_t* scales, T* out
   const item_part<uint8_t, 32, BLOCKS> codes(quants);
   const item_part<half, 1, BLOCKS> d(scales);
   expand_pieces<BLOCKS>(out, [&](auto i) {
-    const bytes_32 bytes = codes[i];
-    const auto scale = halves<32>::all(d.value(i)), zero_point = halves<32>::all(half(8));
-    return joined(exact_difference(halves<32>::exactly(low_nibbles(bytes)), zero_point) * scale,
-                  exact_difference(halves<32>::exactly(high_nibbles(bytes)), zero_point) * scale);
+    const half scale = d.value(i);
+    return nibble_halves<T>(codes, i, [=](auto code) {
+      using several = halves<simd::count_of<decltype(code)>>;
+      return exact_difference(several::exactly(code), several::all(half(8))) * several::all(scale);
+    });
   });
 }

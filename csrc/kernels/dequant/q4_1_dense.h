@@ -16,9 +16,11 @@ void dequantize_q4_1_kernel(const uint8_t* quants, const uint8_t* pairs, T* out)
   const item_part<uint8_t, 32, BLOCKS> codes(quants);
   const item_part<half, 2, BLOCKS> d_and_m(pairs);
   expand_pieces<BLOCKS>(out, [&](auto i) {
-    const bytes_32 bytes = codes[i];
     const auto pair = d_and_m[i];
-    const auto d = halves<32>::all(half(pair[0])), m = halves<32>::all(half(pair[1]));
-    return joined(halves<32>::exactly(low_nibbles(bytes)) * d + m, halves<32>::exactly(high_nibbles(bytes)) * d + m);
+    const half scale = pair[0], minimum = pair[1];
+    return nibble_halves<T>(codes, i, [=](auto code) {
+      using several = halves<simd::count_of<decltype(code)>>;
+      return several::exactly(code) * several::all(scale) + several::all(minimum);
+    });
   });
 }
