@@ -121,36 +121,42 @@ inline halves<64> in_groups(const Held& four) {
   return {simd::joined(first, second)};
 }
 
-// The scales of a work-item's elements, of which sixteen have one: a product in half of the super-block's scale and an
-// integer of their own.
-template <int PIECES>
+// The scales of a work-item's elements, of which sixteen have one: a product of the super-block's scale and an integer of
+// their own, of which `Product` makes several at once from the scale and a vector of integers.
+template <int PIECES, typename Product>
 class group_scales {
  public:
 #ifdef QUILLON_VECTOR_LANES
-  // Sixteen are rounded at once and wait in memory: the compiler would copy each sixteen times first.
-  group_scales(const void* integers, const void* super_scales) {
+  // Sixteen are made at once and wait in memory: the compiler would copy each sixteen times first.
+  group_scales(const void* integers, const void* super_scales, const Product& product) {
     const item_part<int8_t, 16, PIECES / 4> integers_of(integers);
     const item_part<half, 1, PIECES / 4> d(super_scales);
 #pragma clang loop unroll(disable)
-    for (int i = 0; i < PIECES / 4; ++i)
-      simd::store(kept_ + 16 * i, (halves<16>::all(d.value(i)) * halves<16>::exactly(integers_of[i])).value);
+    for (int i = 0; i < PIECES / 4; ++i) simd::store(kept_ + 16 * i, product(d.value(i), integers_of[i]));
   }
-  halves<64> of_piece(int i) const { return in_groups(kept_ + 4 * i); }
+  const float* of_piece(int i) const { return kept_ + 4 * i; }
 
  private:
   float kept_[4 * PIECES];
 #else
-  group_scales(const void* integers, const void* super_scales) : integers_(integers), d_(super_scales) {}
+  group_scales(const void* integers, const void* super_scales, const Product& product)
+      : integers_(integers), d_(super_scales), product_(product) {}
   template <typename Piece>
-  halves<64> of_piece(Piece i) const {
-    return in_groups((halves<4>::all(d_.value(super_block_of(i))) * halves<4>::exactly(integers_[i])).value);
+  auto of_piece(Piece i) const {
+    return product_(d_.value(super_block_of(i)), integers_[i]);
   }
 
  private:
   item_part<int8_t, 4, PIECES> integers_;
   item_part<half, 1, PIECES / 4> d_;
+  Product product_;
 #endif
 };
+template <int PIECES, typename Product>
+inline group_scales<PIECES, Product> scales_of_groups(const void* integers, const void* super_scales,
+                                                      const Product& product) {
+  return {integers, super_scales, product};
+}
 
 #ifdef QUILLON_VECTOR_LANES
 // A line at a time, to a multiple of 64 bytes.

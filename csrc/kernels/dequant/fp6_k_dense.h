@@ -16,7 +16,10 @@ void dequantize_fp6_k_kernel(const uint8_t* low_plane, const uint8_t* high_plane
   using namespace quillon;
   const item_part<uint32_t, 8, 4 * BLOCKS> low(low_plane);
   const item_part<uint32_t, 4, 4 * BLOCKS> high(high_plane);
-  const group_scales<4 * BLOCKS> scale(scales, super_scales);
-  expand_pieces<4 * BLOCKS>(out,
-                            [&](auto i) { return halves<64>::by_bits(fp6_bits(high[i], low[i])) * scale.of_piece(i); });
+  const auto scale = scales_of_groups<4 * BLOCKS>(scales, super_scales, [](half super_scale, auto integers) {
+    using several = halves<simd::count_of<decltype(integers)>>;
+    return (several::all(super_scale) * several::exactly(integers)).value;
+  });
+  expand_pieces<4 * BLOCKS>(
+      out, [&](auto i) { return halves<64>::by_bits(fp6_bits(high[i], low[i])) * in_groups(scale.of_piece(i)); });
 }

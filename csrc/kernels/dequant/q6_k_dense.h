@@ -17,19 +17,19 @@ void dequantize_q6_k_kernel(const uint8_t* high_plane, const uint8_t* low_plane,
   using namespace quillon;
   const item_part<uint32_t, 4, 4 * BLOCKS> high(high_plane);
   const item_part<uint32_t, 8, 4 * BLOCKS> low(low_plane);
-  const item_part<int8_t, 4, 4 * BLOCKS> group_scales(scales);
-  const item_part<half, 1, BLOCKS> d(super_scales);
+  const auto scale = scales_of_groups<4 * BLOCKS>(scales, super_scales, [](half super_scale, auto integers) {
+    using floats = simd::vec<float, simd::count_of<decltype(integers)>>;
+    return multiply(floats(convert<float>(super_scale)), simd::convert<float>(integers));
+  });
   expand_pieces<4 * BLOCKS>(out, [&](auto i) {
     using words_16 = simd::vec<uint32_t, 16>;
-    using floats_4 = simd::vec<float, 4>;
     using floats_16 = simd::vec<float, 16>;
     const auto steps = step_words(high[i], low[i], [](words_16 h, words_16 l) { return q6_k_step_codes(h, l); });
     const auto codes = simd::bits_as<uint8_t>(steps);
-    const floats_4 super_scale = floats_4(convert<float>(d.value(super_block_of(i))));
-    const floats_4 scale = multiply(super_scale, simd::convert<float>(group_scales[i]));
+    const auto scale_of = scale.of_piece(i);
     return floats_64{four_groups([&](auto g) {
       const auto code = simd::convert<float>(simd::select<16 * g, 16>(codes));
-      return multiply(floats_16(scale[int{g}]), subtract(code, floats_16(32.0f)));
+      return multiply(floats_16(scale_of[int{g}]), subtract(code, floats_16(32.0f)));
     })};
   });
 }
