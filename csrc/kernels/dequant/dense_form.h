@@ -209,30 +209,36 @@ inline simd::vec<float, 64> four_groups(const At& at) {
 }
 
 #ifdef QUILLON_VECTOR_LANES
-// Halves as they are stored.
-struct stored_halves_64 {
-  simd::vec<half, 64> value;
+// Elements as they are stored.
+template <typename T>
+struct stored_64 {
+  simd::vec<T, 64> value;
 };
+
+// The value of each nibble, by a rule for vectors of them, and elements of T that have these values, sixteen by each of two
+// vectors. Rounded once for all that have a value, they are looked up as they are stored.
+template <typename Value>
+inline lanes<float> of_each_nibble(const Value& value) {
+  return value(simd::in_turns<uint8_t, 16, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15>());
+}
+template <typename T>
+inline simd::vec<T, 32> looked_up(lanes<float> table, lanes<uint8_t> first, lanes<uint8_t> second) {
+  if constexpr (std::is_same_v<T, half>)
+    return simd::bits_as<half>(look_up(simd::bits_as<uint16_t>(simd::convert<half>(table)), first, second));
+  else
+    return simd::joined(look_up(table, simd::convert<uint32_t>(first)),
+                        look_up(table, simd::convert<uint32_t>(second)));
+}
 #endif
 
 // The halves of a block of nibbles: of byte i the low one is element i, the high one element 32 + i. `value` makes halves of
-// a vector of codes. The host device makes those of the sixteen codes once, in the form in which they are stored, and looks
-// the elements up: it rounds a quarter as often.
+// a vector of nibbles.
 #ifdef QUILLON_VECTOR_LANES
 template <typename T, typename Codes, typename Value>
-inline auto nibble_halves(const Codes& codes, int block, const Value& value) {
-  const auto table = value(simd::in_turns<uint8_t, 16, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15>()).value;
+inline stored_64<T> nibble_halves(const Codes& codes, int block, const Value& value) {
+  const auto table = of_each_nibble([&](auto code) { return value(code).value; });
   const lanes<uint8_t> first = codes.template part<0, 16>(block), second = codes.template part<16, 16>(block);
-  if constexpr (std::is_same_v<T, half>) {
-    const auto bits = simd::bits_as<uint16_t>(simd::convert<half>(table));
-    return stored_halves_64{simd::bits_as<half>(
-        simd::joined(look_up(bits, first & 15, second & 15), look_up(bits, first >> 4, second >> 4)))};
-  } else {
-    return floats_64{four_groups([&](auto g) {
-      const lanes<uint8_t> bytes = g % 2 == 0 ? first : second;
-      return look_up(table, simd::convert<uint32_t>(g < 2 ? bytes & 15 : bytes >> 4));
-    })};
-  }
+  return {simd::joined(looked_up<T>(table, first & 15, second & 15), looked_up<T>(table, first >> 4, second >> 4))};
 }
 #else
 template <typename T, typename Codes, typename Block, typename Value>
@@ -242,6 +248,29 @@ inline halves<64> nibble_halves(const Codes& codes, Block block, const Value& va
   return joined(value(low), value(high));
 }
 #endif
+
+// The floats of two sub-blocks of nibbles, sixteen bytes each, whose low ones come first. `value` makes floats of the number
+// of the sub-block, a constant, and a vector of nibbles. Looked up where they are rounded to T.
+template <typename T, typename Codes, typename Piece, typename Value>
+inline auto nibble_floats(const Codes& codes, Piece piece, const Value& value) {
+#ifdef QUILLON_VECTOR_LANES
+  if constexpr (std::is_same_v<T, half>) {
+    const auto of_first = of_each_nibble([&](auto code) { return value(std::integral_constant<int, 0>{}, code); });
+    const auto of_second = of_each_nibble([&](auto code) { return value(std::integral_constant<int, 1>{}, code); });
+    const lanes<uint8_t> first = codes.template part<0, 16>(piece), second = codes.template part<16, 16>(piece);
+    return stored_64<half>{simd::joined(looked_up<half>(of_first, first & 15, first >> 4),
+                                        looked_up<half>(of_second, second & 15, second >> 4))};
+  } else
+#endif
+  {
+    const bytes_32 bytes = codes[piece];
+    return floats_64{four_groups([&](auto k) {
+      const simd::vec<uint8_t, 16> of_sub_block = simd::select<k / 2 * 16, 16>(bytes);
+      const simd::vec<uint8_t, 16> code = k % 2 == 0 ? of_sub_block & 15 : of_sub_block >> 4;
+      return value(std::integral_constant<int, k / 2>{}, code);
+    })};
+  }
+}
 
 // The words of four groups of sixteen elements in six bits each, a high one and two low ones for each group
 // (readers/six_bits.h), turned into a word for each step of four elements, group by group. `codes` is the format's rule.
@@ -266,17 +295,17 @@ inline simd::vec<uint16_t, 64> fp6_bits(simd::vec<uint32_t, 4> high, simd::vec<u
 
 #if defined(QUILLON_VECTOR_LANES) && !defined(QUILLON_NARROW_VECTORS)
 // Such halves times a scale, looked up in the products of all magnitudes.
-inline stored_halves_64 fp6_looked_up(simd::vec<uint16_t, 64> bits, half scale) {
+inline stored_64<half> fp6_looked_up(simd::vec<uint16_t, 64> bits, half scale) {
   using words_32 = simd::vec<uint16_t, 32>;
   words_32 magnitudes;
 #pragma unroll
   for (int i = 0; i < 32; ++i) magnitudes[i] = fp6_half_bits(i);
   const auto products = (halves<32>::by_bits(magnitudes) * halves<32>::all(scale)).value;
   const auto table = simd::bits_as<uint16_t>(simd::convert<half>(products));
-  const auto looked_up = [=](words_32 of) {
+  const auto signed_products = [=](words_32 of) {
     return permuted<uint16_t, uint16_t, 32>(table, (of >> 8) & 31) ^ (of & 0x8000);
   };
-  const auto first = looked_up(simd::select<0, 32>(bits)), second = looked_up(simd::select<32, 32>(bits));
+  const auto first = signed_products(simd::select<0, 32>(bits)), second = signed_products(simd::select<32, 32>(bits));
   return {simd::bits_as<half>(simd::joined(first, second))};
 }
 #endif

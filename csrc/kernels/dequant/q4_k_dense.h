@@ -19,15 +19,10 @@ void dequantize_q4_k_kernel(const uint8_t* quants, const uint8_t* scales, const 
   expand_pieces<4 * BLOCKS>(out, [&](auto i) {
     using floats_4 = simd::vec<float, 4>;
     using floats_16 = simd::vec<float, 16>;
-    const bytes_32 bytes = codes[i];
     const auto pair = simd::convert<float>(d_and_dmin[super_block_of(i)]);
     const floats_4 level = multiply<floats_4>(simd::joined(pair, pair), simd::convert<float>(levels[i]));
-    // Sub-block k / 2: sixteen bytes, whose low nibbles come first.
-    return floats_64{four_groups([&](auto k) {
-      const simd::vec<uint8_t, 16> of_sub_block = simd::select<k / 2 * 16, 16>(bytes);
-      const simd::vec<uint8_t, 16> code = k % 2 == 0 ? of_sub_block & 15 : of_sub_block >> 4;
-      return subtract(multiply(floats_16(level[k / 2 * 2]), simd::convert<float>(code)),
-                      floats_16(level[k / 2 * 2 + 1]));
-    })};
+    return nibble_floats<T>(codes, i, [&](auto k, simd::vec<uint8_t, 16> code) {
+      return subtract(multiply(floats_16(level[2 * k]), simd::convert<float>(code)), floats_16(level[2 * k + 1]));
+    });
   });
 }
