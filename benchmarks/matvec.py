@@ -39,7 +39,15 @@ from torch import Tensor
 
 import quillon
 import vesper_linear
-from quillon.formats import WEIGHT_FORMATS, format_code, format_name, row_multiple, weight_bytes
+from quillon.formats import (
+    WEIGHT_FORMATS,
+    field_offsets,
+    format_code,
+    format_name,
+    get_format,
+    row_multiple,
+    weight_bytes,
+)
 from quillon.nn import LowBitLinear
 
 DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.float16, "bfloat16": torch.bfloat16}
@@ -76,8 +84,17 @@ def copies_of(make: Callable[[], Tensor], memory: int) -> list[Tensor]:
 
 
 def random_packed(format_name: str, rows: int, cols: int) -> Tensor:
-    """Bytes below 0x3C: any code, while no scale is infinite, NaN or above 1."""
-    return torch.randint(0, 0x3C, (weight_bytes(format_name, rows, cols),), dtype=torch.uint8)
+    """Bytes below 0x3C: any code, while no scale is infinite, NaN or above 1.
+
+    Scales in float would be so small of such bytes that kernels in half make zeros of the weight, which some memory
+    writes twice as fast as anything else; they are random numbers.
+    """
+    packed = torch.randint(0, 0x3C, (weight_bytes(format_name, rows, cols),), dtype=torch.uint8)
+    blocks = packed.numel() // get_format(format_name).bytes
+    offset, step = field_offsets(format_name, blocks).get("d", (0, 0))
+    if step == 4:
+        packed[offset : offset + step * blocks].view(torch.float32).uniform_(0.001, 0.01)
+    return packed
 
 
 class Benchmark:
