@@ -2,6 +2,7 @@
 // little memory. Pure functions, free of torch, so that they can be tested exhaustively by themselves.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -50,20 +51,22 @@ constexpr std::uint64_t rows_at_once(XpuDeviceClass device_class, int qtype, Roa
   return 0;
 }
 
-// Up to `rows` rows of a layer go in calls of at most `of_call`.
+// Up to `rows` rows of a layer go in one call where they are at most `of_call`, else in calls of `of_several` and one of what
+// is left.
 struct FewRows {
   std::uint64_t rows;
   std::uint64_t of_call;
+  std::uint64_t of_several;
 };
 
 // A few rows of float32 meet the packed weight, a handful at a time where the format has such a road, else one by one, as
 // long as this reads less than what an expansion reads and writes and its product reads again; of a small weight, no more
-// than the launches are worth. The 16-bit types have less to gain, and lose where a processor has no arithmetic of theirs.
+// than the launches are worth. Several calls for a large weight are of whole tiles. The 16-bit types have less to gain, and lose where a processor has no arithmetic of theirs.
 // A kernel that rounds the activations to eight bits would be a loss of another kind.
 constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t state_size,
                            std::uint64_t output_size) {
   const int matvec = kernel_index(kernel_family::matvec, qtype);
-  if (type != RoadType::float32 || matvec < 0 || takes_q8_1(kernel_table[matvec])) return {0, 0};
+  if (type != RoadType::float32 || matvec < 0 || takes_q8_1(kernel_table[matvec])) return {0, 0, 0};
   const std::optional<ByBatchRoad> by_batch = by_batch_road(qtype);
   const bool by_handful = by_batch.has_value() && by_batch->kernel_qtype == qtype &&
                           (by_batch->on_elm || device_class != XpuDeviceClass::elm);
@@ -78,7 +81,9 @@ constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type
   while (without_engine < rows &&
          choose_path(device_class, qtype, without_engine + 1, output_size) != Path::matrix_engine)
     ++without_engine;
-  return {without_engine, by_handful ? by_batch->most : 1};
+  if (!by_handful) return {without_engine, 1, 1};
+  const auto of_call = std::min<std::uint64_t>(by_batch->most, batch_of_vector_item);
+  return {without_engine, of_call, is_large ? of_call / batch_of_vector_tile * batch_of_vector_tile : of_call};
 }
 
 }  // namespace quillon

@@ -39,8 +39,8 @@ LaunchFields end_launches() {
   return fields;
 }
 
-// The most rows of a call, 0 for any number; and up to how many rows go in calls of how many, 0 for none.
-using RowsOfCalls = std::tuple<std::int64_t, std::int64_t, std::int64_t>;
+// The most rows of a call, 0 for any number; and the numbers of FewRows.
+using RowsOfCalls = std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int64_t>;
 
 RowsOfCalls rows_at_once_on(c10::Device device, std::int64_t code, at::ScalarType type, std::int64_t state_size,
                             std::int64_t output_size) {
@@ -53,7 +53,8 @@ RowsOfCalls rows_at_once_on(c10::Device device, std::int64_t code, at::ScalarTyp
   const XpuDeviceClass device_class = get_device_class(device);
   const std::uint64_t most = rows_at_once(device_class, qtype, road_type, state_size, output_size);
   const FewRows few = few_rows(device_class, qtype, road_type, state_size, output_size);
-  return {static_cast<std::int64_t>(most), static_cast<std::int64_t>(few.rows), static_cast<std::int64_t>(few.of_call)};
+  return {static_cast<std::int64_t>(most), static_cast<std::int64_t>(few.rows), static_cast<std::int64_t>(few.of_call),
+          static_cast<std::int64_t>(few.of_several)};
 }
 
 TORCH_LIBRARY(quillon_kernels, library) {
@@ -62,7 +63,7 @@ TORCH_LIBRARY(quillon_kernels, library) {
   library.def("expand_weight_fast(Tensor weight, Tensor(a!) output, int qtype) -> ()");
   library.def(
       "rows_at_once(Device device, int qtype, ScalarType type, int state_size, int output_size) -> "
-      "(int, int, int)",
+      "(int, int, int, int)",
       &rows_at_once_on);
   library.def("begin_launches() -> ()", &begin_launch_records);
   library.def("end_launches() -> (str[], int[][], int[][], int[], bool[])", &end_launches);

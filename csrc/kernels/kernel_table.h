@@ -210,10 +210,11 @@ constexpr int kernel_index(kernel_family family, int qtype) {
   return -1;
 }
 
-// Activation rows of a work-group of the by-batch kernels, and of a work-item in the form of vectors at the most:
-// BATCH_TILE and BATCH_OF_ITEM of their text, which has room for no more.
+// Activation rows of a work-group of the by-batch kernels, and in the form of vectors those of a work-item at the most and
+// of a tile: BATCH_TILE, BATCH_OF_ITEM, which has room for no more, and BATCH_OF_TILE of their text.
 inline constexpr int batch_tile = 2;
 inline constexpr int batch_of_vector_item = 8;
+inline constexpr int batch_of_vector_tile = 4;
 
 // ---- expansion --------------------------------------------------------------------------------------------
 //

@@ -93,14 +93,15 @@ def _operator_for(input: Tensor) -> Callable[[Tensor, Tensor, int, int], Tensor]
 @functools.cache
 def _rows_at_once(
     format: Format, device: torch.device, dtype: torch.dtype, columns: int, out_features: int
-) -> tuple[int, int, int]:
-    """How many rows a layer may give to one call, 0 for any number; and up to how many it gives in calls of how many.
+) -> tuple[int, int, int, int]:
+    """How many rows a layer may give to one call, 0 for any number, and when it gives fewer.
 
-    A few rows meet the packed weight sooner than it is expanded for them.
+    A few rows meet the packed weight sooner than it is expanded for them: up to the second number go in one call if
+    they are at most the third, else in calls of the fourth.
     """
     if device.type != "xpu":
-        return 0, 0, 0
-    rows: tuple[int, int, int] = torch.ops.quillon_kernels.rows_at_once(
+        return 0, 0, 0, 0
+    rows: tuple[int, int, int, int] = torch.ops.quillon_kernels.rows_at_once(
         device, format.code, dtype, columns, out_features
     )
     return rows
@@ -111,14 +112,13 @@ def _rows_of_call(
 ) -> int:
     """How many of ``count`` rows a layer gives to one call; 0: all.
 
-    Calls for a few rows are of equal size, give or take one. An exported program takes any number of rows, and knows of
-    no few.
+    An exported program takes any number of rows, and knows of no few.
     """
     if count == 1:  # a token of generation asks for nothing
         return 0
-    at_once, few, of_few = _rows_at_once(format, device, dtype, columns, out_features)
+    at_once, few, of_call, of_several = _rows_at_once(format, device, dtype, columns, out_features)
     if few > 1 and not torch.compiler.is_exporting() and count <= few:
-        return -(-count // -(-count // of_few))
+        return 0 if count <= of_call else of_several
     return at_once if at_once < count else 0
 
 
