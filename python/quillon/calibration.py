@@ -52,8 +52,12 @@ def say_uncalibrated(names: Sequence[str]) -> None:
         _logger.warning("the calibration says nothing of %d layers, packed as without it: %s", len(names), some)
 
 
-def windows(tokens: Tensor, length: int = 512) -> list[Tensor]:
-    """Cut tokens, (1, n) or (n,), into batches (1, length) for :func:`calibrate`; the last may be shorter."""
+def windows(tokens: Tensor, length: int = 128) -> list[Tensor]:
+    """Cut tokens, (1, n) or (n,), into batches (1, length) for :func:`calibrate`; the last may be shorter.
+
+    What models give the first token of a batch is like nothing that any other token has, and all tokens behind attend
+    to it: short batches show more first tokens.
+    """
     if length < 1:
         raise ValueError(f"length must be positive, got {length}")
     return [part[None] for part in torch.split(tokens.reshape(-1), length)]

@@ -273,6 +273,13 @@ def test_a_long_token_counts_by_its_length() -> None:
     assert abs(traces[1] - traces[0] - 7 / 8 * middle**0.25 * longest**0.75) <= rounding
 
 
+def test_windows_hold_every_token_once() -> None:
+    tokens = torch.arange(300)
+    parts = windows(tokens[None])
+    assert [tuple(part.shape) for part in parts] == [(1, 128), (1, 128), (1, 44)]
+    assert torch.equal(torch.cat(parts, 1)[0], tokens)
+
+
 def test_of_few_batches_a_part_of_each_is_held_out() -> None:
     model, batches = small_model(), some_batches(2)
     found = calibrate(model, batches, layers="blocks.0.*")
