@@ -38,6 +38,7 @@ Expand = Callable[[torch.Tensor, torch.Tensor, int, int], None]
 
 # Bytes from which on the host device stores a matrix past its caches.
 PAST_CACHES = 32 << 20
+LONGEST_VECTOR = 128
 
 
 def device_of(device_class: str) -> torch.device:
@@ -78,17 +79,17 @@ def agrees(name: str, result: Array, expected: Array, dtype: str) -> bool:
 
 
 def assert_the_same_past_caches(expand: Expand, name: str, dtype: str) -> None:
-    """``expand(weight, memory, columns, rows)`` of a matrix that goes past the caches, as it begins on a line.
+    """``expand(weight, memory, columns, rows)`` of a matrix that begins where the longest vector may: past the caches.
 
-    Beside it, the same matrix an element further on, which does not.
+    Beside it, the same matrix an element further on, which does not go past them.
     """
     device, columns = device_of("unknown"), 4096
     rows = PAST_CACHES // (TORCH[dtype].itemsize * columns) + 1
     weight = torch.from_numpy(weight_of(name, rows * columns // FORMATS[name].elements)).to(device)
     results = []
-    for start in (0, 1):
-        memory = untouched(start + rows * columns, dtype, device)
-        assert memory.data_ptr() % 128 == 0
+    for further in (0, 1):
+        memory = untouched(LONGEST_VECTOR + rows * columns, dtype, device)
+        start = -memory.data_ptr() % LONGEST_VECTOR // TORCH[dtype].itemsize + further
         expand(weight, memory[start:], columns, rows)
         result = raw(memory)
         assert is_untouched(result[:start])
