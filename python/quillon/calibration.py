@@ -38,6 +38,7 @@ _VERSION = 1
 
 # One batch in this many is held out. Of fewer batches than that, this part of each.
 _HELD_OUT = 5
+_MOST_BATCHES = 256
 
 
 def calibration_text() -> str:
@@ -56,11 +57,17 @@ def windows(tokens: Tensor, length: int = 128) -> list[Tensor]:
     """Cut tokens, (1, n) or (n,), into batches (1, length) for :func:`calibrate`; the last may be shorter.
 
     What models give the first token of a batch is like nothing that any other token has, and all tokens behind attend
-    to it: short batches show more first tokens.
+    to it: short batches show more first tokens. Of a text of more than 256 such batches, several together are one,
+    (rows, length): each batch takes a thread.
     """
     if length < 1:
         raise ValueError(f"length must be positive, got {length}")
-    return [part[None] for part in torch.split(tokens.reshape(-1), length)]
+    flat = tokens.reshape(-1)
+    behind = flat.numel() % length
+    whole = flat[: flat.numel() - behind].view(-1, length)
+    rows = max(1, -(-whole.shape[0] // _MOST_BATCHES))
+    parts = list(torch.split(whole, rows)) if whole.numel() else []
+    return [*parts, flat[-behind:][None]] if behind else parts
 
 
 class Calibration(Mapping[str, InputMoments]):

@@ -278,6 +278,23 @@ def test_windows_hold_every_token_once() -> None:
     parts = windows(tokens[None])
     assert [tuple(part.shape) for part in parts] == [(1, 128), (1, 128), (1, 44)]
     assert torch.equal(torch.cat(parts, 1)[0], tokens)
+    assert [tuple(part.shape) for part in windows(tokens[:256])] == [(1, 128), (1, 128)]
+    assert windows(tokens[:0]) == []
+
+
+def test_windows_of_a_long_text_are_several_in_a_batch() -> None:
+    tokens = torch.arange(4 * 1025 + 1)
+    parts = windows(tokens, 4)
+    assert [tuple(part.shape) for part in parts] == [(5, 4)] * 205 + [(1, 1)]
+    assert torch.equal(torch.cat([part.reshape(-1) for part in parts]), tokens)
+
+
+def test_batches_of_several_rows() -> None:
+    model = small_model()
+    batches = [torch.randn(3, 20, 64, generator=generator(seed)) for seed in range(6)]
+    found = calibrate(model, batches)
+    for name, given in plain_inputs(model, batches, found).items():
+        same_moments(found[name], [*given[:4], given[5]], [given[4]])
 
 
 def test_of_few_batches_a_part_of_each_is_held_out() -> None:
