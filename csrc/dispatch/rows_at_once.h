@@ -51,8 +51,8 @@ constexpr std::uint64_t rows_at_once(XpuDeviceClass device_class, int qtype, Roa
   return 0;
 }
 
-// Up to `rows` rows of a layer go in one call where they are at most `of_call`, else in calls of `of_several` and one of what
-// is left.
+// Up to `rows` rows of a layer go in one call where they are at most `of_call`, else in calls of `of_several` and one of
+// what is left.
 struct FewRows {
   std::uint64_t rows;
   std::uint64_t of_call;
@@ -61,8 +61,9 @@ struct FewRows {
 
 // A few rows of float32 meet the packed weight, a handful at a time where the format has such a road, else one by one, as
 // long as this reads less than what an expansion reads and writes and its product reads again; of a small weight, no more
-// than the launches are worth. Several calls for a large weight are of whole tiles. The 16-bit types have less to gain, and lose where a processor has no arithmetic of theirs.
-// A kernel that rounds the activations to eight bits would be a loss of another kind.
+// than the launches are worth. Several calls for a large weight are of whole tiles. The 16-bit types have less to gain, and
+// lose where a processor has no arithmetic of theirs. A kernel that rounds the activations to eight bits would be a loss of
+// another kind.
 constexpr FewRows few_rows(XpuDeviceClass device_class, int qtype, RoadType type, std::uint64_t state_size,
                            std::uint64_t output_size) {
   const int matvec = kernel_index(kernel_family::matvec, qtype);

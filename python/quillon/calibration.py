@@ -38,6 +38,7 @@ _VERSION = 1
 
 # One batch in this many is held out. Of fewer batches than that, this part of each.
 _HELD_OUT = 5
+# That `windows` makes of whole windows.
 _MOST_BATCHES = 256
 
 

@@ -61,10 +61,16 @@ inline tile_values<T, ROWS, BATCH> multiply_add(const batch_values<T, BATCH>& a,
 
 // The activations that a tile's output rows share.
 template <typename T, typename Activations, int ROWS, int BATCH>
-struct tile_chunk : batch_chunk<T, Activations, BATCH> {
+struct tile_chunk {
+  batch_chunk<T, Activations, BATCH> shared;
+
+  template <typename Place>
+  batch_values<T, BATCH> v(Place i) const {
+    return shared.v(i);
+  }
   tile_values<T, ROWS, BATCH> minus_zero() const {
     tile_values<T, ROWS, BATCH> all;
-    unrolled<ROWS>([&](auto r) { all.row[r] = batch_chunk<T, Activations, BATCH>::minus_zero(); });
+    unrolled<ROWS>([&](auto r) { all.row[r] = shared.minus_zero(); });
     return all;
   }
 };
@@ -146,7 +152,7 @@ inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* sto
     });
     tile_chunk<T, activations<T, CHUNK>, outputs, rows> x;
     const stored_lane<T>* of_chunks = stored + static_cast<int64_t>(c) * batch * CHUNK;
-    unrolled<rows>([&](auto i) { x.row[i] = {of_chunks + (b + i) * LANES * CHUNK}; });
+    unrolled<rows>([&](auto i) { x.shared.row[i] = {of_chunks + (b + i) * LANES * CHUNK}; });
     const auto products = reader.template sum<T>(x, places);
     row_values<T, outputs> scales;
     unrolled<outputs>([&](auto r) { scales.row[r] = reader.template scale<T>(places.row[r]); });
@@ -178,6 +184,8 @@ inline void multiply_stored_rows(const Reader& reader, const stored_lane<T>* sto
 #pragma clang loop unroll(disable)
         for (int t = 0; t < in_turn; t += outputs) {
           const int64_t at = static_cast<int64_t>(row + t) * chunks;
+          // Asked here and not ahead of the loop: in a loop without a branch the compiler decodes a tile's values ahead of
+          // their products, and spills them, which costs a quarter.
           if (at + (outputs - 1) * chunks + c + LANES <= chunks_of_weight) {
             add_tile(inside, outputs, rows, sums + t, at, c, b);
           } else {
